@@ -1,0 +1,269 @@
+/*
+ * zelmgmt.h - single-sign-on data in an LDAP directory.
+ *
+ * A caller opens a session on a directory server (optionally on a named
+ * security domain), reads and writes target services, Zel domains, Zel users
+ * and target records through it, and closes it.  Every function returns a
+ * ZelRC status (0 on success) unless its prototype says otherwise.  Records the
+ * library hands out are allocated with the malloc family: release them with
+ * the matching Zel_free* call, and texts with Zel_memfree.
+ *
+ * Compiles as C99 and as C++.
+ */
+#ifndef ZELMGMT_H
+#define ZELMGMT_H
+
+#include <stdint.h>
+
+#if defined(ZELMGMT_BUILDING_LIBRARY) && defined(__GNUC__)
+#define ZEL_API __attribute__((visibility("default")))
+#else
+#define ZEL_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct ldap; /* the directory client's connection handle (LDAP *) */
+
+typedef uint32_t ZelRC;
+
+/* Status codes.  A status may also be a raw LDAP result code where the
+ * library passes one through unmapped. */
+#define ZEL_RC_SUCCESS                     0u
+#define ZEL_RC_DIRECTORY_ERROR             2u
+#define ZEL_RC_AUTHENTICATION_FAILED       4u
+#define ZEL_RC_ALREADY_EXISTS              5u
+#define ZEL_RC_NO_SUCH_OBJECT              6u
+#define ZEL_RC_NOT_AUTHORIZED              7u
+#define ZEL_RC_TST_NOT_FOUND               8u
+#define ZEL_RC_NOT_LEAF                   10u
+#define ZEL_RC_NO_CREDENTIAL_DATA         13u
+#define ZEL_RC_TS_NOT_FOUND               14u
+#define ZEL_RC_CONFLICT                   17u
+#define ZEL_RC_USER_NOT_FOUND             19u
+#define ZEL_RC_INVALID_SYNTAX             23u
+#define ZEL_RC_TR_NOT_FOUND               24u
+#define ZEL_RC_LOCATION_NOT_FOUND         26u
+#define ZEL_RC_EPERSON_NOT_FOUND          28u
+#define ZEL_RC_DATABASE_NOT_FOUND         29u
+#define ZEL_RC_LDAP_116                   31u
+#define ZEL_RC_ZEL_DOMAIN_NOT_FOUND       32u
+#define ZEL_RC_ACCOUNT_INVALID            33u
+#define ZEL_RC_LDAP_208                   34u
+#define ZEL_RC_SECURITY_DOMAIN_NOT_FOUND  35u
+#define ZEL_RC_SUFFIX_UNAVAILABLE        900u
+#define ZEL_RC_DATABASE_EXISTS           901u
+#define ZEL_RC_SYSTEM_ERROR             1000u
+#define ZEL_RC_CONNECT_FAILED           1001u
+#define ZEL_RC_SET_OPTION_FAILED        1002u
+#define ZEL_RC_ROOT_DSE_FAILED          1003u
+#define ZEL_RC_ENTRY_NOT_FOUND          1004u
+#define ZEL_RC_INVALID_ARGUMENT         1005u
+#define ZEL_RC_SSL_INIT_FAILED          1006u
+#define ZEL_RC_PROTOCOL_ERROR           1007u
+#define ZEL_RC_LIMIT_EXCEEDED           1008u
+#define ZEL_RC_REQUEST_ERROR            1009u
+#define ZEL_RC_INVALID_HANDLE           1010u
+#define ZEL_RC_UNSUPPORTED_VERSION      1011u
+#define ZEL_RC_NO_MEMORY                1012u
+#define ZEL_RC_DECODE_FAILED            1013u
+#define ZEL_RC_SCHEMA_VIOLATION         1014u
+#define ZEL_RC_NOT_UNIQUE               8999u
+#define ZEL_RC_UNSUPPORTED_OPERATION    9000u
+
+/* Directory vendor kinds, learnt from the root DSE at open. */
+#define ZEL_DIR_UNKNOWN           0
+#define ZEL_DIR_ORV               1
+#define ZEL_DIR_NETSCAPE          2
+#define ZEL_DIR_NDS               3
+#define ZEL_DIR_EDIRECTORY        4
+#define ZEL_DIR_GENERIC           5
+#define ZEL_DIR_ACTIVE_DIRECTORY  6
+
+/* Host platform of an Orv directory server. */
+#define ZEL_HOST_OTHER   0
+#define ZEL_HOST_TESSAN  1
+#define ZEL_HOST_KELMAR  2
+
+/* Open flags. */
+#define ZEL_OPEN_NONSSL  1
+#define ZEL_OPEN_SSL     2
+#define ZEL_OPEN_GSSAPI  4
+
+/* Database creation flags. */
+#define ZEL_CREATEDB_SUFFIX       1
+#define ZEL_CREATEDB_XR_DEFAULTS  2
+#define ZEL_CREATEDB_EXTENDED     4
+
+/* Records.  Field order is part of the interface. */
+typedef struct ZelSession ZelSession; /* opaque */
+
+typedef struct ZelBindCredentials {
+    uint32_t kind; /* must be 1 */
+    uint32_t unused;
+    uint32_t length;
+    const void *data;
+} ZelBindCredentials;
+
+typedef struct ZelReqIdentifier {
+    char *name;
+    char *value;
+} ZelReqIdentifier;
+
+typedef struct ZelTargetService {
+    char *name;
+    char *type;
+    char *description;
+    int32_t reqIdentifierCount;
+    ZelReqIdentifier **reqIdentifiers;
+} ZelTargetService;
+
+typedef struct ZelTargetServiceList {
+    int32_t count;
+    ZelTargetService **services;
+} ZelTargetServiceList;
+
+typedef struct ZelTargetServiceType {
+    char *typeName;
+    int32_t identifierCount;
+    char **identifierNames;
+} ZelTargetServiceType;
+
+typedef struct ZelUser {
+    char *userName;
+    char *userType; /* "Senior Admin", "Middle Tier Server", "User", "XR User" */
+    char *description;
+    unsigned char enabled; /* 1 = active */
+    char *personDN;
+} ZelUser;
+
+typedef struct ZelTargetRecord {
+    char *targetRecordId;
+    char *description;
+    char *userId;
+    char *password;
+    char *targetServiceName;
+    char *targetServiceType;
+} ZelTargetRecord;
+
+typedef struct ZelTargetRecordList {
+    int32_t count;
+    ZelTargetRecord **records;
+} ZelTargetRecordList;
+
+typedef struct ZelCredential {
+    char *userId;
+    char *password;
+} ZelCredential;
+
+typedef struct ZelCredentialRequest {
+    char *reserved1;
+    char *reserved2;
+    char *resourceName;
+} ZelCredentialRequest;
+
+typedef struct ZelDomainLocation {
+    char *type;
+    char *value;
+} ZelDomainLocation;
+
+typedef struct ZelDomain {
+    char *name;
+    char *description;
+    int32_t locationCount;
+    ZelDomainLocation **locations;
+} ZelDomain;
+
+typedef struct ZelDomainList {
+    int32_t count;
+    ZelDomain **domains;
+} ZelDomainList;
+
+typedef struct ZelPerson {
+    char *parentDN;
+    char *cn;
+    char *sn;
+    char *description;
+    char *uid;
+    char *password;
+} ZelPerson;
+
+/* Sessions. */
+ZEL_API ZelRC Zel_open(struct ldap *ld, const char *user, const char *password, const char *host,
+                       uint16_t port, int32_t flags, const char *keyring, const char *keyring_pw,
+                       const char *cert_label, ZelSession **session_out, uint32_t version);
+ZEL_API ZelRC Zel_open_ext(struct ldap *ld, const char *user, const char *password, const char *host,
+                           uint16_t port, int32_t flags, const char *keyring, const char *keyring_pw,
+                           const char *cert_label, ZelSession **session_out, uint32_t version,
+                           const ZelBindCredentials *credentials, unsigned char reserved);
+ZEL_API ZelRC Zel_open_sec_domain(struct ldap *ld, const char *user, const char *password,
+                                  const char *host, uint16_t port, int32_t flags,
+                                  const char *keyring, const char *keyring_pw,
+                                  const char *cert_label, const char *domain,
+                                  ZelSession **session_out, uint32_t version);
+ZEL_API ZelRC Zel_close(ZelSession *s, unsigned char unbind);
+
+/* Locale, memory and status texts. */
+ZEL_API char *Zel_get_locale(void);
+ZEL_API int Zel_set_locale(const char *locale);
+ZEL_API void Zel_memfree(void *p);
+/* A static text naming the status, e.g. "ZEL_RC_TS_NOT_FOUND: target service not found". */
+ZEL_API const char *Zel_strerror(ZelRC rc);
+
+/* Target services. */
+ZEL_API ZelRC Zel_getAllTargetService(ZelSession *s, ZelTargetServiceList **out);
+ZEL_API ZelRC Zel_getTargetService(ZelSession *s, const char *name, ZelTargetService **out);
+ZEL_API void Zel_freeTargetService(ZelTargetService *ts);
+ZEL_API void Zel_freeTargetServices(ZelTargetServiceList *l);
+ZEL_API ZelRC Zel_addTargetService(ZelSession *s, const ZelTargetService *ts);
+ZEL_API ZelRC Zel_addTargetServiceType(ZelSession *s, const ZelTargetServiceType *t);
+ZEL_API ZelRC Zel_removeTargetService(ZelSession *s, const char *name);
+ZEL_API ZelRC Zel_removeTargetServiceType(ZelSession *s, const char *typeName);
+
+/* Zel users. */
+ZEL_API ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u);
+ZEL_API ZelRC Zel_updateZelUser(ZelSession *s, const ZelUser *u);
+/* 1 = the person has a Zel profile, 0 = not; *userDN_out (when asked for) is
+ * always handed out and must be freed by the caller. */
+ZEL_API ZelRC Zel_verifyZelUser(ZelSession *s, const char *personDN, char **userDN_out);
+ZEL_API ZelRC Zel_removeZelUser(ZelSession *s, const char *nameOrDN);
+
+/* Target records and credentials. */
+ZEL_API ZelRC Zel_getAllTargetRecord(ZelSession *s, const char *user, ZelTargetRecordList **out);
+ZEL_API ZelRC Zel_getTargetRecord(ZelSession *s, const char *user, const char *target,
+                                  ZelTargetRecord **out);
+ZEL_API void Zel_freeTargetRecord(ZelTargetRecord *r);
+ZEL_API void Zel_freeTargetRecords(ZelTargetRecordList *l);
+ZEL_API ZelRC Zel_removeTargetRecord(ZelSession *s, const char *user, const char *target);
+ZEL_API ZelRC Zel_addTargetRecord(ZelSession *s, const char *user, const ZelTargetRecord *r);
+ZEL_API ZelRC Zel_updateTargetRecord(ZelSession *s, const char *user, const ZelTargetRecord *r);
+ZEL_API ZelRC Zel_getCredential(ZelSession *s, const char *user, const ZelCredentialRequest *req,
+                                ZelCredential *out);
+
+/* Zel domains (resource groups). */
+ZEL_API ZelRC Zel_getAllZelDomain(ZelSession *s, ZelDomainList **out);
+ZEL_API ZelRC Zel_getZelDomain(ZelSession *s, const char *name, ZelDomain **out);
+ZEL_API void Zel_freeZelDomain(ZelDomain *d);
+ZEL_API void Zel_freeZelDomains(ZelDomainList *l);
+ZEL_API ZelRC Zel_removeZelDomain(ZelSession *s, const char *name);
+ZEL_API ZelRC Zel_addZelDomain(ZelSession *s, const ZelDomain *d);
+ZEL_API ZelRC Zel_updateZelDomain(ZelSession *s, const ZelDomain *d);
+ZEL_API ZelRC Zel_addLocationToDomain(ZelSession *s, const char *domain, const char *locType,
+                                      const char *locName);
+ZEL_API ZelRC Zel_removeLocationFromDomain(ZelSession *s, const char *domain, const char *locType,
+                                           const char *locName);
+
+/* Database provisioning. */
+ZEL_API ZelRC Zel_createDatabase(ZelSession *s, const char *suffix, const char *admin,
+                                 const char *adminUid, const char *adminPassword,
+                                 unsigned char flags);
+ZEL_API ZelRC Zel_create_ePerson(ZelSession *s, const ZelPerson *p, const char *userType);
+ZEL_API ZelRC Zel_removeDatabase(ZelSession *s);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ZELMGMT_H */
