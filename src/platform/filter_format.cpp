@@ -1,0 +1,118 @@
+// The filter-quoting formatter.  See filter_format.h.
+#include "platform/filter_format.h"
+
+#ifndef LDAP_DEPRECATED
+#define LDAP_DEPRECATED 1
+#endif
+#include <lber.h>
+#include <ldap.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace zel::platform {
+
+namespace {
+
+// Frees OpenLDAP's result whatever path leaves the scope.
+struct BerText {
+    berval value{0, nullptr};
+    ~BerText() { ::ber_memfree(value.bv_val); }
+};
+
+void append_number(std::string &out, const char *format, unsigned value) {
+    char digits[16];
+    int n = std::snprintf(digits, sizeof digits, format, value);
+    out.append(digits, static_cast<size_t>(n));
+}
+
+void append_number(std::string &out, int value) {
+    char digits[16];
+    int n = std::snprintf(digits, sizeof digits, "%d", value);
+    out.append(digits, static_cast<size_t>(n));
+}
+
+// The formatted text, or false for a conversion it does not know or an
+// argument it refuses.  Throws std::bad_alloc.
+bool format_text(std::string &out, const char *format, va_list args) {
+    for (const char *p = format; *p != '\0'; ++p) {
+        if (*p != '%') {
+            out += *p;
+            continue;
+        }
+        switch (*++p) {
+        case 's': {
+            const char *text = va_arg(args, const char *);
+            out += text != nullptr ? text : "(null)";
+            break;
+        }
+        case 'Q': {
+            // A null value has no quoted form; quoting "(null)" would build a
+            // filter that matches something else.
+            const char *text = va_arg(args, const char *);
+            if (text == nullptr) return false;
+            out += escape_filter_value(text);
+            break;
+        }
+        case 'd':
+        case 'i':
+            append_number(out, va_arg(args, int));
+            break;
+        case 'u':
+            append_number(out, "%u", va_arg(args, unsigned));
+            break;
+        case 'x':
+            append_number(out, "%x", va_arg(args, unsigned));
+            break;
+        case 'c': {
+            // A NUL would silently cut the text short.
+            char c = static_cast<char>(va_arg(args, int));
+            if (c == '\0') return false;
+            out += c;
+            break;
+        }
+        case '%':
+            out += '%';
+            break;
+        default:   // includes a '%' that ends the format
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+std::string escape_filter_value(std::string_view value) {
+    if (value.empty()) return std::string();
+    berval in{value.size(), const_cast<char *>(value.data())};
+    BerText escaped;
+    // Its only failure is an allocation failure.
+    if (::ldap_bv2escaped_filter_value(&in, &escaped.value) != 0 || escaped.value.bv_val == nullptr) {
+        throw std::bad_alloc();
+    }
+    return std::string(escaped.value.bv_val, escaped.value.bv_len);
+}
+
+char *ku_mbs_sprintf(const char *format, ...) {
+    if (format == nullptr) return nullptr;
+    va_list args;
+    va_start(args, format);
+    char *result = nullptr;
+    try {
+        std::string text;
+        if (format_text(text, format, args)) {
+            result = static_cast<char *>(malloc(text.size() + 1));
+            if (result != nullptr) std::memcpy(result, text.c_str(), text.size() + 1);
+        }
+    } catch (const std::bad_alloc &) {
+        result = nullptr;
+    }
+    va_end(args);
+    return result;
+}
+
+}  // namespace zel::platform

@@ -1,0 +1,477 @@
+// The directory-client adapter over OpenLDAP libldap.  See ldap_client.h.
+#include "platform/ldap_client.h"
+
+#include <lber.h>
+
+#include <cctype>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace zel::platform {
+
+namespace {
+
+constexpr int kParamError = 89;   // classic LDAP_PARAM_ERROR
+constexpr int kNoMemory = 90;     // classic LDAP_NO_MEMORY
+
+constexpr int kLdapPort = 389;
+constexpr int kLdapsPort = 636;
+
+// Reason codes of ldap_ssl_client_init.
+constexpr int kReasonCaFileRefused = 1;
+constexpr int kReasonNoMemory = 2;
+
+bool is_host_name_char(char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '-' || c == '_';
+}
+
+bool is_ipv6_char(char c) {
+    return std::isxdigit(static_cast<unsigned char>(c)) || c == ':' || c == '.';
+}
+
+bool all_of(std::string_view text, bool (*accept)(char)) {
+    if (text.empty()) return false;
+    for (char c : text) {
+        if (!accept(c)) return false;
+    }
+    return true;
+}
+
+// A decimal port 1..65535; false for anything else.
+bool parse_port(std::string_view digits, int &port) {
+    if (digits.empty() || digits.size() > 5) return false;
+    int value = 0;
+    for (char c : digits) {
+        if (c < '0' || c > '9') return false;
+        value = value * 10 + (c - '0');
+    }
+    if (value < 1 || value > 65535) return false;
+    port = value;
+    return true;
+}
+
+// Appends "scheme://host:port" for one host of a classic host list.  A host
+// may carry its own port ("name:port", "[v6]:port"); a bare IPv6 address is
+// bracketed.  Only characters that cannot change the URI's meaning are
+// accepted, so "a/b" or "a?b" cannot smuggle a DN or scope into the URI.
+bool append_uri(std::string &uris, const char *scheme, std::string_view token, int port) {
+    std::string_view address;
+    bool ipv6 = false;
+    if (token.front() == '[') {
+        size_t close = token.find(']');
+        if (close == std::string_view::npos) return false;
+        address = token.substr(1, close - 1);
+        std::string_view rest = token.substr(close + 1);
+        if (!rest.empty() && (rest.front() != ':' || !parse_port(rest.substr(1), port))) return false;
+        ipv6 = true;
+    } else {
+        size_t first = token.find(':');
+        if (first == std::string_view::npos) {
+            address = token;
+        } else if (token.find(':', first + 1) == std::string_view::npos) {
+            address = token.substr(0, first);
+            if (!parse_port(token.substr(first + 1), port)) return false;
+        } else {
+            address = token;
+            ipv6 = true;
+        }
+    }
+    if (!all_of(address, ipv6 ? is_ipv6_char : is_host_name_char)) return false;
+
+    if (!uris.empty()) uris += ' ';
+    uris += scheme;
+    uris += "://";
+    if (ipv6) uris += '[';
+    uris += address;
+    if (ipv6) uris += ']';
+    uris += ':';
+    uris += std::to_string(port);
+    return true;
+}
+
+// The URI list for a classic host argument: blank-separated hosts, each
+// optionally with its own port.  False for a null, empty or malformed host.
+bool build_uris(const char *host, int port, bool ssl, std::string &uris) {
+    if (host == nullptr) return false;
+    if (port <= 0) port = ssl ? kLdapsPort : kLdapPort;
+    if (port > 65535) return false;
+    const char *scheme = ssl ? "ldaps" : "ldap";
+    std::string_view rest(host);
+    while (!rest.empty()) {
+        size_t start = rest.find_first_not_of(" \t");
+        if (start == std::string_view::npos) break;
+        rest.remove_prefix(start);
+        size_t end = rest.find_first_of(" \t");
+        std::string_view token = rest.substr(0, end);
+        if (!append_uri(uris, scheme, token, port)) return false;
+        rest.remove_prefix(token.size());
+    }
+    return !uris.empty();
+}
+
+// Connection handle for a URI list; null when OpenLDAP refuses it.
+LDAP *initialize(const char *host, int port, bool ssl) {
+    try {
+        std::string uris;
+        if (!build_uris(host, port, ssl, uris)) return nullptr;
+        LDAP *ld = nullptr;
+        if (::ldap_initialize(&ld, uris.c_str()) != LDAP_SUCCESS) return nullptr;
+        return ld;
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
+
+// The integer an option carries: by address (protocol version 3) or as the
+// value itself (version 2).
+int option_integer(LDAP *ld, const void *value, int &out) {
+    int version = 0;
+    int rc = ::ldap_get_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    if (rc != LDAP_OPT_SUCCESS) return classic_result(rc);
+    if (version >= LDAP_VERSION3) {
+        if (value == nullptr) return kParamError;
+        out = *static_cast<const int *>(value);
+        return LDAP_SUCCESS;
+    }
+    intptr_t raw = reinterpret_cast<intptr_t>(value);
+    if (raw < INT_MIN || raw > INT_MAX) return kParamError;
+    out = static_cast<int>(raw);
+    return LDAP_SUCCESS;
+}
+
+// A regular file this process can open for reading.
+bool readable_file(const char *path) {
+    int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    struct stat info;
+    bool regular = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+    ::close(fd);
+    return regular;
+}
+
+struct SslState {
+    std::mutex mutex;
+    bool initialised = false;
+    std::string keyring;   // CA certificate file; empty when none was given
+};
+
+SslState &ssl_state() {
+    static SslState state;
+    return state;
+}
+
+struct LocaleState {
+    std::mutex mutex;
+    bool set = false;
+    std::string name;
+};
+
+LocaleState &locale_state() {
+    static LocaleState state;
+    return state;
+}
+
+// Frees what OpenLDAP allocated, whatever path leaves the scope.
+struct LdapText {
+    char *text = nullptr;
+    ~LdapText() { ::ldap_memfree(text); }
+};
+
+struct UrlDesc {
+    LDAPURLDesc *desc = nullptr;
+    ~UrlDesc() {
+        if (desc != nullptr) ::ldap_free_urldesc(desc);
+    }
+};
+
+}  // namespace
+
+int classic_result(int rc) {
+    if (rc >= 0) return rc;
+    // OpenLDAP's client codes run from -1 to about -17; anything below the
+    // range that 80 - rc can represent is reported as "other" (80).
+    if (rc < 80 - INT_MAX) return LDAP_OTHER;
+    return 80 - rc;
+}
+
+// A null handle is refused here: OpenLDAP asserts on it or dereferences it.
+
+int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                      int attrsonly, LDAPControl **serverctrls, LDAPControl **clientctrls,
+                      struct timeval *timeout, int sizelimit, LDAPMessage **res) {
+    if (ld == nullptr) return kParamError;
+    // A zero time-out means "no limit"; OpenLDAP would refuse it.
+    if (timeout != nullptr && timeout->tv_sec == 0 && timeout->tv_usec == 0) timeout = nullptr;
+    return classic_result(::ldap_search_ext_s(ld, base, scope, filter, attrs, attrsonly, serverctrls,
+                                              clientctrls, timeout, sizelimit, res));
+}
+
+int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
+                   LDAPControl **clientctrls) {
+    if (ld == nullptr) return kParamError;
+    return classic_result(::ldap_add_ext_s(ld, dn, mods, serverctrls, clientctrls));
+}
+
+int ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
+                      LDAPControl **clientctrls) {
+    if (ld == nullptr) return kParamError;
+    return classic_result(::ldap_modify_ext_s(ld, dn, mods, serverctrls, clientctrls));
+}
+
+int ldap_modify_s(LDAP *ld, const char *dn, LDAPMod **mods) {
+    if (ld == nullptr) return kParamError;
+    return classic_result(::ldap_modify_s(ld, dn, mods));
+}
+
+int ldap_delete_ext_s(LDAP *ld, const char *dn, LDAPControl **serverctrls,
+                      LDAPControl **clientctrls) {
+    if (ld == nullptr) return kParamError;
+    return classic_result(::ldap_delete_ext_s(ld, dn, serverctrls, clientctrls));
+}
+
+int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *password) {
+    if (ld == nullptr) return kParamError;
+    return classic_result(::ldap_simple_bind_s(ld, dn, password));
+}
+
+int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mechanism, struct berval *cred,
+                     LDAPControl **serverctrls, LDAPControl **clientctrls,
+                     struct berval **servercredp) {
+    if (ld == nullptr) return kParamError;
+    return classic_result(
+        ::ldap_sasl_bind_s(ld, dn, mechanism, cred, serverctrls, clientctrls, servercredp));
+}
+
+int ldap_unbind(LDAP *ld) {
+    if (ld == nullptr) return kParamError;
+    return classic_result(::ldap_unbind_ext(ld, nullptr, nullptr));
+}
+
+LDAP *ldap_init(const char *host, int port) {
+    return initialize(host, port, false);
+}
+
+// Classic option numbers and how each is carried out:
+//
+//   number  meaning            value                         OpenLDAP
+//   0x11    protocol version   pointer to int (2 or 3)       LDAP_OPT_PROTOCOL_VERSION
+//   0x02    alias dereference  the integer itself (0..3)     LDAP_OPT_DEREF (same numbering)
+//   0xE0    SSL time-out       null only                     none: no-op (the TLS
+//                                                            handshake follows the
+//                                                            network time-out)
+//   0x03    size limit         v3: pointer to int,           LDAP_OPT_SIZELIMIT, the
+//                              v2: the integer itself        handle's default (every
+//                                                            search passes its own)
+//   0x01    descriptor         as 0x03                       none: read-only in OpenLDAP,
+//   0x00    API information    as 0x03                       the value is read and ignored
+//
+// "v3"/"v2" is the protocol version currently set on the handle.  Other
+// numbers, a null handle and out-of-range values are refused with 89 and
+// nothing is set.
+int ldap_set_option(LDAP *ld, int option, const void *value) {
+    if (ld == nullptr) return kParamError;
+    switch (option) {
+    case kOptProtocolVersion: {
+        if (value == nullptr) return kParamError;
+        int version = *static_cast<const int *>(value);
+        if (version != LDAP_VERSION2 && version != LDAP_VERSION3) return kParamError;
+        return classic_result(::ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version));
+    }
+    case kOptDeref: {
+        intptr_t deref = reinterpret_cast<intptr_t>(value);
+        if (deref < LDAP_DEREF_NEVER || deref > LDAP_DEREF_ALWAYS) return kParamError;
+        int setting = static_cast<int>(deref);
+        return classic_result(::ldap_set_option(ld, LDAP_OPT_DEREF, &setting));
+    }
+    case kOptSslTimeout:
+        return value == nullptr ? LDAP_SUCCESS : kParamError;
+    case kOptSizeLimit: {
+        int limit = 0;
+        int rc = option_integer(ld, value, limit);
+        if (rc != LDAP_SUCCESS) return rc;
+        if (limit < 0) return kParamError;
+        return classic_result(::ldap_set_option(ld, LDAP_OPT_SIZELIMIT, &limit));
+    }
+    case kOptDesc:
+    case kOptApiInfo: {
+        int ignored = 0;
+        return option_integer(ld, value, ignored);
+    }
+    default:
+        return kParamError;
+    }
+}
+
+// keyring_pw is not used: OpenLDAP reads PEM files that carry no password.
+// ssl_timeout is not used either (see option 0xE0).
+int ldap_ssl_client_init(const char *keyring, const char * /*keyring_pw*/, int /*ssl_timeout*/,
+                         int *reason) {
+    SslState &state = ssl_state();
+    std::lock_guard<std::mutex> lock(state.mutex);
+    if (reason != nullptr) *reason = 0;
+    if (state.initialised) return kSslAlreadyInitialised;
+    // A failed first call leaves the state open so that the caller may retry.
+    try {
+        std::string remembered = keyring != nullptr ? keyring : "";
+        if (!remembered.empty()) {
+            int rc = ::ldap_set_option(nullptr, LDAP_OPT_X_TLS_CACERTFILE, remembered.c_str());
+            if (rc != LDAP_OPT_SUCCESS) {
+                if (reason != nullptr) *reason = kReasonCaFileRefused;
+                return classic_result(rc);
+            }
+        }
+        state.keyring.swap(remembered);
+    } catch (const std::bad_alloc &) {
+        if (reason != nullptr) *reason = kReasonNoMemory;
+        return kNoMemory;
+    }
+    state.initialised = true;
+    return LDAP_SUCCESS;
+}
+
+LDAP *ldap_ssl_init(const char *host, int port, const char *cert_label) {
+    std::string keyring;
+    try {
+        SslState &state = ssl_state();
+        std::lock_guard<std::mutex> lock(state.mutex);
+        keyring = state.keyring;
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+    // Checked before OpenLDAP sees them: its TLS layer leaks the key
+    // structure when a key file fails to load.
+    if ((!keyring.empty() && !readable_file(keyring.c_str())) ||
+        (cert_label != nullptr && !readable_file(cert_label))) {
+        return nullptr;
+    }
+    LDAP *ld = initialize(host, port, true);
+    if (ld == nullptr) return nullptr;
+
+    int demand = LDAP_OPT_X_TLS_DEMAND;
+    int client_context = 0;
+    bool ok = (keyring.empty() ||
+               ::ldap_set_option(ld, LDAP_OPT_X_TLS_CACERTFILE, keyring.c_str()) == LDAP_OPT_SUCCESS) &&
+              ::ldap_set_option(ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand) == LDAP_OPT_SUCCESS &&
+              (cert_label == nullptr ||
+               (::ldap_set_option(ld, LDAP_OPT_X_TLS_CERTFILE, cert_label) == LDAP_OPT_SUCCESS &&
+                ::ldap_set_option(ld, LDAP_OPT_X_TLS_KEYFILE, cert_label) == LDAP_OPT_SUCCESS)) &&
+              // A handle of its own TLS context makes the settings above take
+              // effect; building it also loads the files, so a missing or
+              // unreadable file fails here rather than at the bind.
+              ::ldap_set_option(ld, LDAP_OPT_X_TLS_NEWCTX, &client_context) == LDAP_OPT_SUCCESS;
+    if (!ok) {
+        ::ldap_unbind_ext(ld, nullptr, nullptr);
+        return nullptr;
+    }
+    return ld;
+}
+
+int ldap_server_locate(ServerRequest * /*request*/, ServerInfo **list) {
+    if (list == nullptr) return kParamError;
+    *list = nullptr;
+
+    LdapText uris;
+    LdapText base;
+    int rc = ::ldap_get_option(nullptr, LDAP_OPT_URI, &uris.text);
+    if (rc != LDAP_OPT_SUCCESS) return classic_result(rc);
+    rc = ::ldap_get_option(nullptr, LDAP_OPT_DEFBASE, &base.text);
+    if (rc != LDAP_OPT_SUCCESS) return classic_result(rc);
+    if (uris.text == nullptr) return LDAP_NO_SUCH_OBJECT;
+    // An empty BASE names no suffix.
+    const char *suffix = base.text != nullptr && base.text[0] != '\0' ? base.text : nullptr;
+
+    ServerInfo *head = nullptr;
+    ServerInfo **tail = &head;
+    std::string_view rest(uris.text);
+    constexpr const char *kSeparators = " \t,";
+    try {
+        while (!rest.empty()) {
+            size_t start = rest.find_first_not_of(kSeparators);
+            if (start == std::string_view::npos) break;
+            rest.remove_prefix(start);
+            std::string uri(rest.substr(0, rest.find_first_of(kSeparators)));
+            rest.remove_prefix(uri.size());
+
+            UrlDesc url;
+            if (::ldap_url_parse(uri.c_str(), &url.desc) != LDAP_URL_SUCCESS) continue;
+            int sec_type;
+            int default_port;
+            if (strcasecmp(url.desc->lud_scheme, "ldap") == 0) {
+                sec_type = kSecurityNone;
+                default_port = kLdapPort;
+            } else if (strcasecmp(url.desc->lud_scheme, "ldaps") == 0) {
+                sec_type = kSecuritySsl;
+                default_port = kLdapsPort;
+            } else {
+                continue;   // ldapi and the like name no host to connect to
+            }
+            if (url.desc->lud_host == nullptr || url.desc->lud_host[0] == '\0') continue;
+            int port = url.desc->lud_port > 0 ? url.desc->lud_port : default_port;
+            if (port > 65535) continue;
+
+            auto *node = static_cast<ServerInfo *>(calloc(1, sizeof(ServerInfo)));
+            if (node == nullptr) throw std::bad_alloc();
+            *tail = node;
+            tail = &node->next;
+            node->host = strdup(url.desc->lud_host);
+            node->suffix = suffix != nullptr ? strdup(suffix) : nullptr;
+            if (node->host == nullptr || (suffix != nullptr && node->suffix == nullptr)) {
+                throw std::bad_alloc();
+            }
+            node->port = static_cast<unsigned short>(port);
+            node->replica_type = kReplicaMaster;
+            node->sec_type = sec_type;
+        }
+    } catch (const std::bad_alloc &) {
+        ldap_server_free_list(head);
+        return kNoMemory;
+    }
+    if (head == nullptr) return LDAP_NO_SUCH_OBJECT;
+    *list = head;
+    return LDAP_SUCCESS;
+}
+
+void ldap_server_free_list(ServerInfo *list) {
+    while (list != nullptr) {
+        ServerInfo *next = list->next;
+        free(list->host);
+        free(list->suffix);
+        free(list);
+        list = next;
+    }
+}
+
+int ldap_set_locale(const char *locale) {
+    if (locale == nullptr) return kParamError;
+    LocaleState &state = locale_state();
+    try {
+        std::string copy(locale);
+        std::lock_guard<std::mutex> lock(state.mutex);
+        state.name.swap(copy);
+        state.set = true;
+    } catch (const std::bad_alloc &) {
+        return kNoMemory;
+    }
+    return LDAP_SUCCESS;
+}
+
+char *ldap_get_locale() {
+    LocaleState &state = locale_state();
+    std::lock_guard<std::mutex> lock(state.mutex);
+    if (!state.set) return nullptr;
+    // ber_strdup so that the caller releases it with ldap_memfree.
+    return ::ber_strdup(state.name.c_str());
+}
+
+}  // namespace zel::platform

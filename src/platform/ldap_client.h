@@ -1,0 +1,108 @@
+// The directory client as the library sees it.
+//
+// The library was designed against a classic LDAP C client; on Linux that
+// client is OpenLDAP's libldap.  This adapter is the only place that knows
+// the two differ.  Every function keeps the classic name and argument list,
+// lives in zel::platform, and:
+//
+//  * answers client-side failures with the classic positive result codes
+//    (OpenLDAP's negative code n becomes 80 - n: -1 server down -> 81,
+//    -5 timeout -> 85, -7 filter error -> 87, -9 parameter error -> 89 ...),
+//    so no negative code reaches the library;
+//  * treats a zero time-out structure as "no limit" (OpenLDAP refuses {0,0});
+//  * keeps ldap_init lazy: an unreachable server shows at the bind;
+//  * refuses a null connection handle with 89 (OpenLDAP would crash on it).
+//
+// ldap_init and ldap_ssl_init take the classic host argument: one host or a
+// blank-separated list, each a name, an IPv4 address or an IPv6 address
+// (bare or in brackets), optionally followed by ":port" of its own.  A port
+// of 0 or less means 389 (636 for SSL).  A null host or one with characters
+// that do not belong in a host name gives null.
+//
+// Client extensions of the classic API:
+//  * ldap_set_option takes the classic option numbers (see ldap_client.cpp
+//    for the table) and refuses numbers it does not know;
+//  * ldap_ssl_client_init: keyring = CA certificate file (null or empty: the
+//    client's configured CA), keyring_pw and ssl_timeout unused; after a
+//    successful call every later one answers kSslAlreadyInitialised (112);
+//    *reason is 0 except on failure;
+//  * ldap_ssl_init: an ldaps connection that demands a valid server
+//    certificate; cert_label = PEM file holding a client certificate and its
+//    key, or null.  The files are loaded here: one that cannot be read gives
+//    null;
+//  * ldap_server_locate: the servers the client is configured with (its
+//    default URI list: ldap.conf, .ldaprc, LDAPURI), each reported as a
+//    master, its scheme giving the security type and the configured BASE
+//    its suffix (ldapi URIs are skipped).  Note that OpenLDAP's built-in
+//    default, with nothing configured, is ldap://localhost;
+//  * ldap_set_locale / ldap_get_locale: a process-wide locale name (the wire
+//    is always UTF-8).
+#pragma once
+
+#ifndef LDAP_DEPRECATED
+#define LDAP_DEPRECATED 1
+#endif
+#include <ldap.h>
+
+namespace zel::platform {
+
+// Classic result code for an OpenLDAP one.
+int classic_result(int rc);
+
+int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                      int attrsonly, LDAPControl **serverctrls, LDAPControl **clientctrls,
+                      struct timeval *timeout, int sizelimit, LDAPMessage **res);
+int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
+                   LDAPControl **clientctrls);
+int ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
+                      LDAPControl **clientctrls);
+int ldap_modify_s(LDAP *ld, const char *dn, LDAPMod **mods);
+int ldap_delete_ext_s(LDAP *ld, const char *dn, LDAPControl **serverctrls,
+                      LDAPControl **clientctrls);
+int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *password);
+int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mechanism, struct berval *cred,
+                     LDAPControl **serverctrls, LDAPControl **clientctrls,
+                     struct berval **servercredp);
+int ldap_unbind(LDAP *ld);
+
+// Returns null when the connection handle cannot be made.
+LDAP *ldap_init(const char *host, int port);
+
+// Classic option numbers.
+constexpr int kOptApiInfo = 0x00;
+constexpr int kOptDesc = 0x01;
+constexpr int kOptDeref = 0x02;
+constexpr int kOptSizeLimit = 0x03;
+constexpr int kOptProtocolVersion = 0x11;
+constexpr int kOptSslTimeout = 0xE0;
+int ldap_set_option(LDAP *ld, int option, const void *value);
+
+constexpr int kSslAlreadyInitialised = 112;
+int ldap_ssl_client_init(const char *keyring, const char *keyring_pw, int ssl_timeout,
+                         int *reason);
+LDAP *ldap_ssl_init(const char *host, int port, const char *cert_label);
+
+// One configured server.
+constexpr int kReplicaMaster = 1;
+constexpr int kSecurityNone = 1;
+constexpr int kSecuritySsl = 2;
+struct ServerInfo {
+    char *host;
+    unsigned short port;
+    char *suffix;       // may be null
+    int replica_type;   // kReplicaMaster
+    int sec_type;       // kSecurityNone or kSecuritySsl
+    ServerInfo *next;
+};
+struct ServerRequest;   // no request fields are used: library defaults
+// 0 with a list (free it with ldap_server_free_list); a result code when no
+// server is configured (LDAP_NO_SUCH_OBJECT) or the list cannot be read.
+int ldap_server_locate(ServerRequest *request, ServerInfo **list);
+void ldap_server_free_list(ServerInfo *list);
+
+// Locale: the name is copied; null is refused.  get returns a copy for
+// ldap_memfree, or null when no locale was set.
+int ldap_set_locale(const char *locale);
+char *ldap_get_locale();
+
+}  // namespace zel::platform
