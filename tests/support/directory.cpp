@@ -1,0 +1,459 @@
+#include "support/directory.h"
+
+#include "support/fault_injection.h"
+
+#ifndef LDAP_DEPRECATED
+#define LDAP_DEPRECATED 1
+#endif
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <ldap.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#ifndef ZEL_SOURCE_DIR
+#error "ZEL_SOURCE_DIR must name the source tree"
+#endif
+
+namespace fs = std::filesystem;
+
+namespace zeltest {
+namespace {
+
+std::string lower(std::string s) {
+    for (char &c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
+void write_file(const std::string &path, const std::string &text) {
+    std::ofstream f(path);
+    f << text;
+    if (!f) throw std::runtime_error("cannot write " + path);
+}
+
+std::string make_temp_dir(const char *what) {
+    std::string templ = (fs::temp_directory_path() / (std::string("zeltest-") + what + "-XXXXXX")).string();
+    if (!mkdtemp(templ.data())) throw std::runtime_error("mkdtemp failed");
+    return templ;
+}
+
+// Two distinct free loopback ports.  They are released before slapd binds
+// them; another process taking one in between is unlikely and shows as a
+// start failure with slapd's own log.
+std::pair<uint16_t, uint16_t> free_ports() {
+    int fds[2];
+    uint16_t ports[2];
+    for (int i = 0; i < 2; ++i) {
+        fds[i] = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        a.sin_port = 0;
+        socklen_t len = sizeof a;
+        if (fds[i] < 0 || bind(fds[i], reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
+            getsockname(fds[i], reinterpret_cast<sockaddr *>(&a), &len) != 0)
+            throw std::runtime_error("no free port");
+        ports[i] = ntohs(a.sin_port);
+    }
+    close(fds[0]);
+    close(fds[1]);
+    return {ports[0], ports[1]};
+}
+
+bool port_open(uint16_t port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(port);
+    bool ok = connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
+    close(fd);
+    return ok;
+}
+
+std::string read_all(int fd) {
+    std::string out;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(fd, buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+    return out;
+}
+
+struct TestCa {
+    std::string dir, ca, cert, key;
+    TestCa() {
+        dir = make_temp_dir("ca");
+        ca = dir + "/ca.pem";
+        cert = dir + "/server.pem";
+        key = dir + "/server.key";
+        write_file(dir + "/san.cnf", "subjectAltName=IP:127.0.0.1,DNS:localhost\n");
+        const std::vector<std::vector<std::string>> steps = {
+            {"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+             "-keyout", dir + "/ca.key", "-out", ca, "-days", "2", "-subj", "/CN=zeltest CA"},
+            {"openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout",
+             key, "-out", dir + "/server.csr", "-subj", "/CN=127.0.0.1"},
+            {"openssl", "x509", "-req", "-in", dir + "/server.csr", "-CA", ca, "-CAkey", dir + "/ca.key",
+             "-CAcreateserial", "-out", cert, "-days", "2", "-extfile", dir + "/san.cnf"},
+        };
+        for (const auto &argv : steps) {
+            CommandResult r = run_command(argv);
+            if (r.status != 0) throw std::runtime_error("openssl failed: " + r.err);
+        }
+    }
+    ~TestCa() {
+        std::error_code ec;
+        fs::remove_all(dir, ec);
+    }
+};
+
+const TestCa &test_ca() {
+    static TestCa ca;
+    return ca;
+}
+
+std::string rdn_type(const std::string &dn) { return lower(dn.substr(0, dn.find('='))); }
+std::string rdn_value(const std::string &dn) {
+    size_t eq = dn.find('='), comma = dn.find(',');
+    return dn.substr(eq + 1, comma == std::string::npos ? std::string::npos : comma - eq - 1);
+}
+
+std::string base64_decode(const std::string &in) {
+    static const std::string alphabet =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    unsigned buf = 0;
+    int bits = 0;
+    for (char c : in) {
+        size_t v = alphabet.find(c);
+        if (v == std::string::npos) continue;  // padding and line breaks
+        buf = (buf << 6) | static_cast<unsigned>(v);
+        bits += 6;
+        if (bits >= 8) {
+            bits -= 8;
+            out.push_back(static_cast<char>((buf >> bits) & 0xff));
+        }
+    }
+    return out;
+}
+
+std::vector<Entry> parse_ldif(const std::string &text) {
+    std::vector<Entry> entries;
+    std::istringstream in(text);
+    std::string line;
+    Entry cur;
+    bool open = false;
+    auto flush = [&] {
+        if (open) entries.push_back(std::move(cur));
+        cur = Entry{};
+        open = false;
+    };
+    while (std::getline(in, line)) {
+        if (line.empty()) { flush(); continue; }
+        if (line[0] == '#') continue;
+        size_t colon = line.find(':');
+        if (colon == std::string::npos) continue;
+        std::string attr = line.substr(0, colon);
+        std::string value;
+        bool b64 = colon + 1 < line.size() && line[colon + 1] == ':';
+        size_t start = colon + (b64 ? 2 : 1);
+        while (start < line.size() && line[start] == ' ') ++start;
+        value = line.substr(start);
+        if (b64) value = base64_decode(value);
+        if (lower(attr) == "dn") {
+            flush();
+            cur.dn = value;
+            open = true;
+        } else {
+            cur.attrs[lower(attr)].push_back(value);
+        }
+    }
+    flush();
+    return entries;
+}
+
+}  // namespace
+
+const char *kind_name(Kind kind) {
+    switch (kind) {
+    case Kind::Generic: return "generic";
+    case Kind::Orv: return "orv";
+    case Kind::OrvTessan: return "orv_tessan";
+    case Kind::OrvKelmar: return "orv_kelmar";
+    case Kind::Netscape: return "netscape";
+    case Kind::EDirectory: return "edirectory";
+    case Kind::ActiveDirectory: return "active_directory";
+    }
+    return "?";
+}
+
+bool Entry::has(const std::string &attr) const { return attrs.count(lower(attr)) != 0; }
+
+const std::vector<std::string> &Entry::values(const std::string &attr) const {
+    static const std::vector<std::string> none;
+    auto it = attrs.find(lower(attr));
+    return it == attrs.end() ? none : it->second;
+}
+
+std::string Entry::first(const std::string &attr) const {
+    const auto &v = values(attr);
+    return v.empty() ? std::string() : v.front();
+}
+
+CommandResult run_command(const std::vector<std::string> &argv, const std::string &input,
+                          const std::map<std::string, std::string> &env) {
+    int in_pipe[2], out_pipe[2], err_pipe[2];
+    if (pipe(in_pipe) || pipe(out_pipe) || pipe(err_pipe)) throw std::runtime_error("pipe failed");
+    std::vector<char *> args;
+    for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+    args.push_back(nullptr);
+    pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("fork failed");
+    if (pid == 0) {
+        dup2(in_pipe[0], 0);
+        dup2(out_pipe[1], 1);
+        dup2(err_pipe[1], 2);
+        for (int fd : {in_pipe[0], in_pipe[1], out_pipe[0], out_pipe[1], err_pipe[0], err_pipe[1]}) close(fd);
+        setenv("LDAPNOINIT", "1", 1);  // the tools must not read the machine's ldap.conf
+        for (const auto &[k, v] : env) setenv(k.c_str(), v.c_str(), 1);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    close(in_pipe[0]);
+    close(out_pipe[1]);
+    close(err_pipe[1]);
+    // Inputs here are small LDIF texts; write them whole, then read.
+    size_t off = 0;
+    while (off < input.size()) {
+        ssize_t n = write(in_pipe[1], input.data() + off, input.size() - off);
+        if (n <= 0) break;
+        off += static_cast<size_t>(n);
+    }
+    close(in_pipe[1]);
+    CommandResult r;
+    // Read stderr after stdout; both are small enough not to fill a pipe.
+    r.out = read_all(out_pipe[0]);
+    r.err = read_all(err_pipe[0]);
+    close(out_pipe[0]);
+    close(err_pipe[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return r;
+}
+
+std::string suffix_entry_ldif(const std::string &suffix) {
+    std::string type = rdn_type(suffix), value = rdn_value(suffix);
+    std::string out = "dn: " + suffix + "\n";
+    if (type == "o") out += "objectClass: organization\no: " + value + "\n";
+    else if (type == "ou") out += "objectClass: organizationalUnit\nou: " + value + "\n";
+    else if (type == "dc") out += "objectClass: domain\ndc: " + value + "\n";
+    else if (type == "c") out += "objectClass: country\nc: " + value + "\n";
+    else out += "objectClass: container\ncn: " + value + "\n";
+    return out + "\n";
+}
+
+Directory::Directory(Profile profile) : profile_(std::move(profile)) {
+    if (profile_.suffixes.empty()) throw std::invalid_argument("a directory needs a suffix");
+    dir_ = make_temp_dir("slapd");
+    auto [p1, p2] = free_ports();
+    port_ = p1;
+    ldaps_port_ = p2;
+    write_config();
+    start();
+    seed();
+    if (profile_.kind == Kind::EDirectory) {
+        // slapd refuses a one-level search of the root DSE; a Novell server
+        // lists its partitions there.  Answer it with the first suffix.
+        std::string first = suffix();
+        fault::set_search_rewrite([first](std::string &base, int &scope, std::string &) {
+            if (base.empty() && scope == LDAP_SCOPE_ONELEVEL) {
+                base = first;
+                scope = LDAP_SCOPE_BASE;
+            }
+        });
+    }
+}
+
+Directory::~Directory() {
+    if (profile_.kind == Kind::EDirectory) fault::set_search_rewrite(nullptr);
+    if (default_server_) {
+        ldap_set_option(nullptr, LDAP_OPT_URI, saved_uri_.empty() ? nullptr : saved_uri_.c_str());
+        ldap_set_option(nullptr, LDAP_OPT_DEFBASE, saved_base_.empty() ? nullptr : saved_base_.c_str());
+    }
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);  // the database is thrown away: no need for a clean shutdown
+        waitpid(pid_, nullptr, 0);
+    }
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+}
+
+std::string Directory::uri() const { return "ldap://127.0.0.1:" + std::to_string(port_); }
+std::string Directory::ldaps_uri() const { return "ldaps://127.0.0.1:" + std::to_string(ldaps_port_); }
+
+std::string Directory::domain_dn() const {
+    return profile_.domain.empty() ? std::string() : "secAuthority=" + profile_.domain + "," + suffix();
+}
+
+const std::string &Directory::ca_file() { return test_ca().ca; }
+
+void Directory::write_config() {
+    const TestCa &ca = test_ca();
+    const std::string src = ZEL_SOURCE_DIR;
+    std::string root_dse;
+    switch (profile_.kind) {
+    case Kind::Generic: break;
+    case Kind::Orv: root_dse += "orvdirectoryversion: 6.4.0\n"; break;
+    case Kind::OrvTessan: root_dse += "orvdirectoryversion: Tessan 6.4.0\n"; break;
+    case Kind::OrvKelmar: root_dse += "orvdirectoryversion: Kelmar 6.4.0\n"; break;
+    case Kind::Netscape: root_dse += "netscapemdsuffix: cn=ldbm\n"; break;
+    case Kind::EDirectory: root_dse += "vendorName: Novell, Inc.\nvendorVersion: 885\n"; break;
+    case Kind::ActiveDirectory: root_dse += "forestFunctionality: 7\n"; break;
+    }
+    for (const auto &[attr, value] : profile_.root_dse) root_dse += attr + ": " + value + "\n";
+
+    std::ostringstream conf;
+    conf << "include /etc/ldap/schema/core.schema\n"
+         << "include /etc/ldap/schema/cosine.schema\n"
+         << "include /etc/ldap/schema/inetorgperson.schema\n"
+         << "include " << src << "/schema/zel.schema\n"
+         << "include " << src << "/tests/support/profile.schema\n"
+         << "pidfile " << dir_ << "/slapd.pid\n"
+         << "argsfile " << dir_ << "/slapd.args\n"
+         << "modulepath /usr/lib/ldap\nmoduleload back_mdb\n"
+         << "TLSCACertificateFile " << ca.ca << "\n"
+         << "TLSCertificateFile " << ca.cert << "\n"
+         << "TLSCertificateKeyFile " << ca.key << "\n";
+    if (!root_dse.empty()) {
+        write_file(dir_ + "/rootdse.ldif", "dn:\n" + root_dse);
+        conf << "rootDSE " << dir_ << "/rootdse.ldif\n";
+    }
+    conf << "access to * by dn.exact=\"" << admin_dn() << "\" manage by * read\n";
+    for (size_t i = 0; i < profile_.suffixes.size(); ++i) {
+        std::string db = dir_ + "/db" + std::to_string(i);
+        fs::create_directory(db);
+        conf << "database mdb\nsuffix \"" << profile_.suffixes[i] << "\"\n"
+             << "directory " << db << "\nmaxsize 33554432\n";
+        if (i == 0) conf << "rootdn \"" << admin_dn() << "\"\nrootpw " << admin_password() << "\n";
+    }
+    write_file(dir_ + "/slapd.conf", conf.str());
+}
+
+void Directory::start() {
+    std::string log = dir_ + "/slapd.log";
+    std::string urls = uri() + "/ " + ldaps_uri() + "/";
+    pid_ = fork();
+    if (pid_ < 0) throw std::runtime_error("fork failed");
+    if (pid_ == 0) {
+        int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (fd >= 0) {
+            dup2(fd, 1);
+            dup2(fd, 2);
+            close(fd);
+        }
+        std::string conf = dir_ + "/slapd.conf";
+        execlp("slapd", "slapd", "-f", conf.c_str(), "-h", urls.c_str(), "-d", "0", (char *)nullptr);
+        _exit(127);
+    }
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::chrono::steady_clock::now() < deadline) {
+        int status = 0;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            pid_ = -1;
+            std::ifstream f(log);
+            std::stringstream ss;
+            ss << f.rdbuf();
+            throw std::runtime_error("slapd exited at start:\n" + ss.str());
+        }
+        if (port_open(port_) && port_open(ldaps_port_)) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    throw std::runtime_error("slapd did not start listening in time");
+}
+
+void Directory::seed() {
+    std::string ldif;
+    for (const auto &s : profile_.suffixes) ldif += suffix_entry_ldif(s);
+    if (!profile_.domain.empty()) {
+        ldif += "dn: " + domain_dn() + "\nobjectClass: secAuthorityInfo\nsecAuthority: " + profile_.domain + "\n";
+        if (profile_.domain_version) ldif += "version: " + std::to_string(profile_.domain_version) + "\n";
+        ldif += "\n";
+    }
+    ldif += profile_.seed_ldif;
+    CommandResult r = try_add(ldif);
+    if (r.status != 0) throw std::runtime_error("seeding failed: " + r.err + r.out);
+}
+
+CommandResult Directory::try_add(const std::string &ldif) const {
+    return run_command({"ldapmodify", "-a", "-x", "-H", uri(), "-D", admin_dn(), "-w", admin_password()}, ldif);
+}
+
+void Directory::add(const std::string &ldif) const {
+    CommandResult r = try_add(ldif);
+    ASSERT_EQ(r.status, 0) << "ldapadd failed: " << r.err << "\n" << ldif;
+}
+
+void Directory::modify(const std::string &ldif) const {
+    CommandResult r =
+        run_command({"ldapmodify", "-x", "-H", uri(), "-D", admin_dn(), "-w", admin_password()}, ldif);
+    ASSERT_EQ(r.status, 0) << "ldapmodify failed: " << r.err << "\n" << ldif;
+}
+
+std::vector<Entry> Directory::search(const std::string &base, const std::string &scope,
+                                     const std::string &filter) const {
+    CommandResult r = run_command({"ldapsearch", "-x", "-LLL", "-o", "ldif-wrap=no", "-H", uri(), "-D",
+                                   admin_dn(), "-w", admin_password(), "-b", base, "-s", scope, filter,
+                                   "*", "+"});
+    if (r.status == LDAP_NO_SUCH_OBJECT) return {};
+    EXPECT_EQ(r.status, 0) << "ldapsearch failed: " << r.err;
+    return parse_ldif(r.out);
+}
+
+bool Directory::exists(const std::string &dn) const { return !search(dn, "base").empty(); }
+
+Entry Directory::entry(const std::string &dn) const {
+    auto found = search(dn, "base");
+    EXPECT_EQ(found.size(), 1u) << "no entry " << dn;
+    return found.empty() ? Entry{} : found.front();
+}
+
+void Directory::make_default_server() {
+    if (!default_server_) {
+        char *uri_text = nullptr, *base = nullptr;
+        ldap_get_option(nullptr, LDAP_OPT_URI, &uri_text);
+        ldap_get_option(nullptr, LDAP_OPT_DEFBASE, &base);
+        saved_uri_ = uri_text ? uri_text : "";
+        saved_base_ = base ? base : "";
+        ldap_memfree(uri_text);
+        ldap_memfree(base);
+    }
+    ldap_set_option(nullptr, LDAP_OPT_URI, uri().c_str());
+    ldap_set_option(nullptr, LDAP_OPT_DEFBASE, suffix().c_str());
+    default_server_ = true;
+}
+
+void DirectoryTest::SetUp() {
+    fault::reset();
+    dir = std::make_unique<Directory>(profile());
+}
+
+void DirectoryTest::TearDown() {
+    dir.reset();
+    fault::reset();
+}
+
+}  // namespace zeltest

@@ -1,0 +1,118 @@
+// A private OpenLDAP slapd for one test: started on free loopback ports in a
+// temporary folder, seeded, and stopped (also when the test fails) by the
+// destructor.  A profile makes it present itself as one directory kind through
+// extra root DSE attributes, with one or several suffixes, a security domain
+// entry and an ldaps listener whose CA is made once per test program.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace zeltest {
+
+enum class Kind { Generic, Orv, OrvTessan, OrvKelmar, Netscape, EDirectory, ActiveDirectory };
+const char *kind_name(Kind kind);
+
+struct Profile {
+    Kind kind = Kind::Generic;
+    std::vector<std::string> suffixes{"o=acme"};
+    // Security domain entry secAuthority=<domain>,<first suffix>; empty: none.
+    std::string domain = "Default";
+    int domain_version = 5;  // 0: the entry has no version attribute
+    // Added after the suffixes and the domain entry.
+    std::string seed_ldif;
+    // Further root DSE values, e.g. {"namingContexts", "CN=Schema"}.
+    std::vector<std::pair<std::string, std::string>> root_dse;
+
+    Profile &kind_is(Kind k) { kind = k; return *this; }
+    Profile &seeded(std::string ldif) { seed_ldif += std::move(ldif); return *this; }
+};
+
+// One entry read back with ldapsearch; attribute names are lower-cased.
+struct Entry {
+    std::string dn;
+    std::map<std::string, std::vector<std::string>> attrs;
+
+    bool has(const std::string &attr) const;
+    const std::vector<std::string> &values(const std::string &attr) const;
+    std::string first(const std::string &attr) const;  // "" when absent
+};
+
+struct CommandResult {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+// Runs a program (argv[0] searched in PATH) with optional standard input.
+CommandResult run_command(const std::vector<std::string> &argv, const std::string &input = "",
+                          const std::map<std::string, std::string> &env = {});
+
+class Directory {
+public:
+    explicit Directory(Profile profile = {});
+    ~Directory();
+    Directory(const Directory &) = delete;
+    Directory &operator=(const Directory &) = delete;
+
+    const Profile &profile() const { return profile_; }
+    static const char *host() { return "127.0.0.1"; }
+    uint16_t port() const { return port_; }
+    uint16_t ldaps_port() const { return ldaps_port_; }
+    std::string uri() const;
+    std::string ldaps_uri() const;
+    const std::string &suffix() const { return profile_.suffixes.front(); }
+    std::string admin_dn() const { return "cn=Manager," + suffix(); }
+    static const char *admin_password() { return "secret"; }
+    std::string domain_dn() const;  // "" without a domain
+    // The CA that signed the ldaps listener's certificate.
+    static const std::string &ca_file();
+
+    // ldapadd / ldapmodify as the administrator; a failure fails the test.
+    void add(const std::string &ldif) const;
+    void modify(const std::string &ldif) const;
+    // ldapadd returning the tool's result instead of failing the test.
+    CommandResult try_add(const std::string &ldif) const;
+    // ldapsearch as the administrator; a missing base gives no entries.
+    std::vector<Entry> search(const std::string &base, const std::string &scope = "sub",
+                              const std::string &filter = "(objectClass=*)") const;
+    bool exists(const std::string &dn) const;
+    Entry entry(const std::string &dn) const;  // fails the test when absent
+
+    // Makes this server the client's configured default (the located server)
+    // until the directory is stopped.
+    void make_default_server();
+
+private:
+    void write_config();
+    void start();
+    void seed();
+
+    Profile profile_;
+    std::string dir_;
+    uint16_t port_ = 0;
+    uint16_t ldaps_port_ = 0;
+    pid_t pid_ = -1;
+    bool default_server_ = false;
+    std::string saved_uri_, saved_base_;
+};
+
+// The LDIF of an entry that makes a suffix exist (by its first RDN's type).
+std::string suffix_entry_ldif(const std::string &suffix);
+
+// A fixture with a fresh directory per test; override profile() to choose one.
+class DirectoryTest : public ::testing::Test {
+protected:
+    virtual Profile profile() const { return {}; }
+    void SetUp() override;
+    void TearDown() override;
+    std::unique_ptr<Directory> dir;
+};
+
+}  // namespace zeltest

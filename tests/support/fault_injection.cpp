@@ -1,0 +1,300 @@
+#include "support/fault_injection.h"
+
+#ifndef LDAP_DEPRECATED
+#define LDAP_DEPRECATED 1
+#endif
+#include <ldap.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <utility>
+
+extern "C" {
+int __real_ldap_search_ext_s(LDAP *, const char *, int, const char *, char **, int, LDAPControl **,
+                             LDAPControl **, struct timeval *, int, LDAPMessage **);
+int __real_ldap_add_ext_s(LDAP *, const char *, LDAPMod **, LDAPControl **, LDAPControl **);
+int __real_ldap_modify_ext_s(LDAP *, const char *, LDAPMod **, LDAPControl **, LDAPControl **);
+int __real_ldap_modify_s(LDAP *, const char *, LDAPMod **);
+int __real_ldap_delete_ext_s(LDAP *, const char *, LDAPControl **, LDAPControl **);
+int __real_ldap_simple_bind_s(LDAP *, const char *, const char *);
+int __real_ldap_sasl_bind_s(LDAP *, const char *, const char *, struct berval *, LDAPControl **,
+                            LDAPControl **, struct berval **);
+int __real_ldap_initialize(LDAP **, const char *);
+int __real_ldap_unbind_ext(LDAP *, LDAPControl **, LDAPControl **);
+void *__real_calloc(size_t, size_t);
+void *__real_malloc(size_t);
+void *__real_realloc(void *, size_t);
+char *__real_strdup(const char *);
+char *__real_strndup(const char *, size_t);
+}
+
+namespace zeltest::fault {
+namespace {
+
+struct State {
+    std::vector<Call> calls;
+    std::map<Fn, int> seen;
+    std::map<std::pair<Fn, int>, int> planned;
+    SearchRewrite rewrite;
+};
+
+State &state() {
+    static State *s = new State;  // never destroyed: wrapped calls may run at exit
+    return *s;
+}
+
+long g_alloc_nth = 0;
+long g_alloc_seen = 0;
+bool g_alloc_failed = false;
+bool g_in_hook = false;  // our own bookkeeping allocates; never count it
+
+bool allocation_should_fail() {
+    if (g_alloc_nth == 0 || g_in_hook) return false;
+    if (++g_alloc_seen != g_alloc_nth) return false;
+    g_alloc_failed = true;
+    return true;
+}
+
+struct HookScope {
+    bool was;
+    HookScope() : was(g_in_hook) { g_in_hook = true; }
+    ~HookScope() { g_in_hook = was; }
+};
+
+std::string text(const char *s) { return s ? s : ""; }
+
+std::vector<Mod> copy_mods(LDAPMod **mods) {
+    std::vector<Mod> out;
+    for (int i = 0; mods && mods[i]; ++i) {
+        Mod m;
+        m.op = mods[i]->mod_op;
+        m.type = text(mods[i]->mod_type);
+        if (m.op & LDAP_MOD_BVALUES) {
+            for (int v = 0; mods[i]->mod_bvalues && mods[i]->mod_bvalues[v]; ++v)
+                m.values.emplace_back(mods[i]->mod_bvalues[v]->bv_val, mods[i]->mod_bvalues[v]->bv_len);
+        } else {
+            for (int v = 0; mods[i]->mod_values && mods[i]->mod_values[v]; ++v)
+                m.values.emplace_back(mods[i]->mod_values[v]);
+        }
+        out.push_back(std::move(m));
+    }
+    return out;
+}
+
+// Records the call; returns true with the planned result when it is to fail.
+bool begin(Call &c, int &planned_result) {
+    State &s = state();
+    int n = ++s.seen[c.fn];
+    auto it = s.planned.find({c.fn, n});
+    if (it == s.planned.end()) return false;
+    planned_result = it->second;
+    c.injected = true;
+    return true;
+}
+
+int finish(Call &c, int result) {
+    c.result = result;
+    state().calls.push_back(std::move(c));
+    return result;
+}
+
+}  // namespace
+
+const char *name(Fn fn) {
+    switch (fn) {
+    case Fn::Search: return "ldap_search_ext_s";
+    case Fn::Add: return "ldap_add_ext_s";
+    case Fn::Modify: return "ldap_modify_ext_s";
+    case Fn::ModifyS: return "ldap_modify_s";
+    case Fn::Delete: return "ldap_delete_ext_s";
+    case Fn::SimpleBind: return "ldap_simple_bind_s";
+    case Fn::SaslBind: return "ldap_sasl_bind_s";
+    case Fn::Initialize: return "ldap_initialize";
+    case Fn::Unbind: return "ldap_unbind_ext";
+    }
+    return "?";
+}
+
+void reset() {
+    HookScope h;
+    State &s = state();
+    s.calls.clear();
+    s.seen.clear();
+    s.planned.clear();
+    g_alloc_nth = 0;
+    g_alloc_seen = 0;
+    g_alloc_failed = false;
+}
+
+void fail_call(Fn fn, int nth, int result) {
+    HookScope h;
+    state().planned[{fn, nth}] = result;
+}
+
+std::vector<Call> calls() {
+    HookScope h;
+    return state().calls;
+}
+
+std::vector<Call> calls(Fn fn) {
+    HookScope h;
+    std::vector<Call> out;
+    for (const Call &c : state().calls)
+        if (c.fn == fn) out.push_back(c);
+    return out;
+}
+
+int count(Fn fn) {
+    int n = 0;
+    for (const Call &c : state().calls) n += c.fn == fn;
+    return n;
+}
+
+void set_search_rewrite(SearchRewrite rewrite) {
+    HookScope h;
+    state().rewrite = std::move(rewrite);
+}
+
+void fail_allocation(long nth) {
+    g_alloc_nth = nth;
+    g_alloc_seen = 0;
+    g_alloc_failed = false;
+}
+
+long allocations_seen() { return g_alloc_seen; }
+bool allocation_failed() { return g_alloc_failed; }
+
+}  // namespace zeltest::fault
+
+using namespace zeltest::fault;
+
+extern "C" {
+
+int __wrap_ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
+                             char **attrs, int attrsonly, LDAPControl **sctrls,
+                             LDAPControl **cctrls, struct timeval *timeout, int sizelimit,
+                             LDAPMessage **res) {
+    HookScope h;
+    Call c;
+    c.fn = Fn::Search;
+    c.dn = text(base);
+    c.scope = scope;
+    c.filter = text(filter);
+    c.attrs_null = attrs == nullptr;
+    for (int i = 0; attrs && attrs[i]; ++i) c.attrs.emplace_back(attrs[i]);
+    c.attrsonly = attrsonly;
+    c.sizelimit = sizelimit;
+    c.timeout_null = timeout == nullptr;
+    int planned = 0;
+    if (begin(c, planned)) {
+        if (res) *res = nullptr;
+        return finish(c, planned);
+    }
+    std::string b = c.dn, f = c.filter;
+    int sc = scope;
+    if (state().rewrite) state().rewrite(b, sc, f);
+    return finish(c, __real_ldap_search_ext_s(ld, base ? b.c_str() : nullptr, sc,
+                                              filter ? f.c_str() : nullptr, attrs, attrsonly,
+                                              sctrls, cctrls, timeout, sizelimit, res));
+}
+
+#define ZEL_WRITE_WRAPPER(KIND, CALL)            \
+    {                                                      \
+        HookScope h;                                       \
+        Call c;                                            \
+        c.fn = KIND;                                       \
+        c.dn = text(dn);                                   \
+        c.mods = copy_mods(mods);                          \
+        int planned = 0;                                   \
+        if (begin(c, planned)) return finish(c, planned);  \
+        return finish(c, CALL);                            \
+    }
+
+int __wrap_ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **s,
+                          LDAPControl **cl)
+    ZEL_WRITE_WRAPPER(Fn::Add, __real_ldap_add_ext_s(ld, dn, mods, s, cl))
+
+int __wrap_ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **s,
+                             LDAPControl **cl)
+    ZEL_WRITE_WRAPPER(Fn::Modify, __real_ldap_modify_ext_s(ld, dn, mods, s, cl))
+
+int __wrap_ldap_modify_s(LDAP *ld, const char *dn, LDAPMod **mods)
+    ZEL_WRITE_WRAPPER(Fn::ModifyS, __real_ldap_modify_s(ld, dn, mods))
+
+int __wrap_ldap_delete_ext_s(LDAP *ld, const char *dn, LDAPControl **s, LDAPControl **cl) {
+    HookScope h;
+    Call c;
+    c.fn = Fn::Delete;
+    c.dn = text(dn);
+    int planned = 0;
+    if (begin(c, planned)) return finish(c, planned);
+    return finish(c, __real_ldap_delete_ext_s(ld, dn, s, cl));
+}
+
+int __wrap_ldap_simple_bind_s(LDAP *ld, const char *dn, const char *pw) {
+    HookScope h;
+    Call c;
+    c.fn = Fn::SimpleBind;
+    c.dn = text(dn);
+    c.has_credentials = pw != nullptr;
+    int planned = 0;
+    if (begin(c, planned)) return finish(c, planned);
+    return finish(c, __real_ldap_simple_bind_s(ld, dn, pw));
+}
+
+int __wrap_ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mech, struct berval *cred,
+                            LDAPControl **s, LDAPControl **cl, struct berval **servercred) {
+    HookScope h;
+    Call c;
+    c.fn = Fn::SaslBind;
+    c.dn = text(dn);
+    c.mechanism = text(mech);
+    c.has_credentials = cred != nullptr;
+    int planned = 0;
+    if (begin(c, planned)) {
+        if (servercred) *servercred = nullptr;
+        return finish(c, planned);
+    }
+    return finish(c, __real_ldap_sasl_bind_s(ld, dn, mech, cred, s, cl, servercred));
+}
+
+int __wrap_ldap_initialize(LDAP **ldp, const char *uri) {
+    HookScope h;
+    Call c;
+    c.fn = Fn::Initialize;
+    c.dn = text(uri);
+    int planned = 0;
+    if (begin(c, planned)) {
+        if (ldp) *ldp = nullptr;
+        return finish(c, planned);
+    }
+    return finish(c, __real_ldap_initialize(ldp, uri));
+}
+
+int __wrap_ldap_unbind_ext(LDAP *ld, LDAPControl **s, LDAPControl **cl) {
+    HookScope h;
+    Call c;
+    c.fn = Fn::Unbind;
+    int planned = 0;
+    if (begin(c, planned)) {
+        __real_ldap_unbind_ext(ld, s, cl);  // never leak the handle, even when lying about it
+        return finish(c, planned);
+    }
+    return finish(c, __real_ldap_unbind_ext(ld, s, cl));
+}
+
+void *__wrap_calloc(size_t n, size_t size) {
+    return allocation_should_fail() ? nullptr : __real_calloc(n, size);
+}
+void *__wrap_malloc(size_t size) { return allocation_should_fail() ? nullptr : __real_malloc(size); }
+void *__wrap_realloc(void *p, size_t size) {
+    return allocation_should_fail() ? nullptr : __real_realloc(p, size);
+}
+char *__wrap_strdup(const char *s) { return allocation_should_fail() ? nullptr : __real_strdup(s); }
+char *__wrap_strndup(const char *s, size_t n) {
+    return allocation_should_fail() ? nullptr : __real_strndup(s, n);
+}
+
+}  // extern "C"

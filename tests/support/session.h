@@ -1,0 +1,35 @@
+// Opening library sessions against a test directory.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "support/directory.h"
+#include "zel_internal.h"
+
+namespace zeltest {
+
+struct SessionClose {
+    void operator()(ZelSession *s) const {
+        if (s) Zel_close(s, 1);
+    }
+};
+using Session = std::unique_ptr<ZelSession, SessionClose>;
+
+// Opens a session bound as the directory's administrator over plain LDAP.
+// version < 2 opens without a security domain (Zel_open); version 2 opens on
+// the profile's domain (Zel_open_sec_domain).  A failed open fails the test
+// and gives null.
+Session open_session(const Directory &dir, uint32_t version = 2);
+
+// The status of such an open, for tests of open itself.
+ZelRC try_open(const Directory &dir, uint32_t version, ZelSession **out);
+
+// Seed LDIF of a first-generation Zel database entry under the suffix:
+// systemName=ORVZEL,<suffix> with the containers the library expects.
+std::string database_ldif(const std::string &suffix);
+
+// Seed LDIF of a person entry cn=<cn>,<parent> with uid <uid>.
+std::string person_ldif(const std::string &parent, const std::string &cn, const std::string &uid);
+
+}  // namespace zeltest
