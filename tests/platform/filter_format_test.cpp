@@ -1,0 +1,67 @@
+#include "platform/filter_format.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "support/fault_injection.h"
+
+namespace {
+
+using zel::platform::escape_filter_value;
+using zel::platform::ku_mbs_sprintf;
+
+struct FreeText {
+    void operator()(char *p) const { free(p); }
+};
+using Text = std::unique_ptr<char, FreeText>;
+
+TEST(FilterQuoting, EscapesFilterSyntaxAndNul) {
+    EXPECT_EQ(escape_filter_value("*"), "\\2A");
+    EXPECT_EQ(escape_filter_value("a(b)c"), "a\\28b\\29c");
+    EXPECT_EQ(escape_filter_value("back\\slash"), "back\\5Cslash");
+    EXPECT_EQ(escape_filter_value(std::string_view("a\0b", 3)), "a\\00b");
+    EXPECT_EQ(escape_filter_value("plain value=1,o=acme"), "plain value=1,o=acme");
+    EXPECT_EQ(escape_filter_value(""), "");
+}
+
+// Bytes from 0x80 up are escaped one octet at a time; the server unescapes
+// before matching, so "Jürgen" still matches itself.
+TEST(FilterQuoting, EscapesNonAsciiOctets) {
+    EXPECT_EQ(escape_filter_value("J\xC3\xBCrgen"), "J\\C3\\BCrgen");
+}
+
+TEST(FilterFormat, MixesQuotedAndPlainConversions) {
+    Text text(ku_mbs_sprintf("(&(cn=%Q)(uid=%s)(n=%d)(i=%i)(u=%u)(x=%x)%c%%)", "a*(b)", "x*",
+                             -5, 12, 7u, 255u, '!'));
+    ASSERT_NE(text, nullptr);
+    EXPECT_STREQ(text.get(), "(&(cn=a\\2A\\28b\\29)(uid=x*)(n=-5)(i=12)(u=7)(x=ff)!%)");
+
+    Text null_text(ku_mbs_sprintf("(cn=%s)", static_cast<const char *>(nullptr)));
+    ASSERT_NE(null_text, nullptr);
+    EXPECT_STREQ(null_text.get(), "(cn=(null))");
+}
+
+TEST(FilterFormat, RefusesWhatItCannotFormat) {
+    EXPECT_EQ(Text(ku_mbs_sprintf("(cn=%z)", "x")), nullptr);
+    EXPECT_EQ(Text(ku_mbs_sprintf("(n=%5d)", 1)), nullptr);
+    EXPECT_EQ(Text(ku_mbs_sprintf("(n=%ld)", 1L)), nullptr);
+    EXPECT_EQ(Text(ku_mbs_sprintf("trailing %")), nullptr);
+    EXPECT_EQ(Text(ku_mbs_sprintf("(cn=%Q)", static_cast<const char *>(nullptr))), nullptr);
+    EXPECT_EQ(Text(ku_mbs_sprintf("(cn=%c)", 0)), nullptr);
+    EXPECT_EQ(Text(ku_mbs_sprintf(nullptr)), nullptr);
+}
+
+TEST(FilterFormat, AllocationFailureGivesNull) {
+    zeltest::fault::reset();
+    zeltest::fault::fail_allocation(1);
+    Text text(ku_mbs_sprintf("(cn=%Q)", "value"));
+    bool failed = zeltest::fault::allocation_failed();
+    zeltest::fault::reset();
+    EXPECT_TRUE(failed);
+    EXPECT_EQ(text, nullptr);
+}
+
+}  // namespace

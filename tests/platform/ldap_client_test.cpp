@@ -1,0 +1,294 @@
+#include "platform/ldap_client.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdint>
+#include <string>
+
+#include "support/directory.h"
+#include "support/fault_injection.h"
+
+namespace {
+
+namespace zp = zel::platform;
+namespace fault = zeltest::fault;
+using fault::Fn;
+
+void *by_value(intptr_t v) { return reinterpret_cast<void *>(v); }
+
+TEST(LdapResultCodes, ClientCodesBecomeClassic) {
+    EXPECT_EQ(zp::classic_result(0), 0);
+    EXPECT_EQ(zp::classic_result(32), 32);
+    EXPECT_EQ(zp::classic_result(LDAP_SERVER_DOWN), 81);
+    EXPECT_EQ(zp::classic_result(LDAP_TIMEOUT), 85);
+    EXPECT_EQ(zp::classic_result(LDAP_FILTER_ERROR), 87);
+    EXPECT_EQ(zp::classic_result(LDAP_PARAM_ERROR), 89);
+    EXPECT_EQ(zp::classic_result(LDAP_CONNECT_ERROR), 91);
+    EXPECT_EQ(zp::classic_result(LDAP_REFERRAL_LIMIT_EXCEEDED), 97);
+    EXPECT_GT(zp::classic_result(INT_MIN), 0);
+}
+
+// Every wrapper reaches its own OpenLDAP call and translates its result.
+TEST(LdapCalls, ReachOpenLdapAndTranslateResults) {
+    fault::reset();
+    LDAP *ld = zp::ldap_init("127.0.0.1", 1);
+    ASSERT_NE(ld, nullptr);
+
+    fault::fail_call(Fn::Search, 1, LDAP_TIMEOUT);
+    fault::fail_call(Fn::Search, 2, LDAP_FILTER_ERROR);
+    timeval zero{0, 0};
+    timeval five{5, 0};
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(zp::ldap_search_ext_s(ld, "o=acme", LDAP_SCOPE_BASE, "(objectClass=*)", nullptr, 1,
+                                    nullptr, nullptr, &zero, 2, &res), 85);
+    EXPECT_EQ(zp::ldap_search_ext_s(ld, "o=acme", LDAP_SCOPE_BASE, "(objectClass=*)", nullptr, 1,
+                                    nullptr, nullptr, &five, 2, &res), 87);
+    auto searches = fault::calls(Fn::Search);
+    ASSERT_EQ(searches.size(), 2u);
+    EXPECT_TRUE(searches[0].timeout_null);   // zero means no limit
+    EXPECT_FALSE(searches[1].timeout_null);
+
+    fault::fail_call(Fn::Add, 1, LDAP_SERVER_DOWN);
+    fault::fail_call(Fn::Modify, 1, LDAP_NO_SUCH_OBJECT);
+    fault::fail_call(Fn::ModifyS, 1, LDAP_SERVER_DOWN);
+    fault::fail_call(Fn::Delete, 1, LDAP_CONNECT_ERROR);
+    fault::fail_call(Fn::SaslBind, 1, LDAP_LOCAL_ERROR);
+    EXPECT_EQ(zp::ldap_add_ext_s(ld, "cn=a", nullptr, nullptr, nullptr), 81);
+    EXPECT_EQ(zp::ldap_modify_ext_s(ld, "cn=a", nullptr, nullptr, nullptr), 32);
+    EXPECT_EQ(zp::ldap_modify_s(ld, "cn=a", nullptr), 81);
+    EXPECT_EQ(zp::ldap_delete_ext_s(ld, "cn=a", nullptr, nullptr), 91);
+    EXPECT_EQ(zp::ldap_sasl_bind_s(ld, nullptr, "GSSAPI", nullptr, nullptr, nullptr, nullptr), 82);
+    for (Fn fn : {Fn::Add, Fn::Modify, Fn::ModifyS, Fn::Delete, Fn::SaslBind})
+        EXPECT_EQ(fault::count(fn), 1) << fault::name(fn);
+
+    // Not injected: init was lazy, the bind finds nobody listening.
+    EXPECT_EQ(zp::ldap_simple_bind_s(ld, nullptr, nullptr), 81);
+    EXPECT_EQ(zp::ldap_unbind(ld), 0);
+    EXPECT_EQ(fault::count(Fn::Unbind), 1);
+    fault::reset();
+}
+
+TEST(LdapCalls, NullHandleIsRefused) {
+    fault::reset();
+    EXPECT_EQ(zp::ldap_search_ext_s(nullptr, "", 0, "(a=*)", nullptr, 0, nullptr, nullptr, nullptr,
+                                    0, nullptr), 89);
+    EXPECT_EQ(zp::ldap_simple_bind_s(nullptr, nullptr, nullptr), 89);
+    EXPECT_EQ(zp::ldap_unbind(nullptr), 89);
+    EXPECT_EQ(zp::ldap_set_option(nullptr, zp::kOptDeref, by_value(1)), 89);
+    EXPECT_TRUE(fault::calls().empty());
+}
+
+TEST(LdapInit, BuildsUrisFromClassicHostArgument) {
+    struct Case {
+        const char *host;
+        int port;
+        const char *uri;
+    };
+    for (const Case &c : {Case{"127.0.0.1", 1, "ldap://127.0.0.1:1"},
+                          Case{"ldap.example.com", 0, "ldap://ldap.example.com:389"},
+                          Case{"::1", 389, "ldap://[::1]:389"},
+                          Case{"[::1]:1389", 389, "ldap://[::1]:1389"},
+                          Case{" h1  h2:1389 ", 389, "ldap://h1:389 ldap://h2:1389"}}) {
+        fault::reset();
+        LDAP *ld = zp::ldap_init(c.host, c.port);
+        EXPECT_NE(ld, nullptr) << c.host;
+        auto inits = fault::calls(Fn::Initialize);
+        ASSERT_EQ(inits.size(), 1u) << c.host;
+        EXPECT_EQ(inits[0].dn, c.uri);
+        if (ld != nullptr) zp::ldap_unbind(ld);
+    }
+    fault::reset();
+    for (const char *bad : {"", "  ", "a/b", "h?x", "h#x", "user@h", "host:99999", "host:", "[::1",
+                            "[::1]x", "h\xC3\xA4"}) {
+        EXPECT_EQ(zp::ldap_init(bad, 389), nullptr) << bad;
+    }
+    EXPECT_EQ(zp::ldap_init(nullptr, 389), nullptr);
+    EXPECT_EQ(zp::ldap_init("h", 70000), nullptr);
+    EXPECT_EQ(fault::count(Fn::Initialize), 0);
+
+    fault::fail_call(Fn::Initialize, 1, LDAP_NO_MEMORY);
+    EXPECT_EQ(zp::ldap_init("h", 389), nullptr);
+    fault::reset();
+}
+
+int option(LDAP *ld, int openldap_option) {
+    int value = -1;
+    EXPECT_EQ(ldap_get_option(ld, openldap_option, &value), LDAP_OPT_SUCCESS);
+    return value;
+}
+
+// As the open sequence sets them: 0x03/0x01/0x00 by address under version 3
+// and by value under version 2.
+TEST(LdapOptions, ClassicNumbersMapToOpenLdap) {
+    LDAP *ld = zp::ldap_init("127.0.0.1", 1);
+    ASSERT_NE(ld, nullptr);
+    int v3 = 3, v2 = 2, v5 = 5, three = 3, zero = 0;
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, &v3), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptDeref, by_value(1)), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSslTimeout, nullptr), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSizeLimit, &three), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptDesc, &zero), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptApiInfo, &zero), 0);
+    EXPECT_EQ(option(ld, LDAP_OPT_PROTOCOL_VERSION), 3);
+    EXPECT_EQ(option(ld, LDAP_OPT_DEREF), LDAP_DEREF_SEARCHING);
+    EXPECT_EQ(option(ld, LDAP_OPT_SIZELIMIT), 3);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSizeLimit, nullptr), 89);
+
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, &v2), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSizeLimit, by_value(7)), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptDesc, by_value(0)), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptApiInfo, by_value(0)), 0);
+    EXPECT_EQ(option(ld, LDAP_OPT_SIZELIMIT), 7);
+
+    // Refused values leave the handle as it was.
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, &v5), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, nullptr), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSizeLimit, by_value(-1)), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptDeref, by_value(9)), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSslTimeout, &zero), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, 0x7777, &zero), 89);
+    EXPECT_EQ(option(ld, LDAP_OPT_PROTOCOL_VERSION), 2);
+    EXPECT_EQ(option(ld, LDAP_OPT_SIZELIMIT), 7);
+    zp::ldap_unbind(ld);
+}
+
+// The SSL state is process-wide: whichever test runs first initialises it,
+// with the test CA every SSL test uses.
+int client_init_with_test_ca() {
+    int reason = -1;
+    int rc = zp::ldap_ssl_client_init(zeltest::Directory::ca_file().c_str(), "unused", 0, &reason);
+    EXPECT_EQ(reason, 0);
+    return rc;
+}
+
+TEST(LdapSsl, SecondClientInitAnswersAlreadyInitialised) {
+    int first = client_init_with_test_ca();
+    EXPECT_TRUE(first == 0 || first == zp::kSslAlreadyInitialised) << first;
+    EXPECT_EQ(client_init_with_test_ca(), zp::kSslAlreadyInitialised);
+}
+
+TEST(LdapSsl, UnreadableClientCertificateGivesNull) {
+    client_init_with_test_ca();
+    fault::reset();
+    EXPECT_EQ(zp::ldap_ssl_init("127.0.0.1", 1, "/nonexistent/client.pem"), nullptr);
+    EXPECT_EQ(zp::ldap_ssl_init("127.0.0.1", 1, "/tmp"), nullptr);
+    EXPECT_EQ(fault::count(Fn::Initialize), 0);   // refused before a handle existed
+    fault::reset();
+}
+
+TEST(LdapSsl, BindsOverLdapsWithTheKeyringCa) {
+    client_init_with_test_ca();
+    zeltest::Directory directory;
+    LDAP *ld = zp::ldap_ssl_init(zeltest::Directory::host(), directory.ldaps_port(), nullptr);
+    ASSERT_NE(ld, nullptr);
+    int v3 = 3;
+    ASSERT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, &v3), 0);
+    EXPECT_EQ(zp::ldap_simple_bind_s(ld, directory.admin_dn().c_str(),
+                                     zeltest::Directory::admin_password()), 0);
+    zp::ldap_unbind(ld);
+}
+
+// Restores the client's process-wide defaults the test changes.
+class ClientDefaults {
+public:
+    ClientDefaults() {
+        ldap_get_option(nullptr, LDAP_OPT_URI, &uri_);
+        ldap_get_option(nullptr, LDAP_OPT_DEFBASE, &base_);
+    }
+    ~ClientDefaults() {
+        ldap_set_option(nullptr, LDAP_OPT_URI, uri_);
+        ldap_set_option(nullptr, LDAP_OPT_DEFBASE, base_);
+        ldap_memfree(uri_);
+        ldap_memfree(base_);
+    }
+    static void set(const char *uri, const char *base) {
+        ASSERT_EQ(ldap_set_option(nullptr, LDAP_OPT_URI, uri), LDAP_OPT_SUCCESS);
+        ASSERT_EQ(ldap_set_option(nullptr, LDAP_OPT_DEFBASE, base), LDAP_OPT_SUCCESS);
+    }
+
+private:
+    char *uri_ = nullptr;
+    char *base_ = nullptr;
+};
+
+// "host:port security replica suffix" per server, in list order.
+std::string describe(const zp::ServerInfo *list) {
+    std::string out;
+    for (; list != nullptr; list = list->next) {
+        out += std::string(list->host) + ":" + std::to_string(list->port) + " " +
+               std::to_string(list->sec_type) + " " + std::to_string(list->replica_type) + " " +
+               (list->suffix ? list->suffix : "-") + ";";
+    }
+    return out;
+}
+
+TEST(LdapServerLocate, ReportsConfiguredUrisInOrder) {
+    ClientDefaults restore;
+    struct Case {
+        const char *uris;
+        const char *base;
+        const char *servers;
+    };
+    for (const Case &c : {Case{"ldap://h1:1389 ldapi:/// ldaps://h2", "o=acme",
+                               "h1:1389 1 1 o=acme;h2:636 2 1 o=acme;"},
+                          Case{"ldap://[::1]", nullptr, "::1:389 1 1 -;"}}) {
+        ClientDefaults::set(c.uris, c.base);
+        zp::ServerInfo *list = nullptr;
+        EXPECT_EQ(zp::ldap_server_locate(nullptr, &list), 0);
+        EXPECT_EQ(describe(list), c.servers);
+        zp::ldap_server_free_list(list);
+    }
+}
+
+TEST(LdapServerLocate, NoUsableServerGivesNoList) {
+    ClientDefaults restore;
+    for (const char *uris : {"", "ldapi:///"}) {
+        ClientDefaults::set(uris, "o=acme");
+        zp::ServerInfo *list = reinterpret_cast<zp::ServerInfo *>(&list);   // must be overwritten
+        EXPECT_EQ(zp::ldap_server_locate(nullptr, &list), LDAP_NO_SUCH_OBJECT) << uris;
+        EXPECT_EQ(list, nullptr);
+    }
+    EXPECT_EQ(zp::ldap_server_locate(nullptr, nullptr), 89);
+}
+
+// Each allocation in turn fails: the partial list is freed (the leak checker
+// of the sanitizer build watches) and nothing is handed out.
+TEST(LdapServerLocate, AllocationFailureFreesPartialList) {
+    ClientDefaults restore;
+    ClientDefaults::set("ldap://h1 ldaps://h2 ldap://h3", "o=acme");
+    for (long nth = 1;; ++nth) {
+        ASSERT_LT(nth, 50);
+        fault::reset();
+        fault::fail_allocation(nth);
+        zp::ServerInfo *list = nullptr;
+        int rc = zp::ldap_server_locate(nullptr, &list);
+        bool failed = fault::allocation_failed();
+        fault::reset();
+        if (!failed) {
+            EXPECT_EQ(rc, 0);
+            zp::ldap_server_free_list(list);
+            break;
+        }
+        EXPECT_EQ(rc, 90) << nth;
+        EXPECT_EQ(list, nullptr) << nth;
+    }
+}
+
+TEST(LdapLocale, SetKeepsACopyAndGetReturnsOne) {
+    EXPECT_EQ(zp::ldap_set_locale(nullptr), 89);
+    char name[] = "de_DE.UTF-8";
+    ASSERT_EQ(zp::ldap_set_locale(name), 0);
+    name[0] = 'X';
+    EXPECT_EQ(zp::ldap_set_locale(nullptr), 89);   // leaves the setting alone
+    char *first = zp::ldap_get_locale();
+    char *second = zp::ldap_get_locale();
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    EXPECT_STREQ(first, "de_DE.UTF-8");
+    EXPECT_NE(first, second);
+    ldap_memfree(first);
+    ldap_memfree(second);
+}
+
+}  // namespace

@@ -1,0 +1,73 @@
+#include "platform/utf8_text.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using zel::platform::zgetUTF8Handle;
+using zel::platform::zstricmp;
+using zel::platform::zstrstr;
+
+int sign(int v) { return (v > 0) - (v < 0); }
+
+// Checks the result and that swapping the arguments flips its sign.
+void expect_order(const char *a, const char *b, int expected_sign) {
+    SCOPED_TRACE(std::string(a ? a : "(null)") + " vs " + (b ? b : "(null)"));
+    EXPECT_EQ(sign(zstricmp(zgetUTF8Handle(), a, b)), expected_sign);
+    EXPECT_EQ(sign(zstricmp(zgetUTF8Handle(), b, a)), -expected_sign);
+}
+
+TEST(Utf8Compare, AsciiIgnoresCase) {
+    ASSERT_NE(zgetUTF8Handle(), nullptr);
+    expect_order("objectClass", "OBJECTCLASS", 0);
+    expect_order("abc", "ABD", -1);
+    expect_order("ab", "ABC", -1);
+    expect_order("", "a", -1);
+    // Letters fold to lower case, as full folding does: '[' sorts before
+    // 'a' whether or not the rest of the text is ASCII.
+    expect_order("[", "A", -1);
+    expect_order("[\xC3\xA9", "A\xC3\xA9", -1);
+}
+
+TEST(Utf8Compare, NonAsciiUsesFullCaseFolding) {
+    expect_order("stra\xC3\x9F" "e", "STRASSE", 0);                  // straße
+    expect_order("\xC3\x84rger", "\xC3\xA4RGER", 0);                  // Ärger, äRGER
+    expect_order("\xCE\xA3\xCE\x99\xCE\xA3", "\xCF\x83\xCE\xB9\xCF\x82", 0);   // ΣΙΣ, σις
+    expect_order("\xC3\xA4", "b", 1);                                 // ä after b
+    expect_order("\xC3\x84", "\xC3\xA5", -1);                         // Ä before å
+    // Longer than the stack buffers.
+    std::string lower = std::string(300, 'x') + "stra\xC3\x9F" "e";
+    std::string upper = std::string(300, 'X') + "STRASSE";
+    expect_order(lower.c_str(), upper.c_str(), 0);
+    expect_order(lower.c_str(), (upper + "!").c_str(), -1);
+}
+
+TEST(Utf8Compare, InvalidUtf8ComparesBytes) {
+    expect_order("\xFF", "\xFF", 0);
+    expect_order("A\xFF", "a\xFF", 0);
+    expect_order("\xC3", "\xC3", 0);             // truncated sequence
+    expect_order("\xC3", "\xC3\xA4", -1);
+    expect_order("\xC0\xAF", "/", 1);            // overlong '/' is not '/'
+    expect_order("\xC3\x84\xFF", "\xC3\xA4\xFF", -1);   // no Unicode folding
+}
+
+TEST(Utf8Compare, NullSortsBeforeText) {
+    expect_order(nullptr, nullptr, 0);
+    expect_order(nullptr, "", -1);
+}
+
+TEST(Utf8Search, FindsExactSubstring) {
+    const char *dn = "cn=J\xC3\xBCrgen,o=acme";
+    auto h = zgetUTF8Handle();
+    EXPECT_EQ(zstrstr(h, dn, "="), dn + 2);
+    EXPECT_EQ(zstrstr(h, dn, "\xC3\xBCrgen"), dn + 4);
+    EXPECT_EQ(zstrstr(h, dn, "J\xC3\x9Crgen"), nullptr);   // case matters
+    EXPECT_EQ(zstrstr(h, dn, "ou="), nullptr);
+    EXPECT_EQ(zstrstr(h, dn, ""), dn);
+    EXPECT_EQ(zstrstr(h, nullptr, "="), nullptr);
+    EXPECT_EQ(zstrstr(h, dn, nullptr), nullptr);
+}
+
+}  // namespace
