@@ -1,0 +1,52 @@
+// Tracing to standard output, gated by the session's ZEL_DEBUG level.
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "zel_internal.h"
+
+namespace zel {
+
+bool valid_handle(const ZelSession *s) {
+    return s != nullptr && std::memcmp(s->tag, "ZEL", 4) == 0;
+}
+
+bool tracing(const ZelSession *s, int above) { return s != nullptr && s->debug_level > above; }
+
+void tracef(const ZelSession *s, int above, const char *fmt, ...) {
+    if (!tracing(s, above)) return;
+    va_list ap;
+    va_start(ap, fmt);
+    std::vfprintf(stdout, fmt, ap);
+    va_end(ap);
+    std::fflush(stdout);
+}
+
+void trace_line(const ZelSession *s, int above, const char *text) {
+    if (!tracing(s, above)) return;
+    std::puts(text);
+    std::fflush(stdout);
+}
+
+int read_debug_level() {
+    const char *v = std::getenv("ZEL_DEBUG");
+    if (v == nullptr) return 0;
+    char *end = nullptr;
+    long n = std::strtol(v, &end, 10);
+    if (end == v) return 0;
+    if (n > INT_MAX) return INT_MAX;
+    if (n < INT_MIN) return INT_MIN;
+    return static_cast<int>(n);
+}
+
+RoutineTrace::RoutineTrace(const ZelSession *s, const char *name, const ZelRC &rc)
+    : s_(s), name_(name), rc_(rc) {
+    tracef(s_, kTraceFlow, "zelmgmt:%s:Entered...\n", name_);
+}
+
+RoutineTrace::~RoutineTrace() {
+    tracef(s_, kTraceFlow, "zelmgmt:%s:Exited...rc=%d\n", name_, static_cast<int>(rc_));
+}
+
+}  // namespace zel

@@ -1,0 +1,265 @@
+// The session record, the internal routines every family shares, tracing and
+// the RAII holders used inside the library.  Internal routines keep C linkage
+// and are exported so that tools and tests can call them.
+#pragma once
+
+#ifndef LDAP_DEPRECATED
+#define LDAP_DEPRECATED 1
+#endif
+#include <ldap.h>
+#include <pthread.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <initializer_list>
+#include <new>
+
+#include "zelmgmt.h"
+#include "platform/ldap_client.h"
+
+#if defined(__GNUC__)
+#define ZEL_INTERNAL __attribute__((visibility("default")))
+#define ZEL_PRINTF(f, a) __attribute__((format(printf, f, a)))
+#else
+#define ZEL_INTERNAL
+#define ZEL_PRINTF(f, a)
+#endif
+
+// One suffix of the directory, in discovery order.
+struct ZelSuffixNode {
+    char *suffix;
+    ZelSuffixNode *next;
+};
+
+// Field order is fixed: the tag must be the first four bytes.
+struct ZelSession {
+    char tag[4];               // "ZEL" and NUL while the handle is live
+    uint32_t version;          // API version: below 2 first-generation, 2 security domain
+    LDAP *ld;
+    ZelSuffixNode *suffixes;
+    char *database_dn;         // 1000-byte buffer or null
+    char *schema_dn;           // never assigned by the library
+    int32_t dir_kind;          // ZEL_DIR_*
+    int32_t host_kind;         // ZEL_HOST_*
+    int32_t debug_level;       // from ZEL_DEBUG
+    int32_t owns_connection;   // 1 when open created ld
+    pthread_mutex_t mutex;     // initialised and destroyed, never locked
+    char *domain_dn;           // 1000-byte buffer or null
+    char *domain_name;
+    int32_t domain_version;
+};
+
+namespace zel {
+
+// Fixed sizes of the stored forms.  They are limits: a value that would not
+// fit is refused, never written past.
+constexpr size_t kDnSize = 1000;
+constexpr size_t kFilterSize = 600;
+constexpr size_t kHostSize = 256;
+constexpr size_t kAclSize = 2000;
+constexpr size_t kShortValueSize = 256;
+
+// Trace thresholds: a message is printed when debug_level is above them.
+constexpr int kTraceFailures = 1;
+constexpr int kTraceProgress = 9;
+constexpr int kTraceFlow = 19;
+
+// Texts printed in place of passwords.
+constexpr const char *kMaskedPassword = "XXXXXXXX";
+
+bool valid_handle(const ZelSession *s);
+bool tracing(const ZelSession *s, int above);
+// Formatted trace; the format carries its own newline where it has one.
+void tracef(const ZelSession *s, int above, const char *fmt, ...) ZEL_PRINTF(3, 4);
+// Line trace: the text is printed followed by a newline.
+void trace_line(const ZelSession *s, int above, const char *text);
+int read_debug_level();
+
+// Prints the Entered line on construction and the Exited line, with the
+// status the routine returns, on destruction.  Declare the status first.
+class RoutineTrace {
+public:
+    RoutineTrace(const ZelSession *s, const char *name, const ZelRC &rc);
+    ~RoutineTrace();
+    RoutineTrace(const RoutineTrace &) = delete;
+    RoutineTrace &operator=(const RoutineTrace &) = delete;
+
+private:
+    const ZelSession *s_;
+    const char *name_;
+    const ZelRC &rc_;
+};
+
+// Runs the body of an exported function: no exception crosses the C boundary.
+template <class Body>
+ZelRC guarded(Body &&body) noexcept {
+    try {
+        return body();
+    } catch (const std::bad_alloc &) {
+        return ZEL_RC_NO_MEMORY;
+    } catch (...) {
+        return ZEL_RC_SYSTEM_ERROR;
+    }
+}
+
+// RAII holders for what the directory client and the C allocator hand out.
+struct MessageFree { void operator()(LDAPMessage *m) const { if (m) ldap_msgfree(m); } };
+struct BerFree { void operator()(BerElement *b) const { if (b) ber_free(b, 0); } };
+struct ValuesFree { void operator()(char **v) const { if (v) ldap_value_free(v); } };
+struct BervalsFree { void operator()(struct berval **v) const { if (v) ldap_value_free_len(v); } };
+struct LdapMemFree { void operator()(void *p) const { if (p) ldap_memfree(p); } };
+struct CFree { void operator()(void *p) const { std::free(p); } };
+
+using Message = std::unique_ptr<LDAPMessage, MessageFree>;
+using Ber = std::unique_ptr<BerElement, BerFree>;
+using Values = std::unique_ptr<char *, ValuesFree>;
+using Bervals = std::unique_ptr<struct berval *, BervalsFree>;
+using LdapText = std::unique_ptr<char, LdapMemFree>;
+using CText = std::unique_ptr<char, CFree>;
+
+// A zero-filled C buffer of n bytes, or null.
+inline CText zeroed_buffer(size_t n) { return CText(static_cast<char *>(std::calloc(1, n))); }
+
+// Fixed buffers are limits: these write nothing and answer false when the
+// text (with its NUL) would not fit.
+bool copy_into(char *dst, size_t size, const char *text);
+bool format_into(char *dst, size_t size, const char *fmt, ...) ZEL_PRINTF(3, 4);
+
+// Attribute names and values compared as the directory does: ignoring case.
+bool same_text(const char *a, const char *b);
+bool contains(const char *haystack, const char *needle);
+
+// Walks an entry's attributes in the order the server returned them and calls
+// fn(name, strings, bervals) for each attribute that has values; a non-zero
+// status from fn ends the walk and is returned.
+template <class Fn>
+ZelRC walk_attributes(LDAP *ld, LDAPMessage *entry, Fn &&fn) {
+    BerElement *raw = nullptr;
+    LdapText name(ldap_first_attribute(ld, entry, &raw));
+    Ber ber(raw);
+    while (name) {
+        Bervals bervals(ldap_get_values_len(ld, entry, name.get()));
+        if (bervals && bervals.get()[0]) {
+            Values strings(ldap_get_values(ld, entry, name.get()));
+            if (ZelRC rc = fn(name.get(), strings.get(), bervals.get())) return rc;
+        }
+        name.reset(ldap_next_attribute(ld, entry, raw));
+    }
+    return 0;
+}
+
+// A zero time-out: the directory client reads it as "no limit".
+inline struct timeval no_time_limit() { return {0, 0}; }
+
+// Lazy location of the Zel database: when the session has no database DN, a
+// 1000-byte buffer is given to the session and filled by locate_ZEL_database;
+// on failure it is freed again and the session's DN reset to null.
+ZelRC ensure_database_dn(ZelSession *s);
+
+// Directory kinds that refuse empty values: there an empty description is
+// left out on add (and deleted on update) instead of written empty.
+inline bool omits_empty_description(int32_t dir_kind) {
+    return dir_kind == ZEL_DIR_NDS || dir_kind == ZEL_DIR_EDIRECTORY || dir_kind == ZEL_DIR_GENERIC ||
+           dir_kind == ZEL_DIR_ACTIVE_DIRECTORY;
+}
+
+// A modification list whose types and values are borrowed (constants, the
+// caller's record, local buffers): the destructor frees the records and their
+// value arrays only.  Entries are filled with bld_attribute in order.
+class ModList {
+public:
+    explicit ModList(size_t slots);  // slots, the null terminator included
+    ~ModList();
+    ModList(const ModList &) = delete;
+    ModList &operator=(const ModList &) = delete;
+
+    bool ok() const { return mods_ != nullptr; }
+    // Adds the next modification; 1012 when memory runs out.
+    ZelRC add(int op, const char *type, std::initializer_list<const char *> values);
+    ZelRC add(int op, const char *type, int32_t count, char *const *values);
+    LDAPMod **get() const { return mods_; }
+    size_t size() const { return used_; }
+
+private:
+    LDAPMod **mods_;
+    size_t slots_;
+    size_t used_ = 0;
+};
+
+}  // namespace zel
+
+namespace plat = zel::platform;
+
+extern "C" {
+
+// Status mapping.
+ZEL_INTERNAL ZelRC check_LDAP_rc(ZelSession *s, uint32_t ldap_rc, ZelRC default_code,
+                                 const char *operation);
+
+// Open sequence.
+ZEL_INTERNAL ZelRC zelOpen(const char *name, LDAP *ld, const char *user, const char *password,
+                           const char *host, uint16_t port, int32_t flags, const char *keyring,
+                           const char *keyring_pw, const char *cert_label,
+                           ZelSession **session_out, uint32_t version,
+                           const ZelBindCredentials *credentials, unsigned char reserved,
+                           const char *domain);
+ZEL_INTERNAL ZelRC connect_to_LDAP(ZelSession *s, const char *host, uint16_t port, int32_t flags,
+                                   const char *keyring, const char *keyring_pw,
+                                   const char *cert_label);
+ZEL_INTERNAL ZelRC locate_LDAP_Server(ZelSession *s, int nonssl, char **host_out, int *port_out,
+                                      char **suffix_array);
+ZEL_INTERNAL ZelRC set_LDAP_options(ZelSession *s, int protocol_version);
+ZEL_INTERNAL ZelRC bind_to_LDAP(ZelSession *s, const char *user, const char *password,
+                                char **dn_out, const ZelBindCredentials *credentials);
+
+// Discovery.
+ZEL_INTERNAL ZelRC determine_suffixes(ZelSession *s);
+ZEL_INTERNAL ZelRC get_novell_suffixes(ZelSession *s);
+ZEL_INTERNAL ZelRC get_domain(ZelSession *s, const char *name);
+
+// Modification lists and subtree deletion.
+ZEL_INTERNAL ZelRC bld_attribute(LDAPMod **mods, uint32_t index, char *type, int32_t count,
+                                 char **values, int32_t op);
+ZEL_INTERNAL void zel_mods_free(LDAPMod **mods);
+ZEL_INTERNAL ZelRC delete_tree(ZelSession *s, const char *dn);
+ZEL_INTERNAL ZelRC internal_nds_member_add(ZelSession *s, const char *group_dn,
+                                           const char *member_dn);
+ZEL_INTERNAL ZelRC internal_nds_member_rem(ZelSession *s, const char *group_dn,
+                                           const char *member_dn);
+
+// DN resolution.
+ZEL_INTERNAL ZelRC determine_DN(ZelSession *s, ZelSuffixNode *suffixes, const char *filter,
+                                char *dn, LDAPMessage **result);
+ZEL_INTERNAL ZelRC determine_unique_DN(ZelSession *s, ZelSuffixNode *suffixes,
+                                       const char *filter, char *dn, LDAPMessage **result);
+ZEL_INTERNAL ZelRC locate_ZEL_database(ZelSession *s, ZelSuffixNode *suffixes, char *dn);
+ZEL_INTERNAL ZelRC locate_ePerson(ZelSession *s, const char *user, ZelSuffixNode *suffixes,
+                                  char *dn);
+ZEL_INTERNAL ZelRC construct_ePersonDN_from_UP(ZelSession *s, const char *up_dn, char *dn);
+
+// Identity verification.
+ZEL_INTERNAL ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_out,
+                                   int32_t mode);
+ZEL_INTERNAL ZelRC locate_krb_ePerson(ZelSession *s, const char *principal,
+                                      ZelSuffixNode *suffixes, char *dn);
+
+// Target services.
+ZEL_INTERNAL ZelRC dissect_TS(ZelSession *s, LDAPMessage *entry, ZelTargetService *record);
+ZEL_INTERNAL ZelRC locate_ZEL_TS(ZelSession *s, const char *name, const char *type,
+                                 LDAPMessage **result, int32_t mode);
+ZEL_INTERNAL ZelRC locate_ZEL_TST(ZelSession *s, const char *type, LDAPMessage **result);
+
+// Zel users.
+ZEL_INTERNAL ZelRC create_update_ZelUser(ZelSession *s, const ZelUser *user,
+                                         const char *person_dn, int32_t mode);
+ZEL_INTERNAL ZelRC form_UP_ePersonDN(ZelSession *s, const ZelUser *user, char **person_dn_out);
+ZEL_INTERNAL int check_entry_exists(ZelSession *s, const char *dn);
+ZEL_INTERNAL ZelRC add_ZelUser_to_group(ZelSession *s, const char *person_dn,
+                                        const char *user_type);
+ZEL_INTERNAL ZelRC remove_ZelUser_from_group(ZelSession *s, const char *user_dn,
+                                             const char *user_type);
+ZEL_INTERNAL ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result,
+                                  int32_t mode);
+
+}  // extern "C"
