@@ -160,6 +160,25 @@ bool readable_file(const char *path) {
     return regular;
 }
 
+// Per-handle TLS settings of an ldaps handle.
+bool configure_tls(LDAP *ld, const std::string &keyring, const char *cert_label) {
+    if (!keyring.empty() &&
+        ::ldap_set_option(ld, LDAP_OPT_X_TLS_CACERTFILE, keyring.c_str()) != LDAP_OPT_SUCCESS) {
+        return false;
+    }
+    int demand = LDAP_OPT_X_TLS_DEMAND;
+    if (::ldap_set_option(ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand) != LDAP_OPT_SUCCESS) return false;
+    if (cert_label != nullptr &&
+        (::ldap_set_option(ld, LDAP_OPT_X_TLS_CERTFILE, cert_label) != LDAP_OPT_SUCCESS ||
+         ::ldap_set_option(ld, LDAP_OPT_X_TLS_KEYFILE, cert_label) != LDAP_OPT_SUCCESS)) {
+        return false;
+    }
+    // A TLS context of the handle's own makes the settings above take effect;
+    // building it loads the files, so a bad one fails here, not at the bind.
+    int client_context = 0;
+    return ::ldap_set_option(ld, LDAP_OPT_X_TLS_NEWCTX, &client_context) == LDAP_OPT_SUCCESS;
+}
+
 struct SslState {
     std::mutex mutex;
     bool initialised = false;
@@ -213,8 +232,14 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
     if (ld == nullptr) return kParamError;
     // A zero time-out means "no limit"; OpenLDAP would refuse it.
     if (timeout != nullptr && timeout->tv_sec == 0 && timeout->tv_usec == 0) timeout = nullptr;
-    return classic_result(::ldap_search_ext_s(ld, base, scope, filter, attrs, attrsonly, serverctrls,
-                                              clientctrls, timeout, sizelimit, res));
+    int rc = classic_result(::ldap_search_ext_s(ld, base, scope, filter, attrs, attrsonly, serverctrls,
+                                                clientctrls, timeout, sizelimit, res));
+    // The library asks for a size limit of 2 to tell one match from several
+    // and counts what arrived; a search cut at its limit is not a failure.
+    if (rc == LDAP_SIZELIMIT_EXCEEDED && sizelimit > 0 && res != nullptr && *res != nullptr &&
+        ldap_count_entries(ld, *res) > 0)
+        rc = LDAP_SUCCESS;
+    return rc;
 }
 
 int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
@@ -358,19 +383,7 @@ LDAP *ldap_ssl_init(const char *host, int port, const char *cert_label) {
     LDAP *ld = initialize(host, port, true);
     if (ld == nullptr) return nullptr;
 
-    int demand = LDAP_OPT_X_TLS_DEMAND;
-    int client_context = 0;
-    bool ok = (keyring.empty() ||
-               ::ldap_set_option(ld, LDAP_OPT_X_TLS_CACERTFILE, keyring.c_str()) == LDAP_OPT_SUCCESS) &&
-              ::ldap_set_option(ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand) == LDAP_OPT_SUCCESS &&
-              (cert_label == nullptr ||
-               (::ldap_set_option(ld, LDAP_OPT_X_TLS_CERTFILE, cert_label) == LDAP_OPT_SUCCESS &&
-                ::ldap_set_option(ld, LDAP_OPT_X_TLS_KEYFILE, cert_label) == LDAP_OPT_SUCCESS)) &&
-              // A handle of its own TLS context makes the settings above take
-              // effect; building it also loads the files, so a missing or
-              // unreadable file fails here rather than at the bind.
-              ::ldap_set_option(ld, LDAP_OPT_X_TLS_NEWCTX, &client_context) == LDAP_OPT_SUCCESS;
-    if (!ok) {
+    if (!configure_tls(ld, keyring, cert_label)) {
         ::ldap_unbind_ext(ld, nullptr, nullptr);
         return nullptr;
     }

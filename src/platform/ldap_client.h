@@ -10,6 +10,8 @@
 //    -5 timeout -> 85, -7 filter error -> 87, -9 parameter error -> 89 ...),
 //    so no negative code reaches the library;
 //  * treats a zero time-out structure as "no limit" (OpenLDAP refuses {0,0});
+//  * hands back, with result 0, the entries of a search cut at its size
+//    limit: the library counts them to tell one match from several;
 //  * keeps ldap_init lazy: an unreachable server shows at the bind;
 //  * refuses a null connection handle with 89 (OpenLDAP would crash on it).
 //

@@ -228,7 +228,10 @@ CommandResult run_command(const std::vector<std::string> &argv, const std::strin
         dup2(err_pipe[1], 2);
         for (int fd : {in_pipe[0], in_pipe[1], out_pipe[0], out_pipe[1], err_pipe[0], err_pipe[1]}) close(fd);
         setenv("LDAPNOINIT", "1", 1);  // the tools must not read the machine's ldap.conf
-        for (const auto &[k, v] : env) setenv(k.c_str(), v.c_str(), 1);
+        for (const auto &[k, v] : env) {
+            if (v.empty()) unsetenv(k.c_str());  // an empty value removes the variable
+            else setenv(k.c_str(), v.c_str(), 1);
+        }
         execvp(args[0], args.data());
         _exit(127);
     }
@@ -335,6 +338,7 @@ void Directory::write_config() {
          << "pidfile " << dir_ << "/slapd.pid\n"
          << "argsfile " << dir_ << "/slapd.args\n"
          << "modulepath /usr/lib/ldap\nmoduleload back_mdb\n"
+         << "allow bind_v2\n"  // lets the protocol-2 fallback reach a real server
          << "TLSCACertificateFile " << ca.ca << "\n"
          << "TLSCertificateFile " << ca.cert << "\n"
          << "TLSCertificateKeyFile " << ca.key << "\n";

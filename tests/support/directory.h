@@ -51,6 +51,7 @@ struct CommandResult {
     std::string err;
 };
 // Runs a program (argv[0] searched in PATH) with optional standard input.
+// LDAPNOINIT is set unless env gives it an empty value (which unsets it).
 CommandResult run_command(const std::vector<std::string> &argv, const std::string &input = "",
                           const std::map<std::string, std::string> &env = {});
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "support/directory.h"
+#include "support/fault_injection.h"
 #include "zel_internal.h"
 
 namespace zeltest {

@@ -1,0 +1,120 @@
+// Modification lists, subtree deletion, the Novell membership edits and the
+// locale calls.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "support/session.h"
+
+using namespace zeltest;
+using fault::Fn;
+
+TEST(ModificationLists, EmptyValueListIsTerminatedAndNullListsAreIgnored) {
+    LDAPMod *mods[2] = {nullptr, nullptr};
+    ASSERT_EQ(bld_attribute(mods, 0, const_cast<char *>("cn"), 0, nullptr, LDAP_MOD_DELETE), 0u);
+    ASSERT_NE(mods[0], nullptr);
+    EXPECT_EQ(mods[0]->mod_op, LDAP_MOD_DELETE);
+    ASSERT_NE(mods[0]->mod_values, nullptr);
+    EXPECT_EQ(mods[0]->mod_values[0], nullptr);
+    std::free(mods[0]->mod_values);
+    std::free(mods[0]);
+    zel_mods_free(nullptr);
+
+    // A list whose parts were all allocated on their own frees completely
+    // (the sanitizer build checks nothing leaks), binary values included.
+    auto **list = static_cast<LDAPMod **>(std::calloc(3, sizeof(LDAPMod *)));
+    char *values[] = {strdup("a"), strdup("b")};
+    ASSERT_EQ(bld_attribute(list, 0, strdup("description"), 2, values, LDAP_MOD_ADD), 0u);
+    auto *bv = static_cast<struct berval *>(std::calloc(1, sizeof(struct berval)));
+    bv->bv_val = strdup("xyz");
+    bv->bv_len = 3;
+    char *binary[] = {reinterpret_cast<char *>(bv)};
+    ASSERT_EQ(bld_attribute(list, 1, strdup("secretKey"), 1, binary, LDAP_MOD_ADD | LDAP_MOD_BVALUES), 0u);
+    zel_mods_free(list);
+    std::free(bv);  // length-and-bytes holders stay with their builder
+}
+
+class Helpers : public DirectoryTest {
+protected:
+    Profile profile() const override {
+        Profile p;
+        p.seed_ldif =
+            "dn: ou=top,o=acme\nobjectClass: organizationalUnit\nou: top\n\n"
+            "dn: ou=left,ou=top,o=acme\nobjectClass: organizationalUnit\nou: left\n\n"
+            "dn: ou=right,ou=top,o=acme\nobjectClass: organizationalUnit\nou: right\n\n"
+            "dn: ou=leaf1,ou=left,ou=top,o=acme\nobjectClass: organizationalUnit\nou: leaf1\n\n"
+            "dn: ou=leaf2,ou=right,ou=top,o=acme\nobjectClass: organizationalUnit\nou: leaf2\n\n" +
+            person_ldif("o=acme", "Member", "member");
+        return p;
+    }
+    void SetUp() override {
+        DirectoryTest::SetUp();
+        s = open_session(*dir, 2);
+        ASSERT_TRUE(s);
+        fault::reset();
+    }
+    Session s;
+};
+
+TEST_F(Helpers, DeleteTreeRemovesChildrenFirst) {
+    EXPECT_EQ(delete_tree(s.get(), "ou=leaf1,ou=left,ou=top,o=acme"), 0u);
+    EXPECT_EQ(fault::count(Fn::Delete), 1) << "a leaf goes with one call";
+
+    fault::reset();
+    EXPECT_EQ(delete_tree(s.get(), "ou=top,o=acme"), 0u);
+    std::vector<std::string> order;
+    for (const auto &c : fault::calls(Fn::Delete))
+        if (c.result == LDAP_SUCCESS) order.push_back(c.dn);
+    ASSERT_EQ(order.size(), 4u);
+    EXPECT_EQ(order.back(), "ou=top,o=acme");
+    EXPECT_FALSE(dir->exists("ou=top,o=acme"));
+    EXPECT_TRUE(dir->exists("o=acme"));
+
+    EXPECT_EQ(delete_tree(s.get(), "ou=gone,o=acme"), ZEL_RC_NO_SUCH_OBJECT);
+    fault::fail_call(Fn::Delete, fault::count(Fn::Delete) + 1, 777);
+    EXPECT_EQ(delete_tree(s.get(), "cn=Member,o=acme"), 777u) << "unlisted results come back as they are";
+}
+
+TEST_F(Helpers, NovellMembershipEdits) {
+    const char *member = "cn=Member,o=acme";
+    EXPECT_EQ(internal_nds_member_add(s.get(), "cn=A,o=acme", member), 0u);
+    EXPECT_EQ(internal_nds_member_add(s.get(), "cn=B,o=acme", member), 0u);
+    EXPECT_EQ(internal_nds_member_add(s.get(), "cn=B,o=acme", member), static_cast<ZelRC>(LDAP_TYPE_OR_VALUE_EXISTS))
+        << "raw LDAP results, not statuses";
+    Entry e = dir->entry(member);
+    EXPECT_EQ(e.values("securityEquals").size(), 2u);
+    EXPECT_EQ(e.values("groupMembership").size(), 2u);
+
+    // Removal for A drops B as well: the whole attributes go.
+    EXPECT_EQ(internal_nds_member_rem(s.get(), "cn=A,o=acme", member), 0u);
+    e = dir->entry(member);
+    EXPECT_FALSE(e.has("securityEquals"));
+    EXPECT_FALSE(e.has("groupMembership"));
+    auto mods = fault::calls(Fn::ModifyS).back().mods;
+    ASSERT_EQ(mods.size(), 2u);
+    EXPECT_EQ(mods[0].op, LDAP_MOD_DELETE);
+    EXPECT_TRUE(mods[0].values.empty());
+
+    for (long n = 1; n < 10; ++n) {
+        fault::reset();
+        fault::fail_allocation(n);
+        ZelRC rc = internal_nds_member_add(s.get(), "cn=A,o=acme", member);
+        bool fired = fault::allocation_failed();
+        fault::fail_allocation(0);
+        if (!fired) break;
+        EXPECT_EQ(rc, ZEL_RC_NO_MEMORY);
+        EXPECT_EQ(fault::count(Fn::ModifyS), 0) << "no modify after a failed allocation";
+    }
+}
+
+TEST(Locale, RoundTripAndRelease) {
+    Zel_memfree(nullptr);
+    char *before = Zel_get_locale();  // null until someone sets one
+    Zel_memfree(before);
+    EXPECT_EQ(Zel_set_locale("de_DE.UTF-8"), 0);
+    char *now = Zel_get_locale();
+    ASSERT_NE(now, nullptr);
+    EXPECT_STREQ(now, "de_DE.UTF-8");
+    Zel_memfree(now);
+    EXPECT_NE(Zel_set_locale(nullptr), 0);
+}

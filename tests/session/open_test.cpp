@@ -1,0 +1,251 @@
+// Opening and closing sessions against a real directory.
+#include <gtest/gtest.h>
+
+#include "support/env.h"
+#include "support/session.h"
+
+using namespace zeltest;
+using fault::Fn;
+
+namespace {
+
+class Open : public DirectoryTest {
+protected:
+    ZelRC open_plain(ZelSession **s, const char *user, const char *password, uint32_t version = 1,
+                     LDAP *ld = nullptr) {
+        return Zel_open(ld, user, password, Directory::host(), dir->port(), ZEL_OPEN_NONSSL, nullptr, nullptr,
+                        nullptr, s, version);
+    }
+    std::string admin() const { return dir->admin_dn(); }
+};
+
+LDAP *bound_connection(const Directory &dir) {
+    LDAP *ld = nullptr;
+    EXPECT_EQ(ldap_initialize(&ld, dir.uri().c_str()), LDAP_SUCCESS);
+    int v3 = LDAP_VERSION3;
+    ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &v3);
+    EXPECT_EQ(ldap_simple_bind_s(ld, dir.admin_dn().c_str(), Directory::admin_password()), LDAP_SUCCESS);
+    return ld;
+}
+
+bool connection_works(LDAP *ld) {
+    LDAPMessage *res = nullptr;
+    int rc = ldap_search_ext_s(ld, "", LDAP_SCOPE_BASE, "(objectClass=*)", nullptr, 0, nullptr, nullptr, nullptr,
+                               0, &res);
+    ldap_msgfree(res);
+    return rc == LDAP_SUCCESS;
+}
+
+}  // namespace
+
+TEST(OpenArguments, VersionIsCheckedFirstThenCredentialsThenDomain) {
+    fault::reset();
+    ZelSession *s = reinterpret_cast<ZelSession *>(0x1);
+    EXPECT_EQ(Zel_open(nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr, nullptr, nullptr, &s, 3),
+              ZEL_RC_UNSUPPORTED_VERSION);
+    EXPECT_EQ(Zel_open(nullptr, "cn=a", "", nullptr, 0, 0, nullptr, nullptr, nullptr, &s, 2), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(Zel_open(nullptr, nullptr, "pw", nullptr, 0, 0, nullptr, nullptr, nullptr, &s, 0), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(Zel_open_ext(nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr, nullptr, nullptr, &s, 7, nullptr, 0),
+              ZEL_RC_UNSUPPORTED_VERSION);
+    ZelBindCredentials wrong_kind{2, 0, 0, nullptr};
+    EXPECT_EQ(Zel_open_ext(nullptr, nullptr, nullptr, nullptr, 0, ZEL_OPEN_GSSAPI, nullptr, nullptr, nullptr, &s, 1,
+                           &wrong_kind, 0),
+              ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(Zel_open_sec_domain(nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr, nullptr, nullptr, "", &s, 5),
+              ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(Zel_open_sec_domain(nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr, nullptr, nullptr, "D", &s, 5),
+              ZEL_RC_UNSUPPORTED_VERSION);
+    EXPECT_EQ(fault::calls().size(), 0u) << "argument checks must not reach the directory";
+}
+
+TEST_F(Open, SucceedsAndCloseUnbindsTheConnectionItMade) {
+    ZelSession *s = nullptr;
+    ASSERT_EQ(open_plain(&s, admin().c_str(), Directory::admin_password(), 1), 0u);
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(s->version, 1u);
+    EXPECT_EQ(s->owns_connection, 1);
+    EXPECT_EQ(s->dir_kind, ZEL_DIR_GENERIC);
+    EXPECT_EQ(s->domain_dn, nullptr) << "version 1 opens without a security domain";
+    EXPECT_EQ(s->database_dn, nullptr);
+    EXPECT_EQ(Zel_close(s, 0), 0u);
+    EXPECT_EQ(fault::count(Fn::Unbind), 1);
+}
+
+TEST_F(Open, BindOutcomes) {
+    ZelSession *s = nullptr;
+    EXPECT_EQ(open_plain(&s, admin().c_str(), "wrong"), ZEL_RC_AUTHENTICATION_FAILED);
+    EXPECT_EQ(s, nullptr);
+
+    // A name without "=" is looked up after an anonymous bind; discovery has
+    // not run yet, so the lookup finds nothing.
+    fault::reset();
+    EXPECT_EQ(open_plain(&s, "jo", "pw"), ZEL_RC_ENTRY_NOT_FOUND);
+    auto binds = fault::calls(Fn::SimpleBind);
+    ASSERT_EQ(binds.size(), 1u);
+    EXPECT_EQ(binds[0].dn, "");
+    EXPECT_FALSE(binds[0].has_credentials);
+    EXPECT_EQ(fault::count(Fn::Search), 0) << "no suffix is known while binding";
+
+    // A refused anonymous bind maps with its own default.
+    fault::reset();
+    fault::fail_call(Fn::SimpleBind, 1, LDAP_INAPPROPRIATE_AUTH);
+    EXPECT_EQ(open_plain(&s, "jo", "pw"), ZEL_RC_NOT_AUTHORIZED);
+    fault::reset();
+    fault::fail_call(Fn::SimpleBind, 1, 777);
+    EXPECT_EQ(open_plain(&s, "jo", "pw"), ZEL_RC_ENTRY_NOT_FOUND);
+    fault::reset();
+    fault::fail_call(Fn::SimpleBind, 1, 777);
+    EXPECT_EQ(open_plain(&s, admin().c_str(), "pw"), ZEL_RC_AUTHENTICATION_FAILED);
+}
+
+TEST_F(Open, ProtocolErrorRebindsOnceWithVersionTwo) {
+    ZelSession *s = nullptr;
+    fault::fail_call(Fn::SimpleBind, 1, LDAP_PROTOCOL_ERROR);
+    ASSERT_EQ(open_plain(&s, admin().c_str(), Directory::admin_password()), 0u);
+    int version = 0;
+    ldap_get_option(s->ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    EXPECT_EQ(version, LDAP_VERSION2);
+    EXPECT_EQ(fault::count(Fn::SimpleBind), 2);
+    Zel_close(s, 1);
+
+    fault::reset();
+    fault::fail_call(Fn::SimpleBind, 1, LDAP_PROTOCOL_ERROR);
+    fault::fail_call(Fn::SimpleBind, 2, LDAP_PROTOCOL_ERROR);
+    EXPECT_EQ(open_plain(&s, admin().c_str(), Directory::admin_password()), ZEL_RC_PROTOCOL_ERROR)
+        << "the second answer is final";
+}
+
+TEST_F(Open, GssapiBindSendsTheCredentialsGiven) {
+    ZelSession *s = nullptr;
+    EXPECT_NE(Zel_open_ext(nullptr, nullptr, nullptr, Directory::host(), dir->port(),
+                           ZEL_OPEN_NONSSL | ZEL_OPEN_GSSAPI, nullptr, nullptr, nullptr, &s, 1, nullptr, 0),
+              0u);
+    auto sasl = fault::calls(Fn::SaslBind);
+    ASSERT_EQ(sasl.size(), 1u);
+    EXPECT_EQ(sasl[0].mechanism, "GSSAPI");
+    EXPECT_FALSE(sasl[0].has_credentials);
+    EXPECT_EQ(fault::count(Fn::SimpleBind), 0);
+
+    fault::reset();
+    fault::fail_call(Fn::SaslBind, 1, LDAP_SUCCESS);  // stands in for a KDC-backed server
+    const char token[] = "token";
+    ZelBindCredentials creds{1, 0, 5, token};
+    ASSERT_EQ(Zel_open_ext(nullptr, nullptr, nullptr, Directory::host(), dir->port(),
+                           ZEL_OPEN_NONSSL | ZEL_OPEN_GSSAPI, nullptr, nullptr, nullptr, &s, 1, &creds, 0),
+              0u);
+    EXPECT_TRUE(fault::calls(Fn::SaslBind)[0].has_credentials);
+    Zel_close(s, 1);
+}
+
+TEST_F(Open, CallersConnectionIsUsedAsBoundAndSurvivesFailureAndClose) {
+    LDAP *ld = bound_connection(*dir);
+    fault::reset();
+    ZelSession *s = nullptr;
+    ASSERT_EQ(Zel_open(ld, nullptr, nullptr, nullptr, 0, 0, nullptr, nullptr, nullptr, &s, 1), 0u);
+    EXPECT_EQ(fault::count(Fn::SimpleBind), 0) << "no user: no bind";
+    EXPECT_EQ(s->owns_connection, 0);
+    Zel_close(s, 0);
+    EXPECT_EQ(fault::count(Fn::Unbind), 0);
+    EXPECT_TRUE(connection_works(ld));
+
+    // A user binds on the caller's connection; a later failure leaves it bound.
+    ZelRC rc = Zel_open_sec_domain(ld, dir->admin_dn().c_str(), Directory::admin_password(), nullptr, 0, 0,
+                                   nullptr, nullptr, nullptr, "NoSuchDomain", &s, 2);
+    EXPECT_EQ(rc, ZEL_RC_SECURITY_DOMAIN_NOT_FOUND);
+    EXPECT_EQ(s, nullptr);
+    EXPECT_EQ(fault::count(Fn::Unbind), 0);
+    EXPECT_TRUE(connection_works(ld));
+    ldap_unbind_ext(ld, nullptr, nullptr);
+}
+
+TEST_F(Open, DomainSessionFindsTheDatabaseOnlyWhenThereIsOne) {
+    ZelSession *s = nullptr;
+    ASSERT_EQ(try_open(*dir, 2, &s), 0u);
+    EXPECT_EQ(s->database_dn, nullptr) << "a directory without a database still opens";
+    EXPECT_STREQ(s->domain_name, "Default");
+    EXPECT_STREQ(s->domain_dn, dir->domain_dn().c_str());
+    EXPECT_EQ(s->domain_version, 5);
+    Zel_close(s, 1);
+
+    dir->add(database_ldif(dir->suffix()));
+    ASSERT_EQ(try_open(*dir, 2, &s), 0u);
+    ASSERT_NE(s->database_dn, nullptr);
+    EXPECT_STREQ(s->database_dn, ("systemName=ORVZEL," + dir->suffix()).c_str());
+    Zel_close(s, 1);
+}
+
+TEST_F(Open, LocatedServerAndUnreachableServers) {
+    ZelSession *s = nullptr;
+    std::string admin_dn = admin();
+    {
+        ScopedEnv plain("ZEL_NONSSL", "");
+        dir->make_default_server();
+        ASSERT_EQ(Zel_open(nullptr, admin_dn.c_str(), Directory::admin_password(), nullptr, 0, 0, nullptr, nullptr,
+                           nullptr, &s, 1),
+                  0u);
+        Zel_close(s, 1);
+        // The configured server is plain LDAP: asking for SSL finds none.
+        EXPECT_EQ(Zel_open(nullptr, admin_dn.c_str(), "pw", nullptr, 0, ZEL_OPEN_SSL, nullptr, nullptr, nullptr,
+                           &s, 1),
+                  ZEL_RC_CONNECT_FAILED);
+    }
+    // Nothing listens on the port: the lazy connection fails at the bind.
+    fault::reset();
+    EXPECT_EQ(Zel_open(nullptr, admin_dn.c_str(), "pw", Directory::host(), 1, ZEL_OPEN_NONSSL, nullptr, nullptr,
+                       nullptr, &s, 1),
+              ZEL_RC_DIRECTORY_ERROR);
+    fault::reset();
+    fault::fail_call(Fn::Initialize, 1, LDAP_PARAM_ERROR);
+    EXPECT_EQ(Zel_open(nullptr, admin_dn.c_str(), "pw", Directory::host(), 1, ZEL_OPEN_NONSSL, nullptr, nullptr,
+                       nullptr, &s, 1),
+              ZEL_RC_CONNECT_FAILED);
+}
+
+TEST_F(Open, SslChoiceFollowsFlagsOverTheEnvironmentAndDefaultPorts) {
+    ZelSession *s = nullptr;
+    std::string admin_dn = admin();
+    ScopedEnv plain("ZEL_NONSSL", "1");
+    auto uri_for = [&](int32_t flags) {
+        fault::reset();
+        Zel_open(nullptr, admin_dn.c_str(), "pw", "127.0.0.1", 0, flags, Directory::ca_file().c_str(), nullptr,
+                 nullptr, &s, 1);
+        auto inits = fault::calls(Fn::Initialize);
+        return inits.empty() ? std::string() : inits[0].dn;
+    };
+    EXPECT_EQ(uri_for(0), "ldap://127.0.0.1:389");
+    EXPECT_EQ(uri_for(ZEL_OPEN_SSL), "ldaps://127.0.0.1:636");
+    EXPECT_EQ(uri_for(ZEL_OPEN_SSL | ZEL_OPEN_NONSSL), "ldap://127.0.0.1:389");
+}
+
+TEST_F(Open, LdapsWithTheTestCaTwiceInOneProcess) {
+    std::string admin_dn = admin();
+    for (int i = 0; i < 2; ++i) {
+        ZelSession *s = nullptr;
+        ZelRC rc = Zel_open(nullptr, admin_dn.c_str(), Directory::admin_password(), Directory::host(),
+                            dir->ldaps_port(), ZEL_OPEN_SSL, Directory::ca_file().c_str(), "unused", nullptr, &s, 1);
+        ASSERT_EQ(rc, 0u) << "SSL open #" << i + 1 << ": " << Zel_strerror(rc);
+        Zel_close(s, 1);
+    }
+}
+
+TEST_F(Open, EveryAllocationFailureGivesNoMemoryAndHandsNothingOut) {
+    dir->add(database_ldif(dir->suffix()));
+    std::string admin_dn = admin();
+    for (long n = 1;; ++n) {
+        ZelSession *s = reinterpret_cast<ZelSession *>(0x1);
+        fault::fail_allocation(n);
+        ZelRC rc = Zel_open_sec_domain(nullptr, admin_dn.c_str(), Directory::admin_password(), Directory::host(),
+                                       dir->port(), ZEL_OPEN_NONSSL, nullptr, nullptr, nullptr, "Default", &s, 2);
+        bool fired = fault::allocation_failed();
+        fault::fail_allocation(0);
+        if (!fired) {
+            ASSERT_EQ(rc, 0u);
+            EXPECT_GT(n, 5) << "open allocates more than this";
+            Zel_close(s, 1);
+            break;
+        }
+        EXPECT_EQ(rc, ZEL_RC_NO_MEMORY) << "allocation #" << n;
+        EXPECT_EQ(s, nullptr) << "allocation #" << n;
+        ASSERT_LT(n, 500);
+    }
+}

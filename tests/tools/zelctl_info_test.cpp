@@ -1,0 +1,76 @@
+// zelctl as an administrator runs it: a separate process against a directory.
+#include <gtest/gtest.h>
+
+#include "support/session.h"
+
+using namespace zeltest;
+
+namespace {
+
+class ZelctlInfo : public DirectoryTest {
+protected:
+    Profile profile() const override {
+        Profile p;
+        p.kind = Kind::OrvTessan;
+        p.suffixes = {"o=acme", "o=beta"};
+        p.domain_version = 6;
+        p.seed_ldif = database_ldif("o=acme");
+        return p;
+    }
+    CommandResult zelctl(std::vector<std::string> args, std::map<std::string, std::string> env = {}) {
+        std::vector<std::string> argv{ZELCTL_PATH};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return run_command(argv, "", env);
+    }
+    std::vector<std::string> bind() const { return {"-D", dir->admin_dn(), "-w", Directory::admin_password()}; }
+};
+
+}  // namespace
+
+TEST_F(ZelctlInfo, PrintsWhatOpenLearnt) {
+    auto args = bind();
+    args.insert(args.begin(), {"-H", dir->uri()});
+    args.push_back("info");
+    CommandResult r = zelctl(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("vendor:            orv\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("host:              tessan\n"), std::string::npos);
+    EXPECT_NE(r.out.find("suffixes:          o=acme o=beta\n"), std::string::npos);
+    EXPECT_NE(r.out.find("security domain:   Default (secAuthority=Default,o=acme), version 6\n"), std::string::npos);
+    EXPECT_NE(r.out.find("Zel database:      systemName=ORVZEL,o=acme\n"), std::string::npos);
+    EXPECT_EQ(r.out.find(Directory::admin_password()), std::string::npos);
+
+    args.insert(args.begin(), "--json");
+    r = zelctl(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "{\"vendor\":\"orv\",\"host\":\"tessan\",\"suffixes\":[\"o=acme\",\"o=beta\"],"
+                     "\"securityDomain\":\"Default\",\"securityDomainDN\":\"secAuthority=Default,o=acme\","
+                     "\"securityDomainVersion\":6,\"database\":\"systemName=ORVZEL,o=acme\"}\n");
+}
+
+TEST_F(ZelctlInfo, LocatedServerAndClearErrors) {
+    auto args = bind();
+    args.push_back("info");
+    // No -H: the configured default server, plain because ZEL_NONSSL says so.
+    CommandResult r = zelctl(args, {{"LDAPNOINIT", ""}, {"LDAPURI", dir->uri()}, {"ZEL_NONSSL", "1"}});
+    EXPECT_EQ(r.status, 0) << r.err;
+    // The configured server is plain; an SSL one is wanted: none is located.
+    r = zelctl(args, {{"LDAPNOINIT", ""}, {"LDAPURI", dir->uri()}});
+    EXPECT_NE(r.status, 0);
+    EXPECT_NE(r.err.find("(status 1001)"), std::string::npos) << r.err;
+
+    args.insert(args.begin(), {"-H", "ldap://127.0.0.1:1"});
+    r = zelctl(args);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "zelctl: cannot open a session on ldap://127.0.0.1:1: " +
+                         std::string(Zel_strerror(ZEL_RC_DIRECTORY_ERROR)) + " (status 2)\n");
+
+    r = zelctl({"-H", dir->uri(), "-D", dir->admin_dn(), "-w", "wrong", "info"});
+    EXPECT_NE(r.err.find("(status 4)"), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find("wrong"), std::string::npos) << "a password was printed";
+
+    r = zelctl({"-H", dir->uri(), "info"});
+    EXPECT_EQ(r.status, 2) << "no credentials is a usage error";
+    r = zelctl({"frobnicate"});
+    EXPECT_EQ(r.status, 2);
+}
