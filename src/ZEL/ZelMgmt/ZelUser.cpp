@@ -1,0 +1,287 @@
+// Zel user profiles: creation and update in both storage forms.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ZelUserAccess.h"
+#include "zel_internal.h"
+
+namespace {
+
+constexpr int32_t kCreate = 1;
+constexpr int32_t kUpdate = 2;
+
+constexpr const char *kLoginType = "Default:LDAP";
+
+// "principalName=<name>,cn=Users,<security domain DN>".
+ZelRC domain_user_dn(const ZelSession *s, const char *name, std::string &out) {
+    if (s->domain_dn == nullptr) return ZEL_RC_INVALID_ARGUMENT;
+    out = std::string("principalName=") + name + ",cn=Users," + s->domain_dn;
+    return out.size() < zel::kDnSize ? 0 : ZEL_RC_INVALID_ARGUMENT;
+}
+
+// "cn=<name>,<person DN>": the first-generation profile lies below the person.
+ZelRC person_profile_dn(const char *name, const char *person_dn, std::string &out) {
+    out = std::string("cn") + "=" + name + "," + person_dn;
+    return out.size() < zel::kDnSize ? 0 : ZEL_RC_INVALID_ARGUMENT;
+}
+
+// A first-generation profile must be named after its user.
+ZelRC check_profile_name(const char *user_dn, const char *name) {
+    size_t dn_len = std::strlen(user_dn), name_len = std::strlen(name);
+    zel::CText dn_copy = zel::zeroed_buffer(3 * dn_len + 1);
+    zel::CText name_copy = zel::zeroed_buffer(3 * name_len + 1);
+    if (!dn_copy || !name_copy) return ZEL_RC_NO_MEMORY;
+    std::memcpy(dn_copy.get(), user_dn, dn_len);
+    std::memcpy(name_copy.get(), name, name_len);
+    zel::Values parts(ldap_explode_dn(dn_copy.get(), 1));
+    if (!parts || !parts.get()[0]) return ZEL_RC_INVALID_ARGUMENT;
+    return zel::same_text(parts.get()[0], name_copy.get()) ? 0 : ZEL_RC_CONFLICT;
+}
+
+// Runs verify_ZEL_user and keeps the profile DN it names.
+ZelRC verify_into(ZelSession *s, const char *person_dn, int32_t mode, std::string &profile_dn) {
+    char *raw = nullptr;
+    ZelRC rc = verify_ZEL_user(s, person_dn, &raw, mode);
+    zel::CText found(raw);
+    if (rc == 1) {
+        if (!found) return ZEL_RC_USER_NOT_FOUND;
+        profile_dn = found.get();
+    }
+    return rc;
+}
+
+// Finds the profile an update applies to.  A version-2 session whose user
+// is known only to the Zel database gets a security domain profile created
+// instead (the mode becomes kCreate).
+ZelRC find_profile(ZelSession *s, const ZelUser *user, const char *person_dn, int32_t &mode,
+                   std::string &user_dn) {
+    const bool first_gen = s->version < 2;
+    if (s->database_dn != nullptr) {
+        ZelRC rc = verify_into(s, person_dn, 1, user_dn);
+        if (rc != 0 && rc != 1) return rc;
+        if (rc == 1) {
+            if (first_gen) return check_profile_name(user_dn.c_str(), user->userName);
+            std::string domain_profile;
+            ZelRC in_domain = verify_into(s, person_dn, 2, domain_profile);
+            if (in_domain == 0) mode = kCreate;  // a failing check leaves the update as it is
+            return domain_user_dn(s, user->userName, user_dn);
+        }
+        if (first_gen) return ZEL_RC_USER_NOT_FOUND;
+    }
+    ZelRC rc = verify_into(s, person_dn, 2, user_dn);
+    if (rc == 0) return ZEL_RC_USER_NOT_FOUND;
+    return rc == 1 ? 0 : rc;
+}
+
+bool writes_description(const ZelSession *s, const char *description) {
+    return description != nullptr && !(description[0] == '\0' && zel::omits_empty_description(s->dir_kind));
+}
+
+ZelRC fill_create_mods(ZelSession *s, const ZelUser *user, const char *person_dn, const char *state,
+                       const std::string &authority, const std::vector<zel::AccessValues> &access,
+                       zel::ModList &mods) {
+    ZelRC rc = 0;
+    if (s->version < 2) {
+        if (user->userType == nullptr) return ZEL_RC_INVALID_ARGUMENT;
+        if ((rc = mods.add(LDAP_MOD_ADD, "objectClass", {"top", "cimManagedElement", "eUser", "eZelUser"})) ||
+            (rc = mods.add(LDAP_MOD_ADD, "cn", {user->userName})) ||
+            (rc = mods.add(LDAP_MOD_ADD, "associatedName", {person_dn})) ||
+            (rc = mods.add(LDAP_MOD_ADD, "userType", {user->userType})) ||
+            (rc = mods.add(LDAP_MOD_ADD, "userState", {state})))
+            return rc;
+    } else {
+        if ((rc = mods.add(LDAP_MOD_ADD, "objectClass", {"top", "cimManagedElement", "eUser", "secUser"})) ||
+            (rc = mods.add(LDAP_MOD_ADD, "principalName", {user->userName})) ||
+            (rc = mods.add(LDAP_MOD_ADD, "secDN", {person_dn})) ||
+            (rc = mods.add(LDAP_MOD_ADD, "secAuthority", {authority.c_str()})) ||
+            (rc = mods.add(LDAP_MOD_ADD, "secLoginType", {kLoginType})) ||
+            (rc = mods.add(LDAP_MOD_ADD, "secAcctValid", {state})))
+            return rc;
+    }
+    if (writes_description(s, user->description) &&
+        (rc = mods.add(LDAP_MOD_ADD, "description", {user->description})))
+        return rc;
+    for (const zel::AccessValues &a : access) {
+        std::vector<const char *> values;
+        for (const std::string &v : a.values) values.push_back(v.c_str());
+        if ((rc = mods.add(LDAP_MOD_ADD, a.type, static_cast<int32_t>(values.size()),
+                           const_cast<char *const *>(values.data()))))
+            return rc;
+    }
+    return rc;
+}
+
+ZelRC fill_update_mods(ZelSession *s, const ZelUser *user, const char *state, zel::ModList &mods) {
+    ZelRC rc = mods.add(LDAP_MOD_REPLACE, s->version < 2 ? "userState" : "secAcctValid", {state});
+    if (rc != 0 || user->description == nullptr) return rc;
+    // Directories that refuse empty values lose the description instead.
+    if (!writes_description(s, user->description)) return mods.add(LDAP_MOD_DELETE, "description", {});
+    return mods.add(LDAP_MOD_REPLACE, "description", {user->description});
+}
+
+ZelRC add_profile(ZelSession *s, const std::string &user_dn, const std::string &authority, LDAPMod **mods) {
+    int lrc = plat::ldap_add_ext_s(s->ld, user_dn.c_str(), mods, nullptr, nullptr);
+    if (lrc == LDAP_SUCCESS) return 0;
+    ZelRC rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
+    if (rc != ZEL_RC_ALREADY_EXISTS) return rc;
+
+    // The profile exists already: claim it for this session's domain.
+    zel::ModList repoint(2);
+    if (!repoint.ok()) return ZEL_RC_NO_MEMORY;
+    if ((rc = repoint.add(LDAP_MOD_REPLACE, "secAuthority", {authority.c_str()})) != 0) return rc;
+    lrc = plat::ldap_modify_ext_s(s->ld, user_dn.c_str(), repoint.get(), nullptr, nullptr);
+    return lrc == LDAP_SUCCESS ? 0 : check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
+}
+
+// The container that will hold a version-2 user's target records.
+ZelRC add_credentials_container(ZelSession *s, const std::string &user_dn) {
+    std::string dn = "cn=ResCreds," + user_dn;
+    if (dn.size() >= zel::kDnSize) return ZEL_RC_INVALID_ARGUMENT;
+    zel::ModList mods(3);
+    if (!mods.ok()) return ZEL_RC_NO_MEMORY;
+    ZelRC rc = 0;
+    if ((rc = mods.add(LDAP_MOD_ADD, "objectClass", {"top", "container"})) ||
+        (rc = mods.add(LDAP_MOD_ADD, "cn", {"ResCreds"})))
+        return rc;
+    int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);
+    return lrc == LDAP_SUCCESS ? 0 : check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
+}
+
+void report(ZelSession *s, ZelRC rc, const char *failed, const char *succeeded) {
+    if (rc != 0) {
+        zel::trace_line(s, zel::kTraceProgress, failed);
+        zel::tracef(s, zel::kTraceProgress, "zelmgmt:Zel Mgmt error code: x%x\n", rc);
+    } else {
+        zel::trace_line(s, zel::kTraceProgress, succeeded);
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+int check_entry_exists(ZelSession *s, const char *dn) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "check_entry_exists", rc);
+    struct timeval tv = zel::no_time_limit();
+    LDAPMessage *raw = nullptr;
+    int lrc = plat::ldap_search_ext_s(s->ld, dn, LDAP_SCOPE_BASE, "(objectclass=*)", nullptr, 1, nullptr,
+                                      nullptr, &tv, 2, &raw);
+    zel::Message res(raw);
+    rc = static_cast<ZelRC>(lrc);
+    return lrc;
+}
+
+ZelRC form_UP_ePersonDN(ZelSession *s, const ZelUser *user, char **person_dn_out) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "form_UP_ePersonDN", rc);
+    if (person_dn_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+    *person_dn_out = nullptr;
+    if (user == nullptr || (user->personDN == nullptr && user->userName == nullptr))
+        return rc = ZEL_RC_INVALID_ARGUMENT;
+    zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
+    if (!dn) return rc = ZEL_RC_NO_MEMORY;
+    if (s->version < 2 && (rc = zel::ensure_database_dn(s)) != 0) return rc;
+    if (user->personDN != nullptr) {
+        if (!zel::copy_into(dn.get(), zel::kDnSize, user->personDN)) return rc = ZEL_RC_INVALID_ARGUMENT;
+    } else if ((rc = locate_ePerson(s, user->userName, s->suffixes, dn.get())) != 0) {
+        return rc;
+    }
+    *person_dn_out = dn.release();
+    return rc;
+}
+
+ZelRC create_update_ZelUser(ZelSession *s, const ZelUser *user, const char *person_dn, int32_t mode) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "create_update_ZelUser", rc);
+    if (mode != kCreate && mode != kUpdate) return rc = ZEL_RC_UNSUPPORTED_OPERATION;
+    if (user == nullptr || user->userName == nullptr || person_dn == nullptr)
+        return rc = ZEL_RC_INVALID_ARGUMENT;
+    const bool first_gen = s->version < 2;
+    if (first_gen && (rc = zel::ensure_database_dn(s)) != 0) return rc;
+
+    std::string user_dn;
+    if (mode == kCreate)
+        rc = first_gen ? person_profile_dn(user->userName, person_dn, user_dn)
+                       : domain_user_dn(s, user->userName, user_dn);
+    else
+        rc = find_profile(s, user, person_dn, mode, user_dn);
+    if (rc != 0) return rc;
+
+    std::vector<zel::AccessValues> access;
+    if (first_gen && (rc = zel::profile_access(s, user->userType, person_dn, user_dn.c_str(), access)) != 0)
+        return rc;
+
+    // The trailing ":" marks the entry as a Zel profile of this domain.
+    std::string authority = std::string(s->domain_name ? s->domain_name : "") + ":";
+    if (authority.size() >= zel::kShortValueSize) return rc = ZEL_RC_INVALID_ARGUMENT;
+    const char *state = user->enabled == 1 ? (first_gen ? "Active" : "TRUE") : (first_gen ? "Inactive" : "FALSE");
+
+    size_t slots = 7 + (user->description ? 1 : 0) + access.size();
+    if (mode == kCreate) {
+        {
+            zel::ModList mods(slots);
+            if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
+            if ((rc = fill_create_mods(s, user, person_dn, state, authority, access, mods)) != 0) return rc;
+            rc = add_profile(s, user_dn, authority, mods.get());
+        }
+        if (rc == 0 && !first_gen) rc = add_credentials_container(s, user_dn);
+        return rc;
+    }
+
+    zel::ModList mods(slots);
+    if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
+    if ((rc = fill_update_mods(s, user, state, mods)) != 0) return rc;
+    int lrc = plat::ldap_modify_ext_s(s->ld, user_dn.c_str(), mods.get(), nullptr, nullptr);
+    if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
+    return rc;
+}
+
+ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u) {
+    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    return zel::guarded([&]() -> ZelRC {
+        ZelRC rc = 0;
+        zel::RoutineTrace trace(s, "Zel_addZelUser", rc);
+        if (u == nullptr || u->userType == nullptr || !zel::known_user_type(u->userType) ||
+            u->userName == nullptr)
+            return rc = ZEL_RC_INVALID_ARGUMENT;
+
+        char *raw = nullptr;
+        if ((rc = form_UP_ePersonDN(s, u, &raw)) != 0) return rc;
+        zel::CText person_dn(raw);
+        if ((rc = add_ZelUser_to_group(s, person_dn.get(), u->userType)) != 0) return rc;
+
+        rc = create_update_ZelUser(s, u, person_dn.get(), kCreate);
+        if (rc != 0 && s->version < 2) {
+            // No profile, no membership: take back what was just granted.
+            zel::CText user_dn = zel::zeroed_buffer(zel::kDnSize);
+            if (!user_dn)
+                rc = ZEL_RC_NO_MEMORY;
+            else if (zel::format_into(user_dn.get(), zel::kDnSize, "cn=%s,%s", u->userName, person_dn.get()))
+                (void)remove_ZelUser_from_group(s, user_dn.get(), u->userType);
+        }
+        report(s, rc, "zelmgmt:Were unable to add Zel User Profile.",
+               "zelmgmt:Were able add Zel User Profile successfully!");
+        return rc;
+    });
+}
+
+ZelRC Zel_updateZelUser(ZelSession *s, const ZelUser *u) {
+    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    return zel::guarded([&]() -> ZelRC {
+        ZelRC rc = 0;
+        zel::RoutineTrace trace(s, "Zel_updateZelUser", rc);
+        if (u == nullptr || u->userName == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+
+        char *raw = nullptr;
+        if ((rc = form_UP_ePersonDN(s, u, &raw)) != 0) return rc;
+        zel::CText person_dn(raw);
+        rc = create_update_ZelUser(s, u, person_dn.get(), kUpdate);
+        report(s, rc, "zelmgmt:Were unable to update Zel User Profile.",
+               "zelmgmt:Were able update Zel User Profile successfully!");
+        return rc;
+    });
+}
+
+}  // extern "C"

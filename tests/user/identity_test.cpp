@@ -1,0 +1,130 @@
+// Whether a person is a Zel user, and which person a Kerberos principal names.
+#include <cstdlib>
+#include <cstring>
+
+#include "user/user_fixture.h"
+
+using namespace usertest;
+
+namespace {
+
+// Realm ACME.COM keeps its principals anywhere under o=acme; EMPTY.ORG names
+// no principal subtree.  Ann carries her own principal, jo@ACME.COM is an
+// alias entry for Jo, and Max is known by a mapped identity only.
+const std::string kKerberos =
+    "dn: krbRealmName=ACME.COM,o=acme\nchangetype: add\nobjectClass: krbRealm\nkrbRealmName: ACME.COM\nprincSubtree: o=acme\n\n"
+    "dn: krbRealmName=EMPTY.ORG,o=acme\nchangetype: add\nobjectClass: krbRealm\nkrbRealmName: EMPTY.ORG\n\n"
+    "dn: " + kAnn + "\nchangetype: modify\nadd: objectClass\nobjectClass: eKrbPrincipal\n"
+    "-\nadd: krbPrincipalName\nkrbPrincipalName: ann@ACME.COM\n\n"
+    "dn: cn=jo-alias,o=acme\nchangetype: add\nobjectClass: container\nobjectClass: eKrbPrincipal\ncn: jo-alias\n"
+    "krbPrincipalName: jo@ACME.COM\nkrbAliasedObjectName: " + kJo + "\n\n"
+    "dn: " + kMax + "\nchangetype: modify\nadd: altSecurityIdentities\naltSecurityIdentities: Kerberos:max@OTHER.NET\n";
+
+struct Verified {
+    ZelRC rc;
+    std::string dn;
+};
+
+Verified verify_user(ZelSession *s, const std::string &person, int32_t mode) {
+    char *dn = nullptr;
+    ZelRC rc = verify_ZEL_user(s, person.c_str(), &dn, mode);
+    Verified v{rc, dn ? dn : ""};
+    std::free(dn);
+    return v;
+}
+
+class Identity : public UserTest {
+protected:
+    ZelRC principal(const char *name) {
+        std::memset(dn, 'x', sizeof dn);
+        return locate_krb_ePerson(s.get(), name, s->suffixes, dn);
+    }
+    std::string realm_filter() {
+        for (const fault::Call &c : fault::calls(Fn::Search))
+            if (c.filter.find("krbRealm") != std::string::npos) return c.filter;
+        return "";
+    }
+    char dn[1000];
+};
+
+}  // namespace
+
+TEST_F(Identity, ProfileStateDecidesBetweenUserAndInactive) {
+    open(1);
+    ZelUser jo = user_record("jo", "User", kJo, nullptr, 0);
+    ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
+    fault::reset();
+
+    Verified v = verify_user(s.get(), kJo, 0);
+    EXPECT_EQ(v.rc, ZEL_RC_ACCOUNT_INVALID);
+    EXPECT_EQ(v.dn, "cn=jo," + kJo) << "an inactive profile is still named";
+    auto searches = fault::calls(Fn::Search);
+    ASSERT_EQ(searches.size(), 1u);
+    EXPECT_EQ(searches[0].dn, kJo);
+    EXPECT_EQ(searches[0].scope, LDAP_SCOPE_ONELEVEL);
+    EXPECT_EQ(searches[0].filter, "(associatedName=" + kJo + ")");
+    EXPECT_EQ(searches[0].attrs, (std::vector<std::string>{"objectClass", "userState"}));
+    EXPECT_EQ(searches[0].sizelimit, 2);
+
+    EXPECT_EQ(verify_user(s.get(), kAnn, 0).rc, 0u);
+    EXPECT_EQ(verify_user(s.get(), "cn=Nobody,o=acme", 0).rc, 0u) << "a missing person is no user";
+    fault::reset();
+    fault::fail_call(Fn::Search, 1, LDAP_SERVER_DOWN);
+    EXPECT_EQ(verify_user(s.get(), kAnn, 0).rc, ZEL_RC_DIRECTORY_ERROR);
+}
+
+TEST_F(Identity, SecurityDomainFirstThenTheZelDatabaseOnlyInMode0) {
+    open(1);
+    ZelUser jo = user_record("jo", "User", kJo);
+    ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
+    open(2);
+
+    Verified v = verify_user(s.get(), kJo, 2);
+    EXPECT_EQ(v.rc, 0u);
+    auto searches = fault::calls(Fn::Search);
+    ASSERT_EQ(searches.size(), 1u) << "mode 2 makes no fallback search";
+    EXPECT_EQ(searches[0].dn, dir->domain_dn());
+    EXPECT_EQ(searches[0].scope, LDAP_SCOPE_SUBTREE);
+    EXPECT_EQ(searches[0].filter, "(&(objectClass=secUser)(secDN=" + kJo + ")(secAuthority=Default:))");
+
+    fault::reset();
+    v = verify_user(s.get(), kJo, 0);
+    EXPECT_EQ(v.rc, 1u);
+    EXPECT_EQ(v.dn, "cn=jo," + kJo);
+    EXPECT_EQ(fault::count(Fn::Search), 2);
+
+    // A domain profile whose account is not valid.
+    ZelUser off = user_record("ann", "User", kAnn, nullptr, 0);
+    ASSERT_EQ(Zel_addZelUser(s.get(), &off), 0u);
+    v = verify_user(s.get(), kAnn, 2);
+    EXPECT_EQ(v.rc, ZEL_RC_ACCOUNT_INVALID);
+    EXPECT_EQ(v.dn, "principalName=ann," + kDomainUsers);
+    EXPECT_EQ(verify_user(s.get(), kAnn, 1).rc, 0u) << "mode 1 asks the Zel database only";
+}
+
+TEST_F(Identity, PrincipalsResolveThroughRealmsAliasesAndMappedIdentities) {
+    dir->modify(kKerberos);
+    open(2);
+
+    EXPECT_EQ(principal("ann@ACME.COM"), 0u);
+    EXPECT_STREQ(dn, kAnn.c_str());
+    EXPECT_EQ(principal("jo@ACME.COM"), 0u);
+    EXPECT_STREQ(dn, kJo.c_str()) << "an alias stands for the entry it names";
+    EXPECT_EQ(principal("max@OTHER.NET"), 0u);
+    EXPECT_STREQ(dn, kMax.c_str()) << "no realm entry: mapped identity";
+
+    fault::reset();
+    EXPECT_EQ(principal("@@ann@@ACME.COM@rest"), ZEL_RC_EPERSON_NOT_FOUND)
+        << "the principal entry is looked up by the whole text given";
+    EXPECT_EQ(realm_filter(), "(&(objectClass=krbRealm)(krbRealmName=ACME.COM))");
+
+    fault::reset();
+    EXPECT_EQ(principal("nobody@EMPTY.ORG"), ZEL_RC_EPERSON_NOT_FOUND) << "realm without principal subtrees";
+    EXPECT_EQ(fault::count(Fn::Search), 1) << "nothing is searched beyond the realm";
+    EXPECT_EQ(principal("nobody@ACME.COM"), ZEL_RC_EPERSON_NOT_FOUND);
+    EXPECT_EQ(principal("nobody@NOWHERE.NET"), ZEL_RC_EPERSON_NOT_FOUND);
+    EXPECT_EQ(principal("@"), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(principal("@@"), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(principal(std::string(700, 'a').append("@ACME.COM").c_str()), ZEL_RC_INVALID_ARGUMENT)
+        << "a filter that would not fit is refused";
+}

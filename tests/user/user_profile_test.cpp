@@ -1,0 +1,231 @@
+// Zel user profiles in both storage forms: add, update, verify, remove.
+#include <cstdlib>
+
+#include "user/user_fixture.h"
+
+using namespace usertest;
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+// The DN Zel_verifyZelUser names, or "" for none; 1 and 0 are answers.
+std::pair<ZelRC, std::string> verify(ZelSession *s, const std::string &person) {
+    char *dn = nullptr;
+    ZelRC rc = Zel_verifyZelUser(s, person.c_str(), &dn);
+    std::string text = dn ? dn : "(not handed out)";
+    Zel_memfree(dn);
+    return {rc, text};
+}
+
+class DomainV6 : public UserTest {
+protected:
+    Profile profile() const override { return seeded(Kind::Generic, 6); }
+};
+
+}  // namespace
+
+TEST_F(UserTest, FirstGenerationProfilesAndGroupsFollowTheUserType) {
+    open(1);
+    ZelUser jo = user_record("jo", "User", kJo, "Jo's profile");
+    ZelUser ann = user_record("ann", "senior admin", "");  // person found by uid; type ignores case
+    ZelUser max = user_record("max", "Middle Tier Server", kMax, nullptr, 0);
+    ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
+    ASSERT_EQ(Zel_addZelUser(s.get(), &ann), 0u);
+    ASSERT_EQ(Zel_addZelUser(s.get(), &max), 0u);
+
+    Entry e = dir->entry("cn=jo," + kJo);
+    EXPECT_EQ(e.values("objectClass"), (Strings{"top", "cimManagedElement", "eUser", "eZelUser"}));
+    EXPECT_EQ(e.first("cn"), "jo");
+    EXPECT_EQ(e.first("associatedName"), kJo);
+    EXPECT_EQ(e.first("userType"), "User");
+    EXPECT_EQ(e.first("userState"), "Active");
+    EXPECT_EQ(e.first("description"), "Jo's profile");
+    EXPECT_EQ(dir->entry("cn=ann," + kAnn).first("associatedName"), kAnn);
+    EXPECT_EQ(dir->entry("cn=max," + kMax).first("userState"), "Inactive");
+
+    EXPECT_EQ(members("Users"), Strings{kJo});
+    EXPECT_EQ(members("Administrators"), Strings{kAnn});
+    EXPECT_EQ(members("Senior Administrators"), Strings{kAnn});
+    EXPECT_EQ(members("Middle Tier Servers"), Strings{kMax});
+    EXPECT_TRUE(members("Full Users").empty());
+
+    EXPECT_EQ(verify(s.get(), kJo), std::make_pair(1u, "cn=jo," + kJo));
+    EXPECT_EQ(verify(s.get(), kMax), std::make_pair(1u, "cn=max," + kMax)) << "a disabled profile counts";
+
+    // Updates change the state and the description only; the type is not checked.
+    ZelUser update = user_record("jo", "Boss", kJo, "", 0);
+    ASSERT_EQ(Zel_updateZelUser(s.get(), &update), 0u);
+    e = dir->entry("cn=jo," + kJo);
+    EXPECT_EQ(e.first("userState"), "Inactive");
+    EXPECT_FALSE(e.has("description")) << "an empty description is removed on this kind";
+    EXPECT_EQ(e.first("userType"), "User");
+    EXPECT_EQ(Zel_addZelUser(s.get(), &update), ZEL_RC_INVALID_ARGUMENT);
+
+    ASSERT_EQ(Zel_removeZelUser(s.get(), "jo"), 0u);
+    EXPECT_FALSE(dir->exists("cn=jo," + kJo));
+    EXPECT_TRUE(members("Users").empty());
+    ASSERT_EQ(Zel_removeZelUser(s.get(), ("cn=ann," + kAnn).c_str()), 0u);
+    EXPECT_TRUE(members("Administrators").empty());
+    EXPECT_TRUE(members("Senior Administrators").empty());
+    EXPECT_EQ(Zel_removeZelUser(s.get(), "ann"), ZEL_RC_USER_NOT_FOUND);
+    EXPECT_EQ(verify(s.get(), kJo), std::make_pair(0u, std::string()));
+}
+
+TEST_F(UserTest, XrUserJoinsNoGroupAndRepeatedMembershipIsNoError) {
+    open(1);
+    ZelUser xr = user_record("jo", "XR User", kJo);
+    ASSERT_EQ(Zel_addZelUser(s.get(), &xr), 0u);
+    EXPECT_EQ(fault::count(Fn::Modify), 0);
+    ASSERT_EQ(Zel_removeZelUser(s.get(), "jo"), 0u);
+    EXPECT_EQ(fault::count(Fn::Modify), 0);
+
+    // Already a member (20) on the way in, no longer one (16) on the way out.
+    EXPECT_EQ(add_ZelUser_to_group(s.get(), kAnn.c_str(), "User"), 0u);
+    EXPECT_EQ(add_ZelUser_to_group(s.get(), kAnn.c_str(), "User"), 0u);
+    EXPECT_EQ(members("Users"), Strings{kAnn});
+    std::string profile = "cn=ann," + kAnn;
+    EXPECT_EQ(remove_ZelUser_from_group(s.get(), profile.c_str(), "User"), 0u);
+    EXPECT_EQ(remove_ZelUser_from_group(s.get(), profile.c_str(), "User"), 0u);
+    EXPECT_TRUE(members("Users").empty());
+}
+
+TEST_F(UserTest, UpdateNeedsAProfileNamedAfterTheUser) {
+    open(1);
+    ZelUser jo = user_record("jo", "User", kJo);
+    EXPECT_EQ(Zel_updateZelUser(s.get(), &jo), ZEL_RC_USER_NOT_FOUND);
+    dir->add("dn: cn=other," + kJo + "\nobjectClass: eZelUser\ncn: other\nassociatedName: " + kJo +
+             "\nuserType: User\nuserState: Active\n");
+    EXPECT_EQ(Zel_updateZelUser(s.get(), &jo), ZEL_RC_CONFLICT);
+    EXPECT_EQ(dir->entry("cn=other," + kJo).first("userState"), "Active");
+}
+
+TEST_F(UserTest, FailedFirstGenerationCreationTakesBackTheMembership) {
+    open(1);
+    fault::fail_call(Fn::Add, 1, LDAP_INSUFFICIENT_ACCESS);
+    ZelUser jo = user_record("jo", "User", kJo);
+    EXPECT_EQ(Zel_addZelUser(s.get(), &jo), ZEL_RC_NOT_AUTHORIZED);
+    auto mods = fault::calls(Fn::Modify);
+    ASSERT_EQ(mods.size(), 2u);
+    EXPECT_EQ(mods[0].mods[0].op, LDAP_MOD_ADD);
+    EXPECT_EQ(mods[1].mods[0].op, LDAP_MOD_DELETE);
+    EXPECT_TRUE(members("Users").empty());
+}
+
+TEST_F(UserTest, SecurityDomainProfileLifecycle) {
+    open(2);
+    ZelUser jo = user_record("jo", "User", kJo, "Jo");
+    ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
+    EXPECT_EQ(fault::count(Fn::Modify), 0) << "security domain users join no access group";
+
+    const std::string dn = "principalName=jo," + kDomainUsers;
+    Entry e = dir->entry(dn);
+    EXPECT_EQ(e.values("objectClass"), (Strings{"top", "cimManagedElement", "eUser", "secUser"}));
+    EXPECT_EQ(e.first("principalName"), "jo");
+    EXPECT_EQ(e.first("secDN"), kJo);
+    EXPECT_EQ(e.first("secAuthority"), "Default:");
+    EXPECT_EQ(e.first("secLoginType"), "Default:LDAP");
+    EXPECT_EQ(e.first("secAcctValid"), "TRUE");
+    EXPECT_EQ(e.first("description"), "Jo");
+    EXPECT_EQ(dir->entry("cn=ResCreds," + dn).values("objectClass"), (Strings{"top", "container"}));
+
+    ZelUser off = user_record("jo", nullptr, kJo, nullptr, 0);
+    ASSERT_EQ(Zel_updateZelUser(s.get(), &off), 0u);
+    EXPECT_EQ(dir->entry(dn).first("secAcctValid"), "FALSE");
+    EXPECT_EQ(dir->entry(dn).first("description"), "Jo") << "a null description is left alone";
+    EXPECT_EQ(verify(s.get(), kJo), std::make_pair(1u, dn));
+
+    // Adding again claims the entry for this domain, then meets the existing container.
+    dir->modify("dn: " + dn + "\nchangetype: modify\nreplace: secAuthority\nsecAuthority: Elsewhere:\n");
+    EXPECT_EQ(Zel_addZelUser(s.get(), &jo), ZEL_RC_ALREADY_EXISTS);
+    EXPECT_EQ(dir->entry(dn).first("secAuthority"), "Default:");
+
+    ASSERT_EQ(Zel_removeZelUser(s.get(), "jo"), 0u);
+    EXPECT_FALSE(dir->exists(dn)) << "below domain version 6 the entry goes";
+    EXPECT_EQ(Zel_removeZelUser(s.get(), "jo"), ZEL_RC_USER_NOT_FOUND);
+}
+
+TEST_F(DomainV6, RemovalKeepsTheEntryButEndsTheProfile) {
+    open(2);
+    ZelUser jo = user_record("jo", "User", kJo);
+    ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
+    const std::string dn = "principalName=jo," + kDomainUsers;
+    ASSERT_EQ(Zel_removeZelUser(s.get(), dn.c_str()), 0u);
+    EXPECT_EQ(dir->entry(dn).first("secAuthority"), "Default");
+    EXPECT_FALSE(dir->exists("cn=ResCreds," + dn));
+    EXPECT_EQ(verify(s.get(), kJo).first, 0u);
+}
+
+TEST_F(UserTest, SecurityDomainSessionReachesFirstGenerationProfiles) {
+    {
+        open(1);
+        ZelUser jo = user_record("jo", "User", kJo);
+        ZelUser ann = user_record("ann", "User", kAnn);
+        ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
+        ASSERT_EQ(Zel_addZelUser(s.get(), &ann), 0u);
+    }
+    open(2);
+    ASSERT_NE(s->database_dn, nullptr);
+    EXPECT_EQ(verify(s.get(), kJo), std::make_pair(1u, "cn=jo," + kJo)) << "falls back to the Zel database";
+
+    // An update of a user the domain does not know yet creates the domain profile.
+    ZelUser jo = user_record("jo", "User", kJo, nullptr, 0);
+    ASSERT_EQ(Zel_updateZelUser(s.get(), &jo), 0u);
+    const std::string dn = "principalName=jo," + kDomainUsers;
+    EXPECT_EQ(dir->entry(dn).first("secAcctValid"), "FALSE");
+    EXPECT_TRUE(dir->exists("cn=ResCreds," + dn));
+
+    // Both forms go; the status is that of the group removal.
+    ASSERT_EQ(Zel_removeZelUser(s.get(), "jo"), 0u);
+    EXPECT_FALSE(dir->exists(dn));
+    EXPECT_FALSE(dir->exists("cn=jo," + kJo));
+    EXPECT_EQ(members("Users"), Strings{kAnn});
+}
+
+TEST(UserHandle, EveryEntryPointChecksTheHandleFirst) {
+    ZelUser u = user_record("jo", "User", kJo);
+    char *dn = nullptr;
+    alignas(ZelSession) unsigned char junk[sizeof(ZelSession)] = {'Z', 'E', 'X', 0};
+    for (ZelSession *bad : {static_cast<ZelSession *>(nullptr), reinterpret_cast<ZelSession *>(junk)}) {
+        EXPECT_EQ(Zel_addZelUser(bad, &u), ZEL_RC_INVALID_HANDLE);
+        EXPECT_EQ(Zel_updateZelUser(bad, &u), ZEL_RC_INVALID_HANDLE);
+        EXPECT_EQ(Zel_verifyZelUser(bad, kJo.c_str(), &dn), ZEL_RC_INVALID_HANDLE);
+        EXPECT_EQ(Zel_removeZelUser(bad, "jo"), ZEL_RC_INVALID_HANDLE);
+    }
+    EXPECT_EQ(dn, nullptr);
+}
+
+TEST_F(UserTest, TraceReportsOutcomesAndRoutines) {
+    open(1);
+    ZelUser jo = user_record("jo", "User", kJo);
+    s->debug_level = 10;
+    testing::internal::CaptureStdout();
+    fault::fail_call(Fn::Add, 1, LDAP_INSUFFICIENT_ACCESS);
+    EXPECT_EQ(Zel_addZelUser(s.get(), &jo), ZEL_RC_NOT_AUTHORIZED);
+    EXPECT_EQ(Zel_removeZelUser(s.get(), "jo"), ZEL_RC_USER_NOT_FOUND);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "zelmgmt:Suffix being searched: o=acme\n"  // the Zel database, located on first use
+              "zelmgmt:ldap_add_ext_s() failed.  RC=x32\n"
+              "zelmgmt:Were able to remove the user from Zel groups successfully!\n"
+              "zelmgmt:Were unable to add Zel User Profile.\n"
+              "zelmgmt:Zel Mgmt error code: x7\n"
+              "zelmgmt:Suffix being searched: o=acme\n"
+              "zelmgmt:Were unable to remove Zel User definition. RC: 19\n");
+
+    s->debug_level = 20;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out.rfind("zelmgmt:Zel_addZelUser:Entered...\n", 0), 0u) << out;
+    for (const char *line : {"zelmgmt:add_ZelUser_to_group:Exited...rc=0\n", "zelmgmt:form_UP_ePersonDN:Exited...rc=0\n",
+                             "zelmgmt:create_update_ZelUser:Exited...rc=0\n",
+                             "zelmgmt:Were able add Zel User Profile successfully!\n"})
+        EXPECT_NE(out.find(line), std::string::npos) << line;
+    const std::string last = "zelmgmt:Zel_addZelUser:Exited...rc=0\n";
+    EXPECT_EQ(out.substr(out.size() - last.size()), last);
+
+    s->debug_level = 10;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(Zel_verifyZelUser(s.get(), kJo.c_str(), nullptr), 1u);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "zelmgmt:User Profile DN: cn=jo," + kJo + "\n");
+}
