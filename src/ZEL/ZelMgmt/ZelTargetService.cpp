@@ -1,0 +1,324 @@
+// Target services and their types: the records handed to callers, reading
+// entries of both storage forms into them, and the two searches that the
+// maintenance calls share.
+//
+// First generation: eTargetService entries anywhere below the Zel database
+// entry, named by tsName.  Security domain form: secResource entries below
+// cn=Resources of the domain, named by secResourceID; such a session reads
+// first-generation entries as well when it knows the Zel database.
+#include <cstring>
+
+#include "zel_internal.h"
+
+namespace {
+
+bool first_generation(const ZelSession *s) { return s->version < 2; }
+
+// The only types a security domain knows.
+bool builtin_type(const char *type) {
+    return zel::same_text(type, "Web Resource") || zel::same_text(type, "Resource Group");
+}
+
+int entry_count(LDAP *ld, LDAPMessage *res) {
+    if (res == nullptr) return 0;
+    int n = ldap_count_entries(ld, res);
+    return n > 0 ? n : 0;
+}
+
+struct ServiceFree { void operator()(ZelTargetService *ts) const { Zel_freeTargetService(ts); } };
+struct ServiceListFree { void operator()(ZelTargetServiceList *l) const { Zel_freeTargetServices(l); } };
+using ServiceHolder = std::unique_ptr<ZelTargetService, ServiceFree>;
+using ServiceListHolder = std::unique_ptr<ZelTargetServiceList, ServiceListFree>;
+
+// Replaces a record field with a private copy; the earlier copy is released.
+ZelRC set_text(char *&field, const char *value) {
+    char *copy = strdup(value);
+    if (copy == nullptr) return ZEL_RC_NO_MEMORY;
+    std::free(field);
+    field = copy;
+    return 0;
+}
+
+const char *type_of_sec_type(const char *value) {
+    if (std::strcmp(value, "1") == 0) return "Web Resource";
+    if (std::strcmp(value, "2") == 0) return "Resource Group";
+    return "Unknown";
+}
+
+void free_identifiers(ZelTargetService *ts) {
+    if (ts->reqIdentifiers) {
+        for (int32_t i = 0; i < ts->reqIdentifierCount; ++i) {
+            ZelReqIdentifier *pair = ts->reqIdentifiers[i];
+            if (pair == nullptr) continue;
+            std::free(pair->name);
+            std::free(pair->value);
+            std::free(pair);
+        }
+        std::free(ts->reqIdentifiers);
+    }
+    ts->reqIdentifiers = nullptr;
+    ts->reqIdentifierCount = 0;
+}
+
+// A stored identifier is "name=value".  Runs of '=' separate the words: the
+// first word is the name, the second the value, anything after is dropped.
+ZelRC split_identifier(const char *stored, ZelReqIdentifier *pair) {
+    char **fields[] = {&pair->name, &pair->value};
+    const char *p = stored;
+    for (char **field : fields) {
+        while (*p == '=') ++p;
+        if (*p == '\0') break;
+        const char *end = std::strchr(p, '=');
+        size_t length = end ? static_cast<size_t>(end - p) : std::strlen(p);
+        if ((*field = strndup(p, length)) == nullptr) return ZEL_RC_NO_MEMORY;
+        p += length;
+    }
+    return 0;
+}
+
+ZelRC set_identifiers(ZelTargetService *ts, char **values) {
+    free_identifiers(ts);
+    int count = ldap_count_values(values);
+    if (count <= 0) return 0;
+    ts->reqIdentifiers = static_cast<ZelReqIdentifier **>(std::calloc(count, sizeof(ZelReqIdentifier *)));
+    if (ts->reqIdentifiers == nullptr) return ZEL_RC_NO_MEMORY;
+    ts->reqIdentifierCount = count;
+    for (int i = 0; i < count; ++i) {
+        ZelReqIdentifier *pair = static_cast<ZelReqIdentifier *>(std::calloc(1, sizeof(ZelReqIdentifier)));
+        if (pair == nullptr) return ZEL_RC_NO_MEMORY;
+        ts->reqIdentifiers[i] = pair;
+        if (ZelRC rc = split_identifier(values[i], pair)) return rc;
+    }
+    return 0;
+}
+
+// Runs one target service search; what the directory handed back goes to
+// *result.
+ZelRC search_services(ZelSession *s, const char *base, const char *filter, char **attrs,
+                      int size_limit, LDAPMessage **result) {
+    struct timeval tv = zel::no_time_limit();
+    int lrc = plat::ldap_search_ext_s(s->ld, base, LDAP_SCOPE_SUBTREE, filter, attrs, 0, nullptr,
+                                      nullptr, &tv, size_limit, result);
+    if (lrc == LDAP_SUCCESS) return 0;
+    // A missing Resources container (or database entry) holds no services.
+    if (lrc == LDAP_NO_SUCH_OBJECT) return ZEL_RC_TS_NOT_FOUND;
+    return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+}
+
+// Reads the entries of a search result into list slots from *next on.
+ZelRC fill_services(ZelSession *s, LDAPMessage *res, ZelTargetServiceList *list, int32_t &next) {
+    if (res == nullptr) return 0;
+    for (LDAPMessage *e = ldap_first_entry(s->ld, res); e && next < list->count;
+         e = ldap_next_entry(s->ld, e)) {
+        auto *ts = static_cast<ZelTargetService *>(std::calloc(1, sizeof(ZelTargetService)));
+        if (ts == nullptr) return ZEL_RC_NO_MEMORY;
+        list->services[next++] = ts;
+        if (ZelRC rc = dissect_TS(s, e, ts)) return rc;
+    }
+    return 0;
+}
+
+ZelRC get_all_target_services(ZelSession *s, ZelTargetServiceList **out) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_getAllTargetService", rc);
+    if (out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+    *out = nullptr;
+    ServiceListHolder list(static_cast<ZelTargetServiceList *>(std::calloc(1, sizeof(ZelTargetServiceList))));
+    if (!list) return rc = ZEL_RC_NO_MEMORY;
+
+    bool v1 = first_generation(s);
+    if (v1 && (rc = zel::ensure_database_dn(s)) != 0) return rc;
+
+    zel::Message first_gen, domain;
+    LDAPMessage *raw = nullptr;
+    if (s->database_dn) {
+        rc = locate_ZEL_TS(s, nullptr, nullptr, &raw, 1);
+        first_gen.reset(raw);
+        if (rc == ZEL_RC_TS_NOT_FOUND) rc = 0;
+        if (rc != 0) return rc;
+    }
+    if (!v1) {
+        raw = nullptr;
+        rc = locate_ZEL_TS(s, nullptr, nullptr, &raw, 2);
+        domain.reset(raw);
+        if (rc == ZEL_RC_TS_NOT_FOUND) rc = 0;
+        if (rc != 0) return rc;
+    }
+
+    int total = entry_count(s->ld, first_gen.get()) + entry_count(s->ld, domain.get());
+    if (total <= 0) return rc = ZEL_RC_TS_NOT_FOUND;
+    list->count = total;
+    list->services = static_cast<ZelTargetService **>(std::calloc(total, sizeof(ZelTargetService *)));
+    if (list->services == nullptr) return rc = ZEL_RC_NO_MEMORY;
+
+    int32_t next = 0;
+    if ((rc = fill_services(s, first_gen.get(), list.get(), next)) != 0) return rc;
+    if ((rc = fill_services(s, domain.get(), list.get(), next)) != 0) return rc;
+    list->count = next;
+
+    zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able get all Target Services successfully!");
+    *out = list.release();
+    return rc;
+}
+
+ZelRC get_target_service(ZelSession *s, const char *name, ZelTargetService **out) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_getTargetService", rc);
+    if (out) *out = nullptr;
+    if (name == nullptr || out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+    ServiceHolder ts(static_cast<ZelTargetService *>(std::calloc(1, sizeof(ZelTargetService))));
+    if (!ts) return rc = ZEL_RC_NO_MEMORY;
+
+    zel::Message res;
+    LDAPMessage *raw = nullptr;
+    if (first_generation(s)) {
+        if ((rc = zel::ensure_database_dn(s)) != 0) return rc;
+        rc = locate_ZEL_TS(s, name, nullptr, &raw, 1);
+        res.reset(raw);
+        if (rc != 0) return rc;
+    } else {
+        rc = locate_ZEL_TS(s, name, nullptr, &raw, 2);
+        res.reset(raw);
+        if (rc == ZEL_RC_TS_NOT_FOUND) rc = 0;
+        if (rc != 0) return rc;
+        // Not among the domain's resources: a first-generation entry of that
+        // name serves when the session knows the Zel database.
+        if (entry_count(s->ld, res.get()) == 0 && s->database_dn && res) {
+            res.reset();
+            raw = nullptr;
+            rc = locate_ZEL_TS(s, name, nullptr, &raw, 1);
+            res.reset(raw);
+            if (rc != 0) return rc;
+        }
+    }
+
+    // The search stops at two entries: more than one means the name is ambiguous.
+    if (entry_count(s->ld, res.get()) != 1) return rc = ZEL_RC_TS_NOT_FOUND;
+    if ((rc = dissect_TS(s, ldap_first_entry(s->ld, res.get()), ts.get())) != 0) return rc;
+    zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able retrieve Target Service successfully!");
+    *out = ts.release();
+    return rc;
+}
+
+}  // namespace
+
+extern "C" {
+
+ZelRC dissect_TS(ZelSession *s, LDAPMessage *entry, ZelTargetService *record) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "dissect_TS", rc);
+    if (entry == nullptr || record == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+    return rc = zel::walk_attributes(s->ld, entry, [record](const char *attr, char **strings,
+                                                            struct berval **) -> ZelRC {
+        // The binary values were there, so no string values means no memory.
+        if (strings == nullptr || strings[0] == nullptr) return ZEL_RC_NO_MEMORY;
+        if (zel::same_text(attr, "tsName") || zel::same_text(attr, "secResourceID") ||
+            zel::same_text(attr, "secResGroupID"))
+            return set_text(record->name, strings[0]);
+        if (zel::same_text(attr, "tsType")) return set_text(record->type, strings[0]);
+        if (zel::same_text(attr, "secType")) return set_text(record->type, type_of_sec_type(strings[0]));
+        if (zel::same_text(attr, "description")) return set_text(record->description, strings[0]);
+        if (zel::same_text(attr, "reqIdentifier")) return set_identifiers(record, strings);
+        return 0;
+    });
+}
+
+// Mode 1 searches first-generation entries, any other mode the security
+// domain's resources.  The name goes into the filter as it stands; with a
+// name the size limit of 2 tells one match from several.  Whatever the search
+// handed back is passed on in *result, also when it failed (the caller frees
+// it): a missing Resources container still yields its result message.
+ZelRC locate_ZEL_TS(ZelSession *s, const char *name, const char *type, LDAPMessage **result,
+                    int32_t mode) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "locate_ZEL_TS", rc);
+    if (result == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+    *result = nullptr;
+    bool v1 = mode == 1;
+    zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
+    zel::CText base = v1 ? nullptr : zel::zeroed_buffer(zel::kDnSize);
+    if (!filter || (!v1 && !base)) return rc = ZEL_RC_NO_MEMORY;
+
+    static char kServiceAttrs[][16] = {"tsName", "tsType", "description", "reqIdentifier"};
+    char *service_attrs[] = {kServiceAttrs[0], kServiceAttrs[1], kServiceAttrs[2], kServiceAttrs[3], nullptr};
+    char **attrs = nullptr;
+    int size_limit = name ? 2 : 0;
+    const char *search_base = nullptr;
+    bool fits = true;
+    if (v1) {
+        if (s->database_dn == nullptr) return rc = ZEL_RC_DATABASE_NOT_FOUND;
+        search_base = s->database_dn;
+        fits = zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eTargetService)(tsName=%s))",
+                                name ? name : "*");
+        if (name) attrs = service_attrs;
+    } else {
+        if (s->domain_dn == nullptr) return rc = ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
+        if (!zel::format_into(base.get(), zel::kDnSize, "cn=Resources,%s", s->domain_dn))
+            return rc = ZEL_RC_LIMIT_EXCEEDED;
+        search_base = base.get();
+        // An unknown type leaves the filter empty: the server decides what that finds.
+        const char *by_id = "(&(objectClass=secResource)(secResourceID=%s))";
+        if (name) {
+            if (type == nullptr || builtin_type(type))
+                fits = zel::format_into(filter.get(), zel::kFilterSize, by_id, name);
+        } else if (type == nullptr) {
+            std::strcpy(filter.get(), "(objectClass=secResource)");
+        } else if (builtin_type(type)) {
+            fits = zel::format_into(filter.get(), zel::kFilterSize, by_id, "*");
+        }
+    }
+    if (!fits) return rc = ZEL_RC_INVALID_ARGUMENT;
+    return rc = search_services(s, search_base, filter.get(), attrs, size_limit, result);
+}
+
+ZelRC locate_ZEL_TST(ZelSession *s, const char *type, LDAPMessage **result) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "locate_ZEL_TST", rc);
+    if (result == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+    *result = nullptr;
+    zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
+    if (!filter) return rc = ZEL_RC_NO_MEMORY;
+    if (s->database_dn == nullptr) return rc = ZEL_RC_DATABASE_NOT_FOUND;
+    if (!zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eTargetServiceType)(tsType=%s))",
+                          type ? type : "*"))
+        return rc = ZEL_RC_INVALID_ARGUMENT;
+
+    static char kTypeAttr[] = "reqIdentifierName";
+    char *type_attrs[] = {kTypeAttr, nullptr};
+    struct timeval tv = zel::no_time_limit();
+    int lrc = plat::ldap_search_ext_s(s->ld, s->database_dn, LDAP_SCOPE_SUBTREE, filter.get(),
+                                      type ? type_attrs : nullptr, 0, nullptr, nullptr, &tv,
+                                      type ? 2 : 0, result);
+    if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+    return rc;
+}
+
+ZEL_API ZelRC Zel_getAllTargetService(ZelSession *s, ZelTargetServiceList **out) {
+    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    return zel::guarded([&] { return get_all_target_services(s, out); });
+}
+
+ZEL_API ZelRC Zel_getTargetService(ZelSession *s, const char *name, ZelTargetService **out) {
+    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    return zel::guarded([&] { return get_target_service(s, name, out); });
+}
+
+ZEL_API void Zel_freeTargetService(ZelTargetService *ts) {
+    if (ts == nullptr) return;
+    std::free(ts->name);
+    std::free(ts->type);
+    std::free(ts->description);
+    free_identifiers(ts);
+    std::free(ts);
+}
+
+ZEL_API void Zel_freeTargetServices(ZelTargetServiceList *l) {
+    if (l == nullptr) return;
+    if (l->services) {
+        for (int32_t i = 0; i < l->count; ++i) Zel_freeTargetService(l->services[i]);
+        std::free(l->services);
+    }
+    std::free(l);
+}
+
+}  // extern "C"

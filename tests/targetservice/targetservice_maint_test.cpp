@@ -1,0 +1,285 @@
+// Adding and removing target services and their types in both storage forms.
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "targetservice/ts_fixtures.h"
+
+namespace {
+
+using namespace tstest;
+using zeltest::fault::Fn;
+namespace fault = zeltest::fault;
+using Values = std::vector<std::string>;
+
+// A caller's record with its identifier pairs.
+struct Record {
+    std::vector<ZelReqIdentifier> pairs;
+    std::vector<ZelReqIdentifier *> pointers;
+    ZelTargetService ts{};
+
+    Record(const char *name, const char *type, const char *description,
+           std::vector<std::pair<const char *, const char *>> ids = {}) {
+        for (auto &p : ids) pairs.push_back({const_cast<char *>(p.first), const_cast<char *>(p.second)});
+        for (auto &p : pairs) pointers.push_back(&p);
+        ts = {const_cast<char *>(name), const_cast<char *>(type), const_cast<char *>(description),
+              static_cast<int32_t>(pairs.size()), pointers.empty() ? nullptr : pointers.data()};
+    }
+};
+
+std::string traced(ZelSession *s, const std::function<void()> &fn) {
+    s->debug_level = 10;
+    testing::internal::CaptureStdout();
+    fn();
+    s->debug_level = 0;
+    return testing::internal::GetCapturedStdout();
+}
+
+class TargetServiceV1Maint : public zeltest::DirectoryTest {
+protected:
+    void SetUp() override {
+        zeltest::DirectoryTest::SetUp();
+        dir->add(zeltest::database_ldif(dir->suffix()) + type_ldif(*dir, "Web", {"host", "port"}) +
+                 type_ldif(*dir, "Open", {}));
+        s = zeltest::open_session(*dir, 1);
+        ASSERT_TRUE(s);
+        // Locates the database, so the tests see only their own calls and traces.
+        ASSERT_EQ(Zel_removeTargetService(s.get(), "none"), ZEL_RC_TS_NOT_FOUND);
+        fault::reset();
+    }
+    zeltest::Session s;
+};
+
+TEST_F(TargetServiceV1Maint, ServiceIdentifiersMustMatchItsType) {
+    Record missing("a", "web", nullptr, {{"host", "h"}});
+    Record other("b", "Web", nullptr, {{"host", "h"}, {"path", "/"}});
+    Record extra("c", "Web", nullptr, {{"host", "h"}, {"port", "1"}, {"path", "/"}});
+    Record unknown("d", "Missing", nullptr);
+    EXPECT_EQ(Zel_addTargetService(s.get(), &missing.ts), ZEL_RC_CONFLICT);
+    EXPECT_EQ(Zel_addTargetService(s.get(), &other.ts), ZEL_RC_CONFLICT);
+    EXPECT_EQ(Zel_addTargetService(s.get(), &extra.ts), ZEL_RC_CONFLICT);
+    EXPECT_EQ(Zel_addTargetService(s.get(), &unknown.ts), ZEL_RC_TST_NOT_FOUND);
+    EXPECT_EQ(fault::count(Fn::Add), 0);
+
+    // Pairs in another order match.  Every reqIdentifier value carries all
+    // pairs run together (slapd would refuse the repeated value, so the add
+    // is kept away from it: only what was sent matters here).
+    fault::fail_call(Fn::Add, 1, LDAP_SUCCESS);
+    Record reordered("shop", "Web", nullptr, {{"PORT", "443"}, {"host", "shop.acme"}});
+    ASSERT_EQ(Zel_addTargetService(s.get(), &reordered.ts), 0u);
+    auto adds = fault::calls(Fn::Add);
+    ASSERT_EQ(adds.size(), 1u);
+    EXPECT_EQ(adds[0].dn, "tsName=shop," + type_dn(*dir, "Web"));
+    EXPECT_EQ(sent_values(adds[0], "reqIdentifier"),
+              (std::vector<Values>{{"PORT=443host=shop.acme"}, {"PORT=443host=shop.acme"}}));
+
+    // A type naming no identifiers takes any pairs; a name is taken whatever the type.
+    Record box("box", "Open", "A box", {{"serial", "42"}});
+    ASSERT_EQ(Zel_addTargetService(s.get(), &box.ts), 0u);
+    zeltest::Entry e = dir->entry("tsName=box," + type_dn(*dir, "Open"));
+    EXPECT_EQ(e.values("objectclass"), (Values{"top", "eTargetService"}));
+    EXPECT_EQ(e.first("tstype"), "Open");
+    EXPECT_EQ(e.first("description"), "A box");
+    EXPECT_EQ(e.values("reqidentifier"), (Values{"serial=42"}));
+    Record clash("BOX", "Web", nullptr, {{"host", "h"}, {"port", "1"}});
+    EXPECT_EQ(Zel_addTargetService(s.get(), &clash.ts), ZEL_RC_ALREADY_EXISTS);
+}
+
+TEST_F(TargetServiceV1Maint, PairsThatWouldOverflowTheirBufferAreRefused) {
+    std::string long_value(200, 'v'), more(60, 'w'), exact(251, 'x');
+    Record overflow("svc", "Open", nullptr, {{"k", long_value.c_str()}, {"k2", more.c_str()}});
+    Record incomplete("svc", "Open", nullptr, {{"key", nullptr}});
+    Record fits("svc", "Open", nullptr, {{"key", exact.c_str()}});  // 255 bytes and the NUL
+    EXPECT_EQ(Zel_addTargetService(s.get(), &overflow.ts), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(Zel_addTargetService(s.get(), &incomplete.ts), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_TRUE(fault::calls().empty());
+    ASSERT_EQ(Zel_addTargetService(s.get(), &fits.ts), 0u);
+    EXPECT_EQ(dir->entry("tsName=svc," + type_dn(*dir, "Open")).first("reqidentifier"), "key=" + exact);
+}
+
+TEST_F(TargetServiceV1Maint, TypesAreAddedAndRemovedAsLeaves) {
+    std::vector<char *> names{const_cast<char *>("user"), const_cast<char *>("realm")};
+    ZelTargetServiceType t{const_cast<char *>("Kerberos"), 2, names.data()};
+    std::string out = traced(s.get(), [&] { EXPECT_EQ(Zel_addTargetServiceType(s.get(), &t), 0u); });
+    EXPECT_EQ(out, "zelmgmt:Were able add Target Service Type successfully!\n");
+    zeltest::Entry e = dir->entry(type_dn(*dir, "Kerberos"));
+    EXPECT_EQ(e.values("objectclass"), (Values{"top", "eTargetServiceType"}));
+    EXPECT_EQ(e.values("reqidentifiername"), (Values{"user", "realm"}));
+    out = traced(s.get(), [&] { EXPECT_EQ(Zel_addTargetServiceType(s.get(), &t), ZEL_RC_ALREADY_EXISTS); });
+    EXPECT_EQ(out, "zelmgmt:ldap_add_ext_s() failed.  RC=x44\n"
+                   "zelmgmt:LDAP error when trying to add Target Service Type.\n");
+
+    Record box("box", "Open", nullptr);
+    ASSERT_EQ(Zel_addTargetService(s.get(), &box.ts), 0u);
+    EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "open"), ZEL_RC_NOT_LEAF);
+    ASSERT_EQ(Zel_removeTargetService(s.get(), "BOX"), 0u);
+    EXPECT_EQ(Zel_removeTargetService(s.get(), "box"), ZEL_RC_TS_NOT_FOUND);
+    EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "open"), 0u);
+    EXPECT_FALSE(dir->exists(type_dn(*dir, "Open")));
+    EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "open"), ZEL_RC_TST_NOT_FOUND);
+}
+
+TEST_F(TargetServiceV1Maint, RemovalsReportSuccessEvenWhenTheDeletionFails) {
+    Record box("box", "Open", nullptr);
+    ASSERT_EQ(Zel_addTargetService(s.get(), &box.ts), 0u);
+    fault::reset();
+    fault::fail_call(Fn::Delete, 1, LDAP_INSUFFICIENT_ACCESS);
+    fault::fail_call(Fn::Delete, 2, LDAP_UNWILLING_TO_PERFORM);
+    std::string out = traced(s.get(), [&] {
+        EXPECT_EQ(Zel_removeTargetService(s.get(), "box"), ZEL_RC_NOT_AUTHORIZED);
+        EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "Web"), ZEL_RC_DIRECTORY_ERROR);
+        EXPECT_EQ(Zel_removeTargetService(s.get(), "none"), ZEL_RC_TS_NOT_FOUND);
+    });
+    EXPECT_EQ(out, "zelmgmt:ldap_delete_ext_s() failed.  RC=x32\n"
+                   "zelmgmt:Were able remove Target Service successfully!\n"
+                   "zelmgmt:ldap_delete_ext_s() failed.  RC=x35\n"
+                   "zelmgmt:Were able remove Target Service Type successfully!\n");
+    EXPECT_TRUE(dir->exists("tsName=box," + type_dn(*dir, "Open")));
+}
+
+// Every allocation failure answers 1012.  One that hits an identifier pair's
+// modification leaves the remaining pairs out but still sends the add, with
+// complete modifications only.
+TEST_F(TargetServiceV1Maint, AllocationFailuresAreReported) {
+    Record r("box", "Open", "Box", {{"a", "1"}, {"b", "2"}});
+    // No add reaches the directory, so every round starts from the same tree.
+    for (int n = 1; n <= 500; ++n) fault::fail_call(Fn::Add, n, LDAP_SUCCESS);
+    int adds_after_fault = 0;
+    expect_every_allocation_failure_reported([&] {
+        size_t before = fault::calls(Fn::Add).size();
+        ZelRC rc = Zel_addTargetService(s.get(), &r.ts);
+        auto adds = fault::calls(Fn::Add);
+        for (size_t i = before; i < adds.size(); ++i) {
+            adds_after_fault += rc != 0;
+            for (const Values &v : sent_values(adds[i], "reqIdentifier")) EXPECT_EQ(v.size(), 1u);
+        }
+        return rc;
+    });
+    EXPECT_GT(adds_after_fault, 0);
+}
+
+TEST(TargetServiceV1MaintNoDatabase, EveryCallReportsTheMissingDatabase) {
+    fault::reset();
+    zeltest::Directory dir;
+    auto s = zeltest::open_session(dir, 1);
+    ASSERT_TRUE(s);
+    Record r("svc", "Open", nullptr);
+    ZelTargetServiceType t{const_cast<char *>("Open"), 0, nullptr};
+    EXPECT_EQ(Zel_addTargetService(s.get(), &r.ts), ZEL_RC_DATABASE_NOT_FOUND);
+    EXPECT_EQ(Zel_addTargetServiceType(s.get(), &t), ZEL_RC_DATABASE_NOT_FOUND);
+    EXPECT_EQ(Zel_removeTargetService(s.get(), "svc"), ZEL_RC_DATABASE_NOT_FOUND);
+    EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "Open"), ZEL_RC_DATABASE_NOT_FOUND);
+    EXPECT_EQ(s->database_dn, nullptr);
+}
+
+class TargetServiceDomainMaint : public zeltest::DirectoryTest {};
+
+TEST_F(TargetServiceDomainMaint, WithoutDatabaseWritesIntoAnExistingContainerOnly) {
+    auto s = zeltest::open_session(*dir, 2);
+    ASSERT_TRUE(s);
+    Record web("site", "wEB rESOURCE", "Site");
+    Record group("team", "Resource Group", nullptr);
+    EXPECT_EQ(Zel_addTargetService(s.get(), &web.ts), ZEL_RC_TS_NOT_FOUND);
+    EXPECT_EQ(Zel_removeTargetService(s.get(), "site"), ZEL_RC_TS_NOT_FOUND);
+
+    dir->add(resources_ldif(*dir));
+    fault::reset();
+    ASSERT_EQ(Zel_addTargetService(s.get(), &web.ts), 0u);
+    ASSERT_EQ(Zel_addTargetService(s.get(), &group.ts), 0u);
+    EXPECT_EQ(fault::count(Fn::Add), 2);  // no container add
+    zeltest::Entry e = dir->entry("secResourceID=site," + resources_dn(*dir));
+    EXPECT_EQ(e.values("objectclass"), (Values{"top", "secResource"}));
+    EXPECT_EQ(e.first("sectype"), "1");
+    EXPECT_EQ(e.first("secvalid"), "TRUE");
+    EXPECT_EQ(e.first("description"), "Site");
+    EXPECT_EQ(dir->entry("secResourceID=team," + resources_dn(*dir)).first("sectype"), "2");
+    EXPECT_EQ(Zel_addTargetService(s.get(), &web.ts), ZEL_RC_ALREADY_EXISTS);
+    ASSERT_EQ(Zel_removeTargetService(s.get(), "site"), 0u);
+    EXPECT_FALSE(dir->exists("secResourceID=site," + resources_dn(*dir)));
+
+    // Any other type is searched for with an empty filter, which slapd
+    // answers with a protocol error and a dropped connection (injected here).
+    fault::reset();
+    fault::fail_call(Fn::Search, 1, LDAP_PROTOCOL_ERROR);
+    Record misc("misc", "Something", nullptr);
+    EXPECT_EQ(Zel_addTargetService(s.get(), &misc.ts), ZEL_RC_PROTOCOL_ERROR);
+    EXPECT_EQ(fault::calls(Fn::Search)[0].filter, "");
+    EXPECT_EQ(fault::count(Fn::Add), 0);
+}
+
+TEST_F(TargetServiceDomainMaint, WithDatabaseAddsTheContainerAndChecksBothForms) {
+    dir->add(zeltest::database_ldif(dir->suffix()) + type_ldif(*dir, "Web", {}) + service_ldif(*dir, "Web", "legacy"));
+    auto s = zeltest::open_session(*dir, 2);
+    ASSERT_TRUE(s);
+    fault::reset();
+    fault::fail_call(Fn::Add, 1, LDAP_NO_SUCH_ATTRIBUTE);
+    Record web("site", "Web Resource", nullptr);
+    EXPECT_EQ(Zel_addTargetService(s.get(), &web.ts), ZEL_RC_SCHEMA_VIOLATION);
+
+    ASSERT_EQ(Zel_addTargetService(s.get(), &web.ts), 0u);
+    zeltest::Entry container = dir->entry(resources_dn(*dir));
+    EXPECT_EQ(container.values("objectclass"), (Values{"top", "container"}));
+    EXPECT_EQ(container.first("cn"), "Resources");
+    Record second("second", "Web Resource", nullptr);
+    ASSERT_EQ(Zel_addTargetService(s.get(), &second.ts), 0u);  // the container exists: fine
+
+    Record legacy("legacy", "Web Resource", nullptr);
+    EXPECT_EQ(Zel_addTargetService(s.get(), &legacy.ts), ZEL_RC_ALREADY_EXISTS);
+    ASSERT_EQ(Zel_removeTargetService(s.get(), "legacy"), 0u);
+    EXPECT_FALSE(dir->exists("tsName=legacy," + type_dn(*dir, "Web")));
+    // Types are entries of the database: a known database lets them go.
+    EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "Web"), 0u);
+}
+
+TEST_F(TargetServiceDomainMaint, OnlyTheBuiltInTypesExist) {
+    auto s = zeltest::open_session(*dir, 2);
+    ASSERT_TRUE(s);
+    fault::reset();
+    ZelTargetServiceType web{const_cast<char *>("web RESOURCE"), 0, nullptr};
+    ZelTargetServiceType group{const_cast<char *>("Resource Group"), 0, nullptr};
+    ZelTargetServiceType other{const_cast<char *>("Web"), 0, nullptr};
+    EXPECT_EQ(Zel_addTargetServiceType(s.get(), &web), 0u);
+    EXPECT_EQ(Zel_addTargetServiceType(s.get(), &group), 0u);
+    EXPECT_EQ(Zel_addTargetServiceType(s.get(), &other), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "Web Resource"), 0u);
+    EXPECT_TRUE(fault::calls().empty());
+}
+
+// Orv stores an empty description; the kinds that refuse empty values get none.
+class TargetServiceDescription : public zeltest::DirectoryTest, public testing::WithParamInterface<zeltest::Kind> {
+protected:
+    zeltest::Profile profile() const override { return zeltest::Profile().kind_is(GetParam()); }
+};
+
+TEST_P(TargetServiceDescription, EmptyDescriptionByDirectoryKind) {
+    dir->add(zeltest::database_ldif(dir->suffix()) + type_ldif(*dir, "Open", {}) + resources_ldif(*dir));
+    auto v2 = zeltest::open_session(*dir, 2);
+    auto v1 = zeltest::open_session(*dir, 1);
+    ASSERT_TRUE(v2 && v1);
+    bool keeps_empty = GetParam() == zeltest::Kind::Orv;
+    fault::reset();
+    if (keeps_empty) {  // slapd refuses the empty value itself
+        fault::fail_call(Fn::Add, 2, LDAP_SUCCESS);
+        fault::fail_call(Fn::Add, 3, LDAP_SUCCESS);
+    }
+    Record domain("site", "Web Resource", "");
+    Record first("box", "Open", "");
+    ASSERT_EQ(Zel_addTargetService(v2.get(), &domain.ts), 0u);  // adds 1 (container) and 2
+    ASSERT_EQ(Zel_addTargetService(v1.get(), &first.ts), 0u);   // add 3
+    auto adds = fault::calls(Fn::Add);
+    ASSERT_EQ(adds.size(), 3u);
+    auto expected = keeps_empty ? std::vector<Values>{{""}} : std::vector<Values>{};
+    EXPECT_EQ(sent_values(adds[1], "description"), expected);
+    EXPECT_EQ(sent_values(adds[2], "description"), expected);
+    if (!keeps_empty) {
+        EXPECT_FALSE(dir->entry("secResourceID=site," + resources_dn(*dir)).has("description"));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(TargetServiceKinds, TargetServiceDescription,
+                         testing::Values(zeltest::Kind::Orv, zeltest::Kind::ActiveDirectory),
+                         [](const testing::TestParamInfo<zeltest::Kind> &info) {
+                             return std::string(zeltest::kind_name(info.param));
+                         });
+
+}  // namespace

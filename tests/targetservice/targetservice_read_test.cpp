@@ -1,0 +1,182 @@
+// Reading target services: both storage forms, the fallback of a security
+// domain session to first-generation entries, record contents and cleanup.
+#include <map>
+#include <string>
+
+#include "targetservice/ts_fixtures.h"
+
+namespace {
+
+using namespace tstest;
+using zeltest::fault::Fn;
+namespace fault = zeltest::fault;
+
+struct ListFree { void operator()(ZelTargetServiceList *l) const { Zel_freeTargetServices(l); } };
+struct ServiceFree { void operator()(ZelTargetService *t) const { Zel_freeTargetService(t); } };
+using List = std::unique_ptr<ZelTargetServiceList, ListFree>;
+using Service = std::unique_ptr<ZelTargetService, ServiceFree>;
+
+std::string text(const char *s) { return s ? s : "(null)"; }
+
+std::map<std::string, const ZelTargetService *> by_name(const ZelTargetServiceList *l) {
+    std::map<std::string, const ZelTargetService *> out;
+    for (int32_t i = 0; i < l->count; ++i) out[text(l->services[i]->name)] = l->services[i];
+    return out;
+}
+
+// A non-null output, to see that a failing call clears it.
+template <class T>
+T *stale() {
+    static char junk[64];
+    return reinterpret_cast<T *>(junk);
+}
+
+class TargetServiceV1Read : public zeltest::DirectoryTest {
+protected:
+    void SetUp() override {
+        zeltest::DirectoryTest::SetUp();
+        dir->add(zeltest::database_ldif(dir->suffix()) + type_ldif(*dir, "Web", {"host"}) + type_ldif(*dir, "Host", {}) +
+                 service_ldif(*dir, "Web", "portal", "The portal", {"host=portal.acme"}) +
+                 service_ldif(*dir, "Host", "mainframe") + service_ldif(*dir, "Host", "twin") +
+                 service_ldif(*dir, "Web", "twin"));
+        s = zeltest::open_session(*dir, 1);
+        ASSERT_TRUE(s);
+    }
+    zeltest::Session s;
+};
+
+TEST_F(TargetServiceV1Read, ListsAndGetsAfterLocatingTheDatabaseLazily) {
+    EXPECT_EQ(s->database_dn, nullptr);
+    ZelTargetServiceList *raw = nullptr;
+    ASSERT_EQ(Zel_getAllTargetService(s.get(), &raw), 0u);
+    List list(raw);
+    ASSERT_NE(s->database_dn, nullptr);
+    EXPECT_STREQ(s->database_dn, database_dn(*dir).c_str());
+    ASSERT_EQ(list->count, 4);
+    const ZelTargetService *mainframe = by_name(list.get())["mainframe"];
+    ASSERT_NE(mainframe, nullptr);
+    EXPECT_STREQ(mainframe->type, "Host");
+    EXPECT_EQ(mainframe->description, nullptr);
+    EXPECT_EQ(mainframe->reqIdentifiers, nullptr);
+
+    ZelTargetService *one = nullptr;
+    ASSERT_EQ(Zel_getTargetService(s.get(), "PORTAL", &one), 0u);
+    Service portal(one);
+    EXPECT_STREQ(portal->name, "portal");
+    EXPECT_STREQ(portal->type, "Web");
+    EXPECT_STREQ(portal->description, "The portal");
+    ASSERT_EQ(portal->reqIdentifierCount, 1);
+    EXPECT_STREQ(portal->reqIdentifiers[0]->name, "host");
+    EXPECT_STREQ(portal->reqIdentifiers[0]->value, "portal.acme");
+
+    // One name below two types is ambiguous.
+    fault::reset();
+    one = stale<ZelTargetService>();
+    EXPECT_EQ(Zel_getTargetService(s.get(), "twin", &one), ZEL_RC_TS_NOT_FOUND);
+    EXPECT_EQ(one, nullptr);
+    ASSERT_EQ(fault::count(Fn::Search), 1);
+    EXPECT_EQ(fault::calls(Fn::Search)[0].filter, "(&(objectClass=eTargetService)(tsName=twin))");
+    EXPECT_EQ(fault::calls(Fn::Search)[0].sizelimit, 2);
+
+    one = stale<ZelTargetService>();
+    EXPECT_EQ(Zel_getTargetService(s.get(), "nothing", &one), ZEL_RC_TS_NOT_FOUND);
+    EXPECT_EQ(one, nullptr);
+    EXPECT_EQ(Zel_getTargetService(s.get(), nullptr, &one), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(Zel_getAllTargetService(s.get(), nullptr), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(Zel_getAllTargetService(nullptr, &raw), ZEL_RC_INVALID_HANDLE);
+}
+
+TEST_F(TargetServiceV1Read, IdentifierValuesSplitAtRunsOfEqualSigns) {
+    dir->add(service_ldif(*dir, "Web", "odd", "", {"plain=value", "==lead==double", "name=first=second", "alone"}));
+    ZelTargetService *raw = nullptr;
+    ASSERT_EQ(Zel_getTargetService(s.get(), "odd", &raw), 0u);
+    Service odd(raw);
+    ASSERT_EQ(odd->reqIdentifierCount, 4);
+    std::map<std::string, std::string> pairs;
+    for (int32_t i = 0; i < odd->reqIdentifierCount; ++i)
+        pairs[text(odd->reqIdentifiers[i]->name)] = text(odd->reqIdentifiers[i]->value);
+    EXPECT_EQ(pairs, (std::map<std::string, std::string>{
+                         {"plain", "value"}, {"lead", "double"}, {"name", "first"}, {"alone", "(null)"}}));
+}
+
+TEST_F(TargetServiceV1Read, AllocationFailuresHandOutNothing) {
+    dir->add(service_ldif(*dir, "Web", "shop", "Shop", {"host=shop.acme", "port=443"}));
+    ZelTargetServiceList *warm = nullptr;  // locates the database outside the loop
+    ASSERT_EQ(Zel_getAllTargetService(s.get(), &warm), 0u);
+    Zel_freeTargetServices(warm);
+
+    expect_every_allocation_failure_reported([&] {
+        ZelTargetServiceList *list = stale<ZelTargetServiceList>();
+        ZelRC rc = Zel_getAllTargetService(s.get(), &list);
+        EXPECT_TRUE(rc == 0 ? list->count == 5 : list == nullptr);
+        Zel_freeTargetServices(rc == 0 ? list : nullptr);
+        return rc;
+    });
+    expect_every_allocation_failure_reported([&] {
+        ZelTargetService *ts = stale<ZelTargetService>();
+        ZelRC rc = Zel_getTargetService(s.get(), "shop", &ts);
+        EXPECT_TRUE(rc == 0 ? ts->reqIdentifierCount == 2 : ts == nullptr);
+        Zel_freeTargetService(rc == 0 ? ts : nullptr);
+        return rc;
+    });
+}
+
+class TargetServiceDomainRead : public zeltest::DirectoryTest {};
+
+TEST_F(TargetServiceDomainRead, ListsResourcesAndReadsAMissingContainerAsEmpty) {
+    auto s = zeltest::open_session(*dir, 2);
+    ASSERT_TRUE(s);
+    ZelTargetServiceList *raw = stale<ZelTargetServiceList>();
+    EXPECT_EQ(Zel_getAllTargetService(s.get(), &raw), ZEL_RC_TS_NOT_FOUND);
+    EXPECT_EQ(raw, nullptr);
+    dir->add(resources_ldif(*dir));
+    EXPECT_EQ(Zel_getAllTargetService(s.get(), &raw), ZEL_RC_TS_NOT_FOUND);
+
+    dir->add(resource_ldif(*dir, "web", "1", "Web site") + resource_ldif(*dir, "group", "2") +
+             resource_ldif(*dir, "odd", "3"));
+    fault::reset();
+    ASSERT_EQ(Zel_getAllTargetService(s.get(), &raw), 0u);
+    List list(raw);
+    auto services = by_name(list.get());
+    ASSERT_EQ(services.size(), 3u);
+    EXPECT_STREQ(services["web"]->type, "Web Resource");
+    EXPECT_STREQ(services["web"]->description, "Web site");
+    EXPECT_STREQ(services["group"]->type, "Resource Group");
+    EXPECT_STREQ(services["odd"]->type, "Unknown");
+    // No database: only the Resources container is searched.
+    ASSERT_EQ(fault::count(Fn::Search), 1);
+    EXPECT_EQ(fault::calls(Fn::Search)[0].dn, resources_dn(*dir));
+    EXPECT_EQ(fault::calls(Fn::Search)[0].filter, "(objectClass=secResource)");
+}
+
+TEST_F(TargetServiceDomainRead, KnownDatabaseAddsFirstGenerationEntries) {
+    dir->add(zeltest::database_ldif(dir->suffix()) + type_ldif(*dir, "Web", {}) +
+             service_ldif(*dir, "Web", "legacy", "Old", {"url=http://old"}));
+    auto s = zeltest::open_session(*dir, 2);
+    ASSERT_TRUE(s);
+    ASSERT_NE(s->database_dn, nullptr);
+
+    // No Resources container: the domain search reads as empty and the
+    // first-generation entry serves.
+    ZelTargetService *raw = nullptr;
+    ASSERT_EQ(Zel_getTargetService(s.get(), "legacy", &raw), 0u);
+    Service legacy(raw);
+    EXPECT_STREQ(legacy->type, "Web");
+    EXPECT_STREQ(legacy->reqIdentifiers[0]->value, "http://old");
+
+    dir->add(resources_ldif(*dir) + resource_ldif(*dir, "web", "1"));
+    ZelTargetServiceList *all = nullptr;
+    ASSERT_EQ(Zel_getAllTargetService(s.get(), &all), 0u);
+    List list(all);
+    ASSERT_EQ(list->count, 2);
+    EXPECT_STREQ(list->services[0]->name, "legacy");
+    EXPECT_STREQ(list->services[1]->type, "Web Resource");
+
+    fault::reset();
+    fault::fail_call(Fn::Search, 1, LDAP_SERVER_DOWN);
+    all = stale<ZelTargetServiceList>();
+    EXPECT_EQ(Zel_getAllTargetService(s.get(), &all), ZEL_RC_DIRECTORY_ERROR);
+    EXPECT_EQ(all, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,75 @@
+// Seed entries and helpers shared by the target service tests.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/directory.h"
+#include "support/fault_injection.h"
+#include "support/session.h"
+#include "zel_internal.h"
+
+namespace tstest {
+
+inline std::string database_dn(const zeltest::Directory &dir) { return "systemName=ORVZEL," + dir.suffix(); }
+inline std::string type_dn(const zeltest::Directory &dir, const std::string &type) {
+    return "tsType=" + type + ",cn=Target Service Types," + database_dn(dir);
+}
+inline std::string resources_dn(const zeltest::Directory &dir) { return "cn=Resources," + dir.domain_dn(); }
+
+inline std::string type_ldif(const zeltest::Directory &dir, const std::string &type, const std::vector<std::string> &ids) {
+    std::string out = "dn: " + type_dn(dir, type) + "\nobjectClass: eTargetServiceType\ntsType: " + type + "\n";
+    for (const std::string &n : ids) out += "reqIdentifierName: " + n + "\n";
+    return out + "\n";
+}
+
+// A first-generation service below the entry of its type.
+inline std::string service_ldif(const zeltest::Directory &dir, const std::string &type, const std::string &name,
+                                const std::string &description = "", const std::vector<std::string> &ids = {}) {
+    std::string out = "dn: tsName=" + name + "," + type_dn(dir, type) + "\nobjectClass: eTargetService\ntsName: " +
+                      name + "\ntsType: " + type + "\n";
+    if (!description.empty()) out += "description: " + description + "\n";
+    for (const std::string &v : ids) out += "reqIdentifier: " + v + "\n";
+    return out + "\n";
+}
+
+inline std::string resources_ldif(const zeltest::Directory &dir) {
+    return "dn: " + resources_dn(dir) + "\nobjectClass: container\ncn: Resources\n\n";
+}
+
+inline std::string resource_ldif(const zeltest::Directory &dir, const std::string &id, const std::string &sec_type,
+                                 const std::string &description = "") {
+    return "dn: secResourceID=" + id + "," + resources_dn(dir) + "\nobjectClass: secResource\nsecResourceID: " + id +
+           "\nsecType: " + sec_type + (description.empty() ? "" : "\ndescription: " + description) + "\n\n";
+}
+
+// The values of each modification of one attribute in a recorded call.
+inline std::vector<std::vector<std::string>> sent_values(const zeltest::fault::Call &call, const std::string &type) {
+    std::vector<std::vector<std::string>> out;
+    for (const zeltest::fault::Mod &m : call.mods)
+        if (m.type == type) out.push_back(m.values);
+    return out;
+}
+
+// Runs fn with the nth C allocation failing, n = 1, 2, ... until a run no
+// longer meets the fault; each run that met it must answer 1012.  fn returns
+// the call's status and checks and releases its output.
+template <class Fn>
+void expect_every_allocation_failure_reported(Fn &&fn) {
+    for (long n = 1; n < 2000; ++n) {
+        zeltest::fault::fail_allocation(n);
+        ZelRC rc = fn();
+        bool fired = zeltest::fault::allocation_failed();
+        zeltest::fault::fail_allocation(0);
+        if (!fired) {
+            EXPECT_EQ(rc, 0u) << "without a fault";
+            return;
+        }
+        EXPECT_EQ(rc, ZEL_RC_NO_MEMORY) << "allocation " << n;
+    }
+    ADD_FAILURE() << "the call never completed";
+}
+
+}  // namespace tstest

@@ -1,0 +1,213 @@
+// zelctl service / service-type: target services and their types.
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "zelctl.h"
+
+namespace zelctl {
+namespace {
+
+struct SessionClose { void operator()(ZelSession *s) const { Zel_close(s, 1); } };
+struct ServiceFree { void operator()(ZelTargetService *t) const { Zel_freeTargetService(t); } };
+struct ServiceListFree { void operator()(ZelTargetServiceList *l) const { Zel_freeTargetServices(l); } };
+using Session = std::unique_ptr<ZelSession, SessionClose>;
+
+const char *or_empty(const char *text) { return text ? text : ""; }
+
+// "target service NAME added", or {"service":"NAME","added":true} for scripts.
+int done(const Options &opts, const char *what, const char *key, const std::string &name, const char *verb) {
+    if (opts.json)
+        std::printf("{\"%s\":%s,\"%s\":true}\n", key, json_string(name.c_str()).c_str(), verb);
+    else
+        std::printf("%s %s %s\n", what, name.c_str(), verb);
+    return 0;
+}
+
+// Every "--id VALUE" in order.
+std::vector<std::string> take_all(Args &args, const std::string &name) {
+    std::vector<std::string> out;
+    std::string value;
+    while (take_option(args, name, value)) out.push_back(value);
+    return out;
+}
+
+// What is left must be the one NAME; a dangling or unknown option is a usage error.
+bool single_name(const Args &args, const std::string &command, std::string &name, int &status) {
+    for (const std::string &a : args) {
+        if (a.rfind("--", 0) == 0) {
+            status = usage(command + ": unknown option or missing value: " + a);
+            return false;
+        }
+    }
+    if (args.size() != 1) {
+        status = usage(command + " needs exactly one NAME");
+        return false;
+    }
+    name = args.front();
+    return true;
+}
+
+std::string service_json(const ZelTargetService *ts) {
+    std::string out = "{\"name\":" + json_string(ts->name) + ",\"type\":" + json_string(ts->type) +
+                      ",\"description\":" + json_string(ts->description) + ",\"identifiers\":[";
+    for (int32_t i = 0; i < ts->reqIdentifierCount && ts->reqIdentifiers; ++i) {
+        const ZelReqIdentifier *p = ts->reqIdentifiers[i];
+        if (p == nullptr) continue;
+        out += std::string(i ? "," : "") + "{\"name\":" + json_string(p->name) +
+               ",\"value\":" + json_string(p->value) + "}";
+    }
+    return out + "]}";
+}
+
+void print_service(const ZelTargetService *ts) {
+    std::printf("name:        %s\n", or_empty(ts->name));
+    std::printf("type:        %s\n", or_empty(ts->type));
+    std::printf("description: %s\n", or_empty(ts->description));
+    for (int32_t i = 0; i < ts->reqIdentifierCount && ts->reqIdentifiers; ++i) {
+        const ZelReqIdentifier *p = ts->reqIdentifiers[i];
+        if (p) std::printf("identifier:  %s=%s\n", or_empty(p->name), or_empty(p->value));
+    }
+}
+
+int list_services(const Options &opts, const Args &args) {
+    if (!args.empty()) return usage("service list takes no arguments");
+    Session s(open_session(opts));
+    if (!s) return 1;
+    ZelTargetServiceList *raw = nullptr;
+    ZelRC rc = Zel_getAllTargetService(s.get(), &raw);
+    std::unique_ptr<ZelTargetServiceList, ServiceListFree> list(raw);
+    // The library reports an empty directory as "not found"; for a listing that is no error.
+    if (rc != 0 && rc != ZEL_RC_TS_NOT_FOUND) return fail("cannot list target services", rc);
+    int32_t count = list ? list->count : 0;
+    if (opts.json) {
+        std::string out = "[";
+        for (int32_t i = 0; i < count; ++i) out += (i ? "," : "") + service_json(list->services[i]);
+        std::printf("%s]\n", out.c_str());
+        return 0;
+    }
+    for (int32_t i = 0; i < count; ++i) {
+        const ZelTargetService *ts = list->services[i];
+        std::printf("%s\t%s\t%s\n", or_empty(ts->name), or_empty(ts->type), or_empty(ts->description));
+    }
+    return 0;
+}
+
+int get_service(const Options &opts, Args args) {
+    std::string name;
+    int status = 0;
+    if (!single_name(args, "service get", name, status)) return status;
+    Session s(open_session(opts));
+    if (!s) return 1;
+    ZelTargetService *raw = nullptr;
+    ZelRC rc = Zel_getTargetService(s.get(), name.c_str(), &raw);
+    std::unique_ptr<ZelTargetService, ServiceFree> ts(raw);
+    if (rc != 0) return fail("cannot read target service " + name, rc);
+    if (opts.json) {
+        std::printf("%s\n", service_json(ts.get()).c_str());
+    } else {
+        print_service(ts.get());
+    }
+    return 0;
+}
+
+int add_service(const Options &opts, Args args) {
+    std::string type, description;
+    if (!take_option(args, "--type", type)) return usage("service add needs --type T");
+    bool has_description = take_option(args, "--description", description);
+    std::vector<std::string> ids = take_all(args, "--id");
+    std::string name;
+    int status = 0;
+    if (!single_name(args, "service add", name, status)) return status;
+
+    std::vector<std::string> id_names, id_values;
+    for (const std::string &id : ids) {
+        size_t eq = id.find('=');
+        if (eq == std::string::npos || eq == 0) return usage("--id wants NAME=VALUE, not " + id);
+        id_names.push_back(id.substr(0, eq));
+        id_values.push_back(id.substr(eq + 1));
+    }
+    std::vector<ZelReqIdentifier> pairs(ids.size());
+    std::vector<ZelReqIdentifier *> pointers;
+    for (size_t i = 0; i < ids.size(); ++i) {
+        pairs[i].name = id_names[i].data();
+        pairs[i].value = id_values[i].data();
+        pointers.push_back(&pairs[i]);
+    }
+    ZelTargetService ts{};
+    ts.name = name.data();
+    ts.type = type.data();
+    ts.description = has_description ? description.data() : nullptr;
+    ts.reqIdentifierCount = static_cast<int32_t>(pointers.size());
+    ts.reqIdentifiers = pointers.empty() ? nullptr : pointers.data();
+
+    Session s(open_session(opts));
+    if (!s) return 1;
+    ZelRC rc = Zel_addTargetService(s.get(), &ts);
+    if (rc != 0) return fail("cannot add target service " + name, rc);
+    return done(opts, "target service", "service", name, "added");
+}
+
+int remove_service(const Options &opts, Args args) {
+    std::string name;
+    int status = 0;
+    if (!single_name(args, "service remove", name, status)) return status;
+    Session s(open_session(opts));
+    if (!s) return 1;
+    ZelRC rc = Zel_removeTargetService(s.get(), name.c_str());
+    if (rc != 0) return fail("cannot remove target service " + name, rc);
+    return done(opts, "target service", "service", name, "removed");
+}
+
+int add_type(const Options &opts, Args args) {
+    std::vector<std::string> ids = take_all(args, "--id");
+    std::string name;
+    int status = 0;
+    if (!single_name(args, "service-type add", name, status)) return status;
+    std::vector<char *> names;
+    for (std::string &id : ids) names.push_back(id.data());
+    ZelTargetServiceType t{name.data(), static_cast<int32_t>(names.size()),
+                           names.empty() ? nullptr : names.data()};
+
+    Session s(open_session(opts));
+    if (!s) return 1;
+    ZelRC rc = Zel_addTargetServiceType(s.get(), &t);
+    if (rc != 0) return fail("cannot add target service type " + name, rc);
+    return done(opts, "target service type", "serviceType", name, "added");
+}
+
+int remove_type(const Options &opts, Args args) {
+    std::string name;
+    int status = 0;
+    if (!single_name(args, "service-type remove", name, status)) return status;
+    Session s(open_session(opts));
+    if (!s) return 1;
+    ZelRC rc = Zel_removeTargetServiceType(s.get(), name.c_str());
+    if (rc != 0) return fail("cannot remove target service type " + name, rc);
+    return done(opts, "target service type", "serviceType", name, "removed");
+}
+
+}  // namespace
+
+int run_service(const Options &opts, Args args) {
+    if (args.empty()) return usage("service needs list, get, add or remove");
+    std::string verb = args.front();
+    args.erase(args.begin());
+    if (verb == "list") return list_services(opts, args);
+    if (verb == "get") return get_service(opts, args);
+    if (verb == "add") return add_service(opts, args);
+    if (verb == "remove") return remove_service(opts, args);
+    return usage("service: unknown command " + verb);
+}
+
+int run_service_type(const Options &opts, Args args) {
+    if (args.empty()) return usage("service-type needs add or remove");
+    std::string verb = args.front();
+    args.erase(args.begin());
+    if (verb == "add") return add_type(opts, args);
+    if (verb == "remove") return remove_type(opts, args);
+    return usage("service-type: unknown command " + verb);
+}
+
+}  // namespace zelctl
