@@ -46,7 +46,11 @@ for _ in $(seq 200); do
   sleep 0.05
 done
 
-LDAPNOINIT=1 ldapadd -x -H "ldap://127.0.0.1:$port" -D "$admin" -w "$password" >/dev/null <<LDIF
+# The suffix, a security domain, a person, and - until zelctl can create
+# one - a first-generation Zel database with its containers and access groups.
+db="systemName=ORVZEL,$suffix"
+{
+  cat <<LDIF
 dn: $suffix
 objectClass: organization
 o: example
@@ -55,16 +59,51 @@ dn: secAuthority=Default,$suffix
 objectClass: secAuthorityInfo
 secAuthority: Default
 version: 6
+
+dn: cn=Users,secAuthority=Default,$suffix
+objectClass: container
+cn: Users
+
+dn: cn=Jo,$suffix
+objectClass: inetOrgPerson
+objectClass: ePerson
+cn: Jo
+sn: Example
+uid: jo
+
+dn: $db
+objectClass: eApplicationSystem
+systemName: ORVZEL
+description: Orv Zel Meta-data
+
 LDIF
+  for c in "Access Groups" "Zel Domains" "Target Service Types"; do
+    printf 'dn: cn=%s,%s\nobjectClass: container\ncn: %s\n\n' "$c" "$db" "$c"
+  done
+  for g in "Senior Administrators" "Administrators" "Middle Tier Servers" "Full Users" "Users"; do
+    printf 'dn: cn=%s,cn=Access Groups,%s\nobjectClass: accessGroup\ncn: %s\nmember: %s\n\n' "$g" "$db" "$g" "$db"
+  done
+} | LDAPNOINIT=1 ldapadd -x -H "ldap://127.0.0.1:$port" -D "$admin" -w "$password" >/dev/null
 
 pwfile="$work/password"
 printf '%s\n' "$password" > "$pwfile"
-z() { echo "\$ zelctl $*"; "$zelctl" -H "ldap://127.0.0.1:$port" -D "$admin" -y "$pwfile" "$@"; }
+z() { printf '$ zelctl'; printf ' %q' "$@"; echo; "$zelctl" -H "ldap://127.0.0.1:$port" -D "$admin" -y "$pwfile" "$@"; }
 
 echo "== what the library learns at open"
 z info
 echo "== the same, for scripts"
 z --json info
+echo "== a service type and a service in the first-generation form"
+z --api-version 1 service-type add "Web Application" --id url
+z --api-version 1 service add payroll --type "Web Application" --description "Payroll portal" \
+  --id url=https://payroll.example.com
+z --api-version 1 --json service get payroll
+echo "== a web resource in the security domain, then every service"
+z service add intranet --type "Web Resource" --description "Intranet"
+z service list
+echo "== a user registered for a person"
+z user add jo --type User --person "cn=Jo,$suffix" --description "Demo user"
+z user verify "cn=Jo,$suffix"
 echo "== an unreachable server"
 "$zelctl" -H "ldap://127.0.0.1:1" -D "$admin" -y "$pwfile" info || echo "(exit status $?)"
 echo "== done; the private directory is stopped"

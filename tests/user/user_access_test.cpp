@@ -37,6 +37,9 @@ struct AccessCase {
     Values expected;
 };
 
+// Keeps ctest's test names readable (the default prints the raw bytes).
+[[maybe_unused]] void PrintTo(const AccessCase &c, std::ostream *os) { *os << kind_name(c.kind) << "/" << c.type; }
+
 const std::string kReader = ":normal:rsc:sensitive:rsc:critical:rsc";
 const std::string kWriter = ":object:a:normal:rwsc:sensitive:rsc:critical:rwsc";
 
