@@ -5,6 +5,7 @@
 set -euo pipefail
 build=$1
 c_program=$2
+extra_cflags=${3:-}   # a sanitizer build's library needs the sanitizer runtime in the program
 prefix=$(mktemp -d)
 trap 'rm -rf "$prefix"' EXIT
 cmake --install "$build" --prefix "$prefix" >/dev/null
@@ -32,7 +33,7 @@ nm -D --defined-only "$so" | grep -q ' check_LDAP_rc$' || fail "check_LDAP_rc is
 
 export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
 out="$prefix/c_program"
-# shellcheck disable=SC2046
-cc -std=c99 -Wall -Werror "$c_program" -o "$out" $(pkg-config --cflags --libs zelmgmt) -Wl,-rpath,"$prefix/lib"
+# shellcheck disable=SC2046,SC2086
+cc -std=c99 -Wall -Werror $extra_cflags "$c_program" -o "$out" $(pkg-config --cflags --libs zelmgmt) -Wl,-rpath,"$prefix/lib"
 "$out" >/dev/null || fail "the program built against the installed tree failed"
 echo "install check: ok"

@@ -41,10 +41,6 @@ ZelRC search_domain_user(ZelSession *s, const char *filter, zel::Message &out) {
     return rc == ZEL_RC_NO_SUCH_OBJECT ? 0 : rc;
 }
 
-int entry_count(LDAP *ld, const zel::Message &res) {
-    return res ? ldap_count_entries(ld, res.get()) : 0;
-}
-
 bool marks_inactive(char **values) {
     return values && values[0] && (zel::same_text(values[0], "Inactive") || zel::same_text(values[0], "False"));
 }
@@ -105,13 +101,13 @@ ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_ou
                      : search_profile_below_person(s, person_dn, filter.get(), res);
     if (rc != 0) return rc;
 
-    if (entry_count(s->ld, res) <= 0) {
+    if (zel::entry_count(s->ld, res.get()) <= 0) {
         // The security domain may not know a user that the Zel database does.
         if (s->version < 2 || mode != 0 || s->database_dn == nullptr) return rc;
         filter.reset(plat::ku_mbs_sprintf(kProfileFilter, person_dn));
         if (!filter) return rc = ZEL_RC_NO_MEMORY;
         if ((rc = search_profile_below_person(s, person_dn, filter.get(), res)) != 0) return rc;
-        if (entry_count(s->ld, res) <= 0) return rc;
+        if (zel::entry_count(s->ld, res.get()) <= 0) return rc;
     }
 
     bool user_seen = false;

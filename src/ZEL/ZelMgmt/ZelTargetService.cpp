@@ -12,19 +12,6 @@
 
 namespace {
 
-bool first_generation(const ZelSession *s) { return s->version < 2; }
-
-// The only types a security domain knows.
-bool builtin_type(const char *type) {
-    return zel::same_text(type, "Web Resource") || zel::same_text(type, "Resource Group");
-}
-
-int entry_count(LDAP *ld, LDAPMessage *res) {
-    if (res == nullptr) return 0;
-    int n = ldap_count_entries(ld, res);
-    return n > 0 ? n : 0;
-}
-
 struct ServiceFree { void operator()(ZelTargetService *ts) const { Zel_freeTargetService(ts); } };
 struct ServiceListFree { void operator()(ZelTargetServiceList *l) const { Zel_freeTargetServices(l); } };
 using ServiceHolder = std::unique_ptr<ZelTargetService, ServiceFree>;
@@ -126,7 +113,7 @@ ZelRC get_all_target_services(ZelSession *s, ZelTargetServiceList **out) {
     ServiceListHolder list(static_cast<ZelTargetServiceList *>(std::calloc(1, sizeof(ZelTargetServiceList))));
     if (!list) return rc = ZEL_RC_NO_MEMORY;
 
-    bool v1 = first_generation(s);
+    bool v1 = zel::first_generation(s);
     if (v1 && (rc = zel::ensure_database_dn(s)) != 0) return rc;
 
     zel::Message first_gen, domain;
@@ -145,7 +132,7 @@ ZelRC get_all_target_services(ZelSession *s, ZelTargetServiceList **out) {
         if (rc != 0) return rc;
     }
 
-    int total = entry_count(s->ld, first_gen.get()) + entry_count(s->ld, domain.get());
+    int total = zel::entry_count(s->ld, first_gen.get()) + zel::entry_count(s->ld, domain.get());
     if (total <= 0) return rc = ZEL_RC_TS_NOT_FOUND;
     list->count = total;
     list->services = static_cast<ZelTargetService **>(std::calloc(total, sizeof(ZelTargetService *)));
@@ -171,7 +158,7 @@ ZelRC get_target_service(ZelSession *s, const char *name, ZelTargetService **out
 
     zel::Message res;
     LDAPMessage *raw = nullptr;
-    if (first_generation(s)) {
+    if (zel::first_generation(s)) {
         if ((rc = zel::ensure_database_dn(s)) != 0) return rc;
         rc = locate_ZEL_TS(s, name, nullptr, &raw, 1);
         res.reset(raw);
@@ -183,7 +170,7 @@ ZelRC get_target_service(ZelSession *s, const char *name, ZelTargetService **out
         if (rc != 0) return rc;
         // Not among the domain's resources: a first-generation entry of that
         // name serves when the session knows the Zel database.
-        if (entry_count(s->ld, res.get()) == 0 && s->database_dn && res) {
+        if (zel::entry_count(s->ld, res.get()) == 0 && s->database_dn && res) {
             res.reset();
             raw = nullptr;
             rc = locate_ZEL_TS(s, name, nullptr, &raw, 1);
@@ -193,7 +180,7 @@ ZelRC get_target_service(ZelSession *s, const char *name, ZelTargetService **out
     }
 
     // The search stops at two entries: more than one means the name is ambiguous.
-    if (entry_count(s->ld, res.get()) != 1) return rc = ZEL_RC_TS_NOT_FOUND;
+    if (zel::entry_count(s->ld, res.get()) != 1) return rc = ZEL_RC_TS_NOT_FOUND;
     if ((rc = dissect_TS(s, ldap_first_entry(s->ld, res.get()), ts.get())) != 0) return rc;
     zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able retrieve Target Service successfully!");
     *out = ts.release();
@@ -259,11 +246,11 @@ ZelRC locate_ZEL_TS(ZelSession *s, const char *name, const char *type, LDAPMessa
         // An unknown type leaves the filter empty: the server decides what that finds.
         const char *by_id = "(&(objectClass=secResource)(secResourceID=%s))";
         if (name) {
-            if (type == nullptr || builtin_type(type))
+            if (type == nullptr || zel::builtin_service_type(type))
                 fits = zel::format_into(filter.get(), zel::kFilterSize, by_id, name);
         } else if (type == nullptr) {
             std::strcpy(filter.get(), "(objectClass=secResource)");
-        } else if (builtin_type(type)) {
+        } else if (zel::builtin_service_type(type)) {
             fits = zel::format_into(filter.get(), zel::kFilterSize, by_id, "*");
         }
     }

@@ -12,25 +12,6 @@
 
 namespace {
 
-bool first_generation(const ZelSession *s) { return s->version < 2; }
-
-bool builtin_type(const char *type) {
-    return zel::same_text(type, "Web Resource") || zel::same_text(type, "Resource Group");
-}
-
-int entry_count(LDAP *ld, LDAPMessage *res) {
-    if (res == nullptr) return 0;
-    int n = ldap_count_entries(ld, res);
-    return n > 0 ? n : 0;
-}
-
-// Directories that refuse empty values get no description at all when the
-// caller's is empty; the others store it empty.
-bool writes_description(const ZelSession *s, const char *description) {
-    if (description == nullptr) return false;
-    return description[0] != '\0' || !zel::omits_empty_description(s->dir_kind);
-}
-
 // First-generation identifier pairs are run together in one 256-byte value
 // buffer; a record whose pairs are incomplete or would not fit is refused.
 ZelRC check_identifier_pairs(const ZelTargetService *ts) {
@@ -80,7 +61,7 @@ ZelRC check_service_type(ZelSession *s, const ZelTargetService *ts, std::string 
     ZelRC rc = locate_ZEL_TST(s, ts->type, &raw);
     zel::Message res(raw);
     if (rc != 0) return rc;
-    if (entry_count(s->ld, res.get()) != 1) return ZEL_RC_TST_NOT_FOUND;
+    if (zel::entry_count(s->ld, res.get()) != 1) return ZEL_RC_TST_NOT_FOUND;
     LDAPMessage *entry = ldap_first_entry(s->ld, res.get());
     zel::LdapText dn(ldap_get_dn(s->ld, entry));
     if (!dn) return ZEL_RC_TST_NOT_FOUND;
@@ -112,18 +93,18 @@ ZelRC add_resources_container(ZelSession *s) {
 // The name may be taken in the session's own form and, for a security domain
 // session that knows the Zel database, also by a first-generation entry.
 ZelRC check_name_unused(ZelSession *s, const ZelTargetService *ts) {
-    bool v1 = first_generation(s);
+    bool v1 = zel::first_generation(s);
     LDAPMessage *raw = nullptr;
     ZelRC rc = locate_ZEL_TS(s, ts->name, ts->type, &raw, v1 ? 1 : 2);
     zel::Message res(raw);
     if (rc != 0) return rc;
-    int found = entry_count(s->ld, res.get());
+    int found = zel::entry_count(s->ld, res.get());
     if (!v1 && s->database_dn && found == 0) {
         res.reset();
         raw = nullptr;
         (void)locate_ZEL_TS(s, ts->name, ts->type, &raw, 1);  // its failure leaves the name free
         res.reset(raw);
-        found = entry_count(s->ld, res.get());
+        found = zel::entry_count(s->ld, res.get());
     }
     return found > 0 ? ZEL_RC_ALREADY_EXISTS : 0;
 }
@@ -148,7 +129,7 @@ ZelRC first_generation_mods(ZelSession *s, const ZelTargetService *ts, zel::ModL
     ZelRC rc = mods.add(LDAP_MOD_ADD, "objectClass", {"top", "eTargetService"});
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "tsName", {ts->name});
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "tsType", {ts->type});
-    if (rc == 0 && writes_description(s, ts->description))
+    if (rc == 0 && zel::writes_description(s, ts->description))
         rc = mods.add(LDAP_MOD_ADD, "description", {ts->description});
     if (rc != 0) return rc;
     for (int32_t i = 0; i < ts->reqIdentifierCount; ++i) {
@@ -173,7 +154,7 @@ ZelRC domain_mods(ZelSession *s, const ZelTargetService *ts, zel::ModList &mods)
     const char *sec_type = zel::same_text(ts->type, "Web Resource") ? "1" : "2";
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "secType", {sec_type});
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "secValid", {"TRUE"});
-    if (rc == 0 && writes_description(s, ts->description))
+    if (rc == 0 && zel::writes_description(s, ts->description))
         rc = mods.add(LDAP_MOD_ADD, "description", {ts->description});
     return rc;
 }
@@ -182,7 +163,7 @@ ZelRC add_target_service(ZelSession *s, const ZelTargetService *ts) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "Zel_addTargetService", rc);
     if (ts == nullptr || ts->name == nullptr || ts->type == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    bool v1 = first_generation(s);
+    bool v1 = zel::first_generation(s);
     if (v1 && (rc = check_identifier_pairs(ts)) != 0) return rc;
     if (v1 && s->database_dn == nullptr && (rc = zel::ensure_database_dn(s)) != 0) return rc;
 
@@ -239,8 +220,8 @@ ZelRC add_target_service_type(ZelSession *s, const ZelTargetServiceType *t) {
     const char *failed = "zelmgmt:LDAP error when trying to add Target Service Type.";
 
     // A security domain has only its built-in types, which need no entry.
-    if (!first_generation(s)) {
-        if (!builtin_type(t->typeName)) return rc = ZEL_RC_INVALID_ARGUMENT;
+    if (!zel::first_generation(s)) {
+        if (!zel::builtin_service_type(t->typeName)) return rc = ZEL_RC_INVALID_ARGUMENT;
         zel::trace_line(s, zel::kTraceProgress, done);
         return rc;
     }
@@ -285,21 +266,21 @@ ZelRC remove_target_service(ZelSession *s, const char *name) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "Zel_removeTargetService", rc);
     if (name == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    bool v1 = first_generation(s);
+    bool v1 = zel::first_generation(s);
     if (v1 && (rc = zel::ensure_database_dn(s)) != 0) return rc;
 
     LDAPMessage *raw = nullptr;
     rc = locate_ZEL_TS(s, name, nullptr, &raw, v1 ? 1 : 2);
     zel::Message res(raw);
     if (rc != 0) return rc;
-    if (!v1 && s->database_dn && entry_count(s->ld, res.get()) == 0) {
+    if (!v1 && s->database_dn && zel::entry_count(s->ld, res.get()) == 0) {
         res.reset();
         raw = nullptr;
         rc = locate_ZEL_TS(s, name, nullptr, &raw, 1);
         res.reset(raw);
         if (rc != 0) return rc;
     }
-    if (entry_count(s->ld, res.get()) != 1) return rc = ZEL_RC_TS_NOT_FOUND;
+    if (zel::entry_count(s->ld, res.get()) != 1) return rc = ZEL_RC_TS_NOT_FOUND;
 
     rc = delete_entry(s, ldap_first_entry(s->ld, res.get()), ZEL_RC_TS_NOT_FOUND);
     // Reported once the one entry was found, whatever its deletion gave.
@@ -311,7 +292,7 @@ ZelRC remove_target_service_type(ZelSession *s, const char *type_name) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "Zel_removeTargetServiceType", rc);
     if (type_name == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    if (first_generation(s) && (rc = zel::ensure_database_dn(s)) != 0) return rc;
+    if (zel::first_generation(s) && (rc = zel::ensure_database_dn(s)) != 0) return rc;
 
     // Types are entries only where the Zel database is known; a security
     // domain's built-in types have nothing to remove.
@@ -320,7 +301,7 @@ ZelRC remove_target_service_type(ZelSession *s, const char *type_name) {
         rc = locate_ZEL_TST(s, type_name, &raw);
         zel::Message res(raw);
         if (rc != 0) return rc;
-        if (entry_count(s->ld, res.get()) != 1) return rc = ZEL_RC_TST_NOT_FOUND;
+        if (zel::entry_count(s->ld, res.get()) != 1) return rc = ZEL_RC_TST_NOT_FOUND;
         rc = delete_entry(s, ldap_first_entry(s->ld, res.get()), ZEL_RC_TST_NOT_FOUND);
     }
     // Reported whatever the deletion gave.

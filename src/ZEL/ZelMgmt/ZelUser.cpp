@@ -74,10 +74,6 @@ ZelRC find_profile(ZelSession *s, const ZelUser *user, const char *person_dn, in
     return rc == 1 ? 0 : rc;
 }
 
-bool writes_description(const ZelSession *s, const char *description) {
-    return description != nullptr && !(description[0] == '\0' && zel::omits_empty_description(s->dir_kind));
-}
-
 ZelRC fill_create_mods(ZelSession *s, const ZelUser *user, const char *person_dn, const char *state,
                        const std::string &authority, const std::vector<zel::AccessValues> &access,
                        zel::ModList &mods) {
@@ -99,7 +95,7 @@ ZelRC fill_create_mods(ZelSession *s, const ZelUser *user, const char *person_dn
             (rc = mods.add(LDAP_MOD_ADD, "secAcctValid", {state})))
             return rc;
     }
-    if (writes_description(s, user->description) &&
+    if (zel::writes_description(s, user->description) &&
         (rc = mods.add(LDAP_MOD_ADD, "description", {user->description})))
         return rc;
     for (const zel::AccessValues &a : access) {
@@ -116,7 +112,7 @@ ZelRC fill_update_mods(ZelSession *s, const ZelUser *user, const char *state, ze
     ZelRC rc = mods.add(LDAP_MOD_REPLACE, s->version < 2 ? "userState" : "secAcctValid", {state});
     if (rc != 0 || user->description == nullptr) return rc;
     // Directories that refuse empty values lose the description instead.
-    if (!writes_description(s, user->description)) return mods.add(LDAP_MOD_DELETE, "description", {});
+    if (!zel::writes_description(s, user->description)) return mods.add(LDAP_MOD_DELETE, "description", {});
     return mods.add(LDAP_MOD_REPLACE, "description", {user->description});
 }
 

@@ -3,6 +3,7 @@
 #include "ZelUserAccess.h"
 
 #include <cstdarg>
+#include <cstring>
 #include <cstdio>
 
 namespace {
@@ -44,20 +45,15 @@ constexpr int kAttributeRead = 3;
 bool append_value(std::vector<std::string> &values, size_t size, const char *fmt, ...)
     ZEL_PRINTF(3, 4);
 bool append_value(std::vector<std::string> &values, size_t size, const char *fmt, ...) {
+    std::string text(size, '\0');
     va_list ap;
     va_start(ap, fmt);
-    va_list probe;
-    va_copy(probe, ap);
-    int needed = std::vsnprintf(nullptr, 0, fmt, probe);
-    va_end(probe);
-    bool fits = needed >= 0 && static_cast<size_t>(needed) < size;
+    bool fits = zel::vformat_into(text.data(), size, fmt, ap);
+    va_end(ap);
     if (fits) {
-        std::string text(static_cast<size_t>(needed) + 1, '\0');
-        std::vsnprintf(text.data(), text.size(), fmt, ap);
-        text.pop_back();
+        text.resize(std::strlen(text.c_str()));
         values.push_back(std::move(text));
     }
-    va_end(ap);
     return fits;
 }
 

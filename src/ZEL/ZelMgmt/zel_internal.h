@@ -9,6 +9,7 @@
 #include <ldap.h>
 #include <pthread.h>
 
+#include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -125,6 +126,7 @@ inline CText zeroed_buffer(size_t n) { return CText(static_cast<char *>(std::cal
 // text (with its NUL) would not fit.
 bool copy_into(char *dst, size_t size, const char *text);
 bool format_into(char *dst, size_t size, const char *fmt, ...) ZEL_PRINTF(3, 4);
+bool vformat_into(char *dst, size_t size, const char *fmt, va_list ap) ZEL_PRINTF(3, 0);
 
 // Attribute names and values compared as the directory does: ignoring case.
 bool same_text(const char *a, const char *b);
@@ -162,6 +164,23 @@ ZelRC ensure_database_dn(ZelSession *s);
 inline bool omits_empty_description(int32_t dir_kind) {
     return dir_kind == ZEL_DIR_NDS || dir_kind == ZEL_DIR_EDIRECTORY || dir_kind == ZEL_DIR_GENERIC ||
            dir_kind == ZEL_DIR_ACTIVE_DIRECTORY;
+}
+
+// Whether a description is written (added or replaced) at all.
+inline bool writes_description(const ZelSession *s, const char *description) {
+    return description != nullptr && (description[0] != '\0' || !omits_empty_description(s->dir_kind));
+}
+
+// Sessions below API version 2 use the first-generation storage form only.
+inline bool first_generation(const ZelSession *s) { return s->version < 2; }
+
+// The only target service types a security domain knows.
+bool builtin_service_type(const char *type);
+
+// Entries in a search result; 0 for none or no result.
+inline int entry_count(LDAP *ld, LDAPMessage *res) {
+    int n = res ? ldap_count_entries(ld, res) : 0;
+    return n > 0 ? n : 0;
 }
 
 // A modification list whose types and values are borrowed (constants, the
