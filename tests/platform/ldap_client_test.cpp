@@ -175,18 +175,6 @@ TEST(LdapSsl, UnreadableClientCertificateGivesNull) {
     fault::reset();
 }
 
-TEST(LdapSsl, BindsOverLdapsWithTheKeyringCa) {
-    client_init_with_test_ca();
-    zeltest::Directory directory;
-    LDAP *ld = zp::ldap_ssl_init(zeltest::Directory::host(), directory.ldaps_port(), nullptr);
-    ASSERT_NE(ld, nullptr);
-    int v3 = 3;
-    ASSERT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, &v3), 0);
-    EXPECT_EQ(zp::ldap_simple_bind_s(ld, directory.admin_dn().c_str(),
-                                     zeltest::Directory::admin_password()), 0);
-    zp::ldap_unbind(ld);
-}
-
 // Restores the client's process-wide defaults the test changes.
 class ClientDefaults {
 public:

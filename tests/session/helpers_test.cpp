@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "support/alloc_faults.h"
 #include "support/session.h"
 
 using namespace zeltest;
@@ -95,16 +96,14 @@ TEST_F(Helpers, NovellMembershipEdits) {
     EXPECT_EQ(mods[0].op, LDAP_MOD_DELETE);
     EXPECT_TRUE(mods[0].values.empty());
 
-    for (long n = 1; n < 10; ++n) {
-        fault::reset();
-        fault::fail_allocation(n);
+    each_allocation_fails("membership add", 0, [&] {
+        int modifies = fault::count(Fn::ModifyS);
         ZelRC rc = internal_nds_member_add(s.get(), "cn=A,o=acme", member);
-        bool fired = fault::allocation_failed();
-        fault::fail_allocation(0);
-        if (!fired) break;
-        EXPECT_EQ(rc, ZEL_RC_NO_MEMORY);
-        EXPECT_EQ(fault::count(Fn::ModifyS), 0) << "no modify after a failed allocation";
-    }
+        if (rc == ZEL_RC_NO_MEMORY) {
+            EXPECT_EQ(fault::count(Fn::ModifyS), modifies) << "no modify after a failed allocation";
+        }
+        return rc;
+    });
 }
 
 TEST(Locale, RoundTripAndRelease) {

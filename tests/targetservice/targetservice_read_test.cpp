@@ -3,6 +3,7 @@
 #include <map>
 #include <string>
 
+#include "support/alloc_faults.h"
 #include "targetservice/ts_fixtures.h"
 
 namespace {
@@ -105,14 +106,14 @@ TEST_F(TargetServiceV1Read, AllocationFailuresHandOutNothing) {
     ASSERT_EQ(Zel_getAllTargetService(s.get(), &warm), 0u);
     Zel_freeTargetServices(warm);
 
-    expect_every_allocation_failure_reported([&] {
+    zeltest::each_allocation_fails("call", 0, [&] {
         ZelTargetServiceList *list = stale<ZelTargetServiceList>();
         ZelRC rc = Zel_getAllTargetService(s.get(), &list);
         EXPECT_TRUE(rc == 0 ? list->count == 5 : list == nullptr);
         Zel_freeTargetServices(rc == 0 ? list : nullptr);
         return rc;
     });
-    expect_every_allocation_failure_reported([&] {
+    zeltest::each_allocation_fails("call", 0, [&] {
         ZelTargetService *ts = stale<ZelTargetService>();
         ZelRC rc = Zel_getTargetService(s.get(), "shop", &ts);
         EXPECT_TRUE(rc == 0 ? ts->reqIdentifierCount == 2 : ts == nullptr);

@@ -53,23 +53,5 @@ inline std::vector<std::vector<std::string>> sent_values(const zeltest::fault::C
     return out;
 }
 
-// Runs fn with the nth C allocation failing, n = 1, 2, ... until a run no
-// longer meets the fault; each run that met it must answer 1012.  fn returns
-// the call's status and checks and releases its output.
-template <class Fn>
-void expect_every_allocation_failure_reported(Fn &&fn) {
-    for (long n = 1; n < 2000; ++n) {
-        zeltest::fault::fail_allocation(n);
-        ZelRC rc = fn();
-        bool fired = zeltest::fault::allocation_failed();
-        zeltest::fault::fail_allocation(0);
-        if (!fired) {
-            EXPECT_EQ(rc, 0u) << "without a fault";
-            return;
-        }
-        EXPECT_EQ(rc, ZEL_RC_NO_MEMORY) << "allocation " << n;
-    }
-    ADD_FAILURE() << "the call never completed";
-}
 
 }  // namespace tstest

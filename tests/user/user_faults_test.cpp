@@ -4,6 +4,7 @@
 #include <cstring>
 #include <functional>
 
+#include "support/alloc_faults.h"
 #include "user/user_fixture.h"
 
 using namespace usertest;
@@ -12,23 +13,6 @@ namespace {
 
 // Fails the 1st, 2nd, ... allocation of `call` until it runs without the
 // fault firing; `restore` puts the directory back between attempts.
-void each_allocation_fails(const char *what, ZelRC success, const std::function<ZelRC()> &call,
-                           const std::function<void()> &restore = [] {}) {
-    for (long n = 1; n < 1000; ++n) {
-        fault::fail_allocation(n);
-        ZelRC rc = call();
-        bool fired = fault::allocation_failed();
-        fault::fail_allocation(0);
-        if (!fired) {
-            EXPECT_EQ(rc, success) << what << " without a fault";
-            EXPECT_GT(n, 1) << what << " allocates nothing?";
-            return;
-        }
-        EXPECT_EQ(rc, ZEL_RC_NO_MEMORY) << what << ": allocation " << n;
-        restore();
-    }
-    ADD_FAILURE() << what << " never succeeded";
-}
 
 ZelRC verify_handing_out(ZelSession *s, const std::string &person) {
     char *dn = nullptr;

@@ -182,19 +182,6 @@ TEST_F(UserTest, SecurityDomainSessionReachesFirstGenerationProfiles) {
     EXPECT_EQ(members("Users"), Strings{kAnn});
 }
 
-TEST(UserHandle, EveryEntryPointChecksTheHandleFirst) {
-    ZelUser u = user_record("jo", "User", kJo);
-    char *dn = nullptr;
-    alignas(ZelSession) unsigned char junk[sizeof(ZelSession)] = {'Z', 'E', 'X', 0};
-    for (ZelSession *bad : {static_cast<ZelSession *>(nullptr), reinterpret_cast<ZelSession *>(junk)}) {
-        EXPECT_EQ(Zel_addZelUser(bad, &u), ZEL_RC_INVALID_HANDLE);
-        EXPECT_EQ(Zel_updateZelUser(bad, &u), ZEL_RC_INVALID_HANDLE);
-        EXPECT_EQ(Zel_verifyZelUser(bad, kJo.c_str(), &dn), ZEL_RC_INVALID_HANDLE);
-        EXPECT_EQ(Zel_removeZelUser(bad, "jo"), ZEL_RC_INVALID_HANDLE);
-    }
-    EXPECT_EQ(dn, nullptr);
-}
-
 TEST_F(UserTest, TraceReportsOutcomesAndRoutines) {
     open(1);
     ZelUser jo = user_record("jo", "User", kJo);
