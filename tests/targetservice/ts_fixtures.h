@@ -1,15 +1,10 @@
 // Seed entries and helpers shared by the target service tests.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
 
-#include "support/directory.h"
-#include "support/fault_injection.h"
 #include "support/session.h"
-#include "zel_internal.h"
 
 namespace tstest {
 

@@ -3,12 +3,10 @@
 // few persons.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "support/fault_injection.h"
 #include "support/session.h"
 
 namespace usertest {
@@ -33,6 +31,16 @@ inline ZelUser user_record(const char *name, const char *type, const std::string
     u.enabled = enabled;
     u.personDN = person.empty() ? nullptr : const_cast<char *>(person.c_str());
     return u;
+}
+
+// What Zel_verifyZelUser answers and the DN it hands out ("(not handed out)"
+// for none); the buffer is the caller's whatever the answer.
+inline std::pair<ZelRC, std::string> verify(ZelSession *s, const std::string &person) {
+    char *dn = nullptr;
+    ZelRC rc = Zel_verifyZelUser(s, person.c_str(), &dn);
+    std::string text = dn ? dn : "(not handed out)";
+    Zel_memfree(dn);
+    return {rc, text};
 }
 
 inline Profile seeded(Kind kind = Kind::Generic, int domain_version = 5) {
@@ -62,6 +70,13 @@ protected:
         return out;
     }
     Session s;
+};
+
+// The same tree on another directory kind or security domain version.
+template <Kind K, int DomainVersion = 5>
+class SeededAs : public UserTest {
+protected:
+    Profile profile() const override { return seeded(K, DomainVersion); }
 };
 
 }  // namespace usertest
