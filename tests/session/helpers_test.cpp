@@ -35,7 +35,7 @@ TEST(ModificationLists, EmptyValueListIsTerminatedAndNullListsAreIgnored) {
     std::free(bv);  // length-and-bytes holders stay with their builder
 }
 
-class Helpers : public DirectoryTest {
+class Helpers : public SessionTest {
 protected:
     Profile profile() const override {
         Profile p;
@@ -48,13 +48,6 @@ protected:
             person_ldif("o=acme", "Member", "member");
         return p;
     }
-    void SetUp() override {
-        DirectoryTest::SetUp();
-        s = open_session(*dir, 2);
-        ASSERT_TRUE(s);
-        fault::reset();
-    }
-    Session s;
 };
 
 TEST_F(Helpers, DeleteTreeRemovesChildrenFirst) {

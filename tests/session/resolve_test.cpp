@@ -10,7 +10,7 @@ using fault::Fn;
 
 namespace {
 
-class Resolve : public DirectoryTest {
+class Resolve : public SessionTest {
 protected:
     Profile profile() const override {
         Profile p;
@@ -20,19 +20,12 @@ protected:
                       person_ldif("o=a", "Twin Two", "twin");
         return p;
     }
-    void SetUp() override {
-        DirectoryTest::SetUp();
-        s = open_session(*dir, 2);
-        ASSERT_TRUE(s);
-        fault::reset();
-    }
     ZelRC find(ZelRC (*fn)(ZelSession *, ZelSuffixNode *, const char *, char *, LDAPMessage **),
                const char *uid, LDAPMessage **res = nullptr) {
         std::memset(dn, 'x', sizeof dn);
         std::string filter = std::string("(uid=") + uid + ")";
         return fn(s.get(), s->suffixes, filter.c_str(), dn, res);
     }
-    Session s;
     char dn[1000];
 };
 

@@ -26,6 +26,23 @@ Session open_session(const Directory &dir, uint32_t version = 2);
 // The status of such an open, for tests of open itself.
 ZelRC try_open(const Directory &dir, uint32_t version, ZelSession **out);
 
+// A fresh directory and a version-2 session on it per test; the calls made by
+// opening are cleared from the record.
+class SessionTest : public DirectoryTest {
+protected:
+    void SetUp() override {
+        DirectoryTest::SetUp();
+        s = open_session(*dir, 2);
+        ASSERT_TRUE(s);
+        fault::reset();
+    }
+    void TearDown() override {
+        s.reset();
+        DirectoryTest::TearDown();
+    }
+    Session s;
+};
+
 // Seed LDIF of a first-generation Zel database entry under the suffix:
 // systemName=ORVZEL,<suffix> with the containers the library expects.
 std::string database_ldif(const std::string &suffix);

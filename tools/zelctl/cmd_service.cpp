@@ -9,10 +9,8 @@
 namespace zelctl {
 namespace {
 
-struct SessionClose { void operator()(ZelSession *s) const { Zel_close(s, 1); } };
 struct ServiceFree { void operator()(ZelTargetService *t) const { Zel_freeTargetService(t); } };
 struct ServiceListFree { void operator()(ZelTargetServiceList *l) const { Zel_freeTargetServices(l); } };
-using Session = std::unique_ptr<ZelSession, SessionClose>;
 
 const char *or_empty(const char *text) { return text ? text : ""; }
 

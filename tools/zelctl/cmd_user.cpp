@@ -7,13 +7,6 @@
 namespace zelctl {
 namespace {
 
-struct SessionCloser {
-    ZelSession *s;
-    ~SessionCloser() {
-        if (s) Zel_close(s, 1);
-    }
-};
-
 // Exactly one operand and no unknown options left.
 bool single_operand(const Args &args, const std::string &what, std::string &operand, int &status) {
     for (const std::string &a : args) {
@@ -67,9 +60,9 @@ int user_add(const Options &opts, Args args) {
     user.enabled = disabled ? 0 : 1;
     user.personDN = have_person ? person.data() : nullptr;
 
-    SessionCloser session{open_session(opts)};
-    if (!session.s) return 1;
-    if (ZelRC rc = Zel_addZelUser(session.s, &user)) return fail("cannot add Zel user " + name, rc);
+    Session session(open_session(opts));
+    if (!session) return 1;
+    if (ZelRC rc = Zel_addZelUser(session.get(), &user)) return fail("cannot add Zel user " + name, rc);
     return report_done(opts, "added", name);
 }
 
@@ -93,9 +86,9 @@ int user_update(const Options &opts, Args args) {
     user.enabled = disable ? 0 : 1;
     user.personDN = have_person ? person.data() : nullptr;
 
-    SessionCloser session{open_session(opts)};
-    if (!session.s) return 1;
-    if (ZelRC rc = Zel_updateZelUser(session.s, &user)) return fail("cannot update Zel user " + name, rc);
+    Session session(open_session(opts));
+    if (!session) return 1;
+    if (ZelRC rc = Zel_updateZelUser(session.get(), &user)) return fail("cannot update Zel user " + name, rc);
     return report_done(opts, "updated", name);
 }
 
@@ -104,10 +97,10 @@ int user_verify(const Options &opts, Args args) {
     int status = 0;
     std::string person;
     if (!single_operand(args, "verify", person, status)) return status;
-    SessionCloser session{open_session(opts)};
-    if (!session.s) return 1;
+    Session session(open_session(opts));
+    if (!session) return 1;
     char *profile = nullptr;
-    ZelRC rc = Zel_verifyZelUser(session.s, person.c_str(), &profile);
+    ZelRC rc = Zel_verifyZelUser(session.get(), person.c_str(), &profile);
     std::string profile_dn = profile ? profile : "";
     Zel_memfree(profile);
     if (rc != 0 && rc != 1) return fail("cannot verify " + person, rc);
@@ -127,9 +120,9 @@ int user_remove(const Options &opts, Args args) {
     int status = 0;
     std::string target;
     if (!single_operand(args, "remove", target, status)) return status;
-    SessionCloser session{open_session(opts)};
-    if (!session.s) return 1;
-    if (ZelRC rc = Zel_removeZelUser(session.s, target.c_str())) return fail("cannot remove Zel user " + target, rc);
+    Session session(open_session(opts));
+    if (!session) return 1;
+    if (ZelRC rc = Zel_removeZelUser(session.get(), target.c_str())) return fail("cannot remove Zel user " + target, rc);
     return report_done(opts, "removed", target);
 }
 

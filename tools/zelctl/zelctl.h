@@ -3,6 +3,7 @@
 
 #include <zelmgmt.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,11 @@ using Args = std::vector<std::string>;
 // Opens a session as the options say; on failure prints the error and
 // returns null.
 ZelSession *open_session(const Options &opts);
+
+struct SessionClose {
+    void operator()(ZelSession *s) const { Zel_close(s, 1); }
+};
+using Session = std::unique_ptr<ZelSession, SessionClose>;
 
 // "zelctl: <what>: <status text> (status N)" on standard error; returns 1.
 int fail(const std::string &what, ZelRC rc);
