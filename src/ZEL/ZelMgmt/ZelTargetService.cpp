@@ -117,17 +117,13 @@ ZelRC get_all_target_services(ZelSession *s, ZelTargetServiceList **out) {
     if (v1 && (rc = zel::ensure_database_dn(s)) != 0) return rc;
 
     zel::Message first_gen, domain;
-    LDAPMessage *raw = nullptr;
     if (s->database_dn) {
-        rc = locate_ZEL_TS(s, nullptr, nullptr, &raw, 1);
-        first_gen.reset(raw);
+        rc = zel::search_services(s, nullptr, nullptr, 1, first_gen);
         if (rc == ZEL_RC_TS_NOT_FOUND) rc = 0;
         if (rc != 0) return rc;
     }
     if (!v1) {
-        raw = nullptr;
-        rc = locate_ZEL_TS(s, nullptr, nullptr, &raw, 2);
-        domain.reset(raw);
+        rc = zel::search_services(s, nullptr, nullptr, 2, domain);
         if (rc == ZEL_RC_TS_NOT_FOUND) rc = 0;
         if (rc != 0) return rc;
     }
@@ -157,24 +153,18 @@ ZelRC get_target_service(ZelSession *s, const char *name, ZelTargetService **out
     if (!ts) return rc = ZEL_RC_NO_MEMORY;
 
     zel::Message res;
-    LDAPMessage *raw = nullptr;
     if (zel::first_generation(s)) {
         if ((rc = zel::ensure_database_dn(s)) != 0) return rc;
-        rc = locate_ZEL_TS(s, name, nullptr, &raw, 1);
-        res.reset(raw);
+        rc = zel::search_services(s, name, nullptr, 1, res);
         if (rc != 0) return rc;
     } else {
-        rc = locate_ZEL_TS(s, name, nullptr, &raw, 2);
-        res.reset(raw);
+        rc = zel::search_services(s, name, nullptr, 2, res);
         if (rc == ZEL_RC_TS_NOT_FOUND) rc = 0;
         if (rc != 0) return rc;
         // Not among the domain's resources: a first-generation entry of that
         // name serves when the session knows the Zel database.
         if (zel::entry_count(s->ld, res.get()) == 0 && s->database_dn && res) {
-            res.reset();
-            raw = nullptr;
-            rc = locate_ZEL_TS(s, name, nullptr, &raw, 1);
-            res.reset(raw);
+            rc = zel::search_services(s, name, nullptr, 1, res);
             if (rc != 0) return rc;
         }
     }
@@ -188,6 +178,17 @@ ZelRC get_target_service(ZelSession *s, const char *name, ZelTargetService **out
 }
 
 }  // namespace
+
+namespace zel {
+
+ZelRC search_services(ZelSession *s, const char *name, const char *type, int32_t mode, Message &res) {
+    LDAPMessage *raw = nullptr;
+    ZelRC rc = locate_ZEL_TS(s, name, type, &raw, mode);
+    res.reset(raw);
+    return rc;
+}
+
+}  // namespace zel
 
 extern "C" {
 

@@ -94,16 +94,12 @@ ZelRC add_resources_container(ZelSession *s) {
 // session that knows the Zel database, also by a first-generation entry.
 ZelRC check_name_unused(ZelSession *s, const ZelTargetService *ts) {
     bool v1 = zel::first_generation(s);
-    LDAPMessage *raw = nullptr;
-    ZelRC rc = locate_ZEL_TS(s, ts->name, ts->type, &raw, v1 ? 1 : 2);
-    zel::Message res(raw);
+    zel::Message res;
+    ZelRC rc = zel::search_services(s, ts->name, ts->type, v1 ? 1 : 2, res);
     if (rc != 0) return rc;
     int found = zel::entry_count(s->ld, res.get());
     if (!v1 && s->database_dn && found == 0) {
-        res.reset();
-        raw = nullptr;
-        (void)locate_ZEL_TS(s, ts->name, ts->type, &raw, 1);  // its failure leaves the name free
-        res.reset(raw);
+        (void)zel::search_services(s, ts->name, ts->type, 1, res);  // its failure leaves the name free
         found = zel::entry_count(s->ld, res.get());
     }
     return found > 0 ? ZEL_RC_ALREADY_EXISTS : 0;
@@ -269,17 +265,12 @@ ZelRC remove_target_service(ZelSession *s, const char *name) {
     bool v1 = zel::first_generation(s);
     if (v1 && (rc = zel::ensure_database_dn(s)) != 0) return rc;
 
-    LDAPMessage *raw = nullptr;
-    rc = locate_ZEL_TS(s, name, nullptr, &raw, v1 ? 1 : 2);
-    zel::Message res(raw);
+    zel::Message res;
+    rc = zel::search_services(s, name, nullptr, v1 ? 1 : 2, res);
     if (rc != 0) return rc;
-    if (!v1 && s->database_dn && zel::entry_count(s->ld, res.get()) == 0) {
-        res.reset();
-        raw = nullptr;
-        rc = locate_ZEL_TS(s, name, nullptr, &raw, 1);
-        res.reset(raw);
-        if (rc != 0) return rc;
-    }
+    if (!v1 && s->database_dn && zel::entry_count(s->ld, res.get()) == 0 &&
+        (rc = zel::search_services(s, name, nullptr, 1, res)) != 0)
+        return rc;
     if (zel::entry_count(s->ld, res.get()) != 1) return rc = ZEL_RC_TS_NOT_FOUND;
 
     rc = delete_entry(s, ldap_first_entry(s->ld, res.get()), ZEL_RC_TS_NOT_FOUND);

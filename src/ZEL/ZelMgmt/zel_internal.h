@@ -177,6 +177,10 @@ inline bool first_generation(const ZelSession *s) { return s->version < 2; }
 // The only target service types a security domain knows.
 bool builtin_service_type(const char *type);
 
+// locate_ZEL_TS into an owned result; the result is kept whatever the status
+// (a missing container still answers with a message).
+ZelRC search_services(ZelSession *s, const char *name, const char *type, int32_t mode, Message &res);
+
 // Entries in a search result; 0 for none or no result.
 inline int entry_count(LDAP *ld, LDAPMessage *res) {
     int n = res ? ldap_count_entries(ld, res) : 0;
