@@ -1,4 +1,5 @@
 #include "platform/filter_format.h"
+#include "platform/dn_escape.h"
 
 #include <gtest/gtest.h>
 
@@ -31,6 +32,17 @@ TEST(FilterQuoting, EscapesFilterSyntaxAndNul) {
 // before matching, so "Jürgen" still matches itself.
 TEST(FilterQuoting, EscapesNonAsciiOctets) {
     EXPECT_EQ(escape_filter_value("J\xC3\xBCrgen"), "J\\C3\\BCrgen");
+}
+
+// A DN value keeps its text but can never add an RDN or end early.
+TEST(DnValueEscaping, EscapesRdnSyntaxOnly) {
+    using zel::platform::escape_dn_value;
+    EXPECT_EQ(escape_dn_value("Sales App"), "Sales App");
+    EXPECT_EQ(escape_dn_value("a,cn=x+y=\"q\";<>\\"), "a\\,cn\\=x\\+y\\=\\\"q\\\"\\;\\<\\>\\\\");
+    EXPECT_EQ(escape_dn_value(" #lead#  "), "\\ #lead# \\ ");
+    EXPECT_EQ(escape_dn_value("#x"), "\\#x");
+    EXPECT_EQ(escape_dn_value(std::string_view("a\0b", 3)), "a\\00b");
+    EXPECT_EQ(escape_dn_value("*()J\xC3\xBCrgen"), "*()J\xC3\xBCrgen");
 }
 
 TEST(FilterFormat, MixesQuotedAndPlainConversions) {

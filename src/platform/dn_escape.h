@@ -1,0 +1,16 @@
+// A caller's text placed into a DN as an attribute value is escaped, so a
+// name can never add an RDN or change the entry's place in the tree.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace zel::platform {
+
+// RFC 4514 escaping of one attribute value: '"' '+' ',' ';' '<' '>' '\' '='
+// get a backslash, NUL becomes \00, and so does a leading ' ' or '#' and a
+// trailing ' '.  Every other byte, UTF-8 included, stands as it is.  Text
+// without special characters comes back unchanged.  Throws std::bad_alloc.
+std::string escape_dn_value(std::string_view value);
+
+}  // namespace zel::platform
