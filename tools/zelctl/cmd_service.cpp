@@ -23,14 +23,6 @@ int done(const Options &opts, const char *what, const char *key, const std::stri
     return 0;
 }
 
-// Every "--id VALUE" in order.
-std::vector<std::string> take_all(Args &args, const std::string &name) {
-    std::vector<std::string> out;
-    std::string value;
-    while (take_option(args, name, value)) out.push_back(value);
-    return out;
-}
-
 // What is left must be the one NAME; a dangling or unknown option is a usage error.
 bool single_name(const Args &args, const std::string &command, std::string &name, int &status) {
     for (const std::string &a : args) {

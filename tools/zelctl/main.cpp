@@ -29,40 +29,6 @@ const char *kUsage =
 
 std::string ca_file;
 
-bool read_password_file(const std::string &path, std::string &out) {
-    std::ifstream f(path, std::ios::binary);
-    if (!f) return false;
-    std::stringstream ss;
-    ss << f.rdbuf();
-    out = ss.str();
-    while (!out.empty() && (out.back() == '\n' || out.back() == '\r')) out.pop_back();
-    return true;
-}
-
-bool prompt_password(std::string &out) {
-    FILE *tty = std::fopen("/dev/tty", "r+");
-    if (!tty) return false;
-    std::fputs("Enter LDAP Password: ", tty);
-    std::fflush(tty);
-    termios old{};
-    bool restore = tcgetattr(fileno(tty), &old) == 0;
-    if (restore) {
-        termios quiet = old;
-        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        tcsetattr(fileno(tty), TCSANOW, &quiet);
-    }
-    char buf[1024];
-    bool ok = std::fgets(buf, sizeof buf, tty) != nullptr;
-    if (restore) tcsetattr(fileno(tty), TCSANOW, &old);
-    std::fputs("\n", tty);
-    std::fclose(tty);
-    if (!ok) return false;
-    out = buf;
-    while (!out.empty() && (out.back() == '\n' || out.back() == '\r')) out.pop_back();
-    std::memset(buf, 0, sizeof buf);
-    return true;
-}
-
 // ldap://host[:port] or ldaps://host[:port]; IPv6 hosts in brackets.
 bool parse_uri(const std::string &uri, std::string &host, uint16_t &port, bool &ssl) {
     std::string rest;
@@ -214,11 +180,11 @@ int main(int argc, char **argv) {
             opts.password = value("-w");
             opts.have_password = true;
         } else if (a == "-W") {
-            if (!prompt_password(opts.password)) return usage("cannot read a password from the terminal");
+            if (!prompt_secret("Enter LDAP Password: ", opts.password)) return usage("cannot read a password from the terminal");
             opts.have_password = true;
         } else if (a == "-y") {
             std::string path = value("-y");
-            if (!read_password_file(path, opts.password)) return usage("cannot read the password file " + path);
+            if (!read_secret_file(path, opts.password)) return usage("cannot read the password file " + path);
             opts.have_password = true;
         } else if (a == "--ca") {
             zelctl::ca_file = value("--ca");

@@ -3,6 +3,7 @@
 
 #include <zelmgmt.h>
 
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -43,6 +44,28 @@ std::string json_string(const char *text);
 // without its value is reported through usage().
 bool take_option(Args &args, const std::string &name, std::string &value);
 bool take_flag(Args &args, const std::string &name);
+
+// The helpers every command group uses.  Each returns false after printing a
+// usage error, with the exit status in `status`.
+//
+// "--name VALUE"; `given` says whether it was on the line.  A flag without
+// its value is a usage error.
+bool take_value(Args &args, const std::string &name, std::string &value, bool &given, int &status);
+// Every "--name VALUE", in order.
+std::vector<std::string> take_all(Args &args, const std::string &name);
+// What is left must be exactly the operands `names` lists (e.g. {"USER", "ID"});
+// a dangling or unknown option is a usage error.
+bool take_operands(const Args &args, const std::string &command, std::initializer_list<const char *> names,
+                   std::vector<std::string> &out, int &status);
+// "<what> NAME <verb>", or {"<key>":"NAME","<verb>":true} with --json; returns 0.
+int report_done(const Options &opts, const char *what, const char *key, const std::string &name, const char *verb);
+
+// Secrets never come from the command line.  Each strips one trailing newline
+// and answers false when nothing could be read.
+bool read_secret_file(const std::string &path, std::string &out);
+bool read_secret_stdin(std::string &out);
+// Prompts on the terminal with echo off.
+bool prompt_secret(const char *prompt, std::string &out);
 
 // Command groups: each gets the arguments after its own name.
 int run_info(const Options &opts, Args args);

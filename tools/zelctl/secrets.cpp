@@ -1,0 +1,64 @@
+// Reading passwords without ever taking them from the command line.
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+#include "zelctl.h"
+
+namespace zelctl {
+namespace {
+
+void strip_newline(std::string &text) {
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    if (!text.empty() && text.back() == '\r') text.pop_back();
+}
+
+}  // namespace
+
+bool read_secret_file(const std::string &path, std::string &out) {
+    std::ifstream f(path, std::ios::binary);
+    if (!f) return false;
+    out.assign(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+    if (f.bad()) return false;
+    strip_newline(out);
+    return true;
+}
+
+bool read_secret_stdin(std::string &out) {
+    out.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    if (std::cin.bad()) return false;
+    strip_newline(out);
+    return true;
+}
+
+bool prompt_secret(const char *prompt, std::string &out) {
+    FILE *tty = std::fopen("/dev/tty", "r+");
+    if (!tty) return false;
+    std::fputs(prompt, tty);
+    std::fflush(tty);
+    termios old{};
+    bool restore = tcgetattr(fileno(tty), &old) == 0;
+    if (restore) {
+        termios quiet = old;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        tcsetattr(fileno(tty), TCSANOW, &quiet);
+    }
+    char buf[1024];
+    bool ok = std::fgets(buf, sizeof buf, tty) != nullptr;
+    if (restore) tcsetattr(fileno(tty), TCSANOW, &old);
+    std::fputs("\n", tty);
+    std::fclose(tty);
+    if (ok) {
+        out = buf;
+        strip_newline(out);
+    }
+    std::memset(buf, 0, sizeof buf);
+    return ok;
+}
+
+}  // namespace zelctl
