@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the build into a scratch prefix and checks what a user of the
 # library gets: the layout, the exported names, and a C program built with
-# pkg-config against the installed tree.
+# pkg-config and one built with CMake's find_package against the installed tree.
 set -euo pipefail
 build=$1
 c_program=$2
@@ -11,7 +11,7 @@ trap 'rm -rf "$prefix"' EXIT
 cmake --install "$build" --prefix "$prefix" >/dev/null
 
 fail() { echo "install check: $*" >&2; exit 1; }
-for f in include/zelmgmt.h lib/pkgconfig/zelmgmt.pc bin/zelctl \
+for f in include/zelmgmt.h lib/pkgconfig/zelmgmt.pc bin/zelctl lib/cmake/zelmgmt/zelmgmtConfig.cmake \
          share/zelmgmt/schema/zel.schema share/zelmgmt/schema/zel.ldif lib/libzelmgmt.a; do
   [ -e "$prefix/$f" ] || fail "missing $f"
 done
@@ -36,4 +36,26 @@ out="$prefix/c_program"
 # shellcheck disable=SC2046,SC2086
 cc -std=c99 -Wall -Werror $extra_cflags "$c_program" -o "$out" $(pkg-config --cflags --libs zelmgmt) -Wl,-rpath,"$prefix/lib"
 "$out" >/dev/null || fail "the program built against the installed tree failed"
+
+# A CMake project that finds the installed package, linked once against each
+# library; both programs must run.
+consumer="$prefix/consumer"
+mkdir -p "$consumer"
+cp "$c_program" "$consumer/main.c"
+cat > "$consumer/CMakeLists.txt" <<CMAKE
+cmake_minimum_required(VERSION 3.25)
+project(consumer C CXX)
+find_package(zelmgmt 1 CONFIG REQUIRED)
+add_executable(with_shared main.c)
+target_link_libraries(with_shared PRIVATE zelmgmt::zelmgmt)
+add_executable(with_static main.c)
+target_link_libraries(with_static PRIVATE zelmgmt::zelmgmt_static)
+set_target_properties(with_static PROPERTIES LINKER_LANGUAGE CXX)
+CMAKE
+cmake -S "$consumer" -B "$consumer/build" -DCMAKE_PREFIX_PATH="$prefix" \
+      -DCMAKE_C_FLAGS="$extra_cflags" -DCMAKE_CXX_FLAGS="$extra_cflags" \
+      -DCMAKE_EXE_LINKER_FLAGS="$extra_cflags" >/dev/null || fail "find_package(zelmgmt) failed"
+cmake --build "$consumer/build" >/dev/null || fail "the CMake consumer did not build"
+"$consumer/build/with_shared" >/dev/null || fail "the CMake consumer (shared) failed"
+"$consumer/build/with_static" >/dev/null || fail "the CMake consumer (static) failed"
 echo "install check: ok"
