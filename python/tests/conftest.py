@@ -1,0 +1,94 @@
+"""A private slapd for the binding's tests, started the way the C tests start
+theirs: a temp folder, a free loopback port, the Zel schema, seeded LDIF."""
+import os
+import shutil
+import socket
+import subprocess
+import tempfile
+import time
+from pathlib import Path
+
+import pytest
+
+SOURCE = Path(os.environ.get("ZEL_SOURCE_DIR", Path(__file__).resolve().parents[2]))
+SUFFIX = "o=example"
+ADMIN = f"cn=Manager,{SUFFIX}"
+ADMIN_PASSWORD = "py-secret"
+
+SEED = f"""dn: {SUFFIX}
+objectClass: organization
+o: example
+
+dn: secAuthority=Default,{SUFFIX}
+objectClass: secAuthorityInfo
+secAuthority: Default
+version: 6
+
+dn: cn=Users,secAuthority=Default,{SUFFIX}
+objectClass: container
+cn: Users
+
+dn: cn=Ann,{SUFFIX}
+objectClass: inetOrgPerson
+objectClass: ePerson
+cn: Ann
+sn: Lee
+uid: ann
+"""
+
+
+def _free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+class Directory:
+    def __init__(self, work: Path):
+        self.work = work
+        self.port = _free_port()
+        self.uri = f"ldap://127.0.0.1:{self.port}"
+        (work / "db").mkdir()
+        (work / "slapd.conf").write_text(
+            "include /etc/ldap/schema/core.schema\n"
+            "include /etc/ldap/schema/cosine.schema\n"
+            "include /etc/ldap/schema/inetorgperson.schema\n"
+            f"include {SOURCE}/schema/zel.schema\n"
+            f"pidfile {work}/slapd.pid\n"
+            "modulepath /usr/lib/ldap\nmoduleload back_mdb\n"
+            f'database mdb\nsuffix "{SUFFIX}"\nrootdn "{ADMIN}"\nrootpw {ADMIN_PASSWORD}\n'
+            f"directory {work}/db\nmaxsize 33554432\n"
+            "index objectClass,secAuthority,secResourceID,secResGroupID,secResCredsID eq\n"
+            "index principalName,secDN,tsName,tsType,systemName,associatedName eq\n")
+        self.proc = subprocess.Popen(["slapd", "-f", str(work / "slapd.conf"), "-h", self.uri + "/", "-d", "0"],
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        deadline = time.monotonic() + 10
+        while self.ldap("ldapsearch", "-b", "", "-s", "base").returncode != 0:
+            if self.proc.poll() is not None or time.monotonic() > deadline:
+                raise RuntimeError("slapd did not start")
+            time.sleep(0.05)
+        added = self.ldap("ldapadd", input=SEED)
+        if added.returncode != 0:
+            raise RuntimeError("seeding failed: " + added.stderr)
+        self.password_file = work / "admin.pw"
+        self.password_file.write_text(ADMIN_PASSWORD + "\n")
+        self.password_file.chmod(0o600)
+
+    def ldap(self, tool, *args, input=None):
+        return subprocess.run([tool, "-x", "-H", self.uri, "-D", ADMIN, "-w", ADMIN_PASSWORD, *args],
+                              input=input, capture_output=True, text=True, env={**os.environ, "LDAPNOINIT": "1"})
+
+    def stop(self):
+        self.proc.kill()
+        self.proc.wait()
+
+
+@pytest.fixture
+def directory():
+    work = Path(tempfile.mkdtemp(prefix="zelpy-"))
+    d = Directory(work)
+    try:
+        yield d
+    finally:
+        d.stop()
+        shutil.rmtree(work, ignore_errors=True)

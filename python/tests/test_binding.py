@@ -1,0 +1,51 @@
+"""The binding against a real slapd: objects in, objects out, errors raised."""
+import pytest
+
+import zelmgmt
+from conftest import ADMIN, SUFFIX
+
+
+@pytest.fixture
+def session(directory):
+    with zelmgmt.Session(directory.uri, ADMIN, password_file=str(directory.password_file)) as s:
+        yield s
+
+
+def test_bad_bind_raises_with_status_and_text(directory):
+    with pytest.raises(zelmgmt.Error) as e:
+        zelmgmt.Session(directory.uri, ADMIN, password="wrong")
+    assert e.value.status == 4
+    assert e.value.text.startswith("ZEL_RC_AUTHENTICATION_FAILED")
+    assert "wrong" not in str(e.value)
+
+
+def test_services_round_trip(session):
+    session.add_target_service(zelmgmt.TargetService("payroll", "Web Resource", "Payroll portal"))
+    assert session.get_target_service("payroll") == zelmgmt.TargetService(
+        "payroll", "Web Resource", "Payroll portal", [])
+    assert [t.name for t in session.get_all_target_services()] == ["payroll"]
+    session.remove_target_service("payroll")
+    with pytest.raises(zelmgmt.Error) as e:
+        session.get_target_service("payroll")
+    assert e.value.status == 14
+
+
+def test_the_sign_on_question(session):
+    session.add_user(zelmgmt.User("ann", "User", person_dn=f"cn=Ann,{SUFFIX}"))
+    assert session.verify_user(f"cn=Ann,{SUFFIX}") is not None
+    for name in ("payroll", "wiki", "mail"):
+        session.add_target_service(zelmgmt.TargetService(name, "Web Resource"))
+    session.add_domain(zelmgmt.Domain("office", locations=[("resourceName", "wiki"), ("resourceName", "mail")]))
+    assert session.get_domain("office").members == ["wiki", "mail"]
+    session.add_target_record("ann", zelmgmt.TargetRecord("T:payroll", "payroll", account="ann.lee",
+                                                          password="direct-pw"))
+    session.add_target_record("ann", zelmgmt.TargetRecord("G:office", "office", account="ann.office",
+                                                          password="group-pw"))
+    direct = session.get_credential("ann", "payroll")
+    assert (direct.account, direct.password) == ("ann.lee", "direct-pw")
+    assert session.get_credential("ann", "wiki").account == "ann.office"
+    assert "direct-pw" not in repr(direct) and "direct-pw" not in repr(session.get_target_record("ann", "T:payroll"))
+    with pytest.raises(zelmgmt.Error) as e:
+        session.get_credential("ann", "*")
+    assert e.value.status == 24
+    assert sorted(r.id for r in session.get_all_target_records("ann")) == ["G:office", "T:payroll"]

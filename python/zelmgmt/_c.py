@@ -1,0 +1,136 @@
+"""The C records and function prototypes of zelmgmt.h, for ctypes."""
+import ctypes
+import ctypes.util
+import os
+from pathlib import Path
+
+c_char_p, c_int32, c_uint32, c_void_p = ctypes.c_char_p, ctypes.c_int32, ctypes.c_uint32, ctypes.c_void_p
+P = ctypes.POINTER
+
+
+class ReqIdentifier(ctypes.Structure):
+    _fields_ = [("name", c_char_p), ("value", c_char_p)]
+
+
+class TargetService(ctypes.Structure):
+    _fields_ = [("name", c_char_p), ("type", c_char_p), ("description", c_char_p),
+                ("reqIdentifierCount", c_int32), ("reqIdentifiers", P(P(ReqIdentifier)))]
+
+
+class TargetServiceList(ctypes.Structure):
+    _fields_ = [("count", c_int32), ("services", P(P(TargetService)))]
+
+
+class TargetServiceType(ctypes.Structure):
+    _fields_ = [("typeName", c_char_p), ("identifierCount", c_int32), ("identifierNames", P(c_char_p))]
+
+
+class User(ctypes.Structure):
+    _fields_ = [("userName", c_char_p), ("userType", c_char_p), ("description", c_char_p),
+                ("enabled", ctypes.c_ubyte), ("personDN", c_char_p)]
+
+
+class TargetRecord(ctypes.Structure):
+    _fields_ = [("targetRecordId", c_char_p), ("description", c_char_p), ("userId", c_char_p),
+                ("password", c_char_p), ("targetServiceName", c_char_p), ("targetServiceType", c_char_p)]
+
+
+class TargetRecordList(ctypes.Structure):
+    _fields_ = [("count", c_int32), ("records", P(P(TargetRecord)))]
+
+
+class Credential(ctypes.Structure):
+    # Raw pointers: each field is released with Zel_memfree.
+    _fields_ = [("userId", c_void_p), ("password", c_void_p)]
+
+
+class CredentialRequest(ctypes.Structure):
+    _fields_ = [("reserved1", c_char_p), ("reserved2", c_char_p), ("resourceName", c_char_p)]
+
+
+class DomainLocation(ctypes.Structure):
+    _fields_ = [("type", c_char_p), ("value", c_char_p)]
+
+
+class Domain(ctypes.Structure):
+    _fields_ = [("name", c_char_p), ("description", c_char_p), ("locationCount", c_int32),
+                ("locations", P(P(DomainLocation)))]
+
+
+class DomainList(ctypes.Structure):
+    _fields_ = [("count", c_int32), ("domains", P(P(Domain)))]
+
+
+class Person(ctypes.Structure):
+    _fields_ = [("parentDN", c_char_p), ("cn", c_char_p), ("sn", c_char_p), ("description", c_char_p),
+                ("uid", c_char_p), ("password", c_char_p)]
+
+
+_OPEN = [c_void_p, c_char_p, c_char_p, c_char_p, ctypes.c_uint16, c_int32, c_char_p, c_char_p, c_char_p]
+_S = c_void_p  # ZelSession *
+
+_PROTOTYPES = {
+    "Zel_open": (c_uint32, _OPEN + [P(c_void_p), c_uint32]),
+    "Zel_open_sec_domain": (c_uint32, _OPEN + [c_char_p, P(c_void_p), c_uint32]),
+    "Zel_close": (c_uint32, [_S, ctypes.c_ubyte]),
+    "Zel_strerror": (c_char_p, [c_uint32]),
+    "Zel_memfree": (None, [c_void_p]),
+    "Zel_getTargetService": (c_uint32, [_S, c_char_p, P(P(TargetService))]),
+    "Zel_getAllTargetService": (c_uint32, [_S, P(P(TargetServiceList))]),
+    "Zel_freeTargetService": (None, [P(TargetService)]),
+    "Zel_freeTargetServices": (None, [P(TargetServiceList)]),
+    "Zel_addTargetService": (c_uint32, [_S, P(TargetService)]),
+    "Zel_addTargetServiceType": (c_uint32, [_S, P(TargetServiceType)]),
+    "Zel_removeTargetService": (c_uint32, [_S, c_char_p]),
+    "Zel_removeTargetServiceType": (c_uint32, [_S, c_char_p]),
+    "Zel_addZelUser": (c_uint32, [_S, P(User)]),
+    "Zel_updateZelUser": (c_uint32, [_S, P(User)]),
+    "Zel_verifyZelUser": (c_uint32, [_S, c_char_p, P(c_void_p)]),
+    "Zel_removeZelUser": (c_uint32, [_S, c_char_p]),
+    "Zel_getTargetRecord": (c_uint32, [_S, c_char_p, c_char_p, P(P(TargetRecord))]),
+    "Zel_getAllTargetRecord": (c_uint32, [_S, c_char_p, P(P(TargetRecordList))]),
+    "Zel_freeTargetRecord": (None, [P(TargetRecord)]),
+    "Zel_freeTargetRecords": (None, [P(TargetRecordList)]),
+    "Zel_removeTargetRecord": (c_uint32, [_S, c_char_p, c_char_p]),
+    "Zel_addTargetRecord": (c_uint32, [_S, c_char_p, P(TargetRecord)]),
+    "Zel_updateTargetRecord": (c_uint32, [_S, c_char_p, P(TargetRecord)]),
+    "Zel_getCredential": (c_uint32, [_S, c_char_p, P(CredentialRequest), P(Credential)]),
+    "Zel_getZelDomain": (c_uint32, [_S, c_char_p, P(P(Domain))]),
+    "Zel_getAllZelDomain": (c_uint32, [_S, P(P(DomainList))]),
+    "Zel_freeZelDomain": (None, [P(Domain)]),
+    "Zel_freeZelDomains": (None, [P(DomainList)]),
+    "Zel_removeZelDomain": (c_uint32, [_S, c_char_p]),
+    "Zel_addZelDomain": (c_uint32, [_S, P(Domain)]),
+    "Zel_updateZelDomain": (c_uint32, [_S, P(Domain)]),
+    "Zel_addLocationToDomain": (c_uint32, [_S, c_char_p, c_char_p, c_char_p]),
+    "Zel_removeLocationFromDomain": (c_uint32, [_S, c_char_p, c_char_p, c_char_p]),
+    "Zel_createDatabase": (c_uint32, [_S, c_char_p, c_char_p, c_char_p, c_char_p, ctypes.c_ubyte]),
+    "Zel_create_ePerson": (c_uint32, [_S, P(Person), c_char_p]),
+    "Zel_removeDatabase": (c_uint32, [_S]),
+}
+
+
+def _candidates():
+    if os.environ.get("ZELMGMT_LIBRARY"):
+        yield os.environ["ZELMGMT_LIBRARY"]
+    # Installed as prefix/lib/python3/dist-packages/zelmgmt beside prefix/lib.
+    yield str(Path(__file__).resolve().parents[3] / "libzelmgmt.so.1")
+    found = ctypes.util.find_library("zelmgmt")
+    if found:
+        yield found
+
+
+def load():
+    """The shared library with every prototype set; OSError when not found."""
+    errors = []
+    for path in _candidates():
+        try:
+            lib = ctypes.CDLL(path)
+        except OSError as e:
+            errors.append(str(e))
+            continue
+        for name, (restype, argtypes) in _PROTOTYPES.items():
+            fn = getattr(lib, name)
+            fn.restype, fn.argtypes = restype, argtypes
+        return lib
+    raise OSError("libzelmgmt not found (set ZELMGMT_LIBRARY): " + "; ".join(errors))
