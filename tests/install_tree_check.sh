@@ -16,6 +16,9 @@ for f in include/zelmgmt.h lib/pkgconfig/zelmgmt.pc bin/zelctl lib/cmake/zelmgmt
          share/zelmgmt/schema/zel.schema share/zelmgmt/schema/zel.ldif lib/libzelmgmt.a; do
   [ -e "$prefix/$f" ] || fail "missing $f"
 done
+completion="$prefix/share/bash-completion/completions/zelctl"
+bash -c "source '$completion'; COMP_WORDS=(zelctl dom); COMP_CWORD=1; _zelctl; [ \"\${COMPREPLY[*]}\" = domain ]" \
+  || fail "bash completion does not complete commands"
 so=$(readlink -f "$prefix/lib/libzelmgmt.so")
 soname=$(objdump -p "$so" | awk '/SONAME/ {print $2}')
 [ "$soname" = "libzelmgmt.so.1" ] || fail "SONAME is '$soname'"
