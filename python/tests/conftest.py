@@ -58,8 +58,7 @@ class Directory:
             "modulepath /usr/lib/ldap\nmoduleload back_mdb\n"
             f'database mdb\nsuffix "{SUFFIX}"\nrootdn "{ADMIN}"\nrootpw {ADMIN_PASSWORD}\n'
             f"directory {work}/db\nmaxsize 33554432\n"
-            "index objectClass,secAuthority,secResourceID,secResGroupID,secResCredsID eq\n"
-            "index principalName,secDN,tsName,tsType,systemName,associatedName eq\n")
+            f"include {SOURCE}/schema/zel-indexes.conf\n")
         self.proc = subprocess.Popen(["slapd", "-f", str(work / "slapd.conf"), "-h", self.uri + "/", "-d", "0"],
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         deadline = time.monotonic() + 10

@@ -351,7 +351,8 @@ void Directory::write_config() {
         std::string db = dir_ + "/db" + std::to_string(i);
         fs::create_directory(db);
         conf << "database mdb\nsuffix \"" << profile_.suffixes[i] << "\"\n"
-             << "directory " << db << "\nmaxsize 33554432\n";
+             << "directory " << db << "\nmaxsize 33554432\n"
+             << "include " << src << "/schema/zel-indexes.conf\n";
         if (i == 0) conf << "rootdn \"" << admin_dn() << "\"\nrootpw " << admin_password() << "\n";
     }
     write_file(dir_ + "/slapd.conf", conf.str());
