@@ -1,0 +1,109 @@
+// A seeded tree for the resource group tests: a first-generation Zel
+// database with two services, the security domain's Resources with two more,
+// and its (empty) ResourceGroups container.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/session.h"
+
+namespace domaintest {
+
+using namespace zeltest;
+using fault::Fn;
+using Values = std::vector<std::string>;
+using Locations = std::vector<std::pair<std::string, std::string>>;
+
+inline const std::string kDb = "systemName=ORVZEL,o=acme";
+inline const std::string kOldDomains = "cn=Zel Domains," + kDb;
+inline const std::string kGroups = "cn=ResourceGroups,secAuthority=Default,o=acme";
+inline const std::string kResources = "cn=Resources,secAuthority=Default,o=acme";
+
+inline std::string resource_dn(const std::string &id) { return "secResourceID=" + id + "," + kResources; }
+
+inline Profile seeded(Kind kind = Kind::Generic) {
+    Profile p;
+    p.kind = kind;
+    p.seed_ldif = database_ldif("o=acme") + "dn: tsType=Web,cn=Target Service Types," + kDb + "\nobjectClass: eTargetServiceType\ntsType: Web\n\n" +
+                  "dn: tsName=payroll,tsType=Web,cn=Target Service Types," + kDb +
+                  "\nobjectClass: eTargetService\ntsName: payroll\ntsType: Web\n\n" +
+                  "dn: " + kResources + "\nobjectClass: container\ncn: Resources\n\n" +
+                  "dn: " + resource_dn("mail") + "\nobjectClass: secResource\nsecResourceID: mail\nsecType: 1\n\n" +
+                  "dn: " + resource_dn("wiki") + "\nobjectClass: secResource\nsecResourceID: wiki\nsecType: 1\n\n" +
+                  "dn: " + kGroups + "\nobjectClass: container\ncn: ResourceGroups\n\n";
+    return p;
+}
+
+// A caller's domain record over borrowed texts; type "" stands for null.
+struct DomainRecord {
+    std::vector<ZelDomainLocation> slots;
+    std::vector<ZelDomainLocation *> pointers;
+    ZelDomain d{};
+
+    DomainRecord(const char *name, const char *description, const Locations &locations = {}) {
+        for (const auto &l : locations)
+            slots.push_back({l.first.empty() ? nullptr : const_cast<char *>(l.first.c_str()),
+                             const_cast<char *>(l.second.c_str())});
+        for (auto &l : slots) pointers.push_back(&l);
+        d = {const_cast<char *>(name), const_cast<char *>(description), static_cast<int32_t>(slots.size()),
+             pointers.empty() ? nullptr : pointers.data()};
+    }
+};
+
+inline Locations services(const Values &names) {
+    Locations out;
+    for (const std::string &n : names) out.emplace_back("resourceName", n);
+    return out;
+}
+
+// A record's locations, "(null)" for a missing field.
+inline Locations locations_of(const ZelDomain *d) {
+    Locations out;
+    for (int32_t i = 0; i < d->locationCount; ++i) {
+        const ZelDomainLocation *l = d->locations[i];
+        out.emplace_back(l->type ? l->type : "(null)", l->value ? l->value : "(null)");
+    }
+    return out;
+}
+
+// Zel_getZelDomain as (status, name, description, locations).
+struct ReadBack {
+    ZelRC rc = 0;
+    std::string name, description;
+    Locations locations;
+    bool operator==(const ReadBack &o) const {
+        return rc == o.rc && name == o.name && description == o.description && locations == o.locations;
+    }
+};
+inline const ReadBack kNotFound{ZEL_RC_ZEL_DOMAIN_NOT_FOUND, "", "", {}};
+inline ReadBack read_domain(ZelSession *s, const char *name) {
+    ZelDomain *d = nullptr;
+    ReadBack r;
+    r.rc = Zel_getZelDomain(s, name, &d);
+    if (d) {
+        r.name = d->name ? d->name : "(null)";
+        r.description = d->description ? d->description : "(null)";
+        r.locations = locations_of(d);
+    }
+    Zel_freeZelDomain(d);
+    return r;
+}
+inline void PrintTo(const ReadBack &r, std::ostream *os) {
+    *os << "rc=" << r.rc << " " << r.name << " [" << r.description << "]";
+    for (const auto &l : r.locations) *os << " " << l.first << ":" << l.second;
+}
+
+class DomainTest : public DirectoryTest {
+protected:
+    Profile profile() const override { return seeded(); }
+    void open(uint32_t version) {
+        s = open_session(*dir, version);
+        ASSERT_TRUE(s);
+        fault::reset();
+    }
+    Session s;
+};
+
+}  // namespace domaintest
