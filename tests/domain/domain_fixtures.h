@@ -38,12 +38,13 @@ inline Profile seeded(Kind kind = Kind::Generic) {
 
 // A caller's domain record over borrowed texts; type "" stands for null.
 struct DomainRecord {
+    Locations given;
     std::vector<ZelDomainLocation> slots;
     std::vector<ZelDomainLocation *> pointers;
     ZelDomain d{};
 
-    DomainRecord(const char *name, const char *description, const Locations &locations = {}) {
-        for (const auto &l : locations)
+    DomainRecord(const char *name, const char *description, Locations locations = {}) : given(std::move(locations)) {
+        for (const auto &l : given)
             slots.push_back({l.first.empty() ? nullptr : const_cast<char *>(l.first.c_str()),
                              const_cast<char *>(l.second.c_str())});
         for (auto &l : slots) pointers.push_back(&l);
