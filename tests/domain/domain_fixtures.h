@@ -36,7 +36,7 @@ inline Profile seeded(Kind kind = Kind::Generic) {
     return p;
 }
 
-// A caller's domain record over borrowed texts; type "" stands for null.
+// A caller's domain record over borrowed texts.
 struct DomainRecord {
     Locations given;
     std::vector<ZelDomainLocation> slots;
@@ -45,8 +45,7 @@ struct DomainRecord {
 
     DomainRecord(const char *name, const char *description, Locations locations = {}) : given(std::move(locations)) {
         for (const auto &l : given)
-            slots.push_back({l.first.empty() ? nullptr : const_cast<char *>(l.first.c_str()),
-                             const_cast<char *>(l.second.c_str())});
+            slots.push_back({const_cast<char *>(l.first.c_str()), const_cast<char *>(l.second.c_str())});
         for (auto &l : slots) pointers.push_back(&l);
         d = {const_cast<char *>(name), const_cast<char *>(description), static_cast<int32_t>(slots.size()),
              pointers.empty() ? nullptr : pointers.data()};
@@ -59,41 +58,29 @@ inline Locations services(const Values &names) {
     return out;
 }
 
-// A record's locations, "(null)" for a missing field.
-inline Locations locations_of(const ZelDomain *d) {
-    Locations out;
-    for (int32_t i = 0; i < d->locationCount; ++i) {
-        const ZelDomainLocation *l = d->locations[i];
-        out.emplace_back(l->type ? l->type : "(null)", l->value ? l->value : "(null)");
-    }
+// The read_domain text of service members.
+inline std::string members(const Values &names) {
+    std::string out;
+    for (const std::string &n : names) out += " resourceName:" + n;
     return out;
 }
 
-// Zel_getZelDomain as (status, name, description, locations).
-struct ReadBack {
-    ZelRC rc = 0;
-    std::string name, description;
-    Locations locations;
-    bool operator==(const ReadBack &o) const {
-        return rc == o.rc && name == o.name && description == o.description && locations == o.locations;
-    }
-};
-inline const ReadBack kNotFound{ZEL_RC_ZEL_DOMAIN_NOT_FOUND, "", "", {}};
-inline ReadBack read_domain(ZelSession *s, const char *name) {
-    ZelDomain *d = nullptr;
-    ReadBack r;
-    r.rc = Zel_getZelDomain(s, name, &d);
-    if (d) {
-        r.name = d->name ? d->name : "(null)";
-        r.description = d->description ? d->description : "(null)";
-        r.locations = locations_of(d);
-    }
-    Zel_freeZelDomain(d);
-    return r;
+// A record as "<name> [<description>] <type>:<value>...", "-" for a missing field.
+inline std::string domain_text(const ZelDomain *d) {
+    auto text = [](const char *t) { return std::string(t ? t : "-"); };
+    std::string out = text(d->name) + " [" + text(d->description) + "]";
+    for (int32_t i = 0; i < d->locationCount; ++i)
+        out += " " + text(d->locations[i]->type) + ":" + text(d->locations[i]->value);
+    return out;
 }
-inline void PrintTo(const ReadBack &r, std::ostream *os) {
-    *os << "rc=" << r.rc << " " << r.name << " [" << r.description << "]";
-    for (const auto &l : r.locations) *os << " " << l.first << ":" << l.second;
+
+// Zel_getZelDomain as "<status>" and, when a record came back, its text.
+inline std::string read_domain(ZelSession *s, const char *name) {
+    ZelDomain *d = nullptr;
+    std::string out = std::to_string(Zel_getZelDomain(s, name, &d));
+    if (d) out += " " + domain_text(d);
+    Zel_freeZelDomain(d);
+    return out;
 }
 
 class DomainTest : public DirectoryTest {
