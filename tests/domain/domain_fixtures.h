@@ -26,7 +26,8 @@ inline std::string resource_dn(const std::string &id) { return "secResourceID=" 
 inline Profile seeded(Kind kind = Kind::Generic) {
     Profile p;
     p.kind = kind;
-    p.seed_ldif = database_ldif("o=acme") + "dn: tsType=Web,cn=Target Service Types," + kDb + "\nobjectClass: eTargetServiceType\ntsType: Web\n\n" +
+    p.seed_ldif = database_ldif("o=acme") + "dn: tsType=Web,cn=Target Service Types," + kDb +
+                  "\nobjectClass: eTargetServiceType\ntsType: Web\n\n" +
                   "dn: tsName=payroll,tsType=Web,cn=Target Service Types," + kDb +
                   "\nobjectClass: eTargetService\ntsName: payroll\ntsType: Web\n\n" +
                   "dn: " + kResources + "\nobjectClass: container\ncn: Resources\n\n" +

@@ -34,7 +34,8 @@ TEST_F(DomainTest, BothFormsWrittenWithEscapedNames) {
         ASSERT_EQ(Zel_addZelDomain(s.get(), &rd.d), 0u);
         Entry e = dir->entry(c.dn);
         EXPECT_EQ(e.values(c.member_attr), c.stored);
-        EXPECT_EQ(e.values("objectclass"), c.version == 1 ? (Values{"top", "eZelDomain"}) : (Values{"top", "secResGroup"}));
+        EXPECT_EQ(e.values("objectclass"),
+                  c.version == 1 ? (Values{"top", "eZelDomain"}) : (Values{"top", "secResGroup"}));
         EXPECT_EQ(read_domain(s.get(), "R&D, west"), "0 R&D, west [Research]" + members(c.given));
         EXPECT_EQ(Zel_addZelDomain(s.get(), &rd.d), ZEL_RC_ALREADY_EXISTS);
 
@@ -64,7 +65,8 @@ TEST_F(DomainTest, ResourceGroupsContainerEnsuredWithADatabaseOnly) {
     std::free(s->database_dn);
     s->database_dn = nullptr;
     DomainRecord other("other", nullptr);
-    dir->modify("dn: secResGroupID=team," + kGroups + "\nchangetype: delete\n\ndn: " + kGroups + "\nchangetype: delete\n");
+    dir->modify("dn: secResGroupID=team," + kGroups + "\nchangetype: delete\n\ndn: " + kGroups +
+                "\nchangetype: delete\n");
     EXPECT_EQ(Zel_addZelDomain(s.get(), &other.d), ZEL_RC_NO_SUCH_OBJECT);
 }
 

@@ -11,7 +11,8 @@ class DomainZelctl : public DomainTest {};
 TEST_F(DomainZelctl, MembersAddedReadAndRemoved) {
     auto run = [&](const std::vector<std::string> &args) { return zelctl(*dir, args, "2"); };
     EXPECT_EQ(run({"domain", "list"}).out, "");
-    CommandResult r = run({"domain", "add", "team", "--description", "The team", "--member", "mail", "--member", "wiki"});
+    CommandResult r =
+        run({"domain", "add", "team", "--description", "The team", "--member", "mail", "--member", "wiki"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "resource group team added\n");
     r = run({"--json", "domain", "remove-member", "team", "mail"});

@@ -68,9 +68,9 @@ ZelRC add_resource_groups_container(ZelSession *s) {
 // none on add and lose the attribute on update; the others store it empty.
 ZelRC description_mod(const ZelSession *s, const char *description, int32_t op, zel::ModList &mods) {
     if (description == nullptr) return 0;
-    if (op == kAdd) return zel::writes_description(s, description) ? mods.add(LDAP_MOD_ADD, "description", {description}) : 0;
-    if (zel::writes_description(s, description)) return mods.add(LDAP_MOD_REPLACE, "description", {description});
-    return mods.add(LDAP_MOD_DELETE, "description", 0, nullptr);
+    if (zel::writes_description(s, description))
+        return mods.add(op == kAdd ? LDAP_MOD_ADD : LDAP_MOD_REPLACE, "description", {description});
+    return op == kAdd ? 0 : mods.add(LDAP_MOD_DELETE, "description", 0, nullptr);
 }
 
 ZelRC build_domain_mods(const ZelSession *s, const ZelDomain *d, int32_t op, bool first_gen,
@@ -168,24 +168,20 @@ ZelRC edit_location(ZelSession *s, const char *domain, const char *type, const c
     return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
 }
 
+// The public operations report the worker's outcome; `failed` shows the status.
+ZelRC reported(const ZelSession *s, ZelRC rc, const char *done, const char *failed) {
+    if (rc == 0) zel::trace_line(s, zel::kTraceProgress, done);
+    else zel::tracef(s, zel::kTraceProgress, failed, rc);
+    return rc;
+}
+
 // The public add and update: the first-generation base is located first.
 ZelRC add_or_update(ZelSession *s, const ZelDomain *d, int32_t op, const char *done, const char *failed) {
     if (d == nullptr || d->name == nullptr) return ZEL_RC_INVALID_ARGUMENT;
     if (zel::first_generation(s)) {
         if (ZelRC rc = zel::ensure_database_dn(s)) return rc;
     }
-    ZelRC rc = create_update_ZelDomain(s, d, op);
-    if (rc == 0) zel::trace_line(s, zel::kTraceProgress, done);
-    else zel::tracef(s, zel::kTraceProgress, failed, rc);
-    return rc;
-}
-
-ZelRC add_or_remove_location(ZelSession *s, const char *domain, const char *type, const char *name, int32_t op,
-                             const char *done, const char *failed) {
-    ZelRC rc = add_remove_Location(s, domain, type, name, op);
-    if (rc == 0) zel::trace_line(s, zel::kTraceProgress, done);
-    else zel::tracef(s, zel::kTraceProgress, failed, rc);
-    return rc;
+    return reported(s, create_update_ZelDomain(s, d, op), done, failed);
 }
 
 }  // namespace
@@ -234,9 +230,9 @@ ZEL_API ZelRC Zel_addLocationToDomain(ZelSession *s, const char *domain, const c
     zel::RoutineTrace trace(s, "Zel_addLocationToDomain", rc);
     if (domain == nullptr || locType == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     return rc = zel::guarded([&] {
-        return add_or_remove_location(s, domain, locType, locName, kAddLocation,
-                                      "zelmgmt:Were able to add Location to Zel Domain successfully!",
-                                      "zelmgmt:Were unable to add Location to Zel Domain. Return Code: x%x\n");
+        return reported(s, add_remove_Location(s, domain, locType, locName, kAddLocation),
+                        "zelmgmt:Were able to add Location to Zel Domain successfully!",
+                        "zelmgmt:Were unable to add Location to Zel Domain. Return Code: x%x\n");
     });
 }
 
@@ -247,9 +243,9 @@ ZEL_API ZelRC Zel_removeLocationFromDomain(ZelSession *s, const char *domain, co
     zel::RoutineTrace trace(s, "Zel_removeLocationFromDomain", rc);
     if (domain == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     return rc = zel::guarded([&] {
-        return add_or_remove_location(s, domain, locType, locName, kRemoveLocation,
-                                      "zelmgmt:Were able to remove Location from Zel Domain successfully!",
-                                      "zelmgmt:Were unable to remove Location from Zel Domain. Return Code: x%x\n");
+        return reported(s, add_remove_Location(s, domain, locType, locName, kRemoveLocation),
+                        "zelmgmt:Were able to remove Location from Zel Domain successfully!",
+                        "zelmgmt:Were unable to remove Location from Zel Domain. Return Code: x%x\n");
     });
 }
 
