@@ -101,6 +101,15 @@ z --api-version 1 --json service get payroll
 echo "== a web resource in the security domain, then every service"
 z service add intranet --type "Web Resource" --description "Intranet"
 z service list
+# --- resource groups ---
+echo "== a resource group of two services, read back, a member removed and added again"
+z domain add staff --description "Staff applications" --member payroll --member intranet
+z domain get staff
+z --json domain list
+z domain remove-member staff payroll
+z domain add-member staff payroll
+z domain list
+# --- end of resource groups ---
 echo "== a user registered for a person"
 z user add jo --type User --person "cn=Jo,$suffix" --description "Demo user"
 z user verify "cn=Jo,$suffix"

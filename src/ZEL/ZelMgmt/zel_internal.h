@@ -285,4 +285,14 @@ ZEL_INTERNAL ZelRC remove_ZelUser_from_group(ZelSession *s, const char *user_dn,
 ZEL_INTERNAL ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result,
                                   int32_t mode);
 
+
+// Zel domains.
+ZEL_INTERNAL ZelRC locate_ZEL_Domain(ZelSession *s, const char *name, LDAPMessage **result,
+                                     int32_t mode);
+ZEL_INTERNAL ZelRC dissect_ZelDomain(ZelSession *s, LDAPMessage *entry, ZelDomain *record);
+ZEL_INTERNAL ZelRC create_update_ZelDomain(ZelSession *s, const ZelDomain *domain,
+                                           int32_t operation);
+ZEL_INTERNAL ZelRC add_remove_Location(ZelSession *s, const char *domain, const char *locType,
+                                       const char *locName, int32_t operation);
+
 }  // extern "C"

@@ -1,0 +1,333 @@
+// Zel domains (resource groups): the records handed to callers, reading
+// entries of both storage forms into them, the domain search, and removal.
+// A security domain session that knows the Zel database reads
+// first-generation domains as well.
+#include <cstring>
+#include <string>
+
+#include "ZelDomain.h"
+#include "platform/dn_escape.h"
+#include "platform/filter_format.h"
+
+namespace {
+
+struct DomainFree { void operator()(ZelDomain *d) const { Zel_freeZelDomain(d); } };
+struct DomainListFree { void operator()(ZelDomainList *l) const { Zel_freeZelDomains(l); } };
+using DomainHolder = std::unique_ptr<ZelDomain, DomainFree>;
+using DomainListHolder = std::unique_ptr<ZelDomainList, DomainListFree>;
+
+ZelRC set_text(char *&field, const char *value) {
+    char *copy = strdup(value);
+    if (copy == nullptr) return ZEL_RC_NO_MEMORY;
+    std::free(field);
+    field = copy;
+    return 0;
+}
+
+void free_locations(ZelDomain *d) {
+    if (d->locations) {
+        for (int32_t i = 0; i < d->locationCount; ++i) {
+            ZelDomainLocation *loc = d->locations[i];
+            if (loc == nullptr) continue;
+            std::free(loc->type);
+            std::free(loc->value);
+            std::free(loc);
+        }
+        std::free(d->locations);
+    }
+    d->locations = nullptr;
+    d->locationCount = 0;
+}
+
+// First-generation member prefixes, compared ignoring case.
+struct LocationPrefix {
+    const char *prefix;
+    const char *type;
+};
+constexpr LocationPrefix kLocationPrefixes[] = {
+    {"T", "resourceName"}, {"D", "Domain"}, {"A", "Application"}, {"H", "Host"}, {"AI", "ApplicationInstance"}};
+
+// "<prefix>:<name>", runs of ':' one separator.  Everything after the
+// separator is the name, so a name holding ':' reads back whole.  An unknown
+// or missing prefix leaves both fields null.
+ZelRC split_target_location(const char *stored, ZelDomainLocation *loc) {
+    const char *p = stored + std::strspn(stored, ":");
+    size_t prefix_length = std::strcspn(p, ":");
+    std::string prefix(p, prefix_length);
+    const char *type = nullptr;
+    for (const LocationPrefix &known : kLocationPrefixes)
+        if (!prefix.empty() && zel::same_text(prefix.c_str(), known.prefix)) type = known.type;
+    if (type == nullptr) return 0;
+    if ((loc->type = strdup(type)) == nullptr) return ZEL_RC_NO_MEMORY;
+    const char *name = p + prefix_length;
+    name += std::strspn(name, ":");
+    if (*name != '\0' && (loc->value = strdup(name)) == nullptr) return ZEL_RC_NO_MEMORY;
+    return 0;
+}
+
+// A member is the DN of a service's entry; its name is the value of the first
+// RDN, unescaped.  A value that is no DN is cut as text: after the first
+// '=', up to the next ','.
+ZelRC member_service_name(const char *member, char *&out) {
+    LDAPDN dn = nullptr;
+    if (ldap_str2dn(member, &dn, LDAP_DN_FORMAT_LDAPV3) == LDAP_SUCCESS && dn && dn[0] && dn[0][0]) {
+        const struct berval &v = dn[0][0]->la_value;
+        out = strndup(v.bv_val, v.bv_len);
+        ldap_dnfree(dn);
+        return out ? 0 : ZEL_RC_NO_MEMORY;
+    }
+    if (dn) ldap_dnfree(dn);
+    const char *p = member + std::strspn(member, "=");
+    p += std::strcspn(p, "=");
+    if (*p == '=') ++p;
+    p += std::strspn(p, ",");
+    size_t length = std::strcspn(p, ",");
+    if (length == 0) return 0;
+    out = strndup(p, length);
+    return out ? 0 : ZEL_RC_NO_MEMORY;
+}
+
+// Replaces the record's locations with one per value, filled by read_one.
+template <class ReadOne>
+ZelRC set_locations(ZelDomain *d, char **values, ReadOne &&read_one) {
+    free_locations(d);
+    int count = ldap_count_values(values);
+    if (count <= 0) return 0;
+    d->locations = static_cast<ZelDomainLocation **>(std::calloc(count, sizeof(ZelDomainLocation *)));
+    if (d->locations == nullptr) return ZEL_RC_NO_MEMORY;
+    d->locationCount = count;
+    for (int i = 0; i < count; ++i) {
+        auto *loc = static_cast<ZelDomainLocation *>(std::calloc(1, sizeof(ZelDomainLocation)));
+        if (loc == nullptr) return ZEL_RC_NO_MEMORY;
+        d->locations[i] = loc;
+        if (ZelRC rc = read_one(values[i], loc)) return rc;
+    }
+    return 0;
+}
+
+ZelRC read_domain_entry(ZelSession *s, LDAPMessage *entry, ZelDomain *d) {
+    return zel::walk_attributes(s->ld, entry, [d](const char *attr, char **strings, struct berval **) -> ZelRC {
+        // The binary values were there, so no string values means no memory.
+        if (strings == nullptr || strings[0] == nullptr) return ZEL_RC_NO_MEMORY;
+        if (zel::same_text(attr, "cn") || zel::same_text(attr, "secResGroupID")) return set_text(d->name, strings[0]);
+        if (zel::same_text(attr, "description")) return set_text(d->description, strings[0]);
+        if (zel::same_text(attr, "member"))
+            return set_locations(d, strings, [](const char *value, ZelDomainLocation *loc) -> ZelRC {
+                if ((loc->type = strdup("resourceName")) == nullptr) return ZEL_RC_NO_MEMORY;
+                return member_service_name(value, loc->value);
+            });
+        if (zel::same_text(attr, "targetLocation")) return set_locations(d, strings, split_target_location);
+        return 0;
+    });
+}
+
+ZelRC locate_domains(ZelSession *s, const char *name, LDAPMessage **result, int32_t mode) {
+    if (result == nullptr) return ZEL_RC_INVALID_ARGUMENT;
+    *result = nullptr;
+    zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
+    zel::CText base = zel::zeroed_buffer(zel::kDnSize);
+    if (!filter || !base) return ZEL_RC_NO_MEMORY;
+
+    bool first_gen = mode == zel::kFirstGenerationDomains;
+    const char *container = first_gen ? s->database_dn : s->domain_dn;
+    if (container == nullptr) return first_gen ? ZEL_RC_DATABASE_NOT_FOUND : ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
+    std::string value = name ? plat::escape_filter_value(name) : "*";
+    bool fits = first_gen ? zel::copy_into(base.get(), zel::kDnSize, container) &&
+                                zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eZelDomain)(cn=%s))",
+                                                 value.c_str())
+                          : zel::format_into(base.get(), zel::kDnSize, "cn=ResourceGroups,%s", container) &&
+                                zel::format_into(filter.get(), zel::kFilterSize,
+                                                 "(&(objectClass=secResGroup)(secResGroupID=%s))", value.c_str());
+    if (!fits) return ZEL_RC_INVALID_ARGUMENT;
+
+    struct timeval tv = zel::no_time_limit();
+    int size_limit = first_gen && name ? 2 : 0;
+    int lrc = plat::ldap_search_ext_s(s->ld, base.get(), LDAP_SCOPE_SUBTREE, filter.get(), nullptr, 0, nullptr,
+                                      nullptr, &tv, size_limit, result);
+    if (lrc == LDAP_SUCCESS || lrc == LDAP_NO_SUCH_OBJECT) return static_cast<ZelRC>(lrc);
+    return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+}
+
+// A missing container holds no domains.
+ZelRC search_or_none(ZelSession *s, const char *name, int32_t mode, zel::Message &res) {
+    ZelRC rc = zel::search_domains(s, name, mode, res);
+    return rc == ZEL_RC_ZEL_DOMAIN_NOT_FOUND ? 0 : rc;
+}
+
+ZelRC get_domain(ZelSession *s, const char *name, ZelDomain **out) {
+    if (out) *out = nullptr;
+    if (name == nullptr || out == nullptr) return ZEL_RC_INVALID_ARGUMENT;
+    DomainHolder d(static_cast<ZelDomain *>(std::calloc(1, sizeof(ZelDomain))));
+    if (!d) return ZEL_RC_NO_MEMORY;
+    bool first_gen = zel::first_generation(s);
+    if (first_gen) {
+        if (ZelRC rc = zel::ensure_database_dn(s)) return rc;
+    }
+
+    zel::Message res;
+    ZelRC rc = search_or_none(s, name, first_gen ? zel::kFirstGenerationDomains : zel::kSecurityDomainDomains, res);
+    if (rc != 0) return rc;
+    if (!first_gen && s->database_dn && zel::entry_count(s->ld, res.get()) == 0 &&
+        (rc = search_or_none(s, name, zel::kFirstGenerationDomains, res)) != 0)
+        return rc;
+
+    if (zel::entry_count(s->ld, res.get()) != 1) return ZEL_RC_ZEL_DOMAIN_NOT_FOUND;
+    if ((rc = dissect_ZelDomain(s, ldap_first_entry(s->ld, res.get()), d.get())) != 0) return rc;
+    zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able retrieve Zel Domain successfully!");
+    *out = d.release();
+    return 0;
+}
+
+// Reads the entries of a search result into list slots from *next on.
+ZelRC fill_domains(ZelSession *s, LDAPMessage *res, ZelDomainList *list, int32_t &next) {
+    if (res == nullptr) return 0;
+    for (LDAPMessage *e = ldap_first_entry(s->ld, res); e && next < list->count; e = ldap_next_entry(s->ld, e)) {
+        auto *d = static_cast<ZelDomain *>(std::calloc(1, sizeof(ZelDomain)));
+        if (d == nullptr) return ZEL_RC_NO_MEMORY;
+        list->domains[next++] = d;
+        if (ZelRC rc = dissect_ZelDomain(s, e, d)) return rc;
+    }
+    return 0;
+}
+
+ZelRC get_all_domains(ZelSession *s, ZelDomainList **out) {
+    if (out == nullptr) return ZEL_RC_INVALID_ARGUMENT;
+    *out = nullptr;
+    DomainListHolder list(static_cast<ZelDomainList *>(std::calloc(1, sizeof(ZelDomainList))));
+    if (!list) return ZEL_RC_NO_MEMORY;
+    bool first_gen = zel::first_generation(s);
+    if (first_gen) {
+        if (ZelRC rc = zel::ensure_database_dn(s)) return rc;
+    }
+
+    // First-generation domains come first.
+    zel::Message older, current;
+    if (s->database_dn) {
+        if (ZelRC rc = search_or_none(s, nullptr, zel::kFirstGenerationDomains, older)) return rc;
+    }
+    if (!first_gen) {
+        if (ZelRC rc = search_or_none(s, nullptr, zel::kSecurityDomainDomains, current)) return rc;
+    }
+
+    int total = zel::entry_count(s->ld, older.get()) + zel::entry_count(s->ld, current.get());
+    if (total < 1) return ZEL_RC_ZEL_DOMAIN_NOT_FOUND;
+    list->count = total;
+    list->domains = static_cast<ZelDomain **>(std::calloc(total, sizeof(ZelDomain *)));
+    if (list->domains == nullptr) return ZEL_RC_NO_MEMORY;
+    int32_t next = 0;
+    if (ZelRC rc = fill_domains(s, older.get(), list.get(), next)) return rc;
+    if (ZelRC rc = fill_domains(s, current.get(), list.get(), next)) return rc;
+    list->count = next;
+
+    zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able retrieve all Zel Domains successfully!");
+    *out = list.release();
+    return 0;
+}
+
+// Only the domain's entry goes; the services it names stay.  A domain that
+// does not exist is reported as removed and answers 32.
+ZelRC remove_domain(ZelSession *s, const char *name) {
+    if (name == nullptr) return ZEL_RC_INVALID_ARGUMENT;
+    bool first_gen = zel::first_generation(s);
+    if (first_gen) {
+        if (ZelRC rc = zel::ensure_database_dn(s)) return rc;
+    }
+    zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
+    if (!dn) return ZEL_RC_NO_MEMORY;
+    if (!first_gen && s->database_dn) {
+        if (ZelRC rc = zel::first_generation_domain_exists(s, name, first_gen)) return rc;
+    }
+    if (ZelRC rc = zel::domain_entry_dn(s, name, first_gen, dn.get())) return rc;
+
+    int lrc = plat::ldap_delete_ext_s(s->ld, dn.get(), nullptr, nullptr);
+    if (lrc != LDAP_SUCCESS && lrc != LDAP_NO_SUCH_OBJECT)
+        return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_delete_ext_s()");
+    zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able remove Zel Domain successfully!");
+    return static_cast<ZelRC>(lrc);
+}
+
+}  // namespace
+
+namespace zel {
+
+ZelRC search_domains(ZelSession *s, const char *name, int32_t mode, Message &res) {
+    LDAPMessage *raw = nullptr;
+    ZelRC rc = locate_ZEL_Domain(s, name, &raw, mode);
+    res.reset(raw);
+    return rc;
+}
+
+ZelRC first_generation_domain_exists(ZelSession *s, const char *name, bool &exists) {
+    Message res;
+    ZelRC rc = search_domains(s, name, kFirstGenerationDomains, res);
+    exists = rc == 0 && entry_count(s->ld, res.get()) > 0;
+    return rc;
+}
+
+ZelRC domain_entry_dn(const ZelSession *s, const char *name, bool first_gen, char *dn) {
+    const char *container = first_gen ? s->database_dn : s->domain_dn;
+    if (container == nullptr) return first_gen ? ZEL_RC_DATABASE_NOT_FOUND : ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
+    std::string value = plat::escape_dn_value(name);
+    bool fits = first_gen ? format_into(dn, kDnSize, "cn=%s,cn=Zel Domains,%s", value.c_str(), container)
+                          : format_into(dn, kDnSize, "secResGroupID=%s,cn=ResourceGroups,%s", value.c_str(), container);
+    return fits ? 0 : ZEL_RC_INVALID_ARGUMENT;
+}
+
+}  // namespace zel
+
+extern "C" {
+
+// Mode 1 searches first-generation domains, any other mode the security
+// domain's.  32 (a missing base) comes back as it stands, with the result.
+ZelRC locate_ZEL_Domain(ZelSession *s, const char *name, LDAPMessage **result, int32_t mode) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "locate_ZEL_Domain", rc);
+    return rc = zel::guarded([&] { return locate_domains(s, name, result, mode); });
+}
+
+ZelRC dissect_ZelDomain(ZelSession *s, LDAPMessage *entry, ZelDomain *record) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "dissect_ZelDomain", rc);
+    if (entry == nullptr || record == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+    return rc = zel::guarded([&] { return read_domain_entry(s, entry, record); });
+}
+
+ZEL_API ZelRC Zel_getZelDomain(ZelSession *s, const char *name, ZelDomain **out) {
+    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_getZelDomain", rc);
+    return rc = zel::guarded([&] { return get_domain(s, name, out); });
+}
+
+ZEL_API ZelRC Zel_getAllZelDomain(ZelSession *s, ZelDomainList **out) {
+    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_getAllZelDomain", rc);
+    return rc = zel::guarded([&] { return get_all_domains(s, out); });
+}
+
+ZEL_API ZelRC Zel_removeZelDomain(ZelSession *s, const char *name) {
+    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_removeZelDomain", rc);
+    return rc = zel::guarded([&] { return remove_domain(s, name); });
+}
+
+ZEL_API void Zel_freeZelDomain(ZelDomain *d) {
+    if (d == nullptr) return;
+    std::free(d->name);
+    std::free(d->description);
+    free_locations(d);
+    std::free(d);
+}
+
+ZEL_API void Zel_freeZelDomains(ZelDomainList *l) {
+    if (l == nullptr) return;
+    if (l->domains) {
+        for (int32_t i = 0; i < l->count; ++i) Zel_freeZelDomain(l->domains[i]);
+        std::free(l->domains);
+    }
+    std::free(l);
+}
+
+}  // extern "C"

@@ -1,0 +1,175 @@
+// Adding and updating resource groups and their members in both storage forms.
+#include "domain/domain_fixtures.h"
+#include "support/alloc_faults.h"
+#include "targetservice/ts_fixtures.h"
+
+namespace {
+
+using namespace domaintest;
+
+int writes() { return fault::count(Fn::Add) + fault::count(Fn::Modify); }
+
+// A read's status; its record is handed out exactly when it succeeds.
+template <class T>
+ZelRC handed_out(ZelRC rc, T **out, void (*release)(T *)) {
+    EXPECT_EQ(rc == 0, *out != nullptr);
+    release(*out);
+    return rc;
+}
+
+TEST_F(DomainTest, BothFormsWrittenWithEscapedNames) {
+    struct Case {
+        uint32_t version;
+        std::string dn, member_attr;
+        Values given, stored;
+    } cases[] = {
+        {1, "cn=R&D\\, west," + kOldDomains, "targetlocation", {"payroll", "x:y"}, {"T:payroll", "T:x:y"}},
+        {2, "secResGroupID=R&D\\, west," + kGroups, "member", {"mail", "a,b"},
+         {resource_dn("mail"), "secResourceID=a\\2Cb," + kResources}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.version);
+        open(c.version);
+        DomainRecord rd("R&D, west", "Research", services(c.given));
+        ASSERT_EQ(Zel_addZelDomain(s.get(), &rd.d), 0u);
+        Entry e = dir->entry(c.dn);
+        EXPECT_EQ(e.values(c.member_attr), c.stored);
+        EXPECT_EQ(e.values("objectclass"),
+                  c.version == 1 ? (Values{"top", "eZelDomain"}) : (Values{"top", "secResGroup"}));
+        EXPECT_EQ(read_domain(s.get(), "R&D, west"), "0 R&D, west [Research]" + members(c.given));
+        EXPECT_EQ(Zel_addZelDomain(s.get(), &rd.d), ZEL_RC_ALREADY_EXISTS);
+
+        // Members are replaced only when locations are given.
+        DomainRecord renamed("R&D, west", "Lab");
+        ASSERT_EQ(Zel_updateZelDomain(s.get(), &renamed.d), 0u);
+        EXPECT_EQ(read_domain(s.get(), "R&D, west"), "0 R&D, west [Lab]" + members(c.given));
+        DomainRecord one("R&D, west", nullptr, services({"wiki"}));
+        ASSERT_EQ(Zel_updateZelDomain(s.get(), &one.d), 0u);
+        EXPECT_EQ(read_domain(s.get(), "R&D, west"), "0 R&D, west [Lab]" + members({"wiki"}));
+        ASSERT_EQ(Zel_removeZelDomain(s.get(), "R&D, west"), 0u);
+    }
+}
+
+TEST_F(DomainTest, ResourceGroupsContainerEnsuredWithADatabaseOnly) {
+    dir->modify("dn: " + kGroups + "\nchangetype: delete\n");
+    open(2);
+    DomainRecord team("team", nullptr);
+    fault::fail_call(Fn::Add, 1, LDAP_NO_SUCH_ATTRIBUTE);
+    EXPECT_EQ(Zel_addZelDomain(s.get(), &team.d), ZEL_RC_SCHEMA_VIOLATION);
+    EXPECT_EQ(fault::count(Fn::Add), 1);
+    ASSERT_EQ(Zel_addZelDomain(s.get(), &team.d), 0u);
+    EXPECT_EQ(dir->entry(kGroups).values("objectclass"), (Values{"top", "container"}));
+    EXPECT_EQ(dir->entry("secResGroupID=team," + kGroups).first("sectype"), "2");
+
+    // Without the database the container is taken as it is found: missing.
+    std::free(s->database_dn);
+    s->database_dn = nullptr;
+    DomainRecord other("other", nullptr);
+    dir->modify("dn: secResGroupID=team," + kGroups + "\nchangetype: delete\n\ndn: " + kGroups +
+                "\nchangetype: delete\n");
+    EXPECT_EQ(Zel_addZelDomain(s.get(), &other.d), ZEL_RC_NO_SUCH_OBJECT);
+}
+
+// Kinds that refuse empty values get no description on add and lose it on
+// update; the others store it empty.  slapd itself refuses the empty value,
+// so the writes are kept from it and only what was sent is compared.
+TEST(DomainDescription, EmptyDescriptionByDirectoryKind) {
+    for (Kind kind : {Kind::Generic, Kind::Orv}) {
+        SCOPED_TRACE(kind_name(kind));
+        Directory dir(seeded(kind));
+        Session s = open_session(dir, 2);
+        ASSERT_TRUE(s);
+        fault::reset();
+        fault::fail_call(Fn::Add, 2, LDAP_SUCCESS);
+        fault::fail_call(Fn::Modify, 1, LDAP_SUCCESS);
+        DomainRecord empty("team", "");
+        ASSERT_EQ(Zel_addZelDomain(s.get(), &empty.d), 0u);
+        ASSERT_EQ(Zel_updateZelDomain(s.get(), &empty.d), 0u);
+        bool keeps_empty = kind == Kind::Orv;
+        using Sent = std::vector<Values>;
+        EXPECT_EQ(tstest::sent_values(fault::calls(Fn::Add)[1], "description"), keeps_empty ? Sent{{""}} : Sent{});
+        // Orv replaces with the empty value; the others delete the attribute.
+        EXPECT_EQ(tstest::sent_values(fault::calls(Fn::Modify)[0], "description"), keeps_empty ? Sent{{""}} : Sent{{}});
+        EXPECT_EQ(fault::calls(Fn::Modify)[0].mods[0].op, keeps_empty ? LDAP_MOD_REPLACE : LDAP_MOD_DELETE);
+    }
+    fault::reset();
+}
+
+TEST_F(DomainTest, MembersOneByOne) {
+    open(2);
+    DomainRecord team("team", "Team", services({"mail"}));
+    ASSERT_EQ(Zel_addZelDomain(s.get(), &team.d), 0u);
+    // Adding a member twice succeeds; a service of the first generation counts.
+    for (const char *service : {"wiki", "wiki", "payroll"})
+        EXPECT_EQ(Zel_addLocationToDomain(s.get(), "team", "ResourceName", service), 0u) << service;
+    EXPECT_EQ(Zel_removeLocationFromDomain(s.get(), "team", "resourceName", "mail"), 0u);
+    EXPECT_EQ(read_domain(s.get(), "team"), "0 team [Team]" + members({"wiki", "payroll"}));
+
+    // Refused before anything is written.
+    fault::reset();
+    DomainRecord host("other", nullptr, {{"resourceName", "mail"}, {"Host", "h1"}});
+    std::string long_name(990, 'n');
+    DomainRecord too_long(long_name.c_str(), nullptr);
+    struct Case {
+        const char *what;
+        ZelRC rc, expected;
+    } cases[] = {
+        {"not a member", Zel_removeLocationFromDomain(s.get(), "team", "resourceName", "mail"),
+         ZEL_RC_LOCATION_NOT_FOUND},
+        {"no such service", Zel_addLocationToDomain(s.get(), "team", "resourceName", "nosuch"), ZEL_RC_TS_NOT_FOUND},
+        {"host location", Zel_addZelDomain(s.get(), &host.d), ZEL_RC_CONFLICT},
+        {"host member", Zel_addLocationToDomain(s.get(), "team", "Host", "wiki"), ZEL_RC_CONFLICT},
+        {"untyped member", Zel_removeLocationFromDomain(s.get(), "team", nullptr, "wiki"), ZEL_RC_CONFLICT},
+        {"add needs a type", Zel_addLocationToDomain(s.get(), "team", nullptr, "wiki"), ZEL_RC_INVALID_ARGUMENT},
+        {"unknown operation", create_update_ZelDomain(s.get(), &team.d, 3), ZEL_RC_UNSUPPORTED_OPERATION},
+        {"unknown location operation", add_remove_Location(s.get(), "team", "resourceName", "wiki", 2),
+         ZEL_RC_UNSUPPORTED_OPERATION},
+        {"name too long", Zel_addZelDomain(s.get(), &too_long.d), ZEL_RC_INVALID_ARGUMENT},
+    };
+    for (const Case &c : cases) EXPECT_EQ(c.rc, c.expected) << c.what;
+    EXPECT_EQ(writes(), 1) << "only the removal of the non-member was sent";
+}
+
+// A security domain session keeps a first-generation domain where it is.
+TEST_F(DomainTest, FirstGenerationDomainKeptInPlace) {
+    dir->add("dn: cn=legacy," + kOldDomains + "\nobjectClass: eZelDomain\ncn: legacy\ntargetLocation: T:payroll\n");
+    open(2);
+    DomainRecord legacy("legacy", "Moved?", services({"mail"}));
+    EXPECT_EQ(Zel_addZelDomain(s.get(), &legacy.d), ZEL_RC_ALREADY_EXISTS);
+    EXPECT_EQ(writes(), 0);
+    ASSERT_EQ(Zel_updateZelDomain(s.get(), &legacy.d), 0u);
+    ASSERT_EQ(Zel_addLocationToDomain(s.get(), "legacy", "resourceName", "wiki"), 0u);
+    ASSERT_EQ(Zel_removeLocationFromDomain(s.get(), "legacy", "resourceName", "mail"), 0u);
+    Entry e = dir->entry("cn=legacy," + kOldDomains);
+    EXPECT_EQ(e.values("targetlocation"), Values{"T:wiki"});
+    EXPECT_EQ(e.first("description"), "Moved?");
+    EXPECT_EQ(dir->search(kGroups, "one").size(), 0u);
+}
+
+TEST_F(DomainTest, AllocationFailuresInBothStorageForms) {
+    for (uint32_t version : {1u, 2u}) {
+        SCOPED_TRACE(version);
+        open(version);
+        ZelSession *ss = s.get();
+        DomainRecord team("team", "Team", services({"mail", "wiki"}));
+        auto add = [&] { return Zel_addZelDomain(ss, &team.d); };
+        auto add_member = [&] { return Zel_addLocationToDomain(ss, "team", "resourceName", "payroll"); };
+        each_allocation_fails("add", 0, add, [&] { (void)Zel_removeZelDomain(ss, "team"); });
+        each_allocation_fails("update", 0, [&] { return Zel_updateZelDomain(ss, &team.d); });
+        each_allocation_fails("add member", 0, add_member);
+        each_allocation_fails("remove member", 0, [&] {
+            return Zel_removeLocationFromDomain(ss, "team", "resourceName", "payroll");
+        }, [&] { (void)add_member(); });
+        each_allocation_fails("get", 0, [&] {
+            ZelDomain *d = nullptr;
+            return handed_out(Zel_getZelDomain(ss, "team", &d), &d, Zel_freeZelDomain);
+        });
+        each_allocation_fails("get all", 0, [&] {
+            ZelDomainList *l = nullptr;
+            return handed_out(Zel_getAllZelDomain(ss, &l), &l, Zel_freeZelDomains);
+        });
+        each_allocation_fails("remove", 0, [&] { return Zel_removeZelDomain(ss, "team"); }, [&] { (void)add(); });
+    }
+}
+
+}  // namespace
