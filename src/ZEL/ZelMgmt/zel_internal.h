@@ -285,4 +285,15 @@ ZEL_INTERNAL ZelRC remove_ZelUser_from_group(ZelSession *s, const char *user_dn,
 ZEL_INTERNAL ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result,
                                   int32_t mode);
 
+// Target records and credentials.
+ZEL_INTERNAL ZelRC get_verify_User_Profile(ZelSession *s, const char *user, char **user_dn_out,
+                                           int32_t mode);
+ZEL_INTERNAL ZelRC locate_ZEL_TR(ZelSession *s, const char *target, const char *user,
+                                 LDAPMessage **result, int32_t mode);
+ZEL_INTERNAL ZelRC mask_password(ZelSession *s, const char *text, int32_t *length_out,
+                                 char **buffer_out, int32_t direction);
+ZEL_INTERNAL ZelRC dissect_TR(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record);
+ZEL_INTERNAL ZelRC create_update_TargetRecord(ZelSession *s, const char *user,
+                                              const ZelTargetRecord *record, int32_t operation);
+
 }  // extern "C"
