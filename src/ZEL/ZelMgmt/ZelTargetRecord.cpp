@@ -7,6 +7,7 @@
 // secResCredsID in the cn=ResCreds container of the user's secUser entry.
 // This file resolves the user, searches the records, masks and unmasks the
 // stored passwords and reads entries into records.
+#include <cerrno>
 #include <cstring>
 
 #include "ZelTargetRecord.h"
@@ -80,7 +81,11 @@ ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record)
 }
 
 ZelRC mask(const char *text, int32_t *length_out, char **buffer_out, int32_t direction) {
+    errno = 0;
     zel::CText coded(direction == zel::kMask ? plat::util_encode(text) : plat::util_decode(text));
+    // Running out of memory is no verdict on the value: never store a
+    // password in clear for it, nor call a stored value damaged.
+    if (!coded && errno == ENOMEM) return ZEL_RC_NO_MEMORY;
     // Masking that fails stores the text as it is; unmasking that fails is an error.
     const char *result = coded ? coded.get() : direction == zel::kMask ? text : nullptr;
     if (result == nullptr) return ZEL_RC_DECODE_FAILED;
