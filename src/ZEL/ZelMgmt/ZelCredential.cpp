@@ -101,17 +101,15 @@ ZelRC first_matching_group(ZelSession *s, LDAPMessage *res, const Query &q, int3
     return 0;
 }
 
-bool search_made(ZelRC rc) { return rc == 0 || rc == ZEL_RC_USER_NOT_FOUND || rc == ZEL_RC_ACCOUNT_INVALID; }
-
 // The user's own record for the resource, in the session's form and then,
 // where the Zel database is known, in the first-generation form.
 ZelRC direct_record(ZelSession *s, const char *user, const Query &q, zel::Message &res, LDAPMessage *&answer) {
     ZelRC rc = zel::find_records(s, q.credential_id.c_str(), user, zel::session_mode(s), res);
     // First generation: a user who is no Zel user, or an inactive one, gets nothing.
-    if (zel::first_generation(s) ? rc != 0 : !search_made(rc)) return rc;
+    if (zel::first_generation(s) ? rc != 0 : !zel::search_made(rc)) return rc;
     if (!zel::first_generation(s) && s->database_dn && zel::entry_count(s->ld, res.get()) == 0) {
         rc = zel::find_records(s, q.credential_id.c_str(), user, zel::kFirstGenerationMode, res);
-        if (!search_made(rc)) return rc;
+        if (!zel::search_made(rc)) return rc;
     }
     answer = res ? ldap_first_entry(s->ld, res.get()) : nullptr;
     return 0;
@@ -127,7 +125,7 @@ ZelRC group_record(ZelSession *s, const char *user, const Query &q, zel::Message
     int passes = !v1 && s->database_dn ? 2 : 1;
     for (int pass = 0; pass < passes && !answer; ++pass) {
         ZelRC rc = zel::search_records(s, "G:*", "G:*", user, mode, res);
-        if (!search_made(rc)) return rc;
+        if (!zel::search_made(rc)) return rc;
         if (zel::entry_count(s->ld, res.get()) == 0) {
             if (s->database_dn) mode = zel::kFirstGenerationMode;
             continue;

@@ -19,6 +19,10 @@ constexpr int32_t kDomainMode = 2;
 // Identifier of a credential size; a longer one is refused.
 constexpr size_t kCredentialIdSize = 512;
 
+// A record search that found a user who is no Zel user in that form, or an
+// inactive one, still counts as made.
+inline bool search_made(ZelRC rc) { return rc == 0 || rc == ZEL_RC_USER_NOT_FOUND || rc == ZEL_RC_ACCOUNT_INVALID; }
+
 inline int32_t session_mode(const ZelSession *s) { return first_generation(s) ? kFirstGenerationMode : kDomainMode; }
 
 // The body of locate_ZEL_TR for a value that is already a filter assertion:

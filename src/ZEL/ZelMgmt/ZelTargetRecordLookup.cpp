@@ -11,16 +11,13 @@ struct RecordListFree { void operator()(ZelTargetRecordList *l) const { Zel_free
 using RecordHolder = std::unique_ptr<ZelTargetRecord, RecordFree>;
 using RecordListHolder = std::unique_ptr<ZelTargetRecordList, RecordListFree>;
 
-// Not a Zel user, or inactive: the search still counts as made.
-bool search_made(ZelRC rc) { return rc == 0 || rc == ZEL_RC_USER_NOT_FOUND || rc == ZEL_RC_ACCOUNT_INVALID; }
-
 // The user's one record for `target`, in the session's form and then, where
 // the Zel database is known, among the first-generation records.  Two
 // records for one target are as good as none.
 ZelRC find_one_record(ZelSession *s, const char *user, const char *target, zel::Message &res, LDAPMessage *&entry) {
     entry = nullptr;
     ZelRC rc = zel::find_records(s, target, user, zel::session_mode(s), res);
-    if (!search_made(rc)) return rc;
+    if (!zel::search_made(rc)) return rc;
     if (!zel::first_generation(s) && s->database_dn && zel::entry_count(s->ld, res.get()) == 0) {
         rc = zel::find_records(s, target, user, zel::kFirstGenerationMode, res);
         if (rc != 0 && rc != ZEL_RC_ACCOUNT_INVALID) return rc;
@@ -51,7 +48,7 @@ ZelRC get_target_record(ZelSession *s, const char *user, const char *target, Zel
 // that form has no records there.
 ZelRC search_all(ZelSession *s, const char *user, int32_t mode, zel::Message &res) {
     ZelRC rc = zel::find_records(s, nullptr, user, mode, res);
-    return search_made(rc) ? 0 : rc;
+    return zel::search_made(rc) ? 0 : rc;
 }
 
 ZelRC fill_records(ZelSession *s, LDAPMessage *res, ZelTargetRecordList *list, int32_t &next) {
