@@ -79,7 +79,8 @@ int record_get(const Options &opts, Args args) {
 }
 
 // --password-file F or --password-stdin; without either, a prompt when
-// standard input is a terminal, else no password at all.
+// standard input is a terminal (an empty answer keeps the password out of
+// the write), else no password at all.
 bool take_password(Args &args, std::string &password, bool &given, int &status) {
     for (const std::string &a : args) {
         if (a == "--password" || a == "-w") {
@@ -100,6 +101,7 @@ bool take_password(Args &args, std::string &password, bool &given, int &status) 
                            : from_stdin ? read_secret_stdin(password)
                                         : prompt_secret("Password of the target record: ", password));
     if (!read) status = usage(from_file ? "cannot read the password file " + file : std::string("cannot read the password"));
+    if (read && given && !from_file && !from_stdin && password.empty()) given = false;
     return read;
 }
 
