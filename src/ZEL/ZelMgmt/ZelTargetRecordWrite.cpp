@@ -216,6 +216,7 @@ ZelRC create_update(ZelSession *s, const char *user, const ZelTargetRecord *r, i
     // No Zel user in the security domain yet: the add registers one.
     bool needs_user = !first_gen && op == kAdd && rc == ZEL_RC_USER_NOT_FOUND;
     if (rc != 0 && !needs_user) return rc;
+    if (!needs_user && !user_dn) return ZEL_RC_USER_NOT_FOUND;
 
     StoredValues v;
     if ((rc = check_target_service(s, r, v.stored_kind)) != 0) return rc;
@@ -230,6 +231,7 @@ ZelRC create_update(ZelSession *s, const char *user, const ZelTargetRecord *r, i
         if (zel::entry_count(s->ld, old.get()) > 0) {
             first_gen = true;
             if ((rc = resolve_user(s, user, zel::kFirstGenerationMode, user_dn)) != 0) return rc;
+            if (!user_dn) return ZEL_RC_USER_NOT_FOUND;
         }
     }
 
@@ -242,15 +244,16 @@ ZelRC create_update(ZelSession *s, const char *user, const ZelTargetRecord *r, i
 
     std::string dn;
     bool may_register = !first_gen && op == kAdd, no_parent = needs_user;
-    if (!needs_user) {
-        if ((rc = record_dn(r, first_gen, user_dn.get(), dn)) != 0) return rc;
-        rc = write_entry(s, op, dn, mods.get(), may_register, no_parent);
-    }
+    // Without a user entry yet, at least the record's own part must fit
+    // before the user is registered.
+    if ((rc = record_dn(r, first_gen, needs_user ? "" : user_dn.get(), dn)) != 0) return rc;
+    if (!needs_user) rc = write_entry(s, op, dn, mods.get(), may_register, no_parent);
     if (!no_parent) return rc;
 
     // No cn=ResCreds container: the person is no Zel user of the domain yet.
     if ((rc = register_xr_user(s, user)) != 0) return rc;
     if ((rc = resolve_user(s, user, zel::kDomainMode, user_dn)) != 0) return rc;
+    if (!user_dn) return ZEL_RC_USER_NOT_FOUND;
     if ((rc = record_dn(r, false, user_dn.get(), dn)) != 0) return rc;
     return write_entry(s, op, dn, mods.get(), false, no_parent);
 }
