@@ -159,12 +159,13 @@ ZelRC record_dn(const ZelTargetRecord *r, bool first_gen, const char *user_dn, s
     return dn.size() < zel::kDnSize ? 0 : ZEL_RC_INVALID_ARGUMENT;
 }
 
-// Resolves the user into `user_dn` (null when there is none).
+// Resolves the user into `user_dn`; 19 when no user entry is named.
 ZelRC resolve_user(ZelSession *s, const char *user, int32_t mode, zel::CText &user_dn) {
     char *raw = nullptr;
     ZelRC rc = get_verify_User_Profile(s, user, &raw, mode);
     user_dn.reset(raw);
-    return rc == ZEL_RC_ACCOUNT_INVALID ? 0 : rc;  // an inactive account still gets its records
+    if (rc == ZEL_RC_ACCOUNT_INVALID) rc = 0;  // an inactive account still gets its records
+    return rc == 0 && !user_dn ? ZEL_RC_USER_NOT_FOUND : rc;
 }
 
 // Registers the person as a Zel user of type "XR User" in the security domain.
@@ -216,7 +217,6 @@ ZelRC create_update(ZelSession *s, const char *user, const ZelTargetRecord *r, i
     // No Zel user in the security domain yet: the add registers one.
     bool needs_user = !first_gen && op == kAdd && rc == ZEL_RC_USER_NOT_FOUND;
     if (rc != 0 && !needs_user) return rc;
-    if (!needs_user && !user_dn) return ZEL_RC_USER_NOT_FOUND;
 
     StoredValues v;
     if ((rc = check_target_service(s, r, v.stored_kind)) != 0) return rc;
@@ -231,7 +231,6 @@ ZelRC create_update(ZelSession *s, const char *user, const ZelTargetRecord *r, i
         if (zel::entry_count(s->ld, old.get()) > 0) {
             first_gen = true;
             if ((rc = resolve_user(s, user, zel::kFirstGenerationMode, user_dn)) != 0) return rc;
-            if (!user_dn) return ZEL_RC_USER_NOT_FOUND;
         }
     }
 
@@ -253,7 +252,6 @@ ZelRC create_update(ZelSession *s, const char *user, const ZelTargetRecord *r, i
     // No cn=ResCreds container: the person is no Zel user of the domain yet.
     if ((rc = register_xr_user(s, user)) != 0) return rc;
     if ((rc = resolve_user(s, user, zel::kDomainMode, user_dn)) != 0) return rc;
-    if (!user_dn) return ZEL_RC_USER_NOT_FOUND;
     if ((rc = record_dn(r, false, user_dn.get(), dn)) != 0) return rc;
     return write_entry(s, op, dn, mods.get(), false, no_parent);
 }
