@@ -113,6 +113,20 @@ z domain list
 echo "== a user registered for a person"
 z user add jo --type User --person "cn=Jo,$suffix" --description "Demo user"
 z user verify "cn=Jo,$suffix"
+# ---- target records and the sign-on question --------------------------------
+echo "== a Sales resource group, and the services records are kept for"
+z service add mail --type "Web Resource" --description "Mail"
+z domain add Sales --description "The sales team's resources" --member intranet --member mail
+z service add Sales --type "Resource Group" --description "The sales team's resources"
+echo "== jo's own account for the intranet, and the team account for the Sales group"
+printf 'intranet-secret\n' | z record add jo T:intranet --service intranet --account jo.direct --password-stdin
+printf 'team-secret\n' | z record add jo G:Sales --service Sales --account sales-team --password-stdin
+z record list jo
+echo "== the sign-on question: direct beats group, the group covers the rest"
+z credential get jo intranet
+z --json credential get jo mail --reveal
+z credential get jo payroll || echo "(exit status $?)"
+# ---- end of target records ----------------------------------------------------
 echo "== an unreachable server"
 "$zelctl" -H "ldap://127.0.0.1:1" -D "$admin" -y "$pwfile" info || echo "(exit status $?)"
 echo "== done; the private directory is stopped"

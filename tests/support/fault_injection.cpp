@@ -5,6 +5,7 @@
 #endif
 #include <ldap.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -54,6 +55,7 @@ bool allocation_should_fail() {
     if (g_alloc_nth == 0 || g_in_hook) return false;
     if (++g_alloc_seen != g_alloc_nth) return false;
     g_alloc_failed = true;
+    errno = ENOMEM;  // as the C library's allocator reports it
     return true;
 }
 

@@ -28,6 +28,10 @@ const char *kUsage =
     "  domain list | get NAME | add NAME [--description D] [--member SERVICE ...]\n"
     "         | update NAME [--description D] [--member SERVICE ...] | remove NAME\n"
     "         | add-member NAME SERVICE | remove-member NAME SERVICE\n"
+    "  record list USER | get USER ID | remove USER ID     (--reveal shows passwords)\n"
+    "       | add|update USER ID --service S [--type T] [--account A] [--description D]\n"
+    "         [--password-file F | --password-stdin]        (else a prompt on a terminal)\n"
+    "  credential get USER RESOURCE [--reveal]       the account a sign-on agent presents\n"
     "Without -H the client's configured default server is used; -H ldaps://... connects with SSL.\n";
 
 std::string ca_file;
@@ -215,7 +219,7 @@ int main(int argc, char **argv) {
     rest.erase(rest.begin());
     if (take_flag(rest, "--json")) opts.json = true;
     bool known = command == "info" || command == "service" || command == "service-type" || command == "user" ||
-                 command == "domain";
+                 command == "domain" || command == "record" || command == "credential";
     if (!known) return usage("unknown command " + command + "\n" + kUsage);
     if (opts.bind_dn.empty() || !opts.have_password)
         return usage("a bind DN (-D) and a password (-w, -W or -y) are needed");
@@ -224,5 +228,7 @@ int main(int argc, char **argv) {
     if (command == "service-type") return run_service_type(opts, rest);
     if (command == "user") return run_user(opts, rest);
     if (command == "domain") return run_domain(opts, rest);
+    if (command == "record") return run_record(opts, rest);
+    if (command == "credential") return run_credential(opts, rest);
     return usage("unknown command " + command + "\n" + kUsage);
 }

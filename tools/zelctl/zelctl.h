@@ -73,5 +73,7 @@ int run_service(const Options &opts, Args args);
 int run_service_type(const Options &opts, Args args);
 int run_user(const Options &opts, Args args);
 int run_domain(const Options &opts, Args args);
+int run_record(const Options &opts, Args args);
+int run_credential(const Options &opts, Args args);
 
 }  // namespace zelctl

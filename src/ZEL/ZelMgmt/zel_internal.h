@@ -294,5 +294,15 @@ ZEL_INTERNAL ZelRC create_update_ZelDomain(ZelSession *s, const ZelDomain *domai
                                            int32_t operation);
 ZEL_INTERNAL ZelRC add_remove_Location(ZelSession *s, const char *domain, const char *locType,
                                        const char *locName, int32_t operation);
+// Target records and credentials.
+ZEL_INTERNAL ZelRC get_verify_User_Profile(ZelSession *s, const char *user, char **user_dn_out,
+                                           int32_t mode);
+ZEL_INTERNAL ZelRC locate_ZEL_TR(ZelSession *s, const char *target, const char *user,
+                                 LDAPMessage **result, int32_t mode);
+ZEL_INTERNAL ZelRC mask_password(ZelSession *s, const char *text, int32_t *length_out,
+                                 char **buffer_out, int32_t direction);
+ZEL_INTERNAL ZelRC dissect_TR(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record);
+ZEL_INTERNAL ZelRC create_update_TargetRecord(ZelSession *s, const char *user,
+                                              const ZelTargetRecord *record, int32_t operation);
 
 }  // extern "C"

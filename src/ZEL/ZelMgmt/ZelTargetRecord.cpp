@@ -1,0 +1,268 @@
+// Target records: a user's account and masked password for one target
+// service ("T:" identifiers) or one resource group ("G:" identifiers), kept
+// below the user's own entry.
+//
+// First generation: eTargetRecord entries named by cn below the user's
+// eZelUser profile.  Security domain form: secResCreds entries named by
+// secResCredsID in the cn=ResCreds container of the user's secUser entry.
+// This file resolves the user, searches the records, masks and unmasks the
+// stored passwords and reads entries into records.
+#include <cerrno>
+#include <cstring>
+
+#include "ZelTargetRecord.h"
+#include "platform/filter_format.h"
+#include "platform/password_mask.h"
+
+namespace {
+
+const char *kind_of_sec_type(const char *value) {
+    if (std::strcmp(value, "1") == 0) return "Web Resource";
+    if (std::strcmp(value, "2") == 0) return "Resource Group";
+    return "Unknown";
+}
+
+// Frees a password, overwriting it first.
+void free_secret(char *secret) {
+    if (secret == nullptr) return;
+    std::memset(secret, 0, std::strlen(secret));
+    std::free(secret);
+}
+
+// The record field an attribute of a target record entry fills, or null for
+// attributes that are not read.
+char **field_of(ZelTargetRecord *r, const char *attr) {
+    if (zel::same_text(attr, "cn") || zel::same_text(attr, "secResCredsID")) return &r->targetRecordId;
+    if (zel::same_text(attr, "uid") || zel::same_text(attr, "secUid") || zel::same_text(attr, "principalName"))
+        return &r->userId;
+    if (zel::same_text(attr, "targetService")) return &r->targetServiceName;
+    if (zel::same_text(attr, "tsType") || zel::same_text(attr, "secType")) return &r->targetServiceType;
+    if (zel::same_text(attr, "description")) return &r->description;
+    return nullptr;
+}
+
+ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record) {
+    ZelRC rc = zel::walk_attributes(s->ld, entry, [&](const char *attr, char **strings, struct berval **bervals) -> ZelRC {
+        bool secret_key = zel::same_text(attr, "secretKey");
+        if (secret_key || zel::same_text(attr, "secAuthnData")) {
+            bool as_stored = secret_key && zel::clear_secret_key(s);
+            for (struct berval **v = bervals; *v; ++v) {
+                char *clear = nullptr;
+                if (ZelRC rc = zel::clear_password(s, *v, as_stored, clear)) return rc;
+                free_secret(record->password);
+                record->password = clear;
+            }
+            return 0;
+        }
+        char **field = field_of(record, attr);
+        if (field == nullptr) return 0;
+        // The binary values were there, so no string values means no memory.
+        if (strings == nullptr) return ZEL_RC_NO_MEMORY;
+        for (char **v = strings; *v; ++v) {
+            if (field == &record->targetServiceName) {
+                // "tsName=<name>": the name is the second word.
+                std::string name = zel::token(*v, '=', 1);
+                std::free(*field);
+                *field = nullptr;
+                if (!name.empty() && zel::replace_text(*field, name.c_str()) != 0) return ZEL_RC_NO_MEMORY;
+            } else if (zel::same_text(attr, "secType")) {
+                if (zel::replace_text(*field, kind_of_sec_type(*v)) != 0) return ZEL_RC_NO_MEMORY;
+            } else if (zel::replace_text(*field, *v) != 0) {
+                return ZEL_RC_NO_MEMORY;
+            }
+        }
+        return 0;
+    });
+    if (rc != 0 || record->targetServiceName || zel::first_generation(s) || !record->targetRecordId) return rc;
+    // The security domain form names the service in the identifier: "T:<service>".
+    std::string service = zel::token(record->targetRecordId, ':', 1);
+    if (!service.empty() && zel::replace_text(record->targetServiceName, service.c_str()) != 0) return ZEL_RC_NO_MEMORY;
+    return rc;
+}
+
+ZelRC mask(const char *text, int32_t *length_out, char **buffer_out, int32_t direction) {
+    errno = 0;
+    zel::CText coded(direction == zel::kMask ? plat::util_encode(text) : plat::util_decode(text));
+    // Running out of memory is no verdict on the value: never store a
+    // password in clear for it, nor call a stored value damaged.
+    if (!coded && errno == ENOMEM) return ZEL_RC_NO_MEMORY;
+    // Masking that fails stores the text as it is; unmasking that fails is an error.
+    const char *result = coded ? coded.get() : direction == zel::kMask ? text : nullptr;
+    if (result == nullptr) return ZEL_RC_DECODE_FAILED;
+    size_t length = std::strlen(result);
+    zel::CText buffer = zel::zeroed_buffer(length + 2 > 1024 ? length + 2 : 1024);
+    if (!buffer) return ZEL_RC_NO_MEMORY;
+    std::memcpy(buffer.get(), result, length);
+    if (coded) std::memset(coded.get(), 0, length);
+    *length_out = static_cast<int32_t>(length + 1);
+    *buffer_out = buffer.release();
+    return 0;
+}
+
+}  // namespace
+
+namespace zel {
+
+std::string token(const char *text, char separator, int index) {
+    const char *p = text;
+    for (int i = 0;; ++i) {
+        while (*p == separator) ++p;
+        if (*p == '\0') return std::string();
+        const char *end = std::strchr(p, separator);
+        size_t length = end ? static_cast<size_t>(end - p) : std::strlen(p);
+        if (i == index) return std::string(p, length);
+        p += length;
+    }
+}
+
+ZelRC replace_text(char *&field, const char *value) {
+    char *copy = strdup(value);
+    if (copy == nullptr) return ZEL_RC_NO_MEMORY;
+    std::free(field);
+    field = copy;
+    return 0;
+}
+
+ZelRC clear_password(ZelSession *s, const struct berval *stored, bool as_stored, char *&out) {
+    out = nullptr;
+    if (as_stored) {
+        out = static_cast<char *>(std::calloc(1, stored->bv_len + 1));
+        if (out == nullptr) return ZEL_RC_NO_MEMORY;
+        std::memcpy(out, stored->bv_val, stored->bv_len);
+        return 0;
+    }
+    // The stored value carries its NUL; the masked text ends at the first one.
+    std::string masked(stored->bv_val, stored->bv_len);
+    int32_t length = 0;
+    char *raw = nullptr;
+    ZelRC rc = mask_password(s, masked.c_str(), &length, &raw, kUnmask);
+    CText clear(raw);
+    if (rc != 0) return rc;
+    out = static_cast<char *>(std::calloc(1, static_cast<size_t>(length) + 1));
+    if (out != nullptr) std::memcpy(out, clear.get(), static_cast<size_t>(length));
+    std::memset(clear.get(), 0, static_cast<size_t>(length));
+    return out ? 0 : ZEL_RC_NO_MEMORY;
+}
+
+ZelRC search_records(ZelSession *s, const char *assertion, const char *shown, const char *user, int32_t mode,
+                     Message &out) {
+    ZelRC rc = 0;
+    RoutineTrace trace(s, "locate_ZEL_TR", rc);
+    out.reset();
+    char *raw_dn = nullptr;
+    ZelRC verified = get_verify_User_Profile(s, user, &raw_dn, mode);
+    CText user_dn(raw_dn);
+    // An inactive user's records are still found; the caller decides.
+    if (verified != 0 && verified != ZEL_RC_ACCOUNT_INVALID) return rc = verified;
+
+    CText filter = zeroed_buffer(kFilterSize);
+    if (!filter) return rc = ZEL_RC_NO_MEMORY;
+    bool fits = mode == kFirstGenerationMode
+                    ? format_into(filter.get(), kFilterSize, "(&(objectClass=eTargetRecord)(cn=%s))", assertion)
+                    : format_into(filter.get(), kFilterSize, "secResCredsID=%s", assertion);
+    if (!fits) return rc = ZEL_RC_INVALID_ARGUMENT;
+    if (shown)
+        tracef(s, kTraceProgress, "zelmgmt:Target being looked for: %s\n", shown);
+    else
+        trace_line(s, kTraceProgress, "zelmgmt:All target records being retrieved.");
+    if (!user_dn) return rc = ZEL_RC_USER_NOT_FOUND;
+
+    struct timeval tv = no_time_limit();
+    LDAPMessage *raw = nullptr;
+    int lrc = plat::ldap_search_ext_s(s->ld, user_dn.get(), LDAP_SCOPE_SUBTREE, filter.get(), nullptr, 0, nullptr,
+                                      nullptr, &tv, 0, &raw);
+    out.reset(raw);
+    if (lrc != LDAP_SUCCESS) {
+        out.reset();
+        return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+    }
+    return rc = verified;
+}
+
+ZelRC find_records(ZelSession *s, const char *target, const char *user, int32_t mode, Message &out) {
+    if (target == nullptr) return search_records(s, "*", nullptr, user, mode, out);
+    std::string assertion = plat::escape_filter_value(target);
+    return search_records(s, assertion.c_str(), target, user, mode, out);
+}
+
+}  // namespace zel
+
+extern "C" {
+
+ZelRC get_verify_User_Profile(ZelSession *s, const char *user, char **user_dn_out, int32_t mode) {
+    return zel::guarded([&]() -> ZelRC {
+        ZelRC rc = 0;
+        zel::RoutineTrace trace(s, "get_verify_User_profile", rc);
+        if (user_dn_out) *user_dn_out = nullptr;
+        if (user == nullptr || user_dn_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        zel::CText person_dn = zel::zeroed_buffer(zel::kDnSize);
+        if (!person_dn) return rc = ZEL_RC_NO_MEMORY;
+
+        // A profile DN, a Kerberos principal, or a user id.
+        if (zel::contains(user, "="))
+            rc = construct_ePersonDN_from_UP(s, user, person_dn.get());
+        else if (zel::contains(user, "@"))
+            rc = locate_krb_ePerson(s, user, s->suffixes, person_dn.get());
+        else
+            rc = locate_ePerson(s, user, s->suffixes, person_dn.get());
+        if (rc != 0) return rc;
+
+        rc = verify_ZEL_user(s, person_dn.get(), user_dn_out, mode);
+        if (rc == 1) rc = 0;
+        else if (rc == 0) rc = ZEL_RC_USER_NOT_FOUND;
+        return rc;
+    });
+}
+
+ZelRC locate_ZEL_TR(ZelSession *s, const char *target, const char *user, LDAPMessage **result, int32_t mode) {
+    return zel::guarded([&]() -> ZelRC {
+        if (result == nullptr) return ZEL_RC_INVALID_ARGUMENT;
+        *result = nullptr;
+        zel::Message res;
+        ZelRC rc = zel::find_records(s, target, user, mode, res);
+        *result = res.release();
+        return rc;
+    });
+}
+
+ZelRC mask_password(ZelSession *s, const char *text, int32_t *length_out, char **buffer_out, int32_t direction) {
+    return zel::guarded([&]() -> ZelRC {
+        ZelRC rc = 0;
+        zel::RoutineTrace trace(s, "mask_password", rc);
+        if (buffer_out) *buffer_out = nullptr;
+        if (text == nullptr || length_out == nullptr || buffer_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        if (direction != zel::kMask && direction != zel::kUnmask) return rc = ZEL_RC_UNSUPPORTED_OPERATION;
+        return rc = mask(text, length_out, buffer_out, direction);
+    });
+}
+
+ZelRC dissect_TR(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record) {
+    return zel::guarded([&]() -> ZelRC {
+        ZelRC rc = 0;
+        zel::RoutineTrace trace(s, "dissect_TR", rc);
+        if (entry == nullptr || record == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        return rc = dissect_record(s, entry, record);
+    });
+}
+
+ZEL_API void Zel_freeTargetRecord(ZelTargetRecord *r) {
+    if (r == nullptr) return;
+    std::free(r->targetRecordId);
+    std::free(r->description);
+    std::free(r->userId);
+    free_secret(r->password);
+    std::free(r->targetServiceName);
+    std::free(r->targetServiceType);
+    std::free(r);
+}
+
+ZEL_API void Zel_freeTargetRecords(ZelTargetRecordList *l) {
+    if (l == nullptr) return;
+    if (l->records) {
+        for (int32_t i = 0; i < l->count; ++i) Zel_freeTargetRecord(l->records[i]);
+        std::free(l->records);
+    }
+    std::free(l);
+}
+
+}  // extern "C"

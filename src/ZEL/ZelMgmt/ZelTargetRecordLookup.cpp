@@ -1,0 +1,132 @@
+// Reading and removing a user's target records.  A security domain session
+// that knows the Zel database also sees the user's first-generation records.
+#include <cstring>
+
+#include "ZelTargetRecord.h"
+
+namespace {
+
+struct RecordFree { void operator()(ZelTargetRecord *r) const { Zel_freeTargetRecord(r); } };
+struct RecordListFree { void operator()(ZelTargetRecordList *l) const { Zel_freeTargetRecords(l); } };
+using RecordHolder = std::unique_ptr<ZelTargetRecord, RecordFree>;
+using RecordListHolder = std::unique_ptr<ZelTargetRecordList, RecordListFree>;
+
+// The user's one record for `target`, in the session's form and then, where
+// the Zel database is known, among the first-generation records.  Two
+// records for one target are as good as none.
+ZelRC find_one_record(ZelSession *s, const char *user, const char *target, zel::Message &res, LDAPMessage *&entry) {
+    entry = nullptr;
+    ZelRC rc = zel::find_records(s, target, user, zel::session_mode(s), res);
+    if (!zel::search_made(rc)) return rc;
+    if (!zel::first_generation(s) && s->database_dn && zel::entry_count(s->ld, res.get()) == 0) {
+        rc = zel::find_records(s, target, user, zel::kFirstGenerationMode, res);
+        if (rc != 0 && rc != ZEL_RC_ACCOUNT_INVALID) return rc;
+    }
+    if (zel::entry_count(s->ld, res.get()) != 1) return ZEL_RC_TR_NOT_FOUND;
+    entry = ldap_first_entry(s->ld, res.get());
+    return 0;
+}
+
+ZelRC get_target_record(ZelSession *s, const char *user, const char *target, ZelTargetRecord **out) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_getTargetRecord", rc);
+    if (out) *out = nullptr;
+    if (user == nullptr || target == nullptr || out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+    RecordHolder record(static_cast<ZelTargetRecord *>(std::calloc(1, sizeof(ZelTargetRecord))));
+    if (!record) return rc = ZEL_RC_NO_MEMORY;
+
+    zel::Message res;
+    LDAPMessage *entry = nullptr;
+    if ((rc = find_one_record(s, user, target, res, entry)) != 0) return rc;
+    if ((rc = dissect_TR(s, entry, record.get())) != 0) return rc;
+    zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able retrieve Target Record successfully!");
+    *out = record.release();
+    return rc;
+}
+
+// Every record of one form, or none: a user who is not (yet) a Zel user in
+// that form has no records there.
+ZelRC search_all(ZelSession *s, const char *user, int32_t mode, zel::Message &res) {
+    ZelRC rc = zel::find_records(s, nullptr, user, mode, res);
+    return zel::search_made(rc) ? 0 : rc;
+}
+
+ZelRC fill_records(ZelSession *s, LDAPMessage *res, ZelTargetRecordList *list, int32_t &next) {
+    for (LDAPMessage *e = res ? ldap_first_entry(s->ld, res) : nullptr; e && next < list->count;
+         e = ldap_next_entry(s->ld, e)) {
+        auto *record = static_cast<ZelTargetRecord *>(std::calloc(1, sizeof(ZelTargetRecord)));
+        if (record == nullptr) return ZEL_RC_NO_MEMORY;
+        list->records[next++] = record;
+        if (ZelRC rc = dissect_TR(s, e, record)) return rc;
+    }
+    return 0;
+}
+
+ZelRC get_all_target_records(ZelSession *s, const char *user, ZelTargetRecordList **out) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_getAllTargetRecord", rc);
+    if (out) *out = nullptr;
+    if (user == nullptr || out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+    RecordListHolder list(static_cast<ZelTargetRecordList *>(std::calloc(1, sizeof(ZelTargetRecordList))));
+    if (!list) return rc = ZEL_RC_NO_MEMORY;
+
+    bool v1 = zel::first_generation(s);
+    zel::Message first_gen, domain;
+    if ((v1 || s->database_dn) && (rc = search_all(s, user, zel::kFirstGenerationMode, first_gen)) != 0) return rc;
+    if (!v1 && (rc = search_all(s, user, zel::kDomainMode, domain)) != 0) return rc;
+
+    int total = zel::entry_count(s->ld, first_gen.get()) + zel::entry_count(s->ld, domain.get());
+    if (total < 1) return rc = ZEL_RC_TR_NOT_FOUND;
+    list->records = static_cast<ZelTargetRecord **>(std::calloc(total, sizeof(ZelTargetRecord *)));
+    if (list->records == nullptr) return rc = ZEL_RC_NO_MEMORY;
+    list->count = total;
+    int32_t next = 0;
+    if ((rc = fill_records(s, first_gen.get(), list.get(), next)) != 0) return rc;
+    if ((rc = fill_records(s, domain.get(), list.get(), next)) != 0) return rc;
+    list->count = next;
+
+    zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able retrieve all Target Records successfully!");
+    *out = list.release();
+    return rc;
+}
+
+ZelRC remove_target_record(ZelSession *s, const char *user, const char *target) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_removeTargetRecord", rc);
+    if (user == nullptr || target == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+
+    zel::Message res;
+    LDAPMessage *entry = nullptr;
+    if ((rc = find_one_record(s, user, target, res, entry)) != 0) return rc;
+    zel::LdapText dn(ldap_get_dn(s->ld, entry));
+    if (!dn) return rc = ZEL_RC_TR_NOT_FOUND;
+    int lrc = plat::ldap_delete_ext_s(s->ld, dn.get(), nullptr, nullptr);
+    if (lrc != LDAP_SUCCESS) {
+        rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_delete_ext_s()");
+        zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were unable to remove Target Record.");
+    } else {
+        zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able to remove Target Record successfully!");
+    }
+    return rc;
+}
+
+}  // namespace
+
+extern "C" {
+
+ZEL_API ZelRC Zel_getTargetRecord(ZelSession *s, const char *user, const char *target, ZelTargetRecord **out) {
+    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    return zel::guarded([&] { return get_target_record(s, user, target, out); });
+}
+
+ZEL_API ZelRC Zel_getAllTargetRecord(ZelSession *s, const char *user, ZelTargetRecordList **out) {
+    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    return zel::guarded([&] { return get_all_target_records(s, user, out); });
+}
+
+ZEL_API ZelRC Zel_removeTargetRecord(ZelSession *s, const char *user, const char *target) {
+    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    return zel::guarded([&] { return remove_target_record(s, user, target); });
+}
+
+}  // extern "C"

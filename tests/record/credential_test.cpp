@@ -1,0 +1,68 @@
+// Which account a sign-on agent gets: the direct record first, then the
+// first group record (in directory order) whose resource group holds the
+// resource.
+#include <array>
+
+#include "record/record_fixture.h"
+
+using namespace recordtest;
+
+namespace {
+
+void add_records(ZelSession *s, std::initializer_list<std::array<const char *, 3>> records) {
+    for (const auto &[id, service, account] : records) {
+        std::string password = std::string(account) + "-pw";
+        ZelTargetRecord r = record(id, service, account, password.c_str());
+        ASSERT_EQ(Zel_addTargetRecord(s, "jo", &r), 0u) << id;
+    }
+}
+
+}  // namespace
+
+TEST_F(RecordTest, CredentialsResolveDirectThenFirstMatchingGroup) {
+    open_with_jo(2);
+    add_records(s.get(), {{"T:app", "app", "direct"},
+                          {"G:Nope", "Nope", "nope"},  // no such resource group
+                          {"G:Ops", "Ops", "ops"},
+                          {"G:Sales", "Sales", "sales"},
+                          {"G:Old", "Old", "old"}});  // a first-generation Zel domain only
+    struct Case {
+        const char *resource, *want;
+    } cases[] = {
+        {"app", "direct/direct-pw"},  // Sales holds app as well
+        {"mail", "ops/ops-pw"},       // Ops and Sales: the first one wins
+        {"shop", "sales/sales-pw"},   // Ops passed over
+        {"legacy", "old/old-pw"},     // T:legacy as a location of the Zel domain
+        {"*", "status 24"},
+        {"G:Ops", "status 24"},
+        {"unknown", "status 24"},
+    };
+    for (const Case &c : cases) EXPECT_EQ(credential(s.get(), "jo", c.resource), c.want) << c.resource;
+
+    ZelUser off = user_record("jo", "User", kJo, nullptr, 0);
+    ASSERT_EQ(Zel_updateZelUser(s.get(), &off), 0u);
+    EXPECT_EQ(credential(s.get(), "jo", "mail"), "ops/ops-pw") << "inactive users still sign on";
+
+    // A direct record without a password answers, and has nothing to give.
+    ZelTargetRecord bare = record("T:mail", "mail", "bare", nullptr);
+    ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &bare), 0u);
+    EXPECT_EQ(credential(s.get(), "jo", "mail"), "status 13");
+
+    ZelCredential c{};
+    ZelCredentialRequest none{};
+    EXPECT_EQ(Zel_getCredential(s.get(), "jo", &none, &c), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(credential(s.get(), "max", "app"), "status 24") << "max is no Zel user";
+}
+
+TEST_F(RecordTest, FirstGenerationCredentialsAndInactiveUsers) {
+    open_with_jo(1);
+    add_records(s.get(), {{"G:Old", "Old", "old"}});
+    EXPECT_EQ(credential(s.get(), "jo", "legacy"), "old/old-pw");
+    add_records(s.get(), {{"T:legacy", "legacy", "direct"}});
+    EXPECT_EQ(credential(s.get(), "jo", "legacy"), "direct/direct-pw");
+    EXPECT_EQ(credential(s.get(), "max", "legacy"), "status 19");
+
+    ZelUser off = user_record("jo", "User", kJo, nullptr, 0);
+    ASSERT_EQ(Zel_updateZelUser(s.get(), &off), 0u);
+    EXPECT_EQ(credential(s.get(), "jo", "legacy"), "status 33");
+}

@@ -1,0 +1,162 @@
+// Target records in both storage forms: what is written, what reads back.
+#include "record/record_fixture.h"
+
+using namespace recordtest;
+using Strings = std::vector<std::string>;
+
+namespace {
+
+std::string text(const char *p) { return p ? p : "(null)"; }
+
+// The record's fields in order, or the status.
+Strings get(ZelSession *s, const char *user, const char *target) {
+    ZelTargetRecord *r = nullptr;
+    ZelRC rc = Zel_getTargetRecord(s, user, target, &r);
+    if (rc != 0) return {"status " + std::to_string(rc), r ? "handed out" : ""};
+    Strings out{text(r->targetRecordId), text(r->description), text(r->userId),
+                text(r->password), text(r->targetServiceName), text(r->targetServiceType)};
+    Zel_freeTargetRecord(r);
+    return out;
+}
+
+Strings all_ids(ZelSession *s, const char *user) {
+    ZelTargetRecordList *l = nullptr;
+    ZelRC rc = Zel_getAllTargetRecord(s, user, &l);
+    if (rc != 0) return {"status " + std::to_string(rc)};
+    Strings out;
+    for (int32_t i = 0; i < l->count; ++i) out.push_back(text(l->records[i]->targetRecordId));
+    Zel_freeTargetRecords(l);
+    return out;
+}
+
+Strings types_sent(const fault::Call &call) {
+    Strings out;
+    for (const fault::Mod &m : call.mods) out.push_back(m.type);
+    return out;
+}
+
+}  // namespace
+
+TEST_F(RecordTest, BothFormsStoreMaskedPasswordsAndReadThemBack) {
+    struct Case {
+        uint32_t version;
+        const char *service, *id, *kind;
+        std::string dn;
+        Strings classes, sent, updated;
+        const char *secret, *description_after;
+    };
+    const Case cases[] = {
+        {1, "legacy", "T:legacy", "Web Application", "cn=T:legacy," + kJoProfile,
+         {"top", "cimManagedElement", "cimSetting", "eTargetRecord"},
+         {"objectClass", "cn", "targetService", "tsType", "launchable", "description", "uid", "secretKey"},
+         {"targetService", "tsType", "description", "uid", "secretKey"}, "secretKey", "(null)"},
+        {2, "app", "T:app", "Web Resource", "secResCredsId=T:app,cn=ResCreds," + kJoDomainUser, {"top", "secResCreds"},
+         {"objectClass", "secResCredsID", "secType", "secValid", "description", "secUid", "secAuthnData", "secAuthnLength",
+          "secAuthnType"},
+         {"secUid", "secAuthnData", "secAuthnLength", "secAuthnType"}, "secAuthnData", "Jo at work"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.version);
+        open_with_jo(c.version);
+        ZelTargetRecord r = record(c.id, c.service, "jdoe", "pa55word", "Jo at work", "web resource");
+        if (c.version == 1) r.targetServiceType = const_cast<char *>("Web Application");
+        ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &r), 0u);
+        ASSERT_EQ(fault::count(Fn::Add), 1);
+        EXPECT_EQ(types_sent(fault::calls(Fn::Add)[0]), c.sent);
+
+        Entry e = dir->entry(c.dn);
+        EXPECT_EQ(e.values("objectClass"), c.classes);
+        const std::string stored = e.first(c.secret);
+        EXPECT_EQ(stored.rfind("{ZM1}", 0), 0u) << "masked";
+        EXPECT_EQ(stored.back(), '\0') << "stored with its NUL";
+        if (c.version == 2) {
+            EXPECT_EQ(e.first("secAuthnLength"), std::to_string(stored.size()));
+            EXPECT_EQ(e.first("secType"), "1");
+        } else {
+            EXPECT_EQ(e.first("targetService"), "tsName=legacy");
+        }
+        EXPECT_EQ(get(s.get(), "jo", c.id), (Strings{c.id, "Jo at work", "jdoe", "pa55word", c.service, c.kind}));
+
+        // The update replaces what it is given; an empty description is
+        // dropped on this directory kind (deleted in the first generation).
+        fault::reset();
+        ZelTargetRecord u = record(c.id, c.service, "jd", "n3w-secret", "");
+        ASSERT_EQ(Zel_updateTargetRecord(s.get(), "jo", &u), 0u);
+        ASSERT_EQ(fault::count(Fn::Modify), 1);
+        EXPECT_EQ(types_sent(fault::calls(Fn::Modify)[0]), c.updated);
+        EXPECT_EQ(get(s.get(), "jo", c.id), (Strings{c.id, c.description_after, "jd", "n3w-secret", c.service, c.kind}));
+        EXPECT_EQ(all_ids(s.get(), "jo"), Strings{c.id});
+
+        ASSERT_EQ(Zel_removeTargetRecord(s.get(), "jo", c.id), 0u);
+        EXPECT_FALSE(dir->exists(c.dn));
+        EXPECT_EQ(Zel_removeTargetRecord(s.get(), "jo", c.id), ZEL_RC_TR_NOT_FOUND);
+        EXPECT_EQ(get(s.get(), "jo", c.id), (Strings{"status 24", ""}));
+        EXPECT_EQ(all_ids(s.get(), "jo"), Strings{"status 24"});
+    }
+}
+
+// A security domain session sees first-generation records, updates them in
+// place, and registers a person as a Zel user on the first add.
+TEST_F(RecordTest, DomainSessionReachesFirstGenerationRecordsAndRegistersUsers) {
+    open_with_jo(1);
+    ZelTargetRecord legacy = record("T:legacy", "legacy", "old", "old-pw");
+    ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &legacy), 0u);
+    open(2);
+
+    legacy.password = const_cast<char *>("fresh-pw");
+    ASSERT_EQ(Zel_updateTargetRecord(s.get(), kJoProfile.c_str(), &legacy), 0u);
+    EXPECT_EQ(fault::calls(Fn::Modify).back().dn, "cn=T:legacy," + kJoProfile);
+    EXPECT_EQ(get(s.get(), "jo", "T:legacy")[3], "fresh-pw");
+    EXPECT_FALSE(dir->exists(kJoDomainUser));
+
+    // jo has a first-generation profile only, ann no Zel user at all.
+    for (const char *user : {"jo", "ann"}) {
+        ZelTargetRecord app = record("T:app", "app", user, "pw");
+        ASSERT_EQ(Zel_addTargetRecord(s.get(), user, &app), 0u) << user;
+        std::string user_dn = std::string("principalName=") + user + "," + kDomainUsers;
+        EXPECT_TRUE(dir->exists("secResCredsId=T:app,cn=ResCreds," + user_dn)) << user;
+    }
+    EXPECT_EQ(all_ids(s.get(), "jo"), (Strings{"T:legacy", "T:app"}));
+    EXPECT_EQ(all_ids(s.get(), "ann"), Strings{"T:app"});
+
+    // Inactive users keep reading and writing their records.
+    ZelUser off = user_record("jo", "User", kJo, nullptr, 0);
+    ASSERT_EQ(Zel_updateZelUser(s.get(), &off), 0u);
+    EXPECT_EQ(get(s.get(), "jo", "T:app")[3], "pw");
+    ZelTargetRecord app = record("T:app", "app", "jo2", nullptr);
+    EXPECT_EQ(Zel_updateTargetRecord(s.get(), "jo", &app), 0u);
+}
+
+TEST_F(RecordTest, RefusalsAndDamagedValues) {
+    open_with_jo(2);
+    ZelTargetRecord ok = record("T:app", "app", "jdoe", "pw");
+    ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &ok), 0u);
+    ZelTargetRecord no_service = record("T:app", nullptr, "jdoe", "pw");
+    ZelTargetRecord wrong_kind = record("T:mail", "mail", "jdoe", "pw", nullptr, "Resource Group");
+    ZelTargetRecord unknown = record("T:x", "x", "jdoe", "pw");
+    ZelTargetRecord pattern = record("T:x", "*", "jdoe", "pw");
+    const std::string long_id(1000, 'x');
+    ZelTargetRecord too_long = record(long_id.c_str(), "app", "jdoe", "pw");
+    struct Case {
+        const char *what;
+        ZelRC got, want;
+    } cases[] = {
+        {"no service", Zel_addTargetRecord(s.get(), "jo", &no_service), ZEL_RC_INVALID_ARGUMENT},
+        {"kind differs", Zel_addTargetRecord(s.get(), "jo", &wrong_kind), ZEL_RC_CONFLICT},
+        {"unknown service", Zel_addTargetRecord(s.get(), "jo", &unknown), ZEL_RC_TS_NOT_FOUND},
+        {"service pattern", Zel_addTargetRecord(s.get(), "jo", &pattern), ZEL_RC_TS_NOT_FOUND},
+        {"DN too long", Zel_addTargetRecord(s.get(), "jo", &too_long), ZEL_RC_INVALID_ARGUMENT},
+        // Not found in the domain; jo has no first-generation profile to fall back to.
+        {"target pattern", Zel_removeTargetRecord(s.get(), "jo", "T:*"), ZEL_RC_USER_NOT_FOUND},
+        {"filter too long", Zel_removeTargetRecord(s.get(), "jo", long_id.c_str()), ZEL_RC_INVALID_ARGUMENT},
+        {"not a Zel user", Zel_removeTargetRecord(s.get(), "max", "T:app"), ZEL_RC_USER_NOT_FOUND},
+    };
+    for (const Case &c : cases) EXPECT_EQ(c.got, c.want) << c.what;
+    EXPECT_EQ(fault::count(Fn::Delete), 0);
+
+    // A stored value the library did not mask fails the whole read.
+    dir->modify("dn: secResCredsId=T:app,cn=ResCreds," + kJoDomainUser +
+                "\nchangetype: modify\nreplace: secAuthnData\nsecAuthnData: plain\n");
+    EXPECT_EQ(get(s.get(), "jo", "T:app"), (Strings{"status 1013", ""}));
+    EXPECT_EQ(credential(s.get(), "jo", "app"), "status 1013");
+}

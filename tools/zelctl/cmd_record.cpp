@@ -1,0 +1,169 @@
+// zelctl record: a user's target records (account and password for one
+// service or resource group).  Passwords come from a file, standard input or
+// a prompt, never from the command line, and are shown only with --reveal.
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "zelctl.h"
+
+namespace zelctl {
+namespace {
+
+struct RecordFree { void operator()(ZelTargetRecord *r) const { Zel_freeTargetRecord(r); } };
+struct RecordListFree { void operator()(ZelTargetRecordList *l) const { Zel_freeTargetRecords(l); } };
+
+const char *or_empty(const char *text) { return text ? text : ""; }
+
+std::string record_json(const ZelTargetRecord *r, bool reveal) {
+    std::string out = "{\"id\":" + json_string(r->targetRecordId) + ",\"service\":" + json_string(r->targetServiceName) +
+                      ",\"type\":" + json_string(r->targetServiceType) + ",\"account\":" + json_string(r->userId) +
+                      ",\"description\":" + json_string(r->description);
+    if (reveal) out += ",\"password\":" + json_string(r->password);
+    return out + "}";
+}
+
+void print_record(const ZelTargetRecord *r, bool reveal) {
+    std::printf("id:          %s\n", or_empty(r->targetRecordId));
+    std::printf("service:     %s\n", or_empty(r->targetServiceName));
+    std::printf("type:        %s\n", or_empty(r->targetServiceType));
+    std::printf("account:     %s\n", or_empty(r->userId));
+    std::printf("description: %s\n", or_empty(r->description));
+    if (reveal) std::printf("password:    %s\n", or_empty(r->password));
+}
+
+int record_list(const Options &opts, Args args) {
+    int status = 0;
+    bool reveal = take_flag(args, "--reveal");
+    std::vector<std::string> operands;
+    if (!take_operands(args, "record list", {"USER"}, operands, status)) return status;
+    Session s(open_session(opts));
+    if (!s) return 1;
+    ZelTargetRecordList *raw = nullptr;
+    ZelRC rc = Zel_getAllTargetRecord(s.get(), operands[0].c_str(), &raw);
+    std::unique_ptr<ZelTargetRecordList, RecordListFree> list(raw);
+    // A user without records is no error for a listing.
+    if (rc != 0 && rc != ZEL_RC_TR_NOT_FOUND) return fail("cannot list the target records of " + operands[0], rc);
+    int32_t count = list ? list->count : 0;
+    if (opts.json) {
+        std::string out = "[";
+        for (int32_t i = 0; i < count; ++i) out += (i ? "," : "") + record_json(list->records[i], reveal);
+        std::printf("%s]\n", out.c_str());
+        return 0;
+    }
+    for (int32_t i = 0; i < count; ++i) {
+        if (i) std::printf("\n");
+        print_record(list->records[i], reveal);
+    }
+    return 0;
+}
+
+int record_get(const Options &opts, Args args) {
+    int status = 0;
+    bool reveal = take_flag(args, "--reveal");
+    std::vector<std::string> operands;
+    if (!take_operands(args, "record get", {"USER", "ID"}, operands, status)) return status;
+    Session s(open_session(opts));
+    if (!s) return 1;
+    ZelTargetRecord *raw = nullptr;
+    ZelRC rc = Zel_getTargetRecord(s.get(), operands[0].c_str(), operands[1].c_str(), &raw);
+    std::unique_ptr<ZelTargetRecord, RecordFree> record(raw);
+    if (rc != 0) return fail("cannot read target record " + operands[1] + " of " + operands[0], rc);
+    if (opts.json)
+        std::printf("%s\n", record_json(record.get(), reveal).c_str());
+    else
+        print_record(record.get(), reveal);
+    return 0;
+}
+
+// --password-file F or --password-stdin; without either, a prompt when
+// standard input is a terminal (an empty answer keeps the password out of
+// the write), else no password at all.
+bool take_password(Args &args, std::string &password, bool &given, int &status) {
+    for (const std::string &a : args) {
+        if (a == "--password" || a == "-w") {
+            status = usage("a record password is never taken from the command line: use --password-file or --password-stdin");
+            return false;
+        }
+    }
+    std::string file;
+    bool from_file = false;
+    if (!take_value(args, "--password-file", file, from_file, status)) return false;
+    bool from_stdin = take_flag(args, "--password-stdin");
+    if (from_file && from_stdin) {
+        status = usage("--password-file and --password-stdin exclude each other");
+        return false;
+    }
+    given = from_file || from_stdin || isatty(STDIN_FILENO);
+    bool read = !given || (from_file ? read_secret_file(file, password)
+                           : from_stdin ? read_secret_stdin(password)
+                                        : prompt_secret("Password of the target record: ", password));
+    if (!read) status = usage(from_file ? "cannot read the password file " + file : std::string("cannot read the password"));
+    if (read && given && !from_file && !from_stdin && password.empty()) given = false;
+    return read;
+}
+
+// record add / record update: the same options, one call apart.
+int record_write(const Options &opts, Args args, bool add) {
+    const std::string command = add ? "record add" : "record update";
+    int status = 0;
+    std::string service, type, account, description;
+    bool have_service = false, have_type = false, have_account = false, have_description = false;
+    if (!take_value(args, "--service", service, have_service, status) ||
+        !take_value(args, "--type", type, have_type, status) ||
+        !take_value(args, "--account", account, have_account, status) ||
+        !take_value(args, "--description", description, have_description, status))
+        return status;
+    std::string password;
+    bool have_password = false;
+    if (!take_password(args, password, have_password, status)) return status;
+    std::vector<std::string> operands;
+    if (!take_operands(args, command, {"USER", "ID"}, operands, status)) return status;
+    if (!have_service) return usage(command + ": --service is required");
+
+    ZelTargetRecord r{};
+    r.targetRecordId = operands[1].data();
+    r.targetServiceName = service.data();
+    r.targetServiceType = have_type ? type.data() : nullptr;
+    r.userId = have_account ? account.data() : nullptr;
+    r.description = have_description ? description.data() : nullptr;
+    r.password = have_password ? password.data() : nullptr;
+
+    Session s(open_session(opts));
+    if (!s) return 1;
+    const std::string what = "target record " + operands[1] + " of " + operands[0];
+    ZelRC rc = add ? Zel_addTargetRecord(s.get(), operands[0].c_str(), &r)
+                   : Zel_updateTargetRecord(s.get(), operands[0].c_str(), &r);
+    if (rc != 0) return fail(std::string("cannot ") + (add ? "add " : "update ") + what, rc);
+    return report_done(opts, "target record", "record", operands[1], add ? "added" : "updated");
+}
+
+int record_remove(const Options &opts, Args args) {
+    int status = 0;
+    std::vector<std::string> operands;
+    if (!take_operands(args, "record remove", {"USER", "ID"}, operands, status)) return status;
+    Session s(open_session(opts));
+    if (!s) return 1;
+    const std::string what = "target record " + operands[1] + " of " + operands[0];
+    if (ZelRC rc = Zel_removeTargetRecord(s.get(), operands[0].c_str(), operands[1].c_str()))
+        return fail("cannot remove " + what, rc);
+    return report_done(opts, "target record", "record", operands[1], "removed");
+}
+
+}  // namespace
+
+int run_record(const Options &opts, Args args) {
+    if (args.empty()) return usage("record: expected list, get, add, update or remove");
+    std::string sub = args.front();
+    args.erase(args.begin());
+    if (sub == "list") return record_list(opts, args);
+    if (sub == "get") return record_get(opts, args);
+    if (sub == "add") return record_write(opts, args, true);
+    if (sub == "update") return record_write(opts, args, false);
+    if (sub == "remove") return record_remove(opts, args);
+    return usage("record: unknown subcommand " + sub + " (list, get, add, update, remove)");
+}
+
+}  // namespace zelctl
