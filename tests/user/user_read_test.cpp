@@ -42,3 +42,15 @@ TEST_F(UserTest, ReadsAProfileBackInEitherStorageForm) {
     EXPECT_EQ(Zel_getZelUser(nullptr, "jo", nullptr), ZEL_RC_INVALID_HANDLE);
     EXPECT_EQ(Zel_getZelUser(s.get(), "jo", nullptr), ZEL_RC_INVALID_ARGUMENT);
 }
+
+// Domain version 6 keeps a removed user's entry, released: no profile any more.
+using ReadDomainV6 = SeededAs<Kind::Generic, 6>;
+
+TEST_F(ReadDomainV6, AReleasedEntryIsNoProfile) {
+    open(2);
+    ZelUser jo = user_record("jo", "User", kJo);
+    ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
+    ASSERT_EQ(Zel_removeZelUser(s.get(), "jo"), 0u);
+    ASSERT_TRUE(dir->exists("principalName=jo," + kDomainUsers));
+    EXPECT_EQ(read_back(s.get(), "jo"), "status 19");
+}

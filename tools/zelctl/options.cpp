@@ -8,7 +8,7 @@
 namespace zelctl {
 namespace {
 
-enum class Opt { Uri, BindDn, Password, PasswordFile, Prompt, Ca, Domain, ApiVersion, Json, SimpleBind, StartTls, Help, Version };
+enum class Opt { Uri, BindDn, Password, PasswordFile, Prompt, Ca, Domain, ApiVersion, Json, SimpleBind, StartTls, Help, Version, Count };
 
 struct OptionSpec {
     const char *name;
@@ -100,6 +100,7 @@ bool apply(const OptionSpec &o, const char *value, CommandLine &line, std::strin
         return false;
     case Opt::Help: line.help = true; break;
     case Opt::Version: line.version = true; break;
+    case Opt::Count: break;
     }
     return true;
 }
@@ -154,7 +155,7 @@ bool parse_number(const std::string &text, uint32_t max, uint32_t &value) {
 }
 
 bool parse_command_line(int argc, char **argv, CommandLine &line, std::string &error) {
-    bool seen[static_cast<int>(Opt::Version) + 1] = {};
+    bool seen[static_cast<int>(Opt::Count)] = {};
     int i = 1;
     for (; i < argc && argv[i][0] == '-' && argv[i][1] != '\0'; ++i) {
         char *attached = nullptr;

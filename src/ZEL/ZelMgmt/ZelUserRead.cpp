@@ -15,13 +15,17 @@ struct UserFree { void operator()(ZelUser *u) const { Zel_freeZelUser(u); } };
 using UserHolder = std::unique_ptr<ZelUser, UserFree>;
 
 // The profile under the security domain: "principalName=<name>,cn=Users,<domain DN>".
+// An entry whose secAuthority lacks the domain's "<name>:" mark is no
+// longer a profile (removal releases such entries instead of deleting them).
 ZelRC search_domain_profile(ZelSession *s, const char *name, zel::Message &res) {
     std::string dn = "principalName=" + plat::escape_dn_value(name) + ",cn=Users," + s->domain_dn;
-    if (dn.size() >= zel::kDnSize) return ZEL_RC_INVALID_ARGUMENT;
+    std::string filter = "(&(objectClass=secUser)(secAuthority=" +
+                         plat::escape_filter_value(std::string(s->domain_name) + ":") + "))";
+    if (dn.size() >= zel::kDnSize || filter.size() >= zel::kFilterSize) return ZEL_RC_INVALID_ARGUMENT;
     struct timeval tv = zel::no_time_limit();
     LDAPMessage *raw = nullptr;
-    int lrc = plat::ldap_search_ext_s(s->ld, dn.c_str(), LDAP_SCOPE_BASE, "(objectClass=secUser)", nullptr, 0,
-                                      nullptr, nullptr, &tv, 2, &raw);
+    int lrc = plat::ldap_search_ext_s(s->ld, dn.c_str(), LDAP_SCOPE_BASE, filter.c_str(), nullptr, 0, nullptr,
+                                      nullptr, &tv, 2, &raw);
     res.reset(raw);
     if (lrc == LDAP_NO_SUCH_OBJECT) return ZEL_RC_USER_NOT_FOUND;
     if (lrc != LDAP_SUCCESS) return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
@@ -76,7 +80,7 @@ ZEL_API ZelRC Zel_getZelUser(ZelSession *s, const char *name, ZelUser **out) {
         if (out == nullptr || name == nullptr || *name == '\0') return rc = ZEL_RC_INVALID_ARGUMENT;
 
         zel::Message res;
-        bool domain_form = !zel::first_generation(s) && s->domain_dn && *s->domain_dn;
+        bool domain_form = !zel::first_generation(s) && s->domain_dn && *s->domain_dn && s->domain_name;
         rc = domain_form ? search_domain_profile(s, name, res) : ZEL_RC_USER_NOT_FOUND;
         if (rc == ZEL_RC_USER_NOT_FOUND) {
             // A security domain session still sees the Zel database's users
