@@ -262,6 +262,31 @@ ZEL_API ZelRC Zel_createDatabase(ZelSession *s, const char *suffix, const char *
 ZEL_API ZelRC Zel_create_ePerson(ZelSession *s, const ZelPerson *p, const char *userType);
 ZEL_API ZelRC Zel_removeDatabase(ZelSession *s);
 
+/* Additions of ours: what a session learnt, and one Zel user read back.
+ * Both hand out records the caller releases with the matching free call
+ * (which accepts null); on failure nothing is handed out. */
+typedef struct ZelSessionInfo {
+    int32_t dirKind;               /* ZEL_DIR_* */
+    int32_t hostKind;              /* ZEL_HOST_* */
+    int32_t suffixCount;
+    char **suffixes;               /* in discovery order */
+    char *securityDomain;          /* null when the session has none */
+    char *securityDomainDN;        /* null when none or not found */
+    int32_t securityDomainVersion;
+    char *databaseDN;              /* null until the session has located it */
+    uint32_t apiVersion;
+} ZelSessionInfo;
+
+/* 1010 for a bad handle, 1005 for a null out, 1012 when memory runs out. */
+ZEL_API ZelRC Zel_getSessionInfo(ZelSession *s, ZelSessionInfo **out);
+ZEL_API void Zel_freeSessionInfo(ZelSessionInfo *info);
+
+/* The profile of the Zel user `name` as stored: the security domain's first
+ * in a version 2 session, else the Zel database's.  userType is null where
+ * the storage form keeps none.  19 when there is no such user. */
+ZEL_API ZelRC Zel_getZelUser(ZelSession *s, const char *name, ZelUser **out);
+ZEL_API void Zel_freeZelUser(ZelUser *user);
+
 #ifdef __cplusplus
 }
 #endif

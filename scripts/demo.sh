@@ -86,7 +86,7 @@ LDIF
 } | LDAPNOINIT=1 ldapadd -x -H "ldap://127.0.0.1:$port" -D "$admin" -w "$password" >/dev/null
 
 pwfile="$work/password"
-printf '%s\n' "$password" > "$pwfile"
+(umask 077; printf '%s\n' "$password" > "$pwfile")
 z() { printf '$ zelctl'; printf ' %q' "$@"; echo; "$zelctl" -H "ldap://127.0.0.1:$port" -D "$admin" -y "$pwfile" "$@"; }
 
 echo "== what the library learns at open"

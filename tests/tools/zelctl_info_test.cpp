@@ -74,3 +74,31 @@ TEST_F(ZelctlInfo, LocatedServerAndClearErrors) {
     r = zelctl({"frobnicate"});
     EXPECT_EQ(r.status, 2);
 }
+
+TEST_F(ZelctlInfo, AttachedValuesAndUsageErrorsNeverShowAValue) {
+    const std::string pw = Directory::admin_password();
+    CommandResult r = zelctl({"-H" + dir->uri(), "-D" + dir->admin_dn(), "-w" + pw, "--api-version=1", "-x", "info"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("Zel database:      not looked up (API version below 2)\n"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find(pw), std::string::npos);
+
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        std::string start;  // of what is printed
+    };
+    const std::vector<Case> cases = {
+        {{"-wS3cret", "--bogus=S3cret", "info"}, 2, "zelctl: unknown option --bogus"},
+        {{"-wS3cret", "--api-version", "4294967298", "info"}, 2, "zelctl: --api-version wants a number"},
+        {{"-wS3cret", "-Z", "info"}, 2, "zelctl: -Z: StartTLS is not offered"},
+        {{"-H", "ldap://h:70000", "-D", "cn=x", "-wS3cret", "info"}, 2, "zelctl: -H wants ldap://HOST[:PORT]"},
+        {{"help", "user"}, 0, "usage: zelctl [OPTIONS]\n  user add NAME"},
+        {{"--version"}, 0, "zelctl 1."},
+    };
+    for (const Case &c : cases) {
+        r = zelctl(c.args);
+        EXPECT_EQ(r.status, c.status) << c.args.front();
+        EXPECT_EQ((r.out + r.err).rfind(c.start, 0), 0u) << r.out << r.err;
+        EXPECT_EQ((r.out + r.err).find("S3cret"), std::string::npos);
+    }
+}

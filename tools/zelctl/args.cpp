@@ -5,6 +5,34 @@
 
 namespace zelctl {
 
+bool take_option(Args &args, const std::string &name, std::string &value) {
+    const std::string attached = name + "=";
+    for (size_t i = 0; i < args.size(); ++i) {
+        auto at = args.begin() + static_cast<long>(i);
+        if (args[i].compare(0, attached.size(), attached) == 0) {
+            value = args[i].substr(attached.size());
+            args.erase(at);
+            return true;
+        }
+        if (args[i] != name) continue;
+        if (i + 1 >= args.size()) return false;  // left for take_value to report
+        value = args[i + 1];
+        args.erase(at, at + 2);
+        return true;
+    }
+    return false;
+}
+
+bool take_flag(Args &args, const std::string &name) {
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == name) {
+            args.erase(args.begin() + static_cast<long>(i));
+            return true;
+        }
+    }
+    return false;
+}
+
 bool take_value(Args &args, const std::string &name, std::string &value, bool &given, int &status) {
     given = take_option(args, name, value);
     if (!given && take_flag(args, name)) {
@@ -25,7 +53,8 @@ bool take_operands(const Args &args, const std::string &command, std::initialize
                    std::vector<std::string> &out, int &status) {
     for (const std::string &a : args) {
         if (a.size() > 1 && a[0] == '-') {
-            status = usage(command + ": unknown option or missing value: " + a);
+            // Named without an attached value: that may be a secret.
+            status = usage(command + ": unknown option or missing value: " + a.substr(0, a.find('=')));
             return false;
         }
     }
@@ -37,14 +66,6 @@ bool take_operands(const Args &args, const std::string &command, std::initialize
     }
     out = args;
     return true;
-}
-
-int report_done(const Options &opts, const char *what, const char *key, const std::string &name, const char *verb) {
-    if (opts.json)
-        std::printf("{\"%s\":%s,\"%s\":true}\n", key, json_string(name.c_str()).c_str(), verb);
-    else
-        std::printf("%s %s %s\n", what, name.c_str(), verb);
-    return 0;
 }
 
 }  // namespace zelctl

@@ -1,12 +1,14 @@
 // zelctl info: what the directory is and where the Zel data lies.
 #include <cstdio>
+#include <memory>
 #include <string>
 
-#include "zel_internal.h"
 #include "zelctl.h"
 
 namespace zelctl {
 namespace {
+
+struct InfoFree { void operator()(ZelSessionInfo *i) const { Zel_freeSessionInfo(i); } };
 
 const char *dir_kind_name(int32_t kind) {
     switch (kind) {
@@ -28,40 +30,50 @@ const char *host_kind_name(int32_t kind) {
     }
 }
 
+void print_json(const ZelSessionInfo &info) {
+    std::string suffixes;
+    for (int32_t i = 0; i < info.suffixCount; ++i) suffixes += (i ? "," : "") + json_string(info.suffixes[i]);
+    std::printf("{\"vendor\":%s,\"host\":%s,\"suffixes\":[%s],\"securityDomain\":%s,\"securityDomainDN\":%s,"
+                "\"securityDomainVersion\":%d,\"database\":%s}\n",
+                json_string(dir_kind_name(info.dirKind)).c_str(), json_string(host_kind_name(info.hostKind)).c_str(),
+                suffixes.c_str(), json_string(info.securityDomain).c_str(), json_string(info.securityDomainDN).c_str(),
+                info.securityDomainVersion, json_string(info.databaseDN).c_str());
+}
+
+void print_text(const ZelSessionInfo &info) {
+    std::printf("vendor:            %s\n", dir_kind_name(info.dirKind));
+    std::printf("host:              %s\n", host_kind_name(info.hostKind));
+    std::printf("suffixes:         ");
+    if (info.suffixCount == 0) std::printf(" none");
+    for (int32_t i = 0; i < info.suffixCount; ++i) std::printf(" %s", info.suffixes[i]);
+    std::printf("\n");
+    if (info.securityDomain)
+        std::printf("security domain:   %s (%s), version %d\n", info.securityDomain,
+                    info.securityDomainDN ? info.securityDomainDN : "", info.securityDomainVersion);
+    else
+        std::printf("security domain:   none\n");
+    // Version 0 and 1 sessions look for the database only when an operation
+    // needs it, so not knowing it yet does not mean there is none.
+    const char *none = info.apiVersion < 2 ? "not looked up (API version below 2)" : "none";
+    std::printf("Zel database:      %s\n", info.databaseDN ? info.databaseDN : none);
+}
+
 }  // namespace
 
 int run_info(const Options &opts, Args args) {
-    if (!args.empty()) return usage("info takes no arguments");
-    ZelSession *s = open_session(opts);
+    std::vector<std::string> none;
+    int status = 0;
+    if (!take_operands(args, "info", {}, none, status)) return status;
+    Session s(open_session(opts));
     if (!s) return 1;
-    // Version-1 sessions learn the database only when an operation needs it.
-    char located[zel::kDnSize] = {0};
-    const char *db = s->database_dn;
-    if (!db && locate_ZEL_database(s, s->suffixes, located) == 0) db = located;
-    if (opts.json) {
-        std::printf("{\"vendor\":%s,\"host\":%s,\"suffixes\":[", json_string(dir_kind_name(s->dir_kind)).c_str(),
-                    json_string(host_kind_name(s->host_kind)).c_str());
-        for (ZelSuffixNode *n = s->suffixes; n; n = n->next)
-            std::printf("%s%s", n == s->suffixes ? "" : ",", json_string(n->suffix).c_str());
-        std::printf("],\"securityDomain\":%s,\"securityDomainDN\":%s,\"securityDomainVersion\":%d,"
-                    "\"database\":%s}\n",
-                    json_string(s->domain_name).c_str(),
-                    json_string(s->domain_dn && *s->domain_dn ? s->domain_dn : nullptr).c_str(),
-                    s->domain_version, json_string(db).c_str());
-    } else {
-        std::printf("vendor:            %s\n", dir_kind_name(s->dir_kind));
-        std::printf("host:              %s\n", host_kind_name(s->host_kind));
-        std::printf("suffixes:         ");
-        if (!s->suffixes) std::printf(" none");
-        for (ZelSuffixNode *n = s->suffixes; n; n = n->next) std::printf(" %s", n->suffix);
-        std::printf("\n");
-        if (s->domain_name)
-            std::printf("security domain:   %s (%s), version %d\n", s->domain_name, s->domain_dn, s->domain_version);
-        else
-            std::printf("security domain:   none\n");
-        std::printf("Zel database:      %s\n", db ? db : "none");
-    }
-    Zel_close(s, 1);
+    ZelSessionInfo *raw = nullptr;
+    ZelRC rc = Zel_getSessionInfo(s.get(), &raw);
+    std::unique_ptr<ZelSessionInfo, InfoFree> info(raw);
+    if (rc != 0) return fail("cannot read what the session learnt", rc);
+    if (opts.json)
+        print_json(*info);
+    else
+        print_text(*info);
     return 0;
 }
 

@@ -14,31 +14,6 @@ struct ServiceListFree { void operator()(ZelTargetServiceList *l) const { Zel_fr
 
 const char *or_empty(const char *text) { return text ? text : ""; }
 
-// "target service NAME added", or {"service":"NAME","added":true} for scripts.
-int done(const Options &opts, const char *what, const char *key, const std::string &name, const char *verb) {
-    if (opts.json)
-        std::printf("{\"%s\":%s,\"%s\":true}\n", key, json_string(name.c_str()).c_str(), verb);
-    else
-        std::printf("%s %s %s\n", what, name.c_str(), verb);
-    return 0;
-}
-
-// What is left must be the one NAME; a dangling or unknown option is a usage error.
-bool single_name(const Args &args, const std::string &command, std::string &name, int &status) {
-    for (const std::string &a : args) {
-        if (a.rfind("--", 0) == 0) {
-            status = usage(command + ": unknown option or missing value: " + a);
-            return false;
-        }
-    }
-    if (args.size() != 1) {
-        status = usage(command + " needs exactly one NAME");
-        return false;
-    }
-    name = args.front();
-    return true;
-}
-
 std::string service_json(const ZelTargetService *ts) {
     std::string out = "{\"name\":" + json_string(ts->name) + ",\"type\":" + json_string(ts->type) +
                       ",\"description\":" + json_string(ts->description) + ",\"identifiers\":[";
@@ -85,9 +60,10 @@ int list_services(const Options &opts, const Args &args) {
 }
 
 int get_service(const Options &opts, Args args) {
-    std::string name;
+    std::vector<std::string> operands;
     int status = 0;
-    if (!single_name(args, "service get", name, status)) return status;
+    if (!take_operands(args, "service get", {"NAME"}, operands, status)) return status;
+    std::string &name = operands[0];
     Session s(open_session(opts));
     if (!s) return 1;
     ZelTargetService *raw = nullptr;
@@ -107,9 +83,10 @@ int add_service(const Options &opts, Args args) {
     if (!take_option(args, "--type", type)) return usage("service add needs --type T");
     bool has_description = take_option(args, "--description", description);
     std::vector<std::string> ids = take_all(args, "--id");
-    std::string name;
+    std::vector<std::string> operands;
     int status = 0;
-    if (!single_name(args, "service add", name, status)) return status;
+    if (!take_operands(args, "service add", {"NAME"}, operands, status)) return status;
+    std::string &name = operands[0];
 
     std::vector<std::string> id_names, id_values;
     for (const std::string &id : ids) {
@@ -136,25 +113,27 @@ int add_service(const Options &opts, Args args) {
     if (!s) return 1;
     ZelRC rc = Zel_addTargetService(s.get(), &ts);
     if (rc != 0) return fail("cannot add target service " + name, rc);
-    return done(opts, "target service", "service", name, "added");
+    return report_done(opts, "target service", "service", name, "added");
 }
 
 int remove_service(const Options &opts, Args args) {
-    std::string name;
+    std::vector<std::string> operands;
     int status = 0;
-    if (!single_name(args, "service remove", name, status)) return status;
+    if (!take_operands(args, "service remove", {"NAME"}, operands, status)) return status;
+    std::string &name = operands[0];
     Session s(open_session(opts));
     if (!s) return 1;
     ZelRC rc = Zel_removeTargetService(s.get(), name.c_str());
     if (rc != 0) return fail("cannot remove target service " + name, rc);
-    return done(opts, "target service", "service", name, "removed");
+    return report_done(opts, "target service", "service", name, "removed");
 }
 
 int add_type(const Options &opts, Args args) {
     std::vector<std::string> ids = take_all(args, "--id");
-    std::string name;
+    std::vector<std::string> operands;
     int status = 0;
-    if (!single_name(args, "service-type add", name, status)) return status;
+    if (!take_operands(args, "service-type add", {"NAME"}, operands, status)) return status;
+    std::string &name = operands[0];
     std::vector<char *> names;
     for (std::string &id : ids) names.push_back(id.data());
     ZelTargetServiceType t{name.data(), static_cast<int32_t>(names.size()),
@@ -164,18 +143,19 @@ int add_type(const Options &opts, Args args) {
     if (!s) return 1;
     ZelRC rc = Zel_addTargetServiceType(s.get(), &t);
     if (rc != 0) return fail("cannot add target service type " + name, rc);
-    return done(opts, "target service type", "serviceType", name, "added");
+    return report_done(opts, "target service type", "serviceType", name, "added");
 }
 
 int remove_type(const Options &opts, Args args) {
-    std::string name;
+    std::vector<std::string> operands;
     int status = 0;
-    if (!single_name(args, "service-type remove", name, status)) return status;
+    if (!take_operands(args, "service-type remove", {"NAME"}, operands, status)) return status;
+    std::string &name = operands[0];
     Session s(open_session(opts));
     if (!s) return 1;
     ZelRC rc = Zel_removeTargetServiceType(s.get(), name.c_str());
     if (rc != 0) return fail("cannot remove target service type " + name, rc);
-    return done(opts, "target service type", "serviceType", name, "removed");
+    return report_done(opts, "target service type", "serviceType", name, "removed");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // zelctl user: register, update, verify and remove Zel users.
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "zelctl.h"
@@ -7,50 +8,20 @@
 namespace zelctl {
 namespace {
 
-// Exactly one operand and no unknown options left.
-bool single_operand(const Args &args, const std::string &what, std::string &operand, int &status) {
-    for (const std::string &a : args) {
-        if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
-            status = usage("user " + what + ": unknown option " + a);
-            return false;
-        }
-    }
-    if (args.size() != 1) {
-        status = usage("user " + what + ": expected exactly one " + (what == "verify" ? "PERSON_DN" : "NAME"));
-        return false;
-    }
-    operand = args.front();
-    return true;
-}
-
-// Takes "--name VALUE"; a flag given without its value is a usage error.
-bool option(Args &args, const std::string &name, std::string &value, bool &given, int &status) {
-    given = take_option(args, name, value);
-    if (!given && take_flag(args, name)) {
-        status = usage(name + " needs a value");
-        return false;
-    }
-    return true;
-}
-
-int report_done(const Options &opts, const char *action, const std::string &name) {
-    if (opts.json)
-        std::printf("{\"user\":%s,\"%s\":true}\n", json_string(name.c_str()).c_str(), action);
-    else
-        std::printf("Zel user %s %s\n", name.c_str(), action);
-    return 0;
-}
+struct UserFree { void operator()(ZelUser *u) const { Zel_freeZelUser(u); } };
 
 int user_add(const Options &opts, Args args) {
     int status = 0;
     std::string type, person, description;
     bool have_type = false, have_person = false, have_description = false;
-    if (!option(args, "--type", type, have_type, status) || !option(args, "--person", person, have_person, status) ||
-        !option(args, "--description", description, have_description, status))
+    if (!take_value(args, "--type", type, have_type, status) ||
+        !take_value(args, "--person", person, have_person, status) ||
+        !take_value(args, "--description", description, have_description, status))
         return status;
     bool disabled = take_flag(args, "--disabled");
-    std::string name;
-    if (!single_operand(args, "add", name, status)) return status;
+    std::vector<std::string> operands;
+    if (!take_operands(args, "user add", {"NAME"}, operands, status)) return status;
+    std::string &name = operands[0];
     if (!have_type) return usage("user add: --type is required (Senior Admin, Middle Tier Server, User, XR User)");
 
     ZelUser user{};
@@ -63,40 +34,47 @@ int user_add(const Options &opts, Args args) {
     Session session(open_session(opts));
     if (!session) return 1;
     if (ZelRC rc = Zel_addZelUser(session.get(), &user)) return fail("cannot add Zel user " + name, rc);
-    return report_done(opts, "added", name);
+    return report_done(opts, "Zel user", "user", name, "added");
 }
 
 int user_update(const Options &opts, Args args) {
     int status = 0;
     std::string person, description;
     bool have_person = false, have_description = false;
-    if (!option(args, "--person", person, have_person, status) ||
-        !option(args, "--description", description, have_description, status))
+    if (!take_value(args, "--person", person, have_person, status) ||
+        !take_value(args, "--description", description, have_description, status))
         return status;
     bool enable = take_flag(args, "--enabled");
     bool disable = take_flag(args, "--disabled");
     if (enable && disable) return usage("user update: --enabled and --disabled exclude each other");
-    std::string name;
-    if (!single_operand(args, "update", name, status)) return status;
-
-    // Every update writes the account state: enabled unless told otherwise.
-    ZelUser user{};
-    user.userName = name.data();
-    user.description = have_description ? description.data() : nullptr;
-    user.enabled = disable ? 0 : 1;
-    user.personDN = have_person ? person.data() : nullptr;
+    std::vector<std::string> operands;
+    if (!take_operands(args, "user update", {"NAME"}, operands, status)) return status;
+    std::string &name = operands[0];
 
     Session session(open_session(opts));
     if (!session) return 1;
-    if (ZelRC rc = Zel_updateZelUser(session.get(), &user)) return fail("cannot update Zel user " + name, rc);
-    return report_done(opts, "updated", name);
+    // The library writes the account state on every update, so what the
+    // command does not name is carried over from the profile as it stands.
+    ZelUser *raw = nullptr;
+    ZelRC rc = Zel_getZelUser(session.get(), name.c_str(), &raw);
+    std::unique_ptr<ZelUser, UserFree> current(raw);
+    if (rc != 0) return fail("cannot read Zel user " + name, rc);
+
+    ZelUser user{};
+    user.userName = name.data();
+    user.description = have_description ? description.data() : nullptr;  // null: left as it is
+    user.enabled = enable ? 1 : disable ? 0 : current->enabled;
+    user.personDN = have_person ? person.data() : current->personDN;
+    if ((rc = Zel_updateZelUser(session.get(), &user))) return fail("cannot update Zel user " + name, rc);
+    return report_done(opts, "Zel user", "user", name, "updated");
 }
 
 // Exit status 0 when the person has a Zel profile, 1 when not.
 int user_verify(const Options &opts, Args args) {
     int status = 0;
-    std::string person;
-    if (!single_operand(args, "verify", person, status)) return status;
+    std::vector<std::string> operands;
+    if (!take_operands(args, "user verify", {"PERSON_DN"}, operands, status)) return status;
+    const std::string &person = operands[0];
     Session session(open_session(opts));
     if (!session) return 1;
     char *profile = nullptr;
@@ -118,12 +96,13 @@ int user_verify(const Options &opts, Args args) {
 
 int user_remove(const Options &opts, Args args) {
     int status = 0;
-    std::string target;
-    if (!single_operand(args, "remove", target, status)) return status;
+    std::vector<std::string> operands;
+    if (!take_operands(args, "user remove", {"NAME|DN"}, operands, status)) return status;
+    const std::string &target = operands[0];
     Session session(open_session(opts));
     if (!session) return 1;
     if (ZelRC rc = Zel_removeZelUser(session.get(), target.c_str())) return fail("cannot remove Zel user " + target, rc);
-    return report_done(opts, "removed", target);
+    return report_done(opts, "Zel user", "user", target, "removed");
 }
 
 }  // namespace

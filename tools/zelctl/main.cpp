@@ -1,234 +1,159 @@
 // zelctl: the administrator's command-line tool over libzelmgmt.
-#include <termios.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iostream>
-#include <sstream>
+#include <string>
 
 #include "zelctl.h"
 
 namespace zelctl {
 namespace {
 
-const char *kUsage =
-    "usage: zelctl [-H URI] [-D binddn] [-w pw | -W | -y file] [--ca FILE]\n"
-    "              [--domain NAME] [--api-version N] [--json] COMMAND ...\n"
-    "commands:\n"
-    "  info                                     what the directory is and where the data lies\n"
-    "  service list | get NAME | add NAME --type T [--description D] [--id NAME=VALUE ...]\n"
-    "          | remove NAME\n"
-    "  service-type add NAME [--id NAME ...] | remove NAME\n"
-    "  user add NAME --type T [--person DN] [--description D] [--disabled]\n"
-    "     | update NAME [--person DN] [--description D] [--enabled | --disabled]\n"
-    "     | verify PERSON_DN | remove NAME|DN\n"
-    "  domain list | get NAME | add NAME [--description D] [--member SERVICE ...]\n"
-    "         | update NAME [--description D] [--member SERVICE ...] | remove NAME\n"
-    "         | add-member NAME SERVICE | remove-member NAME SERVICE\n"
-    "  record list USER | get USER ID | remove USER ID     (--reveal shows passwords)\n"
-    "       | add|update USER ID --service S [--type T] [--account A] [--description D]\n"
-    "         [--password-file F | --password-stdin]        (else a prompt on a terminal)\n"
-    "  credential get USER RESOURCE [--reveal]       the account a sign-on agent presents\n"
-    "Without -H the client's configured default server is used; -H ldaps://... connects with SSL.\n";
+struct Command {
+    const char *name;
+    int (*run)(const Options &opts, Args args);
+    const char *usage;  // one or more lines, each ending in a newline
+};
 
-std::string ca_file;
+// A new command group is one row here.
+const Command kCommands[] = {
+    {"info", run_info, "info    what the directory is and where the Zel data lies\n"},
+    {"service", run_service,
+     "service list | get NAME | add NAME --type T [--description D] [--id NAME=VALUE ...]\n"
+     "        | remove NAME\n"},
+    {"service-type", run_service_type, "service-type add NAME [--id NAME ...] | remove NAME\n"},
+    {"user", run_user,
+     "user add NAME --type T [--person DN] [--description D] [--disabled]\n"
+     "     | update NAME [--person DN] [--description D] [--enabled | --disabled]\n"
+     "     | verify PERSON_DN | remove NAME|DN\n"},
+    {"domain", run_domain,
+     "domain list | get NAME | add NAME [--description D] [--member SERVICE ...]\n"
+     "       | update NAME [--description D] [--member SERVICE ...] | remove NAME\n"
+     "       | add-member NAME SERVICE | remove-member NAME SERVICE\n"},
+    {"record", run_record,
+     "record list USER | get USER ID | remove USER ID     (--reveal shows passwords)\n"
+     "     | add|update USER ID --service S [--type T] [--account A] [--description D]\n"
+     "       [--password-file F | --password-stdin]        (else a prompt on a terminal)\n"},
+    {"credential", run_credential,
+     "credential get USER RESOURCE [--reveal]    the account a sign-on agent presents\n"},
+};
 
-// ldap://host[:port] or ldaps://host[:port]; IPv6 hosts in brackets.
-bool parse_uri(const std::string &uri, std::string &host, uint16_t &port, bool &ssl) {
-    std::string rest;
-    if (uri.rfind("ldaps://", 0) == 0) {
-        ssl = true;
-        rest = uri.substr(8);
-    } else if (uri.rfind("ldap://", 0) == 0) {
-        ssl = false;
-        rest = uri.substr(7);
-    } else {
-        return false;
+const char *kOptionsHelp =
+    "usage: zelctl [OPTIONS] COMMAND ...\n"
+    "       zelctl help [COMMAND] | --help | --version\n"
+    "options:\n"
+    "  -H URI             ldap://HOST[:PORT], or ldaps://HOST[:PORT] for SSL; without -H\n"
+    "                     the client's configured default server (ldap.conf, LDAPURI)\n"
+    "  -D DN              the DN to bind as; the bind is simple (-x is accepted)\n"
+    "  -w PW | -W | -y FILE\n"
+    "                     the password: given (wiped from the process's arguments at once),\n"
+    "                     asked for on the terminal, or the whole content of FILE less one\n"
+    "                     trailing newline (FILE should be readable by its owner only)\n"
+    "  --ca FILE          CA certificates to check an ldaps:// server with\n"
+    "  --domain NAME      the security domain (default: Default)\n"
+    "  --api-version N    0 or 1: first-generation storage; 2 (default): the security domain\n"
+    "  --json             results as JSON, for scripts\n"
+    "  Values may be attached: -wPW, -HURI, -DDN, -yFILE, --domain=NAME.\n"
+    "  -Z and -ZZ are refused: StartTLS is not offered, use ldaps:// instead.\n";
+
+const char *kExitHelp =
+    "exit status: 0 success; 1 the library reported a failure (the message names its\n"
+    "status), or user verify found no Zel user; 2 a usage error.\n";
+
+void print_command_usage(FILE *to, const Command &c) {
+    std::string text = c.usage;
+    for (size_t start = 0; start < text.size();) {
+        size_t end = text.find('\n', start);
+        std::fprintf(to, "  %s\n", text.substr(start, end - start).c_str());
+        start = end + 1;
     }
-    rest = rest.substr(0, rest.find('/'));
-    std::string port_text;
-    if (!rest.empty() && rest[0] == '[') {
-        size_t close = rest.find(']');
-        if (close == std::string::npos) return false;
-        host = rest.substr(1, close - 1);
-        if (close + 1 < rest.size() && rest[close + 1] == ':') port_text = rest.substr(close + 2);
-    } else {
-        size_t colon = rest.find(':');
-        host = rest.substr(0, colon);
-        if (colon != std::string::npos) port_text = rest.substr(colon + 1);
+}
+
+void print_help(FILE *to) {
+    std::fputs(kOptionsHelp, to);
+    std::fputs("commands:\n", to);
+    for (const Command &c : kCommands) print_command_usage(to, c);
+    std::fputs(kExitHelp, to);
+}
+
+const Command *find_command(const std::string &name) {
+    for (const Command &c : kCommands)
+        if (name == c.name) return &c;
+    return nullptr;
+}
+
+int help(const Args &args) {
+    if (args.empty()) {
+        print_help(stdout);
+        return 0;
     }
-    port = 0;
-    if (!port_text.empty()) {
-        char *end = nullptr;
-        long n = std::strtol(port_text.c_str(), &end, 10);
-        if (*end || n <= 0 || n > 65535) return false;
-        port = static_cast<uint16_t>(n);
+    const Command *c = args.size() == 1 ? find_command(args.front()) : nullptr;
+    if (!c) return usage("help takes one command name (zelctl --help lists them)");
+    std::printf("usage: zelctl [OPTIONS]\n");
+    print_command_usage(stdout, *c);
+    return 0;
+}
+
+// -W and -y are acted on only once the whole line has been read, so that a
+// usage error or --help never asks for or reads a secret.
+bool read_password(CommandLine &line) {
+    Options &opts = line.opts;
+    if (line.prompt) {
+        if (!prompt_secret("Enter LDAP Password: ", opts.password)) {
+            usage("cannot read a password from the terminal");
+            return false;
+        }
+        opts.have_password = true;
     }
-    return !host.empty();
+    if (!line.password_file.empty()) {
+        struct stat st {};
+        if (stat(line.password_file.c_str(), &st) == 0 && (st.st_mode & (S_IRWXG | S_IRWXO)))
+            std::fprintf(stderr, "zelctl: warning: others may read or change the password file %s\n",
+                         line.password_file.c_str());
+        if (!read_secret_file(line.password_file, opts.password)) {
+            usage("cannot read the password file " + line.password_file);
+            return false;
+        }
+        opts.have_password = true;
+    }
+    return true;
+}
+
+int run(CommandLine &line) {
+    if (line.help) {
+        print_help(stdout);
+        return 0;
+    }
+    if (line.version) {
+        std::printf("zelctl %s\n", ZELCTL_VERSION);
+        return 0;
+    }
+    Args &rest = line.rest;
+    if (rest.empty()) {
+        print_help(stderr);
+        return 2;
+    }
+    std::string name = rest.front();
+    rest.erase(rest.begin());
+    if (name == "help") return help(rest);
+    const Command *command = find_command(name);
+    if (!command) return usage("unknown command " + name + " (zelctl --help lists them)");
+    if (take_flag(rest, "--json")) line.opts.json = true;
+    if (!read_password(line)) return 2;
+    if (line.opts.bind_dn.empty() || !line.opts.have_password)
+        return usage("a bind DN (-D) and a password (-w, -W or -y) are needed");
+    return command->run(line.opts, rest);
 }
 
 }  // namespace
-
-ZelSession *open_session(const Options &opts) {
-    if (opts.bind_dn.empty() || !opts.have_password) {
-        usage("a bind DN (-D) and a password (-w, -W or -y) are needed");
-        return nullptr;
-    }
-    std::string host;
-    uint16_t port = 0;
-    bool ssl = false;
-    int32_t flags = 0;
-    if (!opts.uri.empty()) {
-        if (!parse_uri(opts.uri, host, port, ssl)) {
-            usage("cannot read the URI " + opts.uri);
-            return nullptr;
-        }
-        flags = ssl ? ZEL_OPEN_SSL : ZEL_OPEN_NONSSL;
-    }
-    const char *h = host.empty() ? nullptr : host.c_str();
-    const char *keyring = ca_file.empty() ? nullptr : ca_file.c_str();
-    ZelSession *s = nullptr;
-    ZelRC rc;
-    if (opts.api_version >= 2)
-        rc = Zel_open_sec_domain(nullptr, opts.bind_dn.c_str(), opts.password.c_str(), h, port, flags,
-                                 keyring, nullptr, nullptr, opts.domain.c_str(), &s, opts.api_version);
-    else
-        rc = Zel_open(nullptr, opts.bind_dn.c_str(), opts.password.c_str(), h, port, flags, keyring,
-                      nullptr, nullptr, &s, opts.api_version);
-    if (rc != 0) {
-        fail("cannot open a session on " + (opts.uri.empty() ? std::string("the default server") : opts.uri), rc);
-        return nullptr;
-    }
-    return s;
-}
-
-int fail(const std::string &what, ZelRC rc) {
-    std::fprintf(stderr, "zelctl: %s: %s (status %u)\n", what.c_str(), Zel_strerror(rc), rc);
-    return 1;
-}
-
-int usage(const std::string &message) {
-    std::fprintf(stderr, "zelctl: %s\n", message.c_str());
-    return 2;
-}
-
-std::string json_string(const char *text) {
-    if (!text) return "null";
-    std::string out = "\"";
-    for (const unsigned char *p = reinterpret_cast<const unsigned char *>(text); *p; ++p) {
-        switch (*p) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        default:
-            if (*p < 0x20) {
-                char buf[8];
-                std::snprintf(buf, sizeof buf, "\\u%04x", *p);
-                out += buf;
-            } else {
-                out += static_cast<char>(*p);
-            }
-        }
-    }
-    return out + "\"";
-}
-
-bool take_option(Args &args, const std::string &name, std::string &value) {
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] != name) continue;
-        if (i + 1 >= args.size()) return false;
-        value = args[i + 1];
-        args.erase(args.begin() + static_cast<long>(i), args.begin() + static_cast<long>(i) + 2);
-        return true;
-    }
-    return false;
-}
-
-bool take_flag(Args &args, const std::string &name) {
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == name) {
-            args.erase(args.begin() + static_cast<long>(i));
-            return true;
-        }
-    }
-    return false;
-}
-
 }  // namespace zelctl
 
 int main(int argc, char **argv) {
     using namespace zelctl;
-    Options opts;
-    Args rest;
-    for (int i = 1; i < argc; ++i) {
-        std::string a = argv[i];
-        auto value = [&](const char *what) -> const char * {
-            if (i + 1 >= argc) {
-                usage(std::string(what) + " needs a value");
-                std::exit(2);
-            }
-            return argv[++i];
-        };
-        if (!rest.empty()) {
-            rest.push_back(a);
-        } else if (a == "-h" || a == "--help") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        } else if (a == "-H") {
-            opts.uri = value("-H");
-        } else if (a == "-D") {
-            opts.bind_dn = value("-D");
-        } else if (a == "-w") {
-            opts.password = value("-w");
-            opts.have_password = true;
-        } else if (a == "-W") {
-            if (!prompt_secret("Enter LDAP Password: ", opts.password)) return usage("cannot read a password from the terminal");
-            opts.have_password = true;
-        } else if (a == "-y") {
-            std::string path = value("-y");
-            if (!read_secret_file(path, opts.password)) return usage("cannot read the password file " + path);
-            opts.have_password = true;
-        } else if (a == "--ca") {
-            zelctl::ca_file = value("--ca");
-        } else if (a == "--domain") {
-            opts.domain = value("--domain");
-        } else if (a == "--api-version") {
-            const char *v = value("--api-version");
-            char *end = nullptr;
-            long n = std::strtol(v, &end, 10);
-            if (*end || n < 0) return usage(std::string("bad --api-version ") + v);
-            opts.api_version = static_cast<uint32_t>(n);
-        } else if (a == "--json") {
-            opts.json = true;
-        } else if (!a.empty() && a[0] == '-') {
-            return usage("unknown option " + a + "\n" + kUsage);
-        } else {
-            rest.push_back(a);
-        }
-    }
-    if (rest.empty()) {
-        std::fputs(kUsage, stderr);
-        return 2;
-    }
-    std::string command = rest.front();
-    rest.erase(rest.begin());
-    if (take_flag(rest, "--json")) opts.json = true;
-    bool known = command == "info" || command == "service" || command == "service-type" || command == "user" ||
-                 command == "domain" || command == "record" || command == "credential";
-    if (!known) return usage("unknown command " + command + "\n" + kUsage);
-    if (opts.bind_dn.empty() || !opts.have_password)
-        return usage("a bind DN (-D) and a password (-w, -W or -y) are needed");
-    if (command == "info") return run_info(opts, rest);
-    if (command == "service") return run_service(opts, rest);
-    if (command == "service-type") return run_service_type(opts, rest);
-    if (command == "user") return run_user(opts, rest);
-    if (command == "domain") return run_domain(opts, rest);
-    if (command == "record") return run_record(opts, rest);
-    if (command == "credential") return run_credential(opts, rest);
-    return usage("unknown command " + command + "\n" + kUsage);
+    CommandLine line;
+    std::string error;
+    int status = parse_command_line(argc, argv, line, error) ? run(line) : usage(error + " (zelctl --help lists the options)");
+    forget_secret(line.opts.password);
+    return status;
 }

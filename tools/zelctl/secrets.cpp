@@ -61,4 +61,11 @@ bool prompt_secret(const char *prompt, std::string &out) {
     return ok;
 }
 
+void forget_secret(std::string &secret) {
+    // Through a volatile pointer, so that the stores are not dropped as dead.
+    volatile char *p = secret.data();
+    for (size_t i = 0; i < secret.size(); ++i) p[i] = '\0';
+    secret.clear();
+}
+
 }  // namespace zelctl

@@ -3,6 +3,7 @@
 
 #include <zelmgmt.h>
 
+#include <cstdint>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -19,9 +20,33 @@ struct Options {
     std::string domain = "Default";  // --domain
     uint32_t api_version = 2;        // --api-version
     bool json = false;               // --json
+    std::string ca_file;             // --ca: CA certificates for ldaps://
 };
 
 using Args = std::vector<std::string>;
+
+// What the command line says up to the command.
+struct CommandLine {
+    Options opts;
+    Args rest;                   // the command and its arguments
+    bool help = false;           // -h, --help
+    bool version = false;        // --version
+    bool prompt = false;         // -W: ask on the terminal once parsing is done
+    std::string password_file;   // -y: read once parsing is done
+};
+
+// Reads the options before the command.  -w's value is copied and then
+// overwritten in argv, so that it does not stay visible in ps.  False on a
+// usage error, with `error` naming the option, never its value.
+bool parse_command_line(int argc, char **argv, CommandLine &line, std::string &error);
+
+// Decimal digits only, nothing else, at most `max`: the one way every numeric
+// option is read, so that no value wraps or is cut short silently.
+bool parse_number(const std::string &text, uint32_t max, uint32_t &value);
+
+// ldap://HOST[:PORT] or ldaps://HOST[:PORT] (IPv6 hosts in brackets); port 0
+// when none is given.
+bool parse_uri(const std::string &uri, std::string &host, uint16_t &port, bool &ssl);
 
 // Opens a session as the options say; on failure prints the error and
 // returns null.
@@ -40,7 +65,7 @@ int usage(const std::string &message);
 // A JSON string literal.
 std::string json_string(const char *text);
 
-// Takes "--name VALUE" out of args; returns false when absent.  A flag
+// Takes "--name VALUE" or "--name=VALUE" out of args; returns false when absent.  A flag
 // without its value is reported through usage().
 bool take_option(Args &args, const std::string &name, std::string &value);
 bool take_flag(Args &args, const std::string &name);
@@ -66,6 +91,8 @@ bool read_secret_file(const std::string &path, std::string &out);
 bool read_secret_stdin(std::string &out);
 // Prompts on the terminal with echo off.
 bool prompt_secret(const char *prompt, std::string &out);
+// Overwrites a secret before its memory is given back.
+void forget_secret(std::string &secret);
 
 // Command groups: each gets the arguments after its own name.
 int run_info(const Options &opts, Args args);
