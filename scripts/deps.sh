@@ -3,7 +3,8 @@
 # any is missing.  Safe to run again: it does nothing when all are present.
 set -euo pipefail
 packages=(cmake g++ make pkg-config libldap-dev libsasl2-dev libicu-dev libsodium-dev
-          slapd ldap-utils openssl libgtest-dev libbenchmark-dev groff-base)
+          slapd ldap-utils openssl libgtest-dev libbenchmark-dev groff-base
+          python3 python3-pytest)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

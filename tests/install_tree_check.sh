@@ -41,6 +41,13 @@ out="$prefix/c_program"
 cc -std=c99 -Wall -Werror $extra_cflags "$c_program" -o "$out" $(pkg-config --cflags --libs zelmgmt) -Wl,-rpath,"$prefix/lib"
 "$out" >/dev/null || fail "the program built against the installed tree failed"
 
+# The Python binding finds the library of its own tree.
+if [ -z "$extra_cflags" ]; then
+  PYTHONPATH="$prefix/lib/python3/dist-packages" /usr/bin/python3 -c \
+    'import zelmgmt; assert zelmgmt.strerror(1010).startswith("ZEL_RC_INVALID_HANDLE")' \
+    || fail "the installed Python binding does not load"
+fi
+
 # A CMake project that finds the installed package, linked once against each
 # library; both programs must run.
 consumer="$prefix/consumer"

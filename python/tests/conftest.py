@@ -28,6 +28,14 @@ dn: cn=Users,secAuthority=Default,{SUFFIX}
 objectClass: container
 cn: Users
 
+dn: cn=Resources,secAuthority=Default,{SUFFIX}
+objectClass: container
+cn: Resources
+
+dn: cn=ResourceGroups,secAuthority=Default,{SUFFIX}
+objectClass: container
+cn: ResourceGroups
+
 dn: cn=Ann,{SUFFIX}
 objectClass: inetOrgPerson
 objectClass: ePerson

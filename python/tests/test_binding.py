@@ -2,7 +2,7 @@
 import pytest
 
 import zelmgmt
-from conftest import ADMIN, SUFFIX
+from conftest import ADMIN, SOURCE, SUFFIX
 
 
 @pytest.fixture
@@ -19,6 +19,11 @@ def test_bad_bind_raises_with_status_and_text(directory):
     assert "wrong" not in str(e.value)
 
 
+def test_session_info(session):
+    info = session.info()
+    assert (info.suffixes, info.security_domain, info.api_version) == ([SUFFIX], "Default", 2)
+
+
 def test_services_round_trip(session):
     session.add_target_service(zelmgmt.TargetService("payroll", "Web Resource", "Payroll portal"))
     assert session.get_target_service("payroll") == zelmgmt.TargetService(
@@ -33,8 +38,11 @@ def test_services_round_trip(session):
 def test_the_sign_on_question(session):
     session.add_user(zelmgmt.User("ann", "User", person_dn=f"cn=Ann,{SUFFIX}"))
     assert session.verify_user(f"cn=Ann,{SUFFIX}") is not None
+    assert session.get_user("ann").enabled
     for name in ("payroll", "wiki", "mail"):
         session.add_target_service(zelmgmt.TargetService(name, "Web Resource"))
+    # A group record names the group as a service of the "Resource Group" kind.
+    session.add_target_service(zelmgmt.TargetService("office", "Resource Group"))
     session.add_domain(zelmgmt.Domain("office", locations=[("resourceName", "wiki"), ("resourceName", "mail")]))
     assert session.get_domain("office").members == ["wiki", "mail"]
     session.add_target_record("ann", zelmgmt.TargetRecord("T:payroll", "payroll", account="ann.lee",
@@ -49,3 +57,14 @@ def test_the_sign_on_question(session):
         session.get_credential("ann", "*")
     assert e.value.status == 24
     assert sorted(r.id for r in session.get_all_target_records("ann")) == ["G:office", "T:payroll"]
+
+
+def test_the_readme_example_runs(directory, capsys):
+    readme = (SOURCE / "README.md").read_text()
+    example = readme.split("```python\n", 1)[1].split("```", 1)[0]
+    example = example.replace("ldap://127.0.0.1:3890", directory.uri).replace(
+        '"admin.pw"', repr(str(directory.password_file)))
+    exec(compile(example, "README.md", "exec"), {})
+    out = capsys.readouterr().out
+    assert "Credential(account='ann.lee')" in out and "wiki-secret" not in out
+    assert "24 ZEL_RC_TR_NOT_FOUND" in out

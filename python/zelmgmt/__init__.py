@@ -22,7 +22,7 @@ from typing import List, Optional, Tuple
 from . import _c
 
 __all__ = [
-    "Error", "Session", "TargetService", "ServiceType", "User", "TargetRecord",
+    "Error", "Session", "SessionInfo", "TargetService", "ServiceType", "User", "TargetRecord",
     "Credential", "Domain", "Person", "strerror",
     "OPEN_NONSSL", "OPEN_SSL", "OPEN_GSSAPI",
     "CREATEDB_SUFFIX", "CREATEDB_XR_DEFAULTS", "CREATEDB_EXTENDED",
@@ -66,6 +66,19 @@ class TargetService:
     type: Optional[str] = None
     description: Optional[str] = None
     identifiers: List[Tuple[str, str]] = field(default_factory=list)
+
+
+@dataclass
+class SessionInfo:
+    """What the session learnt at open (dir_kind is a ZEL_DIR_* number)."""
+    dir_kind: int
+    host_kind: int
+    suffixes: List[str]
+    security_domain: Optional[str]
+    security_domain_dn: Optional[str]
+    security_domain_version: int
+    database_dn: Optional[str]
+    api_version: int
 
 
 @dataclass
@@ -221,6 +234,17 @@ class Session:
             raise Error(1010, "the session is closed")
         return self._handle
 
+    def info(self) -> SessionInfo:
+        out = ctypes.POINTER(_c.SessionInfo)()
+        _check(_lib.Zel_getSessionInfo(self._h, ctypes.byref(out)), "cannot read the session")
+        try:
+            i = out.contents
+            return SessionInfo(i.dirKind, i.hostKind, [_s(i.suffixes[k]) for k in range(i.suffixCount)],
+                               _s(i.securityDomain), _s(i.securityDomainDN), i.securityDomainVersion,
+                               _s(i.databaseDN), i.apiVersion)
+        finally:
+            _lib.Zel_freeSessionInfo(out)
+
     # Target services.
     def get_target_service(self, name: str) -> TargetService:
         out = ctypes.POINTER(_c.TargetService)()
@@ -266,6 +290,15 @@ class Session:
 
     def add_user(self, user: User) -> None:
         _check(_lib.Zel_addZelUser(self._h, ctypes.byref(self._user(user))), f"cannot add user {user.name}")
+
+    def get_user(self, name: str) -> User:
+        out = ctypes.POINTER(_c.User)()
+        _check(_lib.Zel_getZelUser(self._h, _b(name), ctypes.byref(out)), f"cannot read user {name}")
+        try:
+            u = out.contents
+            return User(_s(u.userName), _s(u.userType), _s(u.description), bool(u.enabled), _s(u.personDN))
+        finally:
+            _lib.Zel_freeZelUser(out)
 
     def update_user(self, user: User) -> None:
         _check(_lib.Zel_updateZelUser(self._h, ctypes.byref(self._user(user))), f"cannot update user {user.name}")

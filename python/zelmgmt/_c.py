@@ -66,6 +66,12 @@ class Person(ctypes.Structure):
                 ("uid", c_char_p), ("password", c_char_p)]
 
 
+class SessionInfo(ctypes.Structure):
+    _fields_ = [("dirKind", c_int32), ("hostKind", c_int32), ("suffixCount", c_int32), ("suffixes", P(c_char_p)),
+                ("securityDomain", c_char_p), ("securityDomainDN", c_char_p), ("securityDomainVersion", c_int32),
+                ("databaseDN", c_char_p), ("apiVersion", c_uint32)]
+
+
 _OPEN = [c_void_p, c_char_p, c_char_p, c_char_p, ctypes.c_uint16, c_int32, c_char_p, c_char_p, c_char_p]
 _S = c_void_p  # ZelSession *
 
@@ -87,6 +93,10 @@ _PROTOTYPES = {
     "Zel_updateZelUser": (c_uint32, [_S, P(User)]),
     "Zel_verifyZelUser": (c_uint32, [_S, c_char_p, P(c_void_p)]),
     "Zel_removeZelUser": (c_uint32, [_S, c_char_p]),
+    "Zel_getZelUser": (c_uint32, [_S, c_char_p, P(P(User))]),
+    "Zel_freeZelUser": (None, [P(User)]),
+    "Zel_getSessionInfo": (c_uint32, [_S, P(P(SessionInfo))]),
+    "Zel_freeSessionInfo": (None, [P(SessionInfo)]),
     "Zel_getTargetRecord": (c_uint32, [_S, c_char_p, c_char_p, P(P(TargetRecord))]),
     "Zel_getAllTargetRecord": (c_uint32, [_S, c_char_p, P(P(TargetRecordList))]),
     "Zel_freeTargetRecord": (None, [P(TargetRecord)]),
