@@ -285,4 +285,20 @@ ZEL_INTERNAL ZelRC remove_ZelUser_from_group(ZelSession *s, const char *user_dn,
 ZEL_INTERNAL ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result,
                                   int32_t mode);
 
+// Database provisioning.
+ZEL_INTERNAL ZelRC instantiate_suffix(ZelSession *s, const char *dn);
+ZEL_INTERNAL ZelRC create_container(ZelSession *s, const char *dn, const char *cn, const char *owner,
+                                    int32_t count, char **values);
+ZEL_INTERNAL ZelRC create_xr_defaults(ZelSession *s);
+ZEL_INTERNAL ZelRC create_access_group(ZelSession *s, const char *dn, const char *name,
+                                       const char *member, const char *owner);
+ZEL_INTERNAL ZelRC set_owner(ZelSession *s, const char *dn, const char *subject, unsigned char deny,
+                             unsigned char deny_variant);
+ZEL_INTERNAL ZelRC set_nds_group_acl(ZelSession *s, const char *dn, const char *subject);
+ZEL_INTERNAL ZelRC set_nds_sradmin_acl(ZelSession *s, const char *person_dn, const char *admins_dn,
+                                       const char *middle_tier_dn);
+ZEL_INTERNAL ZelRC determine_initial_ZelAdmin(ZelSession *s, const char *admin, const char *suffix,
+                                              const char *uid, const char *password, char **uid_out,
+                                              char **dn_out);
+
 }  // extern "C"
