@@ -48,5 +48,6 @@ protected:
     Session s;
 };
 using DatabaseTest = DatabaseTestAs<>;
+using OrvDatabase = DatabaseTestAs<Kind::Orv>;
 
 }  // namespace dbtest
