@@ -25,6 +25,11 @@ const char *kUsage =
     "  user add NAME --type T [--person DN] [--description D] [--disabled]\n"
     "     | update NAME [--person DN] [--description D] [--enabled | --disabled]\n"
     "     | verify PERSON_DN | remove NAME|DN\n"
+    "  db create SUFFIX [--admin DN|CN] [--admin-uid U] [--admin-password-file F]\n"
+    "            [--create-suffix] [--default-types] [--extended] | remove [--yes]\n"
+    "  person add PARENT_DN --cn CN --sn SN [--uid U] [--description D] [--password-file F] [--type T]\n"
+    "db commands use --api-version 1 unless told otherwise; password files are read whole, one\n"
+    "trailing newline removed (/dev/stdin reads standard input).\n"
     "Without -H the client's configured default server is used; -H ldaps://... connects with SSL.\n";
 
 std::string ca_file;
@@ -196,6 +201,7 @@ int main(int argc, char **argv) {
             long n = std::strtol(v, &end, 10);
             if (*end || n < 0) return usage(std::string("bad --api-version ") + v);
             opts.api_version = static_cast<uint32_t>(n);
+            opts.api_version_given = true;
         } else if (a == "--json") {
             opts.json = true;
         } else if (!a.empty() && a[0] == '-') {
@@ -211,7 +217,8 @@ int main(int argc, char **argv) {
     std::string command = rest.front();
     rest.erase(rest.begin());
     if (take_flag(rest, "--json")) opts.json = true;
-    bool known = command == "info" || command == "service" || command == "service-type" || command == "user";
+    bool known = command == "info" || command == "service" || command == "service-type" || command == "user" ||
+                 command == "db" || command == "person";
     if (!known) return usage("unknown command " + command + "\n" + kUsage);
     if (opts.bind_dn.empty() || !opts.have_password)
         return usage("a bind DN (-D) and a password (-w, -W or -y) are needed");
@@ -219,5 +226,7 @@ int main(int argc, char **argv) {
     if (command == "service") return run_service(opts, rest);
     if (command == "service-type") return run_service_type(opts, rest);
     if (command == "user") return run_user(opts, rest);
+    if (command == "db") return run_db(opts, rest);
+    if (command == "person") return run_person(opts, rest);
     return usage("unknown command " + command + "\n" + kUsage);
 }

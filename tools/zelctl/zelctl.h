@@ -18,6 +18,7 @@ struct Options {
     bool have_password = false;
     std::string domain = "Default";  // --domain
     uint32_t api_version = 2;        // --api-version
+    bool api_version_given = false;  // commands of one storage form choose theirs otherwise
     bool json = false;               // --json
 };
 
@@ -72,5 +73,8 @@ int run_info(const Options &opts, Args args);
 int run_service(const Options &opts, Args args);
 int run_service_type(const Options &opts, Args args);
 int run_user(const Options &opts, Args args);
+// Database provisioning.
+int run_db(const Options &opts, Args args);
+int run_person(const Options &opts, Args args);
 
 }  // namespace zelctl
