@@ -30,7 +30,8 @@ TEST_F(DatabaseTest, RefusalsWriteNothing) {
         {"no suffix", s.get(), nullptr, nullptr, 0, ZEL_RC_INVALID_ARGUMENT},
         {"empty suffix", s.get(), "", nullptr, 0, ZEL_RC_INVALID_ARGUMENT},
         {"suffix too long", s.get(), too_long.c_str(), nullptr, 0, ZEL_RC_INVALID_ARGUMENT},
-        {"suffix not on the server", s.get(), "o=nowhere", nullptr, ZEL_CREATEDB_SUFFIX, ZEL_RC_SUFFIX_UNAVAILABLE},
+        {"suffix not on the server", s.get(), "o=nowhere", nullptr, ZEL_CREATEDB_SUFFIX,
+         ZEL_RC_SUFFIX_UNAVAILABLE},
         {"missing administrator", s.get(), "o=acme", "cn=Nobody,o=acme", 0, ZEL_RC_NO_SUCH_OBJECT},
     };
     for (const Case &c : cases) {
@@ -52,10 +53,10 @@ TEST_F(DatabaseTest, RefusalsWriteNothing) {
 // directory kind and creation flags.
 struct KindCase {
     unsigned char flags;
-    std::vector<std::string> tree;                // below the database entry
-    std::vector<std::string> metadata;            // its access-control values
-    std::vector<std::string> domains_access;      // on cn=Zel Domains
-    std::vector<std::string> full_users;          // objectClass, member, owner of the group
+    std::vector<std::string> tree;            // below the database entry
+    std::vector<std::string> metadata;        // its access-control values
+    std::vector<std::string> domains_access;  // on cn=Zel Domains
+    std::vector<std::string> full_users;      // objectClass, member, owner of the group
 };
 
 template <Kind K>
@@ -68,8 +69,8 @@ protected:
         EXPECT_EQ(this->tree(kDb), want);
         Entry db = this->dir->entry(kDb);
         EXPECT_EQ(db.values("objectClass"),
-                  (std::vector<std::string>{"top", "cimManagedElement", "cimManagedSystemElement", "cimLogicalElement",
-                                            "eSystem", "eApplicationSystem"}));
+                  (std::vector<std::string>{"top", "cimManagedElement", "cimManagedSystemElement",
+                                            "cimLogicalElement", "eSystem", "eApplicationSystem"}));
         std::vector<std::string> metadata;
         for (const char *a : {"EntryOwner", "OwnerPropagate", "AclPropagate", "AclEntry", "ACI", "ACL"})
             for (const std::string &v : db.values(a)) metadata.push_back(std::string(a) + "=" + v);
@@ -108,7 +109,8 @@ TEST_F(CreatesOnGeneric, ContainersOnlyWithoutAccessControl) {
 
 TEST_F(CreatesOnOrv, AclEntriesOwnersAndTheTargetContainers) {
     std::vector<std::string> tree = kContainers;
-    for (const char *c : {"cn=Target Groups", "cn=Target Accounts", "cn=Password Generators"}) tree.push_back(below(c));
+    for (const char *c : {"cn=Target Groups", "cn=Target Accounts", "cn=Password Generators"})
+        tree.push_back(below(c));
     check({ZEL_CREATEDB_EXTENDED | ZEL_CREATEDB_XR_DEFAULTS,
            with_groups(tree, true),
            {"EntryOwner=group:" + group("Administrators"), "OwnerPropagate=true", "AclPropagate=true",
@@ -151,9 +153,10 @@ TEST_F(CreatesOnEDirectory, NdsAclsAndMembershipOnTheMembers) {
                                         "3#entry#" + group("Full Users") + "#[All Attributes Rights]"}));
     EXPECT_EQ(values(kAdmin, "groupMembership"),
               (std::vector<std::string>{group("Senior Administrators"), group("Administrators")}));
-    EXPECT_EQ(values(kAdmin, "ACL"), (std::vector<std::string>{"16#subtree#" + group("Administrators") + "#[Entry Rights]",
-                                                               "16#subtree#[Root]#secretKey",
-                                                               "3#subtree#" + mts + "#[All Attributes Rights]"}));
+    EXPECT_EQ(values(kAdmin, "ACL"),
+              (std::vector<std::string>{"16#subtree#" + group("Administrators") + "#[Entry Rights]",
+                                        "16#subtree#[Root]#secretKey",
+                                        "3#subtree#" + mts + "#[All Attributes Rights]"}));
 }
 
 // A server suffix whose entry is missing is made from its first RDN.

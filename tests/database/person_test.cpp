@@ -46,14 +46,18 @@ TEST_F(OrvDatabase, PersonsAndTheirZelProfiles) {
 }
 
 TEST_F(DatabaseTest, AllocationFailures) {
-    each_allocation_fails("create", 0, [&] { return create(ZEL_CREATEDB_EXTENDED | ZEL_CREATEDB_XR_DEFAULTS); },
-                          [&] { (void)delete_tree(s.get(), kDb.c_str()); });
-    each_allocation_fails("remove", 0, [&] { return Zel_removeDatabase(s.get()); }, [&] {
-        if (!dir->exists(kDb)) {
-            ASSERT_EQ(create(), 0u);
-        }
-    });
+    each_allocation_fails(
+        "create", 0, [&] { return create(ZEL_CREATEDB_EXTENDED | ZEL_CREATEDB_XR_DEFAULTS); },
+        [&] { (void)delete_tree(s.get(), kDb.c_str()); });
+    each_allocation_fails(
+        "remove", 0, [&] { return Zel_removeDatabase(s.get()); },
+        [&] {
+            if (!dir->exists(kDb)) {
+                ASSERT_EQ(create(), 0u);
+            }
+        });
     ZelPerson ann = person("Ann", "ann");
-    each_allocation_fails("person", 0, [&] { return Zel_create_ePerson(s.get(), &ann, "XR User"); },
-                          [&] { (void)Zel_removeZelUser(s.get(), "ann"); });
+    each_allocation_fails(
+        "person", 0, [&] { return Zel_create_ePerson(s.get(), &ann, "XR User"); },
+        [&] { (void)Zel_removeZelUser(s.get(), "ann"); });
 }

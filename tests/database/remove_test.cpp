@@ -8,8 +8,8 @@ TEST_F(DatabaseTest, RemovesTheSubtreeAndKeepsPersonsThenCreatesAgain) {
     ASSERT_EQ(create(ZEL_CREATEDB_EXTENDED, "Ann Admin"), 0u);
     EXPECT_FALSE(dir->entry("cn=Ann Admin,o=acme").has("userPassword"));
     EXPECT_EQ(Zel_removeDatabase(s.get()), 0u);
-    EXPECT_EQ(tree(), (std::vector<std::string>{"cn=Ann Admin,cn=Ann Admin,o=acme", "cn=Ann Admin,o=acme", "o=acme",
-                                                "secAuthority=Default,o=acme"}));
+    EXPECT_EQ(tree(), (std::vector<std::string>{"cn=Ann Admin,cn=Ann Admin,o=acme", "cn=Ann Admin,o=acme",
+                                                "o=acme", "secAuthority=Default,o=acme"}));
     EXPECT_EQ(fault::count(Fn::ModifyS), 0) << "a generic directory is not probed";
 
     // The person and its profile are found and taken again.

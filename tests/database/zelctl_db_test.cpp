@@ -14,8 +14,8 @@ TEST_F(DatabaseTest, ZelctlCreatesAndRemovesTheDatabase) {
     ASSERT_GE(fd, 0);
     ASSERT_EQ(write(fd, "pw-jo\n", 6), 6);
     close(fd);
-    CommandResult r = zelctl(*dir, {"person", "add", "o=acme", "--cn", "Jo", "--sn", "Ex", "--uid", "jo",
-                                    "--password-file", path});
+    CommandResult r = zelctl(
+        *dir, {"person", "add", "o=acme", "--cn", "Jo", "--sn", "Ex", "--uid", "jo", "--password-file", path});
     std::remove(path);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "Person Jo added\n");
@@ -35,11 +35,18 @@ TEST_F(DatabaseTest, ZelctlCreatesAndRemovesTheDatabase) {
         int status;
         std::string err;
     } cases[] = {
-        {{"db", "create", "o=acme"}, "1", 1,
-         "zelctl: cannot create a Zel database under o=acme: " + std::string(Zel_strerror(ZEL_RC_DATABASE_EXISTS)) +
-             " (status 901)\n"},
-        {{"db", "remove"}, "1", 2, "zelctl: db remove: not on a terminal; give --yes to remove the Zel database\n"},
-        {{"db", "remove", "--yes"}, "2", 1,
+        {{"db", "create", "o=acme"},
+         "1",
+         1,
+         "zelctl: cannot create a Zel database under o=acme: " +
+             std::string(Zel_strerror(ZEL_RC_DATABASE_EXISTS)) + " (status 901)\n"},
+        {{"db", "remove"},
+         "1",
+         2,
+         "zelctl: db remove: not on a terminal; give --yes to remove the Zel database\n"},
+        {{"db", "remove", "--yes"},
+         "2",
+         1,
          "zelctl: cannot remove the Zel database: " + std::string(Zel_strerror(ZEL_RC_UNSUPPORTED_VERSION)) +
              " (status 1011)\n"},
         {{"person", "add", "o=acme", "--cn", "Ann"}, "1", 2, "zelctl: person add: --cn and --sn are required\n"},

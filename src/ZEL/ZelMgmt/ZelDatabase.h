@@ -11,14 +11,10 @@
 
 namespace zel::db {
 
-// Below the Zel database entry.
+// Below the Zel database entry (the other access groups are the users').
 constexpr const char *kAccessGroups = "cn=Access Groups";
 constexpr const char *kZelDomains = "cn=Zel Domains";
 constexpr const char *kServiceTypes = "cn=Target Service Types";
-constexpr const char *kSeniorAdministrators = "cn=Senior Administrators,cn=Access Groups";
-constexpr const char *kAdministrators = "cn=Administrators,cn=Access Groups";
-constexpr const char *kMiddleTierServers = "cn=Middle Tier Servers,cn=Access Groups";
-constexpr const char *kUsers = "cn=Users,cn=Access Groups";
 constexpr const char *kFullUsers = "cn=Full Users,cn=Access Groups";
 
 // The eDirectory rights the Zel tree grants.

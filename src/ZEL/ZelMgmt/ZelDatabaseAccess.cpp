@@ -35,17 +35,18 @@ ZelRC netscape_owner(const char *database_dn, const char *dn, const char *subjec
     if (!deny) return 0;
 
     std::string sa, ad, mts, us;
-    if (!zel::form_group_dn(sa, zel::db::kSeniorAdministrators, database_dn) ||
-        !zel::form_group_dn(ad, zel::db::kAdministrators, database_dn) ||
-        !zel::form_group_dn(mts, zel::db::kMiddleTierServers, database_dn) ||
-        !zel::form_group_dn(us, zel::db::kUsers, database_dn))
+    if (!zel::form_group_dn(sa, zel::kSeniorAdministratorsGroup, database_dn) ||
+        !zel::form_group_dn(ad, zel::kAdministratorsGroup, database_dn) ||
+        !zel::form_group_dn(mts, zel::kMiddleTierServersGroup, database_dn) ||
+        !zel::form_group_dn(us, zel::kUsersGroup, database_dn))
         return ZEL_RC_INVALID_ARGUMENT;
-    bool fits = zel::db::format_value(deny_others, zel::kAclSize, kDenyOthersAci, dn, kDenyAll, sa.c_str(),
-                                      ad.c_str(), mts.c_str(), us.c_str()) &&
-                (deny_variant ? zel::db::format_value(deny_authenticated, zel::kAclSize, kDenyAuthenticatedThreeAci,
-                                                      dn, kDenyAll, sa.c_str(), ad.c_str(), mts.c_str())
-                              : zel::db::format_value(deny_authenticated, zel::kAclSize, kDenyAuthenticatedFourAci,
-                                                      dn, kDenyAll, sa.c_str(), ad.c_str(), mts.c_str(), us.c_str()));
+    bool fits =
+        zel::db::format_value(deny_others, zel::kAclSize, kDenyOthersAci, dn, kDenyAll, sa.c_str(), ad.c_str(),
+                              mts.c_str(), us.c_str()) &&
+        (deny_variant ? zel::db::format_value(deny_authenticated, zel::kAclSize, kDenyAuthenticatedThreeAci, dn,
+                                              kDenyAll, sa.c_str(), ad.c_str(), mts.c_str())
+                      : zel::db::format_value(deny_authenticated, zel::kAclSize, kDenyAuthenticatedFourAci, dn,
+                                              kDenyAll, sa.c_str(), ad.c_str(), mts.c_str(), us.c_str()));
     if (!fits) return ZEL_RC_INVALID_ARGUMENT;
     out.push_back({LDAP_MOD_ADD, "ACI", {deny_others}});
     out.push_back({LDAP_MOD_ADD, "ACI", {deny_authenticated}});
@@ -53,7 +54,8 @@ ZelRC netscape_owner(const char *database_dn, const char *dn, const char *subjec
 }
 
 // Applies changes to dn with one modify; the failure is reported under `label`.
-ZelRC apply_changes(ZelSession *s, const char *dn, const std::vector<zel::db::Change> &changes, const char *label) {
+ZelRC apply_changes(ZelSession *s, const char *dn, const std::vector<zel::db::Change> &changes,
+                    const char *label) {
     zel::ModList mods(changes.size() + 1);
     if (!mods.ok()) return ZEL_RC_NO_MEMORY;
     std::vector<std::vector<const char *>> values;
@@ -120,8 +122,8 @@ ZelRC create_access_group(ZelSession *s, const char *dn, const char *name, const
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "create_access_group", rc);
         const int32_t kind = s->dir_kind;
-        const bool owned = owner != nullptr && (kind == ZEL_DIR_ORV || kind == ZEL_DIR_NETSCAPE ||
-                                                kind == ZEL_DIR_EDIRECTORY);
+        const bool owned =
+            owner != nullptr && (kind == ZEL_DIR_ORV || kind == ZEL_DIR_NETSCAPE || kind == ZEL_DIR_EDIRECTORY);
         std::string aci;
         if (owned && kind == ZEL_DIR_NETSCAPE && !zel::db::owner_aci(aci, dn, owner)) rc = ZEL_RC_INVALID_ARGUMENT;
 
@@ -145,12 +147,15 @@ ZelRC create_access_group(ZelSession *s, const char *dn, const char *name, const
     });
 }
 
-ZelRC set_owner(ZelSession *s, const char *dn, const char *subject, unsigned char deny, unsigned char deny_variant) {
+ZelRC set_owner(ZelSession *s, const char *dn, const char *subject, unsigned char deny,
+                unsigned char deny_variant) {
     return zel::guarded([&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "set_owner", rc);
         std::vector<zel::db::Change> changes;
-        if ((rc = zel::db::owner_changes(s->dir_kind, s->database_dn, dn, subject, deny != 0, deny_variant != 0, changes)) != 0) return rc;
+        if ((rc = zel::db::owner_changes(s->dir_kind, s->database_dn, dn, subject, deny != 0, deny_variant != 0,
+                                         changes)) != 0)
+            return rc;
         // Kinds without owners are left as they are, without a directory call.
         if (changes.empty()) return rc;
         return rc = apply_changes(s, dn, changes, "ldap_modify_ext_s()");
@@ -171,7 +176,8 @@ ZelRC set_nds_group_acl(ZelSession *s, const char *dn, const char *subject) {
 
 // The administrators manage the senior administrator's person entry; the
 // middle tier may read it, but not its secret key.
-ZelRC set_nds_sradmin_acl(ZelSession *s, const char *person_dn, const char *admins_dn, const char *middle_tier_dn) {
+ZelRC set_nds_sradmin_acl(ZelSession *s, const char *person_dn, const char *admins_dn,
+                          const char *middle_tier_dn) {
     return zel::guarded([&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "set_nds_sradmin_acl", rc);
@@ -183,9 +189,10 @@ ZelRC set_nds_sradmin_acl(ZelSession *s, const char *person_dn, const char *admi
             !zel::db::format_value(read_all, zel::kAclSize, "%d#subtree#%s#[All Attributes Rights]",
                                    zel::db::kAttributeRead, middle_tier_dn ? middle_tier_dn : ""))
             return rc = ZEL_RC_INVALID_ARGUMENT;
-        return rc = apply_changes(s, person_dn,
-                                  {{LDAP_MOD_ADD, "ACL", {entry_rights}}, {LDAP_MOD_ADD, "ACL", {secret_key, read_all}}},
-                                  "ldap_add_ext_s()");
+        return rc = apply_changes(
+                   s, person_dn,
+                   {{LDAP_MOD_ADD, "ACL", {entry_rights}}, {LDAP_MOD_ADD, "ACL", {secret_key, read_all}}},
+                   "ldap_add_ext_s()");
     });
 }
 

@@ -24,10 +24,10 @@ bool vendor_kind(int32_t kind) { return kind >= ZEL_DIR_ORV && kind <= ZEL_DIR_E
 // a name too long for its buffer is refused with nothing written.
 struct Plan {
     std::string db, sa, ad, mts, us, fu;
-    std::string sa_subject, ad_subject;       // owners and members in the kind's syntax
-    std::vector<std::string> acl;             // container values: middle tier, users, full users
-    std::vector<zel::db::Change> metadata;    // vendor attributes of the metadata entry
-    std::string admin_uid, admin_dn;          // as the caller names the administrator
+    std::string sa_subject, ad_subject;     // owners and members in the kind's syntax
+    std::vector<std::string> acl;           // container values: middle tier, users, full users
+    std::vector<zel::db::Change> metadata;  // vendor attributes of the metadata entry
+    std::string admin_uid, admin_dn;        // as the caller names the administrator
     std::string container(const char *rdn) const { return std::string(rdn) + "," + db; }
     std::string service_type(const char *name) const {
         return std::string("tsType=") + name + "," + container(zel::db::kServiceTypes);
@@ -42,7 +42,8 @@ ZelRC plan_subjects(int32_t kind, Plan &p) {
         const char *dn = groups[i]->c_str();
         bool fits = true;
         if (kind == ZEL_DIR_ORV) fits = format_value(*subjects[i], zel::kDnSize, "group:%s", dn);
-        if (kind == ZEL_DIR_NETSCAPE) fits = format_value(*subjects[i], zel::kDnSize, "groupdn = \"ldap:///%s\"", dn);
+        if (kind == ZEL_DIR_NETSCAPE)
+            fits = format_value(*subjects[i], zel::kDnSize, "groupdn = \"ldap:///%s\"", dn);
         if (kind == ZEL_DIR_NDS || kind == ZEL_DIR_EDIRECTORY) *subjects[i] = dn;
         if (!fits) return ZEL_RC_INVALID_ARGUMENT;
     }
@@ -79,8 +80,9 @@ ZelRC plan_access(const ZelSession *s, bool extended, Plan &p) {
                             "(targetattr = *)(version 3.0; acl \"Full User access\";%s groupdn = \"ldap:///%s\";)"
                             "allow(read, search, compare)",
                             "", p.fu.c_str()) &&
-               format_value(anonymous, zel::kAclSize, "(targetattr = *)(version 3.0; acl \"Anonymous access\"; %s%s;)",
-                            kAllowAnonymousRead, "userdn = \"ldap:///anyone\"");
+               format_value(anonymous, zel::kAclSize,
+                            "(targetattr = *)(version 3.0; acl \"Anonymous access\"; %s%s;)", kAllowAnonymousRead,
+                            "userdn = \"ldap:///anyone\"");
         p.metadata = {{LDAP_MOD_ADD, "ACI", {anonymous}}};
         break;
     case ZEL_DIR_EDIRECTORY:
@@ -131,10 +133,10 @@ ZelRC check_owner_values(const ZelSession *s, bool xr_defaults, const Plan &p) {
 
 ZelRC make_plan(const ZelSession *s, const char *suffix, const char *admin, unsigned char flags, Plan &p) {
     p.db = std::string("systemName") + "=" + "ORVZEL" + "," + suffix;
-    if (!zel::form_group_dn(p.sa, zel::db::kSeniorAdministrators, p.db.c_str()) ||
-        !zel::form_group_dn(p.ad, zel::db::kAdministrators, p.db.c_str()) ||
-        !zel::form_group_dn(p.mts, zel::db::kMiddleTierServers, p.db.c_str()) ||
-        !zel::form_group_dn(p.us, zel::db::kUsers, p.db.c_str()) ||
+    if (!zel::form_group_dn(p.sa, zel::kSeniorAdministratorsGroup, p.db.c_str()) ||
+        !zel::form_group_dn(p.ad, zel::kAdministratorsGroup, p.db.c_str()) ||
+        !zel::form_group_dn(p.mts, zel::kMiddleTierServersGroup, p.db.c_str()) ||
+        !zel::form_group_dn(p.us, zel::kUsersGroup, p.db.c_str()) ||
         !zel::form_group_dn(p.fu, zel::db::kFullUsers, p.db.c_str()))
         return ZEL_RC_INVALID_ARGUMENT;
     ZelRC rc = 0;
@@ -155,7 +157,8 @@ ZelRC ensure_suffix(ZelSession *s, const char *suffix, bool may_create) {
     if (lrc == LDAP_SUCCESS) return 0;
     if (lrc != LDAP_NO_SUCH_OBJECT) return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
     bool known = false;
-    for (ZelSuffixNode *n = s->suffixes; n && n->suffix && !known; n = n->next) known = zel::same_text(n->suffix, suffix);
+    for (ZelSuffixNode *n = s->suffixes; n && n->suffix && !known; n = n->next)
+        known = zel::same_text(n->suffix, suffix);
     if (!known || !may_create) return ZEL_RC_SUFFIX_UNAVAILABLE;
     return instantiate_suffix(s, suffix);
 }
@@ -290,7 +293,8 @@ ZelRC instantiate_suffix(ZelSession *s, const char *dn) {
         zel::ModList mods(3);
         if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
         LDAPDN parsed = nullptr;
-        if (dn == nullptr || ldap_str2dn(dn, &parsed, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS || !parsed || !parsed[0])
+        if (dn == nullptr || ldap_str2dn(dn, &parsed, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS || !parsed ||
+            !parsed[0])
             return rc = ZEL_RC_SUFFIX_UNAVAILABLE;
         std::unique_ptr<LDAPRDN, void (*)(LDAPRDN *)> holder(parsed, [](LDAPRDN *d) { ldap_dnfree(d); });
         LDAPAVA *ava = parsed[0][0];
