@@ -121,6 +121,7 @@ ZelRC create_access_group(ZelSession *s, const char *dn, const char *name, const
     return zel::guarded([&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "create_access_group", rc);
+        if (dn == nullptr || name == nullptr || member == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         const int32_t kind = s->dir_kind;
         const bool owned =
             owner != nullptr && (kind == ZEL_DIR_ORV || kind == ZEL_DIR_NETSCAPE || kind == ZEL_DIR_EDIRECTORY);
@@ -152,6 +153,7 @@ ZelRC set_owner(ZelSession *s, const char *dn, const char *subject, unsigned cha
     return zel::guarded([&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "set_owner", rc);
+        if (dn == nullptr || subject == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         std::vector<zel::db::Change> changes;
         if ((rc = zel::db::owner_changes(s->dir_kind, s->database_dn, dn, subject, deny != 0, deny_variant != 0,
                                          changes)) != 0)
@@ -168,6 +170,7 @@ ZelRC set_nds_group_acl(ZelSession *s, const char *dn, const char *subject) {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "set_nds_group_acl", rc);
         if (subject == nullptr) return rc;
+        if (dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         std::string acl;
         if (!zel::db::nds_entry_rights(acl, subject)) return rc = ZEL_RC_INVALID_ARGUMENT;
         return rc = apply_changes(s, dn, {{LDAP_MOD_ADD, "ACL", {acl}}}, "ldap_add_ext_s()");
@@ -182,12 +185,13 @@ ZelRC set_nds_sradmin_acl(ZelSession *s, const char *person_dn, const char *admi
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "set_nds_sradmin_acl", rc);
         if (admins_dn == nullptr) return rc;
+        if (person_dn == nullptr || middle_tier_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         std::string entry_rights, secret_key, read_all;
         if (!zel::db::nds_entry_rights(entry_rights, admins_dn) ||
             !zel::db::format_value(secret_key, zel::kAclSize, "%d#subtree#%s#secretKey", zel::db::kEntrySupervisor,
                                    "[Root]") ||
             !zel::db::format_value(read_all, zel::kAclSize, "%d#subtree#%s#[All Attributes Rights]",
-                                   zel::db::kAttributeRead, middle_tier_dn ? middle_tier_dn : ""))
+                                   zel::db::kAttributeRead, middle_tier_dn))
             return rc = ZEL_RC_INVALID_ARGUMENT;
         return rc = apply_changes(
                    s, person_dn,

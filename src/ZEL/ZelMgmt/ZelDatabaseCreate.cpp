@@ -329,6 +329,7 @@ ZelRC create_container(ZelSession *s, const char *dn, const char *cn, const char
     return zel::guarded([&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "create_container", rc);
+        if (dn == nullptr || cn == nullptr || (count > 0 && values == nullptr)) return rc = ZEL_RC_INVALID_ARGUMENT;
         const int32_t kind = s->dir_kind;
         // The owner's rule and the given values go in one modification.
         std::vector<std::string> owned;
@@ -341,7 +342,7 @@ ZelRC create_container(ZelSession *s, const char *dn, const char *cn, const char
         }
         std::vector<const char *> acl;
         for (const std::string &o : owned) acl.push_back(o.c_str());
-        for (int32_t i = 0; i < count && values; ++i) acl.push_back(values[i]);
+        for (int32_t i = 0; i < count; ++i) acl.push_back(values[i]);
 
         zel::ModList mods(3 + (owner ? 1 : 0) + (count ? 1 : 0) + (kind == ZEL_DIR_ORV ? 1 : 0));
         if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
