@@ -46,11 +46,17 @@ for _ in $(seq 200); do
   sleep 0.05
 done
 
-# The suffix, a security domain, a person, and - until zelctl can create
-# one - a first-generation Zel database with its containers and access groups.
-db="systemName=ORVZEL,$suffix"
-{
-  cat <<LDIF
+# The password goes to the tools in a file (no newline: ldapadd -y reads it
+# whole), never on a command line.
+pwfile="$work/password"
+( umask 077; printf '%s' "$password" > "$pwfile" )
+ldap() { LDAPNOINIT=1 "$@" -x -H "ldap://127.0.0.1:$port" -D "$admin" -y "$pwfile"; }
+dns() { ldap ldapsearch -LLL -o ldif-wrap=no -b "$suffix" dn | sed -n 's/^dn: //p' | sort; }
+
+# Only the suffix and the security domain with its users' container: the
+# domain belongs to the access-control product, not to the Zel library.
+# Everything of the Zel database is written through zelctl.
+ldap ldapadd >/dev/null <<LDIF
 dn: $suffix
 objectClass: organization
 o: example
@@ -63,32 +69,17 @@ version: 6
 dn: cn=Users,secAuthority=Default,$suffix
 objectClass: container
 cn: Users
-
-dn: cn=Jo,$suffix
-objectClass: inetOrgPerson
-objectClass: ePerson
-cn: Jo
-sn: Example
-uid: jo
-
-dn: $db
-objectClass: eApplicationSystem
-systemName: ORVZEL
-description: Orv Zel Meta-data
-
 LDIF
-  for c in "Access Groups" "Zel Domains" "Target Service Types"; do
-    printf 'dn: cn=%s,%s\nobjectClass: container\ncn: %s\n\n' "$c" "$db" "$c"
-  done
-  for g in "Senior Administrators" "Administrators" "Middle Tier Servers" "Full Users" "Users"; do
-    printf 'dn: cn=%s,cn=Access Groups,%s\nobjectClass: accessGroup\ncn: %s\nmember: %s\n\n' "$g" "$db" "$g" "$db"
-  done
-} | LDAPNOINIT=1 ldapadd -x -H "ldap://127.0.0.1:$port" -D "$admin" -w "$password" >/dev/null
-
-pwfile="$work/password"
-(umask 077; printf '%s\n' "$password" > "$pwfile")
 z() { printf '$ zelctl'; printf ' %q' "$@"; echo; "$zelctl" -H "ldap://127.0.0.1:$port" -D "$admin" -y "$pwfile" "$@"; }
 
+echo "== the directory before: the suffix and the security domain"
+dns | tee "$work/before"
+echo "== a Zel database for the suffix, its first administrator and the default types"
+adminpw="$work/admin-password"
+( umask 077; printf '%s\n' "zel-admin-secret" > "$adminpw" )
+z db create "$suffix" --admin-password-file "$adminpw" --default-types
+echo "== a person for the demo user"
+z person add "$suffix" --cn Jo --sn Example --uid jo
 echo "== what the library learns at open"
 z info
 echo "== the same, for scripts"
@@ -129,4 +120,17 @@ z credential get jo payroll || echo "(exit status $?)"
 # ---- end of target records ----------------------------------------------------
 echo "== an unreachable server"
 "$zelctl" -H "ldap://127.0.0.1:1" -D "$admin" -y "$pwfile" info || echo "(exit status $?)"
+echo "== the security domain's Zel data removed again: records, groups, services, the user"
+z record remove jo T:intranet
+z record remove jo G:Sales
+z domain remove Sales
+z domain remove staff
+for service in intranet mail Sales; do z service remove "$service"; done
+z user remove jo
+echo "== the Zel database removed again"
+z db remove --yes
+echo "== the directory after, beside the one before: the Zel data is gone; the persons"
+echo "   (the demo's and the first administrator), the domain's containers and its released user entry stay"
+dns > "$work/after"
+diff "$work/before" "$work/after" || true
 echo "== done; the private directory is stopped"

@@ -37,6 +37,13 @@ const Command kCommands[] = {
      "       [--password-file F | --password-stdin]        (else a prompt on a terminal)\n"},
     {"credential", run_credential,
      "credential get USER RESOURCE [--reveal]    the account a sign-on agent presents\n"},
+    {"db", run_db,
+     "db create SUFFIX [--admin DN|CN] [--admin-uid U] [--admin-password-file F]\n"
+     "          [--create-suffix] [--default-types] [--extended] | remove [--yes]\n"
+     "   (a first-generation session unless --api-version says otherwise)\n"},
+    {"person", run_person,
+     "person add PARENT_DN --cn CN --sn SN [--uid U] [--description D] [--password-file F]\n"
+     "           [--type T]\n"},
 };
 
 const char *kOptionsHelp =

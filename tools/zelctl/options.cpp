@@ -92,6 +92,7 @@ bool apply(const OptionSpec &o, const char *value, CommandLine &line, std::strin
             error = "--api-version wants a number from 0 to 2";
             return false;
         }
+        opts.api_version_given = true;
         break;
     case Opt::Json: opts.json = true; break;
     case Opt::SimpleBind: break;  // the only bind there is

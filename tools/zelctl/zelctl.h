@@ -19,6 +19,7 @@ struct Options {
     bool have_password = false;
     std::string domain = "Default";  // --domain
     uint32_t api_version = 2;        // --api-version
+    bool api_version_given = false;  // commands of one storage form choose theirs otherwise
     bool json = false;               // --json
     std::string ca_file;             // --ca: CA certificates for ldaps://
 };
@@ -102,5 +103,8 @@ int run_user(const Options &opts, Args args);
 int run_domain(const Options &opts, Args args);
 int run_record(const Options &opts, Args args);
 int run_credential(const Options &opts, Args args);
+// Database provisioning.
+int run_db(const Options &opts, Args args);
+int run_person(const Options &opts, Args args);
 
 }  // namespace zelctl

@@ -304,5 +304,20 @@ ZEL_INTERNAL ZelRC mask_password(ZelSession *s, const char *text, int32_t *lengt
 ZEL_INTERNAL ZelRC dissect_TR(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record);
 ZEL_INTERNAL ZelRC create_update_TargetRecord(ZelSession *s, const char *user,
                                               const ZelTargetRecord *record, int32_t operation);
+// Database provisioning.
+ZEL_INTERNAL ZelRC instantiate_suffix(ZelSession *s, const char *dn);
+ZEL_INTERNAL ZelRC create_container(ZelSession *s, const char *dn, const char *cn, const char *owner,
+                                    int32_t count, char **values);
+ZEL_INTERNAL ZelRC create_xr_defaults(ZelSession *s);
+ZEL_INTERNAL ZelRC create_access_group(ZelSession *s, const char *dn, const char *name,
+                                       const char *member, const char *owner);
+ZEL_INTERNAL ZelRC set_owner(ZelSession *s, const char *dn, const char *subject, unsigned char deny,
+                             unsigned char deny_variant);
+ZEL_INTERNAL ZelRC set_nds_group_acl(ZelSession *s, const char *dn, const char *subject);
+ZEL_INTERNAL ZelRC set_nds_sradmin_acl(ZelSession *s, const char *person_dn, const char *admins_dn,
+                                       const char *middle_tier_dn);
+ZEL_INTERNAL ZelRC determine_initial_ZelAdmin(ZelSession *s, const char *admin, const char *suffix,
+                                              const char *uid, const char *password, char **uid_out,
+                                              char **dn_out);
 
 }  // extern "C"

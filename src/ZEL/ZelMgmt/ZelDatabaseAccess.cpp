@@ -1,0 +1,203 @@
+// Access groups, owners and access-control lists of a Zel database, each in
+// the dialect of the directory kind found at open.
+#include <cstdarg>
+#include <cstring>
+
+#include "ZelDatabase.h"
+
+namespace {
+
+constexpr const char *kOwnerAci =
+    "(target = \"ldap:///%s\")(targetattr = *)(version 3.0; acl \"Owner access\"; %s%s;)";
+constexpr const char *kDenyOthersAci =
+    "(target = \"ldap:///%s\")(targetattr = *)(version 3.0; acl \"Deny others\"; %s((userdn != \"ldap:///all\") "
+    "and (groupdn != \"ldap:///%s\") and (groupdn != \"ldap:///%s\") and (groupdn != \"ldap:///%s\") and "
+    "(groupdn != \"ldap:///%s\"));)";
+constexpr const char *kDenyAuthenticatedFourAci =
+    "(target = \"ldap:///%s\")(targetattr = *)(version 3.0; acl \"Deny authenticated others\"; %s (groupdn != "
+    "\"ldap:///%s\") and (groupdn != \"ldap:///%s\") and (groupdn != \"ldap:///%s\") and (groupdn != "
+    "\"ldap:///%s\");)";
+constexpr const char *kDenyAuthenticatedThreeAci =
+    "(target = \"ldap:///%s\")(targetattr = *)(version 3.0; acl \"Deny authenticated others\"; %s (groupdn != "
+    "\"ldap:///%s\") and (groupdn != \"ldap:///%s\") and (groupdn != \"ldap:///%s\");)";
+constexpr const char *kAllowAll = "allow (all)";
+constexpr const char *kDenyAll = "deny (all)";
+
+bool nds_kind(int32_t kind) { return kind == ZEL_DIR_NDS || kind == ZEL_DIR_EDIRECTORY; }
+
+// Netscape-style owner rule plus, with deny, the rules that shut out everyone
+// but the Zel groups (the variant also shuts out the Users group).
+ZelRC netscape_owner(const char *database_dn, const char *dn, const char *subject, bool deny, bool deny_variant,
+                     std::vector<zel::db::Change> &out) {
+    std::string owner, deny_others, deny_authenticated;
+    if (!zel::db::owner_aci(owner, dn, subject)) return ZEL_RC_INVALID_ARGUMENT;
+    out.push_back({LDAP_MOD_ADD, "ACI", {owner}});
+    if (!deny) return 0;
+
+    std::string sa, ad, mts, us;
+    if (!zel::form_group_dn(sa, zel::kSeniorAdministratorsGroup, database_dn) ||
+        !zel::form_group_dn(ad, zel::kAdministratorsGroup, database_dn) ||
+        !zel::form_group_dn(mts, zel::kMiddleTierServersGroup, database_dn) ||
+        !zel::form_group_dn(us, zel::kUsersGroup, database_dn))
+        return ZEL_RC_INVALID_ARGUMENT;
+    bool fits =
+        zel::db::format_value(deny_others, zel::kAclSize, kDenyOthersAci, dn, kDenyAll, sa.c_str(), ad.c_str(),
+                              mts.c_str(), us.c_str()) &&
+        (deny_variant ? zel::db::format_value(deny_authenticated, zel::kAclSize, kDenyAuthenticatedThreeAci, dn,
+                                              kDenyAll, sa.c_str(), ad.c_str(), mts.c_str())
+                      : zel::db::format_value(deny_authenticated, zel::kAclSize, kDenyAuthenticatedFourAci, dn,
+                                              kDenyAll, sa.c_str(), ad.c_str(), mts.c_str(), us.c_str()));
+    if (!fits) return ZEL_RC_INVALID_ARGUMENT;
+    out.push_back({LDAP_MOD_ADD, "ACI", {deny_others}});
+    out.push_back({LDAP_MOD_ADD, "ACI", {deny_authenticated}});
+    return 0;
+}
+
+// Applies changes to dn with one modify; the failure is reported under `label`.
+ZelRC apply_changes(ZelSession *s, const char *dn, const std::vector<zel::db::Change> &changes,
+                    const char *label) {
+    zel::ModList mods(changes.size() + 1);
+    if (!mods.ok()) return ZEL_RC_NO_MEMORY;
+    std::vector<std::vector<const char *>> values;
+    values.reserve(changes.size());
+    ZelRC rc = 0;
+    for (const zel::db::Change &c : changes) {
+        values.emplace_back();
+        for (const std::string &v : c.values) values.back().push_back(v.c_str());
+        if ((rc = mods.add(c.op, c.type, static_cast<int32_t>(values.back().size()),
+                           const_cast<char *const *>(values.back().data()))) != 0)
+            return rc;
+    }
+    int lrc = plat::ldap_modify_ext_s(s->ld, dn, mods.get(), nullptr, nullptr);
+    return lrc == LDAP_SUCCESS ? 0 : check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, label);
+}
+
+}  // namespace
+
+namespace zel::db {
+
+bool format_value(std::string &out, size_t size, const char *fmt, ...) {
+    std::string text(size, '\0');
+    va_list ap;
+    va_start(ap, fmt);
+    bool fits = vformat_into(text.data(), size, fmt, ap);
+    va_end(ap);
+    if (fits) out.assign(text.c_str());
+    return fits;
+}
+
+bool owner_aci(std::string &out, const char *dn, const char *subject) {
+    return format_value(out, kAclSize, kOwnerAci, dn, kAllowAll, subject);
+}
+
+bool nds_entry_rights(std::string &out, const char *subject) {
+    return format_value(out, kAclSize, "%d#subtree#%s#[Entry Rights]", kEntrySupervisor, subject);
+}
+
+ZelRC owner_changes(int32_t kind, const char *database_dn, const char *dn, const char *subject, bool deny,
+                    bool deny_variant, std::vector<Change> &out) {
+    out.clear();
+    std::string acl;
+    switch (kind) {
+    case ZEL_DIR_ORV:
+        out.push_back({LDAP_MOD_REPLACE, "EntryOwner", {subject}});
+        return 0;
+    case ZEL_DIR_EDIRECTORY:
+        if (!nds_entry_rights(acl, subject)) return ZEL_RC_INVALID_ARGUMENT;
+        out.push_back({LDAP_MOD_REPLACE, "ACL", {acl}});
+        return 0;
+    case ZEL_DIR_NETSCAPE:
+        return netscape_owner(database_dn, dn, subject, deny, deny_variant, out);
+    default:
+        return 0;
+    }
+}
+
+}  // namespace zel::db
+
+extern "C" {
+
+ZelRC create_access_group(ZelSession *s, const char *dn, const char *name, const char *member, const char *owner) {
+    return zel::guarded([&]() -> ZelRC {
+        ZelRC rc = 0;
+        zel::RoutineTrace trace(s, "create_access_group", rc);
+        if (dn == nullptr || name == nullptr || member == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        const int32_t kind = s->dir_kind;
+        const bool owned =
+            owner != nullptr && (kind == ZEL_DIR_ORV || kind == ZEL_DIR_NETSCAPE || kind == ZEL_DIR_EDIRECTORY);
+        std::string aci;
+        if (owned && kind == ZEL_DIR_NETSCAPE && !zel::db::owner_aci(aci, dn, owner)) rc = ZEL_RC_INVALID_ARGUMENT;
+
+        zel::ModList mods(owned ? 5 : 4);
+        if (rc == 0 && !mods.ok()) rc = ZEL_RC_NO_MEMORY;
+        if (rc == 0 && kind == ZEL_DIR_ORV) rc = mods.add(LDAP_MOD_ADD, "objectClass", {"accessGroup"});
+        if (rc == 0 && (kind == ZEL_DIR_NETSCAPE || nds_kind(kind)))
+            rc = mods.add(LDAP_MOD_ADD, "objectClass", {"groupofnames"});
+        if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "cn", {name});
+        if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "member", {member});
+        if (rc == 0 && owned && kind == ZEL_DIR_ORV) rc = mods.add(LDAP_MOD_ADD, "EntryOwner", {owner});
+        if (rc == 0 && owned && kind == ZEL_DIR_NETSCAPE) rc = mods.add(LDAP_MOD_ADD, "ACI", {aci.c_str()});
+        if (rc == 0) {
+            int lrc = plat::ldap_add_ext_s(s->ld, dn, mods.get(), nullptr, nullptr);
+            if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
+        }
+        // eDirectory keeps membership on the member as well; a group that
+        // already exists still gets its member's side, and that decides.
+        if (kind == ZEL_DIR_EDIRECTORY) rc = internal_nds_member_add(s, dn, member);
+        return rc;
+    });
+}
+
+ZelRC set_owner(ZelSession *s, const char *dn, const char *subject, unsigned char deny,
+                unsigned char deny_variant) {
+    return zel::guarded([&]() -> ZelRC {
+        ZelRC rc = 0;
+        zel::RoutineTrace trace(s, "set_owner", rc);
+        if (dn == nullptr || subject == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        std::vector<zel::db::Change> changes;
+        if ((rc = zel::db::owner_changes(s->dir_kind, s->database_dn, dn, subject, deny != 0, deny_variant != 0,
+                                         changes)) != 0)
+            return rc;
+        // Kinds without owners are left as they are, without a directory call.
+        if (changes.empty()) return rc;
+        return rc = apply_changes(s, dn, changes, "ldap_modify_ext_s()");
+    });
+}
+
+// The failure is reported as an add: the modify adds a value.
+ZelRC set_nds_group_acl(ZelSession *s, const char *dn, const char *subject) {
+    return zel::guarded([&]() -> ZelRC {
+        ZelRC rc = 0;
+        zel::RoutineTrace trace(s, "set_nds_group_acl", rc);
+        if (subject == nullptr) return rc;
+        if (dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        std::string acl;
+        if (!zel::db::nds_entry_rights(acl, subject)) return rc = ZEL_RC_INVALID_ARGUMENT;
+        return rc = apply_changes(s, dn, {{LDAP_MOD_ADD, "ACL", {acl}}}, "ldap_add_ext_s()");
+    });
+}
+
+// The administrators manage the senior administrator's person entry; the
+// middle tier may read it, but not its secret key.
+ZelRC set_nds_sradmin_acl(ZelSession *s, const char *person_dn, const char *admins_dn,
+                          const char *middle_tier_dn) {
+    return zel::guarded([&]() -> ZelRC {
+        ZelRC rc = 0;
+        zel::RoutineTrace trace(s, "set_nds_sradmin_acl", rc);
+        if (admins_dn == nullptr) return rc;
+        if (person_dn == nullptr || middle_tier_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        std::string entry_rights, secret_key, read_all;
+        if (!zel::db::nds_entry_rights(entry_rights, admins_dn) ||
+            !zel::db::format_value(secret_key, zel::kAclSize, "%d#subtree#%s#secretKey", zel::db::kEntrySupervisor,
+                                   "[Root]") ||
+            !zel::db::format_value(read_all, zel::kAclSize, "%d#subtree#%s#[All Attributes Rights]",
+                                   zel::db::kAttributeRead, middle_tier_dn))
+            return rc = ZEL_RC_INVALID_ARGUMENT;
+        return rc = apply_changes(
+                   s, person_dn,
+                   {{LDAP_MOD_ADD, "ACL", {entry_rights}}, {LDAP_MOD_ADD, "ACL", {secret_key, read_all}}},
+                   "ldap_add_ext_s()");
+    });
+}
+
+}  // extern "C"

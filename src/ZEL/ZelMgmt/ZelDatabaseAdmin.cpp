@@ -1,0 +1,177 @@
+// Person entries, and the person of a new database's first senior
+// administrator.
+#include <cstring>
+#include <string>
+
+#include "ZelDatabase.h"
+#include "platform/dn_escape.h"
+#include "platform/filter_format.h"
+
+namespace {
+
+constexpr const char *kDefaultAdmin = "Zel Sr Admin";
+constexpr const char *kDefaultAdminDescription = "Zel Senior Administrator";
+// The first administrator's password when the caller names none.
+constexpr const char *kDefaultAdminPassword = "qim";
+
+// "cn=<cn>,<parent>", the cn escaped as a DN value.
+std::string person_dn(const char *cn, const char *parent) {
+    return "cn=" + plat::escape_dn_value(cn) + "," + parent;
+}
+
+// The profile Zel_addZelUser will write for a person must fit before the
+// person is written: nothing is left half-made.
+ZelRC check_profile_fits(ZelSession *s, const char *user_name, const std::string &dn) {
+    if (zel::first_generation(s)) {
+        if (ZelRC rc = zel::ensure_database_dn(s)) return rc;
+        return zel::db::fits_dn("cn=" + std::string(user_name) + "," + dn) ? 0 : ZEL_RC_INVALID_ARGUMENT;
+    }
+    if (s->domain_dn == nullptr) return ZEL_RC_INVALID_ARGUMENT;
+    return zel::db::fits_dn("principalName=" + std::string(user_name) + ",cn=Users," + s->domain_dn)
+               ? 0
+               : ZEL_RC_INVALID_ARGUMENT;
+}
+
+ZelRC add_person(ZelSession *s, const ZelPerson *p, const char *user_type) {
+    if (p == nullptr || p->parentDN == nullptr || p->cn == nullptr || p->sn == nullptr)
+        return ZEL_RC_INVALID_ARGUMENT;
+    const std::string dn = person_dn(p->cn, p->parentDN);
+    if (!zel::db::fits_dn(dn)) return ZEL_RC_INVALID_ARGUMENT;
+    const char *user_name = p->uid ? p->uid : p->cn;
+    ZelRC rc = 0;
+    if (user_type != nullptr) {
+        if (!zel::known_user_type(user_type)) return ZEL_RC_INVALID_ARGUMENT;
+        if ((rc = check_profile_fits(s, user_name, dn)) != 0) return rc;
+    }
+
+    zel::ModList mods(4 + (p->description ? 1 : 0) + (p->uid ? 1 : 0) + (p->password ? 1 : 0));
+    if (!mods.ok()) return ZEL_RC_NO_MEMORY;
+    if ((rc = mods.add(LDAP_MOD_ADD, "objectClass",
+                       {"top", "Person", "organizationalPerson", "inetOrgPerson", "ePerson"})) ||
+        (rc = mods.add(LDAP_MOD_ADD, "cn", {p->cn})) || (rc = mods.add(LDAP_MOD_ADD, "sn", {p->sn})) ||
+        (p->description && (rc = mods.add(LDAP_MOD_ADD, "description", {p->description}))) ||
+        (p->uid && (rc = mods.add(LDAP_MOD_ADD, "uid", {p->uid}))) ||
+        (p->password && (rc = mods.add(LDAP_MOD_ADD, "userPassword", {p->password}))))
+        return rc;
+    // A person that exists already is taken as it is.
+    int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);
+    if (lrc != LDAP_SUCCESS && lrc != LDAP_ALREADY_EXISTS)
+        return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
+    if (user_type == nullptr) return 0;
+
+    ZelUser user{};
+    user.userName = const_cast<char *>(user_name);
+    user.userType = const_cast<char *>(user_type);
+    user.description = p->description;
+    user.enabled = 1;
+    user.personDN = const_cast<char *>(dn.c_str());
+    return Zel_addZelUser(s, &user);
+}
+
+// The administrator's person entry must exist when it is named by DN.
+ZelRC check_admin_exists(ZelSession *s, const char *admin) {
+    struct timeval tv = zel::no_time_limit();
+    LDAPMessage *raw = nullptr;
+    int lrc = plat::ldap_search_ext_s(s->ld, admin, LDAP_SCOPE_BASE, "objectClass=*", nullptr, 1, nullptr, nullptr,
+                                      &tv, 2, &raw);
+    zel::Message res(raw);
+    if (lrc == LDAP_NO_SUCH_OBJECT) return ZEL_RC_NO_SUCH_OBJECT;
+    return lrc == LDAP_SUCCESS ? 0 : check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+}
+
+// An administrator named by common name is the ePerson of that name, or a
+// new person of that name directly below the suffix (`dn` holds that DN).
+ZelRC find_or_add_admin(ZelSession *s, const char *name, const char *suffix, const char *uid, const char *password,
+                        char *dn) {
+    zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
+    if (!filter) return ZEL_RC_NO_MEMORY;
+    if (!zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=ePerson)(cn=%s))",
+                          plat::escape_filter_value(name).c_str()))
+        return ZEL_RC_INVALID_ARGUMENT;
+    std::string new_dn = dn;
+    ZelRC rc = determine_DN(s, s->suffixes, filter.get(), dn, nullptr);
+    if (rc != ZEL_RC_ENTRY_NOT_FOUND) return rc;
+
+    std::strcpy(dn, new_dn.c_str());
+    ZelPerson person{};
+    person.parentDN = const_cast<char *>(suffix);
+    person.cn = person.sn = const_cast<char *>(name);
+    person.uid = const_cast<char *>(uid);
+    person.password = const_cast<char *>(password);
+    return Zel_create_ePerson(s, &person, nullptr);
+}
+
+ZelRC add_default_admin(ZelSession *s, const char *suffix, const char *uid, const char *password) {
+    ZelPerson person{};
+    person.parentDN = const_cast<char *>(suffix);
+    person.cn = person.sn = const_cast<char *>(kDefaultAdmin);
+    person.description = const_cast<char *>(kDefaultAdminDescription);
+    person.uid = const_cast<char *>(uid ? uid : kDefaultAdmin);
+    person.password = const_cast<char *>(password ? password : kDefaultAdminPassword);
+    return Zel_create_ePerson(s, &person, nullptr);
+}
+
+}  // namespace
+
+namespace zel::db {
+
+ZelRC plan_admin(const char *admin, const char *suffix, std::string &uid, std::string &dn) {
+    if (admin == nullptr) {
+        uid = kDefaultAdmin;
+        dn = person_dn(kDefaultAdmin, suffix);
+    } else if (contains(admin, "=")) {
+        Values rdns(ldap_explode_dn(admin, 1));
+        if (!rdns || !rdns.get()[0]) return ZEL_RC_INVALID_ARGUMENT;
+        uid = rdns.get()[0];
+        dn = admin;
+    } else {
+        uid = admin;
+        dn = person_dn(admin, suffix);
+    }
+    bool fits = uid.size() < kAdminUidSize && fits_dn(dn) && fits_dn("cn=" + uid + "," + dn);
+    return fits ? 0 : ZEL_RC_INVALID_ARGUMENT;
+}
+
+}  // namespace zel::db
+
+extern "C" {
+
+ZelRC determine_initial_ZelAdmin(ZelSession *s, const char *admin, const char *suffix, const char *uid,
+                                 const char *password, char **uid_out, char **dn_out) {
+    return zel::guarded([&]() -> ZelRC {
+        ZelRC rc = 0;
+        zel::RoutineTrace trace(s, "determine_initial_ZelAdmin", rc);
+        if (uid_out == nullptr || dn_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        *uid_out = *dn_out = nullptr;
+        if (suffix == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
+        zel::CText user_id = zel::zeroed_buffer(zel::db::kAdminUidSize);
+        if (!dn || !user_id) return rc = ZEL_RC_NO_MEMORY;
+        std::string planned_uid, planned_dn;
+        if ((rc = zel::db::plan_admin(admin, suffix, planned_uid, planned_dn)) != 0) return rc;
+        std::strcpy(user_id.get(), planned_uid.c_str());
+        std::strcpy(dn.get(), planned_dn.c_str());
+        if (admin == nullptr)
+            rc = add_default_admin(s, suffix, uid, password);
+        else if (zel::contains(admin, "="))
+            rc = check_admin_exists(s, admin);
+        else
+            rc = find_or_add_admin(s, admin, suffix, uid, password, dn.get());
+        if (rc == 0) {
+            *uid_out = user_id.release();
+            *dn_out = dn.release();
+        }
+        return rc;
+    });
+}
+
+ZEL_API ZelRC Zel_create_ePerson(ZelSession *s, const ZelPerson *p, const char *userType) {
+    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    return zel::guarded([&]() -> ZelRC {
+        ZelRC rc = 0;
+        zel::RoutineTrace trace(s, "Zel_create_ePerson", rc);
+        return rc = add_person(s, p, userType);
+    });
+}
+
+}  // extern "C"

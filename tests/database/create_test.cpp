@@ -1,0 +1,185 @@
+// Database creation: what it refuses without writing, the tree and access
+// control it writes on each directory kind, and the suffix entry it makes.
+#include <ldap.h>
+
+#include "database/db_fixture.h"
+
+using namespace dbtest;
+
+namespace {
+
+const std::vector<std::string> kBaseTree = {"o=acme", "secAuthority=Default,o=acme"};
+const std::string kRights = ":normal:rsc:sensitive:rsc:critical:rsc";
+
+}  // namespace
+
+TEST_F(DatabaseTest, RefusalsWriteNothing) {
+    ZelSession *v2 = nullptr;
+    ASSERT_EQ(try_open(*dir, 2, &v2), 0u);
+    Session domain_session(v2);
+    const std::string too_long = "o=" + std::string(990, 'x');
+    struct Case {
+        const char *what;
+        ZelSession *session;
+        const char *suffix, *admin;
+        unsigned char flags;
+        ZelRC rc;
+    } cases[] = {
+        {"null handle", nullptr, "o=acme", nullptr, 0, ZEL_RC_INVALID_HANDLE},
+        {"security domain session, no suffix", v2, nullptr, nullptr, 0, ZEL_RC_UNSUPPORTED_VERSION},
+        {"no suffix", s.get(), nullptr, nullptr, 0, ZEL_RC_INVALID_ARGUMENT},
+        {"empty suffix", s.get(), "", nullptr, 0, ZEL_RC_INVALID_ARGUMENT},
+        {"suffix too long", s.get(), too_long.c_str(), nullptr, 0, ZEL_RC_INVALID_ARGUMENT},
+        {"suffix not on the server", s.get(), "o=nowhere", nullptr, ZEL_CREATEDB_SUFFIX,
+         ZEL_RC_SUFFIX_UNAVAILABLE},
+        {"missing administrator", s.get(), "o=acme", "cn=Nobody,o=acme", 0, ZEL_RC_NO_SUCH_OBJECT},
+    };
+    for (const Case &c : cases) {
+        fault::reset();
+        EXPECT_EQ(Zel_createDatabase(c.session, c.suffix, c.admin, nullptr, nullptr, c.flags), c.rc) << c.what;
+        EXPECT_EQ(fault::count(Fn::Add) + fault::count(Fn::Modify), 0) << c.what;
+    }
+    EXPECT_EQ(tree(), kBaseTree);
+
+    ASSERT_EQ(create(), 0u);
+    const std::vector<std::string> created = tree();
+    fault::reset();
+    EXPECT_EQ(create(ZEL_CREATEDB_EXTENDED), ZEL_RC_DATABASE_EXISTS);
+    EXPECT_EQ(fault::count(Fn::Add) + fault::count(Fn::Modify), 0);
+    EXPECT_EQ(tree(), created);
+}
+
+// The tree, the containers' access values, the groups and the owners, per
+// directory kind and creation flags.
+struct KindCase {
+    unsigned char flags;
+    std::vector<std::string> tree;            // below the database entry
+    std::vector<std::string> metadata;        // its access-control values
+    std::vector<std::string> domains_access;  // on cn=Zel Domains
+    std::vector<std::string> full_users;      // objectClass, member, owner of the group
+};
+
+template <Kind K>
+class CreatesOn : public DatabaseTestAs<K> {
+protected:
+    void check(const KindCase &c, const char *acl_attr, const char *owner_attr) {
+        ASSERT_EQ(this->create(c.flags), 0u);
+        std::vector<std::string> want = c.tree;
+        std::sort(want.begin(), want.end());
+        EXPECT_EQ(this->tree(kDb), want);
+        Entry db = this->dir->entry(kDb);
+        EXPECT_EQ(db.values("objectClass"),
+                  (std::vector<std::string>{"top", "cimManagedElement", "cimManagedSystemElement",
+                                            "cimLogicalElement", "eSystem", "eApplicationSystem"}));
+        std::vector<std::string> metadata;
+        for (const char *a : {"EntryOwner", "OwnerPropagate", "AclPropagate", "AclEntry", "ACI", "ACL"})
+            for (const std::string &v : db.values(a)) metadata.push_back(std::string(a) + "=" + v);
+        EXPECT_EQ(metadata, c.metadata);
+        EXPECT_EQ(this->values(below("cn=Zel Domains"), acl_attr), c.domains_access);
+        if (!c.full_users.empty()) {
+            Entry fu = this->dir->entry(group("Full Users"));
+            std::vector<std::string> got = {fu.first("objectClass"), fu.first("member"), fu.first(owner_attr)};
+            EXPECT_EQ(got, c.full_users);
+        }
+        // The administrator is a person with a Zel profile below it.
+        EXPECT_EQ(this->dir->entry("cn=Zel Sr Admin," + kAdmin).first("userType"), "Senior Admin");
+    }
+};
+
+using CreatesOnGeneric = CreatesOn<Kind::Generic>;
+using CreatesOnOrv = CreatesOn<Kind::Orv>;
+using CreatesOnTessan = CreatesOn<Kind::OrvTessan>;
+using CreatesOnEDirectory = CreatesOn<Kind::EDirectory>;
+
+const std::vector<std::string> kContainers = {kDb, below("cn=Access Groups"), below("cn=Zel Domains"),
+                                              below("cn=Target Service Types")};
+
+std::vector<std::string> with_groups(std::vector<std::string> tree, bool types) {
+    for (const char *g : {"Senior Administrators", "Administrators", "Middle Tier Servers", "Full Users", "Users"})
+        tree.push_back(group(g));
+    if (types)
+        for (const char *t : {"Web Resource", "Resource Group"})
+            tree.push_back(std::string("tsType=") + t + ",cn=Target Service Types," + kDb);
+    return tree;
+}
+
+TEST_F(CreatesOnGeneric, ContainersOnlyWithoutAccessControl) {
+    check({0, kContainers, {}, {}, {}}, "AclEntry", "EntryOwner");
+}
+
+TEST_F(CreatesOnOrv, AclEntriesOwnersAndTheTargetContainers) {
+    std::vector<std::string> tree = kContainers;
+    for (const char *c : {"cn=Target Groups", "cn=Target Accounts", "cn=Password Generators"})
+        tree.push_back(below(c));
+    check({ZEL_CREATEDB_EXTENDED | ZEL_CREATEDB_XR_DEFAULTS,
+           with_groups(tree, true),
+           {"EntryOwner=group:" + group("Administrators"), "OwnerPropagate=true", "AclPropagate=true",
+            "AclEntry=group:CN=ANYBODY:normal:rsc"},
+           {"group:" + group("Middle Tier Servers") + kRights, "group:" + group("Users") + kRights,
+            "group:" + group("Full Users") + kRights},
+           {"accessGroup", kDb, "group:" + group("Administrators")}},
+          "AclEntry", "EntryOwner");
+    EXPECT_EQ(values(group("Senior Administrators"), "member"), std::vector<std::string>{kAdmin});
+    EXPECT_EQ(values(below("cn=Access Groups"), "AclEntry"),
+              std::vector<std::string>{"group:" + group("Middle Tier Servers") + kRights});
+    EXPECT_EQ(values("tsType=Web Resource,cn=Target Service Types," + kDb, "EntryOwner"),
+              std::vector<std::string>{"group:" + group("Administrators")});
+}
+
+TEST_F(CreatesOnTessan, RestrictedClassOnTheMainframeHost) {
+    const std::string r = kRights + ":restricted:rsc";
+    check({0,
+           with_groups(kContainers, false),
+           {"EntryOwner=group:" + group("Administrators"), "OwnerPropagate=true", "AclPropagate=true",
+            "AclEntry=group:CN=ANYBODY:normal:rsc"},
+           {"group:" + group("Middle Tier Servers") + r, "group:" + group("Users") + r},
+           {"accessGroup", kDb, "group:" + group("Administrators")}},
+          "AclEntry", "EntryOwner");
+}
+
+TEST_F(CreatesOnEDirectory, NdsAclsAndMembershipOnTheMembers) {
+    const std::string mts = group("Middle Tier Servers"), us = group("Users");
+    check({ZEL_CREATEDB_EXTENDED,
+           with_groups({kDb, below("cn=Access Groups"), below("cn=Zel Domains"), below("cn=Target Service Types"),
+                        below("cn=Target Groups"), below("cn=Target Accounts"), below("cn=Password Generators")},
+                       false),
+           {"ACL=16#subtree#" + group("Administrators") + "#[Entry Rights]"},
+           {"16#subtree#" + group("Administrators") + "#[Entry Rights]"},
+           {"groupOfNames", kDb, ""}},
+          "ACL", "ACL");
+    EXPECT_EQ(values(below("cn=Target Groups"), "ACL"),
+              (std::vector<std::string>{"3#subtree#" + mts + "#[All Attributes Rights]",
+                                        "3#subtree#" + us + "#[All Attributes Rights]",
+                                        "3#entry#" + group("Full Users") + "#[All Attributes Rights]"}));
+    EXPECT_EQ(values(kAdmin, "groupMembership"),
+              (std::vector<std::string>{group("Senior Administrators"), group("Administrators")}));
+    EXPECT_EQ(values(kAdmin, "ACL"),
+              (std::vector<std::string>{"16#subtree#" + group("Administrators") + "#[Entry Rights]",
+                                        "16#subtree#[Root]#secretKey",
+                                        "3#subtree#" + mts + "#[All Attributes Rights]"}));
+}
+
+// A server suffix whose entry is missing is made from its first RDN.
+class SuffixEntry : public DatabaseTest {
+protected:
+    Profile profile() const override {
+        Profile p;
+        p.suffixes = {"ou=Zel Data", "o=acme"};
+        p.domain = "";
+        return p;
+    }
+};
+
+TEST_F(SuffixEntry, MadeOnlyWhenAllowed) {
+    CommandResult r = run_command({"ldapdelete", "-x", "-H", dir->uri(), "-D", dir->admin_dn(), "-w",
+                                   Directory::admin_password(), "ou=Zel Data"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(create(0, nullptr, "ou=Zel Data"), ZEL_RC_SUFFIX_UNAVAILABLE);
+    EXPECT_EQ(fault::count(Fn::Add), 0);
+    ASSERT_EQ(create(ZEL_CREATEDB_SUFFIX, nullptr, "ou=Zel Data"), 0u);
+    Entry suffix = dir->entry("ou=Zel Data");
+    EXPECT_EQ(suffix.values("objectClass"), std::vector<std::string>{"organizationalUnit"});
+    EXPECT_EQ(suffix.values("ou"), std::vector<std::string>{"Zel Data"});
+    EXPECT_EQ(fault::calls(Fn::Add).front().mods[1].type, "OU");
+    EXPECT_TRUE(dir->exists("systemName=ORVZEL,ou=Zel Data"));
+}
