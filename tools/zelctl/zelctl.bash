@@ -94,7 +94,7 @@ _zelctl() {
         "domain add"|"domain update") opts="--description --member" ;;
         "db create") opts="--admin --admin-uid --admin-password-file --create-suffix --default-types --extended" ;;
         "db remove") opts="--yes" ;;
-        "person add") opts="--cn --sn --uid --password-file --type" ;;
+        "person add") opts="--cn --sn --uid --description --password-file --type" ;;
     esac
     if [[ $cur == -* ]]; then
         COMPREPLY=($(compgen -W "$opts --json" -- "$cur"))
