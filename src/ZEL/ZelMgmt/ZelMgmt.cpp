@@ -7,6 +7,9 @@
 
 namespace {
 
+// Slots of the suffix array a caller of locate_LDAP_Server passes.
+constexpr int kSuffixSlots = 20;
+
 bool present(const char *text) { return text != nullptr && *text != '\0'; }
 
 // Without a caller's connection and without GSSAPI a user and a password
@@ -152,7 +155,7 @@ ZelRC locate_LDAP_Server(ZelSession *s, int nonssl, char **host_out, int *port_o
     zel::RoutineTrace trace(s, "locate_LDAP_Server", rc);
     *host_out = nullptr;
     *port_out = 0;
-    if (suffix_array) std::memset(suffix_array, 0, 20 * sizeof(char *));
+    if (suffix_array) std::memset(suffix_array, 0, kSuffixSlots * sizeof(char *));
     char *host = static_cast<char *>(std::calloc(1, zel::kHostSize));
     if (!host) return rc = ZEL_RC_NO_MEMORY;
     *host_out = host;
@@ -176,13 +179,23 @@ ZelRC locate_LDAP_Server(ZelSession *s, int nonssl, char **host_out, int *port_o
             continue;
         }
         if (suffix_array && e->suffix) {
+            // A suffix that does not fit, or one slot too many, is refused:
+            // an empty or missing suffix would widen the search to the root.
+            if (next_slot >= kSuffixSlots) {
+                rc = ZEL_RC_INVALID_ARGUMENT;
+                break;
+            }
             char *copy = static_cast<char *>(std::calloc(1, zel::kDnSize));
             if (!copy) {
                 rc = ZEL_RC_NO_MEMORY;
                 break;
             }
-            zel::copy_into(copy, zel::kDnSize, e->suffix);
-            suffix_array[next_slot++] = copy;  // callers pass lists that fit the 20 slots
+            if (!zel::copy_into(copy, zel::kDnSize, e->suffix)) {
+                std::free(copy);
+                rc = ZEL_RC_INVALID_ARGUMENT;
+                break;
+            }
+            suffix_array[next_slot++] = copy;
             suffix_found = true;
         }
     }
@@ -194,22 +207,25 @@ ZelRC locate_LDAP_Server(ZelSession *s, int nonssl, char **host_out, int *port_o
 ZelRC set_LDAP_options(ZelSession *s, int protocol_version) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "set_LDAP_options", rc);
+    using plat::OptionPassing;
     int version = protocol_version;
-    if (plat::ldap_set_option(s->ld, plat::kOptProtocolVersion, &version) != 0 ||
-        plat::ldap_set_option(s->ld, plat::kOptDeref, reinterpret_cast<void *>(intptr_t{1})) != 0 ||
-        plat::ldap_set_option(s->ld, plat::kOptSslTimeout, nullptr) != 0)
+    if (plat::ldap_set_option(s->ld, plat::kOptProtocolVersion, &version, OptionPassing::ByAddress) != 0 ||
+        plat::ldap_set_option(s->ld, plat::kOptDeref, reinterpret_cast<void *>(intptr_t{1}),
+                              OptionPassing::ByValue) != 0 ||
+        plat::ldap_set_option(s->ld, plat::kOptSslTimeout, nullptr, OptionPassing::ByValue) != 0)
         return rc = ZEL_RC_SET_OPTION_FAILED;
     // Protocol 3 takes these by address, protocol 2 by value.
     int three = 3, zero = 0;
     bool ok;
     if (protocol_version == LDAP_VERSION3) {
-        ok = plat::ldap_set_option(s->ld, plat::kOptSizeLimit, &three) == 0 &&
-             plat::ldap_set_option(s->ld, plat::kOptDesc, &zero) == 0 &&
-             plat::ldap_set_option(s->ld, plat::kOptApiInfo, &zero) == 0;
+        ok = plat::ldap_set_option(s->ld, plat::kOptSizeLimit, &three, OptionPassing::ByAddress) == 0 &&
+             plat::ldap_set_option(s->ld, plat::kOptDesc, &zero, OptionPassing::ByAddress) == 0 &&
+             plat::ldap_set_option(s->ld, plat::kOptApiInfo, &zero, OptionPassing::ByAddress) == 0;
     } else {
-        ok = plat::ldap_set_option(s->ld, plat::kOptSizeLimit, reinterpret_cast<void *>(intptr_t{3})) == 0 &&
-             plat::ldap_set_option(s->ld, plat::kOptDesc, nullptr) == 0 &&
-             plat::ldap_set_option(s->ld, plat::kOptApiInfo, nullptr) == 0;
+        ok = plat::ldap_set_option(s->ld, plat::kOptSizeLimit, reinterpret_cast<void *>(intptr_t{3}),
+                                   OptionPassing::ByValue) == 0 &&
+             plat::ldap_set_option(s->ld, plat::kOptDesc, nullptr, OptionPassing::ByValue) == 0 &&
+             plat::ldap_set_option(s->ld, plat::kOptApiInfo, nullptr, OptionPassing::ByValue) == 0;
     }
     if (!ok) rc = ZEL_RC_SET_OPTION_FAILED;
     return rc;
