@@ -12,6 +12,7 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <fcntl.h>
 #include <strings.h>
@@ -204,6 +205,56 @@ struct LdapText {
     ~LdapText() { ::ldap_memfree(text); }
 };
 
+// An add's modification list with the modifications of one attribute type
+// (ignoring case) merged into the first of them, values kept in order: slapd
+// refuses an add that names a type twice.  String and binary values are
+// never merged with each other.  The records and value arrays are new; the
+// types and values are the caller's.
+class MergedAdd {
+public:
+    explicit MergedAdd(LDAPMod **mods) {
+        size_t n = 0;
+        while (mods != nullptr && mods[n] != nullptr) ++n;
+        records_.reserve(n);
+        values_.reserve(n);
+        for (size_t i = 0; i < n; ++i) {
+            const LDAPMod *mod = mods[i];
+            size_t into = find(mod);
+            if (into == records_.size()) {
+                records_.push_back(*mod);
+                values_.emplace_back();
+            }
+            for (void **v = values_of(mod); v != nullptr && *v != nullptr; ++v) values_[into].push_back(*v);
+        }
+        for (size_t i = 0; i < records_.size(); ++i) {
+            values_[i].push_back(nullptr);
+            records_[i].mod_vals.modv_strvals = reinterpret_cast<char **>(values_[i].data());
+            list_.push_back(&records_[i]);
+        }
+        list_.push_back(nullptr);
+    }
+    LDAPMod **get() { return list_.data(); }
+
+private:
+    static bool binary(const LDAPMod *mod) { return (mod->mod_op & LDAP_MOD_BVALUES) != 0; }
+    static void **values_of(const LDAPMod *mod) {
+        return reinterpret_cast<void **>(mod->mod_vals.modv_strvals);
+    }
+    size_t find(const LDAPMod *mod) const {
+        for (size_t i = 0; i < records_.size(); ++i) {
+            const LDAPMod &seen = records_[i];
+            if (seen.mod_op == mod->mod_op && binary(&seen) == binary(mod) && seen.mod_type != nullptr &&
+                mod->mod_type != nullptr && strcasecmp(seen.mod_type, mod->mod_type) == 0)
+                return i;
+        }
+        return records_.size();
+    }
+
+    std::vector<LDAPMod> records_;
+    std::vector<std::vector<void *>> values_;
+    std::vector<LDAPMod *> list_;
+};
+
 struct UrlDesc {
     LDAPURLDesc *desc = nullptr;
     ~UrlDesc() {
@@ -244,7 +295,13 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
 int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
                    LDAPControl **clientctrls) {
     if (ld == nullptr) return kParamError;
-    return classic_result(::ldap_add_ext_s(ld, dn, mods, serverctrls, clientctrls));
+    if (mods == nullptr) return classic_result(::ldap_add_ext_s(ld, dn, mods, serverctrls, clientctrls));
+    try {
+        MergedAdd merged(mods);
+        return classic_result(::ldap_add_ext_s(ld, dn, merged.get(), serverctrls, clientctrls));
+    } catch (const std::bad_alloc &) {
+        return kNoMemory;
+    }
 }
 
 int ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,

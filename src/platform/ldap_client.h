@@ -13,6 +13,9 @@
 //  * hands back, with result 0, the entries of a search cut at the size
 //    limit it asked for (the library counts them to tell one match from
 //    several); a search the server's own smaller limit cut stays result 4;
+//  * merges, in ldap_add_ext_s, the modifications that name one attribute
+//    type (ignoring case; values in order; string and binary values apart):
+//    the classic servers took a type twice, slapd refuses it with 20;
 //  * keeps ldap_init lazy: an unreachable server shows at the bind;
 //  * refuses a null connection handle with 89 (OpenLDAP would crash on it).
 //
