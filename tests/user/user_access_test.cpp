@@ -133,6 +133,22 @@ TEST_F(EDirectoryUsers, NoAdministratorsGroupNoAclsAndMembershipOnThePerson) {
     EXPECT_TRUE(members("Users").empty());
 }
 
+// The person's own record follows only a change the group really took: an
+// existing membership (20) or a missing one (16) leaves the person alone.
+TEST_F(EDirectoryUsers, RepeatedMembershipEditsLeaveThePersonAlone) {
+    open(1);
+    const std::string profile = "cn=ann," + kAnn;
+    std::vector<int> person_edits;
+    for (bool join : {true, true, false, false}) {
+        fault::reset();
+        EXPECT_EQ(join ? add_ZelUser_to_group(s.get(), kAnn.c_str(), "User")
+                       : remove_ZelUser_from_group(s.get(), profile.c_str(), "User"),
+                  0u);
+        person_edits.push_back(fault::count(Fn::ModifyS));
+    }
+    EXPECT_EQ(person_edits, (std::vector<int>{1, 0, 1, 0}));
+}
+
 TEST_F(ActiveDirectoryUsers, RemovalLeavesTheAccessGroupsAlone) {
     open(1);
     ZelUser jo = user_record("jo", "User", kJo);

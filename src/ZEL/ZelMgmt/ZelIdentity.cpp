@@ -91,7 +91,7 @@ ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_ou
 
     // Sessions on a security domain look for the secUser entry first; mode 1
     // asks for the first-generation profile below the person.
-    const bool domain_form = s->version >= 2 && mode != 1;
+    const bool domain_form = !zel::first_generation(s) && mode != 1;
     zel::CText filter(domain_form ? plat::ku_mbs_sprintf(kSecUserFilter, person_dn, s->domain_name)
                                   : plat::ku_mbs_sprintf(kProfileFilter, person_dn));
     if (!filter) return rc = ZEL_RC_NO_MEMORY;
@@ -103,7 +103,7 @@ ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_ou
 
     if (zel::entry_count(s->ld, res.get()) <= 0) {
         // The security domain may not know a user that the Zel database does.
-        if (s->version < 2 || mode != 0 || s->database_dn == nullptr) return rc;
+        if (zel::first_generation(s) || mode != 0 || s->database_dn == nullptr) return rc;
         filter.reset(plat::ku_mbs_sprintf(kProfileFilter, person_dn));
         if (!filter) return rc = ZEL_RC_NO_MEMORY;
         if ((rc = search_profile_below_person(s, person_dn, filter.get(), res)) != 0) return rc;

@@ -10,16 +10,15 @@ namespace {
 
 constexpr size_t kUserTypeSize = 30;
 
-// Applies the prepared "member" modification to one group.  eDirectory also
-// keeps the membership on the member's own entry.
+// Applies the prepared "member" modification to one group; only when that
+// succeeds does eDirectory also record the membership on the member's own
+// entry.  The raw LDAP result is returned: callers decide which results
+// count as success, once every step is done.
 int edit_group(ZelSession *s, const std::string &group_dn, const char *person_dn, LDAPMod **mods,
-               ZelRC (*nds_edit)(ZelSession *, const char *, const char *), int already_done) {
+               ZelRC (*nds_edit)(ZelSession *, const char *, const char *)) {
     int lrc = plat::ldap_modify_ext_s(s->ld, group_dn.c_str(), mods, nullptr, nullptr);
-    if (lrc == already_done) lrc = LDAP_SUCCESS;
-    if (lrc == LDAP_SUCCESS && s->dir_kind == ZEL_DIR_EDIRECTORY) {
+    if (lrc == LDAP_SUCCESS && s->dir_kind == ZEL_DIR_EDIRECTORY)
         lrc = static_cast<int>(nds_edit(s, group_dn.c_str(), person_dn));
-        if (lrc == already_done) lrc = LDAP_SUCCESS;
-    }
     return lrc;
 }
 
@@ -61,14 +60,18 @@ ZelRC read_user_type(LDAP *ld, const zel::Message &res, char *type) {
 // Without the trailing ":" the entry no longer answers the profile search:
 // the person keeps the entry, the Zel profile is gone.
 ZelRC release_domain_user(ZelSession *s, const std::string &user_dn) {
-    // The records may already be gone; only running out of memory matters here.
-    if (delete_tree(s, ("cn=ResCreds," + user_dn).c_str()) == ZEL_RC_NO_MEMORY) return ZEL_RC_NO_MEMORY;
+    // Everything is measured and built before the first deletion.
     std::string authority = s->domain_name ? s->domain_name : "";
-    if (authority.size() >= zel::kShortValueSize) return ZEL_RC_INVALID_ARGUMENT;
+    std::string records_dn = "cn=ResCreds," + user_dn;
+    if (authority.size() >= zel::kShortValueSize || records_dn.size() >= zel::kDnSize)
+        return ZEL_RC_INVALID_ARGUMENT;
     zel::ModList mods(2);
     if (!mods.ok()) return ZEL_RC_NO_MEMORY;
     ZelRC rc = mods.add(LDAP_MOD_REPLACE, "secAuthority", {authority.c_str()});
     if (rc != 0) return rc;
+    // The records may already be gone: the directory's answer does not
+    // matter here, running out of memory does (the entry would keep them).
+    if (delete_tree(s, records_dn.c_str()) == ZEL_RC_NO_MEMORY) return ZEL_RC_NO_MEMORY;
     int lrc = plat::ldap_modify_ext_s(s->ld, user_dn.c_str(), mods.get(), nullptr, nullptr);
     return lrc == LDAP_SUCCESS ? 0 : check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
 }
@@ -80,7 +83,7 @@ extern "C" {
 ZelRC add_ZelUser_to_group(ZelSession *s, const char *person_dn, const char *user_type) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "add_ZelUser_to_group", rc);
-    if (s->version >= 2) return rc;  // security domain users have no access groups
+    if (!zel::first_generation(s)) return rc;  // security domain users have no access groups
     if (person_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     zel::CText first_buf = zel::zeroed_buffer(zel::kDnSize), second_buf = zel::zeroed_buffer(zel::kDnSize);
     if (!first_buf || !second_buf) return rc = ZEL_RC_NO_MEMORY;
@@ -107,11 +110,11 @@ ZelRC add_ZelUser_to_group(ZelSession *s, const char *person_dn, const char *use
     if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
     if ((rc = mods.add(LDAP_MOD_ADD, "member", {person_dn})) != 0) return rc;
 
-    int lrc = edit_group(s, first_dn, person_dn, mods.get(), internal_nds_member_add,
-                         LDAP_TYPE_OR_VALUE_EXISTS);
-    if (lrc == LDAP_SUCCESS && second)
-        lrc = edit_group(s, second_dn, person_dn, mods.get(), internal_nds_member_add, LDAP_TYPE_OR_VALUE_EXISTS);
-    if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
+    int lrc = edit_group(s, first_dn, person_dn, mods.get(), internal_nds_member_add);
+    if (lrc == LDAP_SUCCESS && second) lrc = edit_group(s, second_dn, person_dn, mods.get(), internal_nds_member_add);
+    // Already a member: nothing to do, and nothing that follows was done.
+    if (lrc != LDAP_SUCCESS && lrc != LDAP_TYPE_OR_VALUE_EXISTS)
+        rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
     return rc;
 }
 
@@ -141,16 +144,18 @@ ZelRC remove_ZelUser_from_group(ZelSession *s, const char *user_dn, const char *
     if (user_type == nullptr) {
         // no type, no group
     } else if (zel::same_text(user_type, zel::kPlainUser)) {
-        lrc = edit_group(s, users, person, mods.get(), internal_nds_member_rem, LDAP_NO_SUCH_ATTRIBUTE);
+        lrc = edit_group(s, users, person, mods.get(), internal_nds_member_rem);
     } else if (zel::same_text(user_type, zel::kMiddleTierServer)) {
-        lrc = edit_group(s, middle_tier, person, mods.get(), internal_nds_member_rem, LDAP_NO_SUCH_ATTRIBUTE);
+        lrc = edit_group(s, middle_tier, person, mods.get(), internal_nds_member_rem);
     } else if (zel::same_text(user_type, zel::kSeniorAdmin)) {
-        (void)edit_group(s, senior, person, mods.get(), internal_nds_member_rem, LDAP_NO_SUCH_ATTRIBUTE);
+        (void)edit_group(s, senior, person, mods.get(), internal_nds_member_rem);
         // On eDirectory the add helper follows here, not the removal one:
         // deliberate, existing directories depend on it.
-        lrc = edit_group(s, admins, person, mods.get(), internal_nds_member_add, LDAP_NO_SUCH_ATTRIBUTE);
+        lrc = edit_group(s, admins, person, mods.get(), internal_nds_member_add);
     }
-    if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
+    // Not a member: nothing to take back.
+    if (lrc != LDAP_SUCCESS && lrc != LDAP_NO_SUCH_ATTRIBUTE)
+        rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
     if (rc == 0)
         zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able to remove the user from Zel groups successfully!");
     return rc;
@@ -217,8 +222,9 @@ ZelRC Zel_removeZelUser(ZelSession *s, const char *nameOrDN) {
         zel::RoutineTrace trace(s, "Zel_removeZelUser", rc);
         if (nameOrDN == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
 
-        // First-generation profiles live in the Zel database, located lazily.
-        if (s->version < 2) rc = zel::ensure_database_dn(s);
+        // First-generation profiles live in the Zel database, located lazily;
+        // a directory without one holds no such profile.
+        if (zel::first_generation(s) && (rc = zel::ensure_database_dn(s)) == ZEL_RC_DATABASE_NOT_FOUND) rc = 0;
         std::string v1_dn, v2_dn;
         zel::Message v1_res;
         if (rc == 0 && s->database_dn) {
@@ -228,7 +234,7 @@ ZelRC Zel_removeZelUser(ZelSession *s, const char *nameOrDN) {
             if (rc == ZEL_RC_USER_NOT_FOUND) rc = 0;
             else if (rc == 0) v1_dn = first_dn(s->ld, v1_res);
         }
-        if (rc == 0 && s->version >= 2) {
+        if (rc == 0 && !zel::first_generation(s)) {
             LDAPMessage *raw = nullptr;
             rc = locate_ZelUser(s, nameOrDN, &raw, 2);
             zel::Message v2_res(raw);
