@@ -105,23 +105,11 @@ ZelRC check_name_unused(ZelSession *s, const ZelTargetService *ts) {
     return found > 0 ? ZEL_RC_ALREADY_EXISTS : 0;
 }
 
-// A pair whose modification could not be completed is taken out again, so
-// the list sent holds complete modifications only.
-void drop_unfinished_modification(zel::ModList &mods) {
-    size_t last = mods.size();
-    LDAPMod **list = mods.get();
-    if (last == 0 || list[last - 1]->mod_values != nullptr) return;
-    std::free(list[last - 1]);
-    list[last - 1] = nullptr;
-}
-
 // First-generation entry.  Every reqIdentifier modification refers to the
 // one pair buffer, which is not cleared between pairs: with several pairs
 // each value carries all of them run together.  When a pair's modification
-// cannot be built the remaining pairs are left out, the add still goes on,
-// and that failure is the status returned.
-ZelRC first_generation_mods(ZelSession *s, const ZelTargetService *ts, zel::ModList &mods,
-                            char *pair_buffer, ZelRC &pair_rc) {
+// cannot be built the remaining pairs are left out and the add still goes on.
+ZelRC first_generation_mods(ZelSession *s, const ZelTargetService *ts, zel::ModList &mods, char *pair_buffer) {
     ZelRC rc = mods.add(LDAP_MOD_ADD, "objectClass", {"top", "eTargetService"});
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "tsName", {ts->name});
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "tsType", {ts->type});
@@ -135,11 +123,7 @@ ZelRC first_generation_mods(ZelSession *s, const ZelTargetService *ts, zel::ModL
         std::strcat(pair_buffer, "=");
         std::strcat(pair_buffer, pair->value);
         char *values[] = {pair_buffer};
-        pair_rc = mods.add(LDAP_MOD_ADD, "reqIdentifier", 1, values);
-        if (pair_rc != 0) {
-            drop_unfinished_modification(mods);
-            break;
-        }
+        if (mods.add(LDAP_MOD_ADD, "reqIdentifier", 1, values) != 0) break;
     }
     return 0;
 }
@@ -167,6 +151,12 @@ ZelRC add_target_service(ZelSession *s, const ZelTargetService *ts) {
     if (!dn) return rc = ZEL_RC_NO_MEMORY;
     std::string type_dn;
     if (v1 && (rc = check_service_type(s, ts, type_dn)) != 0) return rc;
+    // The entry's DN is measured before the container is added.
+    if (!v1 && s->domain_dn == nullptr) return rc = ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
+    bool fits = v1 ? zel::format_into(dn.get(), zel::kDnSize, "tsName=%s,%s", ts->name, type_dn.c_str())
+                   : zel::format_into(dn.get(), zel::kDnSize, "secResourceID=%s,cn=Resources,%s", ts->name,
+                                      s->domain_dn);
+    if (!fits) return rc = ZEL_RC_INVALID_ARGUMENT;
     if (!v1 && s->database_dn && (rc = add_resources_container(s)) != 0) return rc;
     if ((rc = check_name_unused(s, ts)) != 0) return rc;
 
@@ -174,21 +164,16 @@ ZelRC add_target_service(ZelSession *s, const ZelTargetService *ts) {
     zel::ModList mods(v1 ? static_cast<size_t>(ts->reqIdentifierCount) + 5 + description : 5 + description);
     if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
     zel::CText pair_buffer;
-    ZelRC pair_rc = 0;
     if (v1) {
         pair_buffer = zel::zeroed_buffer(zel::kShortValueSize);
         if (!pair_buffer) return rc = ZEL_RC_NO_MEMORY;
-        rc = first_generation_mods(s, ts, mods, pair_buffer.get(), pair_rc);
+        rc = first_generation_mods(s, ts, mods, pair_buffer.get());
     } else {
         rc = domain_mods(s, ts, mods);
     }
     if (rc != 0) return rc;
 
-    bool fits = v1 ? zel::format_into(dn.get(), zel::kDnSize, "tsName=%s,%s", ts->name, type_dn.c_str())
-                   : zel::format_into(dn.get(), zel::kDnSize, "secResourceID=%s,cn=Resources,%s", ts->name,
-                                      s->domain_dn);
-    if (!fits) return rc = ZEL_RC_INVALID_ARGUMENT;
-
+    // The status and the message are the add's own.
     int lrc = plat::ldap_add_ext_s(s->ld, dn.get(), mods.get(), nullptr, nullptr);
     if (lrc != LDAP_SUCCESS) {
         rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
@@ -196,7 +181,6 @@ ZelRC add_target_service(ZelSession *s, const ZelTargetService *ts) {
     } else {
         zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able add Target Service successfully!");
     }
-    if (pair_rc != 0) rc = pair_rc;
     return rc;
 }
 

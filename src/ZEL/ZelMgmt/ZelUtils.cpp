@@ -64,7 +64,15 @@ ZelRC ModList::add(int op, const char *type, int32_t count, char *const *values)
     if (!mods_ || used_ + 1 >= slots_) return ZEL_RC_SYSTEM_ERROR;
     ZelRC rc = bld_attribute(mods_, static_cast<uint32_t>(used_), const_cast<char *>(type), count,
                              const_cast<char **>(values), op);
-    if (mods_[used_]) ++used_;
+    if (rc != 0) {
+        // An unfinished modification is taken out again: the list holds
+        // complete modifications only and stays null-terminated.
+        if (mods_[used_]) std::free(mods_[used_]->mod_values);
+        std::free(mods_[used_]);
+        mods_[used_] = nullptr;
+        return rc;
+    }
+    ++used_;
     return rc;
 }
 
