@@ -123,15 +123,11 @@ bool build_uris(const char *host, int port, bool ssl, std::string &uris) {
 
 // Connection handle for a URI list; null when OpenLDAP refuses it.
 LDAP *initialize(const char *host, int port, bool ssl) {
-    try {
-        std::string uris;
-        if (!build_uris(host, port, ssl, uris)) return nullptr;
-        LDAP *ld = nullptr;
-        if (::ldap_initialize(&ld, uris.c_str()) != LDAP_SUCCESS) return nullptr;
-        return ld;
-    } catch (const std::bad_alloc &) {
-        return nullptr;
-    }
+    std::string uris;
+    if (!build_uris(host, port, ssl, uris)) return nullptr;
+    LDAP *ld = nullptr;
+    if (::ldap_initialize(&ld, uris.c_str()) != LDAP_SUCCESS) return nullptr;
+    return ld;
 }
 
 // The integer an option carries, passed as the caller says it is: by
@@ -296,12 +292,8 @@ int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serve
                    LDAPControl **clientctrls) {
     if (ld == nullptr) return kParamError;
     if (mods == nullptr) return classic_result(::ldap_add_ext_s(ld, dn, mods, serverctrls, clientctrls));
-    try {
-        MergedAdd merged(mods);
-        return classic_result(::ldap_add_ext_s(ld, dn, merged.get(), serverctrls, clientctrls));
-    } catch (const std::bad_alloc &) {
-        return kNoMemory;
-    }
+    MergedAdd merged(mods);
+    return classic_result(::ldap_add_ext_s(ld, dn, merged.get(), serverctrls, clientctrls));
 }
 
 int ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
@@ -424,12 +416,10 @@ int ldap_ssl_client_init(const char *keyring, const char * /*keyring_pw*/, int /
 
 LDAP *ldap_ssl_init(const char *host, int port, const char *cert_label) {
     std::string keyring;
-    try {
+    {
         SslState &state = ssl_state();
         std::lock_guard<std::mutex> lock(state.mutex);
         keyring = state.keyring;
-    } catch (const std::bad_alloc &) {
-        return nullptr;
     }
     // Checked before OpenLDAP sees them: its TLS layer leaks the key
     // structure when a key file fails to load.

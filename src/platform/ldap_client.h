@@ -17,7 +17,11 @@
 //    type (ignoring case; values in order; string and binary values apart):
 //    the classic servers took a type twice, slapd refuses it with 20;
 //  * keeps ldap_init lazy: an unreachable server shows at the bind;
-//  * refuses a null connection handle with 89 (OpenLDAP would crash on it).
+//  * refuses a null connection handle with 89 (OpenLDAP would crash on it);
+//  * lets std::bad_alloc out of ldap_init, ldap_ssl_init and ldap_add_ext_s
+//    when it cannot get memory of its own: the classic results cannot say
+//    so (null from an init means "no connection"), the library's guard
+//    answers 1012.
 //
 // ldap_init and ldap_ssl_init take the classic host argument: one host or a
 // blank-separated list, each a name, an IPv4 address or an IPv6 address

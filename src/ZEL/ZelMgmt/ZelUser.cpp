@@ -197,60 +197,65 @@ extern "C" {
 int check_entry_exists(ZelSession *s, const char *dn) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "check_entry_exists", rc);
-    struct timeval tv = zel::no_time_limit();
-    LDAPMessage *raw = nullptr;
-    int lrc = plat::ldap_search_ext_s(s->ld, dn, LDAP_SCOPE_BASE, "(objectclass=*)", nullptr, 1, nullptr,
-                                      nullptr, &tv, 2, &raw);
-    zel::Message res(raw);
-    rc = static_cast<ZelRC>(lrc);
-    return lrc;
+    return static_cast<int>(rc = zel::guarded([&]() -> ZelRC {
+        struct timeval tv = zel::no_time_limit();
+        LDAPMessage *raw = nullptr;
+        int lrc = plat::ldap_search_ext_s(s->ld, dn, LDAP_SCOPE_BASE, "(objectclass=*)", nullptr, 1, nullptr,
+                                          nullptr, &tv, 2, &raw);
+        zel::Message res(raw);
+        return static_cast<ZelRC>(lrc);
+    }));
 }
 
 ZelRC form_UP_ePersonDN(ZelSession *s, const ZelUser *user, char **person_dn_out) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "form_UP_ePersonDN", rc);
-    if (person_dn_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    *person_dn_out = nullptr;
-    if (user == nullptr || (user->personDN == nullptr && user->userName == nullptr))
-        return rc = ZEL_RC_INVALID_ARGUMENT;
-    zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
-    if (!dn) return rc = ZEL_RC_NO_MEMORY;
-    if (zel::first_generation(s) && (rc = zel::ensure_database_dn(s)) != 0) return rc;
-    if (user->personDN != nullptr) {
-        if (!zel::copy_into(dn.get(), zel::kDnSize, user->personDN)) return rc = ZEL_RC_INVALID_ARGUMENT;
-    } else if ((rc = locate_ePerson(s, user->userName, s->suffixes, dn.get())) != 0) {
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (person_dn_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        *person_dn_out = nullptr;
+        if (user == nullptr || (user->personDN == nullptr && user->userName == nullptr))
+            return rc = ZEL_RC_INVALID_ARGUMENT;
+        zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
+        if (!dn) return rc = ZEL_RC_NO_MEMORY;
+        if (zel::first_generation(s) && (rc = zel::ensure_database_dn(s)) != 0) return rc;
+        if (user->personDN != nullptr) {
+            if (!zel::copy_into(dn.get(), zel::kDnSize, user->personDN)) return rc = ZEL_RC_INVALID_ARGUMENT;
+        } else if ((rc = locate_ePerson(s, user->userName, s->suffixes, dn.get())) != 0) {
+            return rc;
+        }
+        *person_dn_out = dn.release();
         return rc;
-    }
-    *person_dn_out = dn.release();
-    return rc;
+    });
 }
 
 ZelRC create_update_ZelUser(ZelSession *s, const ZelUser *user, const char *person_dn, int32_t mode) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "create_update_ZelUser", rc);
-    ProfilePlan plan;
-    if ((rc = plan_profile(s, user, person_dn, mode, plan)) != 0) return rc;
-    const bool first_gen = zel::first_generation(s);
+    return rc = zel::guarded([&]() -> ZelRC {
+        ProfilePlan plan;
+        if ((rc = plan_profile(s, user, person_dn, mode, plan)) != 0) return rc;
+        const bool first_gen = zel::first_generation(s);
 
-    size_t slots = 7 + (user->description ? 1 : 0) + plan.access.size();
-    if (plan.mode == kCreate) {
-        {
-            zel::ModList mods(slots);
-            if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
-            if ((rc = fill_create_mods(s, user, person_dn, plan.state, plan.authority, plan.access, mods)) != 0)
-                return rc;
-            rc = add_profile(s, plan.user_dn, plan.authority, mods.get());
+        size_t slots = 7 + (user->description ? 1 : 0) + plan.access.size();
+        if (plan.mode == kCreate) {
+            {
+                zel::ModList mods(slots);
+                if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
+                if ((rc = fill_create_mods(s, user, person_dn, plan.state, plan.authority, plan.access, mods)) != 0)
+                    return rc;
+                rc = add_profile(s, plan.user_dn, plan.authority, mods.get());
+            }
+            if (rc == 0 && !first_gen) rc = add_credentials_container(s, plan.user_dn);
+            return rc;
         }
-        if (rc == 0 && !first_gen) rc = add_credentials_container(s, plan.user_dn);
-        return rc;
-    }
 
-    zel::ModList mods(slots);
-    if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
-    if ((rc = fill_update_mods(s, user, plan.state, mods)) != 0) return rc;
-    int lrc = plat::ldap_modify_ext_s(s->ld, plan.user_dn.c_str(), mods.get(), nullptr, nullptr);
-    if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
-    return rc;
+        zel::ModList mods(slots);
+        if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
+        if ((rc = fill_update_mods(s, user, plan.state, mods)) != 0) return rc;
+        int lrc = plat::ldap_modify_ext_s(s->ld, plan.user_dn.c_str(), mods.get(), nullptr, nullptr);
+        if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
+        return rc;
+    });
 }
 
 ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u) {

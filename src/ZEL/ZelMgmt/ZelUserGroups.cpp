@@ -83,115 +83,121 @@ extern "C" {
 ZelRC add_ZelUser_to_group(ZelSession *s, const char *person_dn, const char *user_type) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "add_ZelUser_to_group", rc);
-    if (!zel::first_generation(s)) return rc;  // security domain users have no access groups
-    if (person_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    zel::CText first_buf = zel::zeroed_buffer(zel::kDnSize), second_buf = zel::zeroed_buffer(zel::kDnSize);
-    if (!first_buf || !second_buf) return rc = ZEL_RC_NO_MEMORY;
-    if ((rc = zel::ensure_database_dn(s)) != 0) return rc;
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (!zel::first_generation(s)) return rc;  // security domain users have no access groups
+        if (person_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        zel::CText first_buf = zel::zeroed_buffer(zel::kDnSize), second_buf = zel::zeroed_buffer(zel::kDnSize);
+        if (!first_buf || !second_buf) return rc = ZEL_RC_NO_MEMORY;
+        if ((rc = zel::ensure_database_dn(s)) != 0) return rc;
 
-    const char *first = nullptr, *second = nullptr;
-    if (user_type == nullptr) return rc;
-    if (zel::same_text(user_type, zel::kSeniorAdmin)) {
-        first = zel::kAdministratorsGroup;
-        second = zel::kSeniorAdministratorsGroup;
-    } else if (zel::same_text(user_type, zel::kMiddleTierServer)) {
-        first = zel::kMiddleTierServersGroup;
-    } else if (zel::same_text(user_type, zel::kPlainUser)) {
-        first = zel::kUsersGroup;
-    } else {
-        return rc;  // other types ("XR User") join no group
-    }
+        const char *first = nullptr, *second = nullptr;
+        if (user_type == nullptr) return rc;
+        if (zel::same_text(user_type, zel::kSeniorAdmin)) {
+            first = zel::kAdministratorsGroup;
+            second = zel::kSeniorAdministratorsGroup;
+        } else if (zel::same_text(user_type, zel::kMiddleTierServer)) {
+            first = zel::kMiddleTierServersGroup;
+        } else if (zel::same_text(user_type, zel::kPlainUser)) {
+            first = zel::kUsersGroup;
+        } else {
+            return rc;  // other types ("XR User") join no group
+        }
 
-    std::string first_dn, second_dn;
-    if (!zel::form_group_dn(first_dn, first, s->database_dn) ||
-        (second && !zel::form_group_dn(second_dn, second, s->database_dn)))
-        return rc = ZEL_RC_INVALID_ARGUMENT;
-    zel::ModList mods(2);
-    if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
-    if ((rc = mods.add(LDAP_MOD_ADD, "member", {person_dn})) != 0) return rc;
+        std::string first_dn, second_dn;
+        if (!zel::form_group_dn(first_dn, first, s->database_dn) ||
+            (second && !zel::form_group_dn(second_dn, second, s->database_dn)))
+            return rc = ZEL_RC_INVALID_ARGUMENT;
+        zel::ModList mods(2);
+        if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
+        if ((rc = mods.add(LDAP_MOD_ADD, "member", {person_dn})) != 0) return rc;
 
-    int lrc = edit_group(s, first_dn, person_dn, mods.get(), internal_nds_member_add);
-    if (lrc == LDAP_SUCCESS && second) lrc = edit_group(s, second_dn, person_dn, mods.get(), internal_nds_member_add);
-    // Already a member: nothing to do, and nothing that follows was done.
-    if (lrc != LDAP_SUCCESS && lrc != LDAP_TYPE_OR_VALUE_EXISTS)
-        rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
-    return rc;
+        int lrc = edit_group(s, first_dn, person_dn, mods.get(), internal_nds_member_add);
+        if (lrc == LDAP_SUCCESS && second) lrc = edit_group(s, second_dn, person_dn, mods.get(), internal_nds_member_add);
+        // Already a member: nothing to do, and nothing that follows was done.
+        if (lrc != LDAP_SUCCESS && lrc != LDAP_TYPE_OR_VALUE_EXISTS)
+            rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
+        return rc;
+    });
 }
 
 ZelRC remove_ZelUser_from_group(ZelSession *s, const char *user_dn, const char *user_type) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "remove_ZelUser_from_group", rc);
-    if (s->database_dn == nullptr || user_dn == nullptr) return rc;
-    // Active Directory (and an undetermined kind) keeps no access groups.
-    if (s->dir_kind < ZEL_DIR_ORV || s->dir_kind > ZEL_DIR_GENERIC) return rc;
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (s->database_dn == nullptr || user_dn == nullptr) return rc;
+        // Active Directory (and an undetermined kind) keeps no access groups.
+        if (s->dir_kind < ZEL_DIR_ORV || s->dir_kind > ZEL_DIR_GENERIC) return rc;
 
-    zel::CText person_dn = zel::zeroed_buffer(zel::kDnSize);
-    if (!person_dn) return rc = ZEL_RC_NO_MEMORY;
-    if ((rc = construct_ePersonDN_from_UP(s, user_dn, person_dn.get())) != 0) return rc;
+        zel::CText person_dn = zel::zeroed_buffer(zel::kDnSize);
+        if (!person_dn) return rc = ZEL_RC_NO_MEMORY;
+        if ((rc = construct_ePersonDN_from_UP(s, user_dn, person_dn.get())) != 0) return rc;
 
-    std::string senior, admins, middle_tier, users;
-    if (!zel::form_group_dn(senior, zel::kSeniorAdministratorsGroup, s->database_dn) ||
-        !zel::form_group_dn(admins, zel::kAdministratorsGroup, s->database_dn) ||
-        !zel::form_group_dn(middle_tier, zel::kMiddleTierServersGroup, s->database_dn) ||
-        !zel::form_group_dn(users, zel::kUsersGroup, s->database_dn))
-        return rc = ZEL_RC_INVALID_ARGUMENT;
-    zel::ModList mods(2);
-    if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
-    if ((rc = mods.add(LDAP_MOD_DELETE, "member", {person_dn.get()})) != 0) return rc;
+        std::string senior, admins, middle_tier, users;
+        if (!zel::form_group_dn(senior, zel::kSeniorAdministratorsGroup, s->database_dn) ||
+            !zel::form_group_dn(admins, zel::kAdministratorsGroup, s->database_dn) ||
+            !zel::form_group_dn(middle_tier, zel::kMiddleTierServersGroup, s->database_dn) ||
+            !zel::form_group_dn(users, zel::kUsersGroup, s->database_dn))
+            return rc = ZEL_RC_INVALID_ARGUMENT;
+        zel::ModList mods(2);
+        if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
+        if ((rc = mods.add(LDAP_MOD_DELETE, "member", {person_dn.get()})) != 0) return rc;
 
-    const char *person = person_dn.get();
-    int lrc = LDAP_SUCCESS;
-    if (user_type == nullptr) {
-        // no type, no group
-    } else if (zel::same_text(user_type, zel::kPlainUser)) {
-        lrc = edit_group(s, users, person, mods.get(), internal_nds_member_rem);
-    } else if (zel::same_text(user_type, zel::kMiddleTierServer)) {
-        lrc = edit_group(s, middle_tier, person, mods.get(), internal_nds_member_rem);
-    } else if (zel::same_text(user_type, zel::kSeniorAdmin)) {
-        (void)edit_group(s, senior, person, mods.get(), internal_nds_member_rem);
-        // On eDirectory the add helper follows here, not the removal one:
-        // deliberate, existing directories depend on it.
-        lrc = edit_group(s, admins, person, mods.get(), internal_nds_member_add);
-    }
-    // Not a member: nothing to take back.
-    if (lrc != LDAP_SUCCESS && lrc != LDAP_NO_SUCH_ATTRIBUTE)
-        rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
-    if (rc == 0)
-        zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able to remove the user from Zel groups successfully!");
-    return rc;
+        const char *person = person_dn.get();
+        int lrc = LDAP_SUCCESS;
+        if (user_type == nullptr) {
+            // no type, no group
+        } else if (zel::same_text(user_type, zel::kPlainUser)) {
+            lrc = edit_group(s, users, person, mods.get(), internal_nds_member_rem);
+        } else if (zel::same_text(user_type, zel::kMiddleTierServer)) {
+            lrc = edit_group(s, middle_tier, person, mods.get(), internal_nds_member_rem);
+        } else if (zel::same_text(user_type, zel::kSeniorAdmin)) {
+            (void)edit_group(s, senior, person, mods.get(), internal_nds_member_rem);
+            // On eDirectory the add helper follows here, not the removal one:
+            // deliberate, existing directories depend on it.
+            lrc = edit_group(s, admins, person, mods.get(), internal_nds_member_add);
+        }
+        // Not a member: nothing to take back.
+        if (lrc != LDAP_SUCCESS && lrc != LDAP_NO_SUCH_ATTRIBUTE)
+            rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
+        if (rc == 0)
+            zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able to remove the user from Zel groups successfully!");
+        return rc;
+    });
 }
 
 ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result, int32_t mode) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "locate_ZelUser", rc);
-    if (result) *result = nullptr;
-    if (name_or_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    zel::CText dn = zel::zeroed_buffer(zel::kDnSize), filter = zel::zeroed_buffer(zel::kFilterSize);
-    if (!dn || !filter) return rc = ZEL_RC_NO_MEMORY;
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (result) *result = nullptr;
+        if (name_or_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        zel::CText dn = zel::zeroed_buffer(zel::kDnSize), filter = zel::zeroed_buffer(zel::kFilterSize);
+        if (!dn || !filter) return rc = ZEL_RC_NO_MEMORY;
 
-    zel::Message res;
-    if (zel::contains(name_or_dn, "=")) {
-        // A DN: the entry itself.
-        if (!zel::copy_into(dn.get(), zel::kDnSize, name_or_dn)) return rc = ZEL_RC_INVALID_ARGUMENT;
-        std::strcpy(filter.get(), mode == 1 ? "(objectClass=eZelUser)" : "objectClass=*");
-        rc = base_search(s, dn.get(), filter.get(), 0, res);
-    } else if (mode == 1) {
-        if (!zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eZelUser)(cn=%s))", name_or_dn))
-            return rc = ZEL_RC_INVALID_ARGUMENT;
-        LDAPMessage *raw = nullptr;
-        rc = determine_DN(s, s->suffixes, filter.get(), dn.get(), &raw);
-        res.reset(raw);
-        if (rc == ZEL_RC_ENTRY_NOT_FOUND) rc = ZEL_RC_USER_NOT_FOUND;
-    } else {
-        if (s->domain_dn == nullptr) return rc = ZEL_RC_USER_NOT_FOUND;  // no domain, no domain user
-        if (!zel::format_into(dn.get(), zel::kDnSize, "principalName=%s,cn=Users,%s", name_or_dn, s->domain_dn))
-            return rc = ZEL_RC_INVALID_ARGUMENT;
-        std::strcpy(filter.get(), "objectClass=*");
-        rc = base_search(s, dn.get(), filter.get(), ZEL_RC_ENTRY_NOT_FOUND, res);
-        if (rc == ZEL_RC_ENTRY_NOT_FOUND) rc = ZEL_RC_USER_NOT_FOUND;
-    }
-    if (rc == 0 && result) *result = res.release();
-    return rc;
+        zel::Message res;
+        if (zel::contains(name_or_dn, "=")) {
+            // A DN: the entry itself.
+            if (!zel::copy_into(dn.get(), zel::kDnSize, name_or_dn)) return rc = ZEL_RC_INVALID_ARGUMENT;
+            std::strcpy(filter.get(), mode == 1 ? "(objectClass=eZelUser)" : "objectClass=*");
+            rc = base_search(s, dn.get(), filter.get(), 0, res);
+        } else if (mode == 1) {
+            if (!zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eZelUser)(cn=%s))", name_or_dn))
+                return rc = ZEL_RC_INVALID_ARGUMENT;
+            LDAPMessage *raw = nullptr;
+            rc = determine_DN(s, s->suffixes, filter.get(), dn.get(), &raw);
+            res.reset(raw);
+            if (rc == ZEL_RC_ENTRY_NOT_FOUND) rc = ZEL_RC_USER_NOT_FOUND;
+        } else {
+            if (s->domain_dn == nullptr) return rc = ZEL_RC_USER_NOT_FOUND;  // no domain, no domain user
+            if (!zel::format_into(dn.get(), zel::kDnSize, "principalName=%s,cn=Users,%s", name_or_dn, s->domain_dn))
+                return rc = ZEL_RC_INVALID_ARGUMENT;
+            std::strcpy(filter.get(), "objectClass=*");
+            rc = base_search(s, dn.get(), filter.get(), ZEL_RC_ENTRY_NOT_FOUND, res);
+            if (rc == ZEL_RC_ENTRY_NOT_FOUND) rc = ZEL_RC_USER_NOT_FOUND;
+        }
+        if (rc == 0 && result) *result = res.release();
+        return rc;
+    });
 }
 
 ZelRC Zel_verifyZelUser(ZelSession *s, const char *personDN, char **userDN_out) {
