@@ -15,32 +15,6 @@ bool excluded_suffix(const char *name, bool naming_context) {
     return naming_context && zel::same_text(name, "cn=deleted objects");
 }
 
-// Appends a node owning a zero-filled copy of `length` bytes of text.
-ZelRC append_suffix(ZelSession *s, const char *text, size_t length) {
-    char *copy = static_cast<char *>(std::calloc(1, length + 1));
-    auto *node = static_cast<ZelSuffixNode *>(std::calloc(1, sizeof(ZelSuffixNode)));
-    if (!copy || !node) {
-        std::free(copy);
-        std::free(node);
-        return ZEL_RC_NO_MEMORY;
-    }
-    std::memcpy(copy, text, length);
-    node->suffix = copy;
-    ZelSuffixNode **tail = &s->suffixes;
-    while (*tail) tail = &(*tail)->next;
-    *tail = node;
-    return 0;
-}
-
-void free_suffixes(ZelSuffixNode *n) {
-    while (n) {
-        ZelSuffixNode *next = n->next;
-        std::free(n->suffix);
-        std::free(n);
-        n = next;
-    }
-}
-
 // Leading decimal digits; text that is not a number reads as 0.
 long leading_number(const char *text) { return std::strtol(text, nullptr, 10); }
 
@@ -93,7 +67,7 @@ ZelRC determine_suffixes(ZelSession *s) {
                     size_t length = sv && sv.get()[i] ? std::strlen(sv.get()[i]) : v->bv_len;
                     std::string value(text, length);
                     if (excluded_suffix(value.c_str(), true)) continue;
-                    if (append_suffix(s, text, length) != 0) rc = ZEL_RC_NO_MEMORY;
+                    if (zel::append_suffix(&s->suffixes, text, length) != 0) rc = ZEL_RC_NO_MEMORY;
                 }
                 continue;
             }
@@ -136,12 +110,12 @@ ZelRC get_novell_suffixes(ZelSession *s) {
         if (ldap_count_entries(s->ld, res.get()) < 1) return rc = ZEL_RC_ROOT_DSE_FAILED;
 
         // The partitions below the root replace whatever the naming contexts gave.
-        free_suffixes(s->suffixes);
+        zel::free_suffixes(s->suffixes);
         s->suffixes = nullptr;
         for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e; e = ldap_next_entry(s->ld, e)) {
             zel::LdapText dn(ldap_get_dn(s->ld, e));
             if (!dn || excluded_suffix(dn.get(), false)) continue;
-            if (append_suffix(s, dn.get(), std::strlen(dn.get())) != 0) rc = ZEL_RC_NO_MEMORY;
+            if (zel::append_suffix(&s->suffixes, dn.get(), std::strlen(dn.get())) != 0) rc = ZEL_RC_NO_MEMORY;
         }
         return rc;
     });
@@ -171,7 +145,7 @@ ZelRC get_domain(ZelSession *s, const char *name) {
             zel::tracef(s, zel::kTraceProgress, "zelmgmt:Velmar domain \"%s\" not found.\n", name);
             return rc = ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
         }
-        if (rc != 0 || !res) return rc;
+        if (rc != 0) return rc;
 
         s->domain_name = strdup(name);
         if (!s->domain_name) return rc = ZEL_RC_NO_MEMORY;

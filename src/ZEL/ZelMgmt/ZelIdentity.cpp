@@ -17,27 +17,14 @@ constexpr const char *kPrincipalFilter = "(&(objectClass=*)(krbPrincipalName=%s)
 ZelRC search_profile_below_person(ZelSession *s, const char *person_dn, const char *filter,
                                   zel::Message &out) {
     char *attrs[] = {const_cast<char *>("objectClass"), const_cast<char *>("userState"), nullptr};
-    struct timeval tv = zel::no_time_limit();
-    LDAPMessage *raw = nullptr;
-    int lrc = plat::ldap_search_ext_s(s->ld, person_dn, LDAP_SCOPE_ONELEVEL, filter, attrs, 0, nullptr,
-                                      nullptr, &tv, 2, &raw);
-    out.reset(raw);
-    if (lrc == LDAP_SUCCESS) return 0;
-    out.reset();
-    ZelRC rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), ZEL_RC_ENTRY_NOT_FOUND, "ldap_search_ext_s()");
+    ZelRC rc = zel::search_mapped(s, person_dn, LDAP_SCOPE_ONELEVEL, filter, attrs, 0, 2, ZEL_RC_ENTRY_NOT_FOUND, out);
     return rc == ZEL_RC_NO_SUCH_OBJECT ? 0 : rc;  // no person entry: no user either
 }
 
 // Subtree search of the security domain for the person's secUser entry.
 ZelRC search_domain_user(ZelSession *s, const char *filter, zel::Message &out) {
-    struct timeval tv = zel::no_time_limit();
-    LDAPMessage *raw = nullptr;
-    int lrc = plat::ldap_search_ext_s(s->ld, s->domain_dn, LDAP_SCOPE_SUBTREE, filter, nullptr, 0, nullptr,
-                                      nullptr, &tv, 2, &raw);
-    out.reset(raw);
-    if (lrc == LDAP_SUCCESS) return 0;
-    out.reset();
-    ZelRC rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), ZEL_RC_ENTRY_NOT_FOUND, "ldap_search_ext_s()");
+    ZelRC rc = zel::search_mapped(s, s->domain_dn, LDAP_SCOPE_SUBTREE, filter, nullptr, 0, 2, ZEL_RC_ENTRY_NOT_FOUND,
+                                  out);
     return rc == ZEL_RC_NO_SUCH_OBJECT ? 0 : rc;
 }
 
@@ -49,34 +36,15 @@ bool marks_inactive(char **values) {
 class OwnedSuffixes {
 public:
     OwnedSuffixes() = default;
-    ~OwnedSuffixes() {
-        while (head_) {
-            ZelSuffixNode *next = head_->next;
-            std::free(head_->suffix);
-            std::free(head_);
-            head_ = next;
-        }
-    }
+    ~OwnedSuffixes() { zel::free_suffixes(head_); }
     OwnedSuffixes(const OwnedSuffixes &) = delete;
     OwnedSuffixes &operator=(const OwnedSuffixes &) = delete;
 
-    bool append(const char *suffix) {
-        auto *node = static_cast<ZelSuffixNode *>(std::calloc(1, sizeof(ZelSuffixNode)));
-        if (!node) return false;
-        node->suffix = strdup(suffix);
-        if (!node->suffix) {
-            std::free(node);
-            return false;
-        }
-        *tail_ = node;
-        tail_ = &node->next;
-        return true;
-    }
+    bool append(const char *suffix) { return zel::append_suffix(&head_, suffix, std::strlen(suffix)) == 0; }
     ZelSuffixNode *get() const { return head_; }
 
 private:
     ZelSuffixNode *head_ = nullptr;
-    ZelSuffixNode **tail_ = &head_;
 };
 
 }  // namespace

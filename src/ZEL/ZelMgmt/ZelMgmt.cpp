@@ -348,12 +348,7 @@ ZEL_API ZelRC Zel_close(ZelSession *s, unsigned char unbind) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::tracef(s, zel::kTraceFlow, "zelmgmt:%s:Entered...\n", "Zel_close");
     if (s->ld != nullptr && (unbind == 1 || s->owns_connection == 1)) plat::ldap_unbind(s->ld);
-    for (ZelSuffixNode *n = s->suffixes; n != nullptr;) {
-        ZelSuffixNode *next = n->next;
-        std::free(n->suffix);
-        std::free(n);
-        n = next;
-    }
+    zel::free_suffixes(s->suffixes);
     std::free(s->database_dn);
     std::free(s->schema_dn);
     std::free(s->domain_dn);

@@ -80,12 +80,12 @@ ZelRC set_identifiers(ZelTargetService *ts, char **values) {
 }
 
 // Runs one target service search; what the directory handed back goes to
-// *result.
-ZelRC search_services(ZelSession *s, const char *base, const char *filter, char **attrs,
-                      int size_limit, LDAPMessage **result) {
-    struct timeval tv = zel::no_time_limit();
-    int lrc = plat::ldap_search_ext_s(s->ld, base, LDAP_SCOPE_SUBTREE, filter, attrs, 0, nullptr,
-                                      nullptr, &tv, size_limit, result);
+// *result, also when the search failed.
+ZelRC run_service_search(ZelSession *s, const char *base, const char *filter, char **attrs, int size_limit,
+                         LDAPMessage **result) {
+    zel::Message res;
+    int lrc = zel::search(s, base, LDAP_SCOPE_SUBTREE, filter, attrs, 0, size_limit, res);
+    *result = res.release();
     if (lrc == LDAP_SUCCESS) return 0;
     // A missing Resources container (or database entry) holds no services.
     if (lrc == LDAP_NO_SUCH_OBJECT) return ZEL_RC_TS_NOT_FOUND;
@@ -259,7 +259,7 @@ ZelRC locate_ZEL_TS(ZelSession *s, const char *name, const char *type, LDAPMessa
             }
         }
         if (!fits) return rc = ZEL_RC_INVALID_ARGUMENT;
-        return rc = search_services(s, search_base, filter.get(), attrs, size_limit, result);
+        return rc = run_service_search(s, search_base, filter.get(), attrs, size_limit, result);
     });
 }
 

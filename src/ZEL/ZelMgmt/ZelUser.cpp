@@ -198,12 +198,8 @@ int check_entry_exists(ZelSession *s, const char *dn) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "check_entry_exists", rc);
     return static_cast<int>(rc = zel::guarded([&]() -> ZelRC {
-        struct timeval tv = zel::no_time_limit();
-        LDAPMessage *raw = nullptr;
-        int lrc = plat::ldap_search_ext_s(s->ld, dn, LDAP_SCOPE_BASE, "(objectclass=*)", nullptr, 1, nullptr,
-                                          nullptr, &tv, 2, &raw);
-        zel::Message res(raw);
-        return static_cast<ZelRC>(lrc);
+        zel::Message res;
+        return static_cast<ZelRC>(zel::search(s, dn, LDAP_SCOPE_BASE, "(objectclass=*)", nullptr, 1, 2, res));
     }));
 }
 

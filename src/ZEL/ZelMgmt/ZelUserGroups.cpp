@@ -22,17 +22,6 @@ int edit_group(ZelSession *s, const std::string &group_dn, const char *person_dn
     return lrc;
 }
 
-ZelRC base_search(ZelSession *s, const char *dn, const char *filter, ZelRC default_code, zel::Message &out) {
-    struct timeval tv = zel::no_time_limit();
-    LDAPMessage *raw = nullptr;
-    int lrc = plat::ldap_search_ext_s(s->ld, dn, LDAP_SCOPE_BASE, filter, nullptr, 0, nullptr, nullptr, &tv,
-                                      2, &raw);
-    out.reset(raw);
-    if (lrc == LDAP_SUCCESS) return 0;
-    out.reset();
-    return check_LDAP_rc(s, static_cast<uint32_t>(lrc), default_code, "ldap_search_ext_s()");
-}
-
 // The DN of the first entry of a search result, or "" when it has none.
 std::string first_dn(LDAP *ld, const zel::Message &res) {
     LDAPMessage *e = res ? ldap_first_entry(ld, res.get()) : nullptr;
@@ -47,7 +36,7 @@ ZelRC read_user_type(LDAP *ld, const zel::Message &res, char *type) {
         bool found = false;
         ZelRC rc = zel::walk_attributes(ld, e, [&](const char *name, char **values, struct berval **) -> ZelRC {
             if (found || !zel::same_text(name, "userType")) return 0;
-            if (!values || !values[0]) return ZEL_RC_USER_NOT_FOUND;
+            if (!values) return ZEL_RC_NO_MEMORY;  // the values were there: only memory was missing
             found = true;
             zel::copy_into(type, kUserTypeSize, values[0]);
             return 0;
@@ -86,8 +75,6 @@ ZelRC add_ZelUser_to_group(ZelSession *s, const char *person_dn, const char *use
     return rc = zel::guarded([&]() -> ZelRC {
         if (!zel::first_generation(s)) return rc;  // security domain users have no access groups
         if (person_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-        zel::CText first_buf = zel::zeroed_buffer(zel::kDnSize), second_buf = zel::zeroed_buffer(zel::kDnSize);
-        if (!first_buf || !second_buf) return rc = ZEL_RC_NO_MEMORY;
         if ((rc = zel::ensure_database_dn(s)) != 0) return rc;
 
         const char *first = nullptr, *second = nullptr;
@@ -179,7 +166,7 @@ ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result
             // A DN: the entry itself.
             if (!zel::copy_into(dn.get(), zel::kDnSize, name_or_dn)) return rc = ZEL_RC_INVALID_ARGUMENT;
             std::strcpy(filter.get(), mode == 1 ? "(objectClass=eZelUser)" : "objectClass=*");
-            rc = base_search(s, dn.get(), filter.get(), 0, res);
+            rc = zel::search_mapped(s, dn.get(), LDAP_SCOPE_BASE, filter.get(), nullptr, 0, 2, 0, res);
         } else if (mode == 1) {
             if (!zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eZelUser)(cn=%s))", name_or_dn))
                 return rc = ZEL_RC_INVALID_ARGUMENT;
@@ -192,7 +179,7 @@ ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result
             if (!zel::format_into(dn.get(), zel::kDnSize, "principalName=%s,cn=Users,%s", name_or_dn, s->domain_dn))
                 return rc = ZEL_RC_INVALID_ARGUMENT;
             std::strcpy(filter.get(), "objectClass=*");
-            rc = base_search(s, dn.get(), filter.get(), ZEL_RC_ENTRY_NOT_FOUND, res);
+            rc = zel::search_mapped(s, dn.get(), LDAP_SCOPE_BASE, filter.get(), nullptr, 0, 2, ZEL_RC_ENTRY_NOT_FOUND, res);
             if (rc == ZEL_RC_ENTRY_NOT_FOUND) rc = ZEL_RC_USER_NOT_FOUND;
         }
         if (rc == 0 && result) *result = res.release();

@@ -210,6 +210,25 @@ private:
     size_t used_ = 0;
 };
 
+// ---- Shared helpers: suffix lists, searches, well-known DNs ----
+
+// Appends a node owning a zero-filled copy of `length` bytes of text; 1012
+// when memory runs out (the list is left as it was).
+ZelRC append_suffix(ZelSuffixNode **head, const char *text, size_t length);
+void free_suffixes(ZelSuffixNode *head);
+
+// One search with no time limit and no controls.  The result message, if
+// the directory sent one, is in `out` whatever the outcome; the answer is
+// the LDAP result as it stands.
+int search(ZelSession *s, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+           int size_limit, Message &out);
+// The same, mapped: 0, or check_LDAP_rc(result, default_code,
+// "ldap_search_ext_s()") with `out` emptied.
+ZelRC search_mapped(ZelSession *s, const char *base, int scope, const char *filter, char **attrs,
+                    int attrsonly, int size_limit, ZelRC default_code, Message &out);
+
+// ---- end of shared helpers ----
+
 }  // namespace zel
 
 namespace plat = zel::platform;
