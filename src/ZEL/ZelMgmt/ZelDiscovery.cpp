@@ -136,7 +136,7 @@ ZelRC get_domain(ZelSession *s, const char *name) {
         const char *format = s->dir_kind == ZEL_DIR_ORV
                                  ? "(&(secAuthority=%s)(objectClass=secAuthorityInfo)(version=*))"
                                  : "(&(secAuthority=%s)(objectClass=secAuthorityInfo))";
-        if (!zel::format_into(filter.get(), zel::kFilterSize, format, name)) return rc = ZEL_RC_INVALID_ARGUMENT;
+        if (!zel::format_filter(filter.get(), format, name)) return rc = ZEL_RC_INVALID_ARGUMENT;
 
         LDAPMessage *raw = nullptr;
         rc = determine_DN(s, s->suffixes, filter.get(), domain_dn, &raw);

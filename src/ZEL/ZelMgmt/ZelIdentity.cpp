@@ -140,7 +140,7 @@ ZelRC locate_krb_ePerson(ZelSession *s, const char *principal, ZelSuffixNode *su
             *p = '\0';
         }
 
-        if (!zel::format_into(filter.get(), zel::kFilterSize, kRealmFilter, realm))
+        if (!zel::format_filter(filter.get(), kRealmFilter, realm))
             return rc = ZEL_RC_INVALID_ARGUMENT;
         LDAPMessage *raw = nullptr;
         rc = determine_unique_DN(s, suffixes, filter.get(), dn, &raw);
@@ -148,7 +148,7 @@ ZelRC locate_krb_ePerson(ZelSession *s, const char *principal, ZelSuffixNode *su
         if (rc == ZEL_RC_NOT_UNIQUE) return rc = ZEL_RC_EPERSON_NOT_FOUND;
         if (rc == ZEL_RC_ENTRY_NOT_FOUND) {
             // No realm entry: the person may carry the principal as a mapped identity.
-            if (!zel::format_into(filter.get(), zel::kFilterSize, kMappedIdentityFilter, principal))
+            if (!zel::format_filter(filter.get(), kMappedIdentityFilter, principal))
                 return rc = ZEL_RC_INVALID_ARGUMENT;
             rc = determine_unique_DN(s, suffixes, filter.get(), dn, nullptr);
             if (rc == ZEL_RC_ENTRY_NOT_FOUND || rc == ZEL_RC_NOT_UNIQUE) rc = ZEL_RC_EPERSON_NOT_FOUND;
@@ -170,7 +170,7 @@ ZelRC locate_krb_ePerson(ZelSession *s, const char *principal, ZelSuffixNode *su
         }
         if (subtrees.get() == nullptr) return rc = ZEL_RC_EPERSON_NOT_FOUND;
 
-        if (!zel::format_into(filter.get(), zel::kFilterSize, kPrincipalFilter, principal))
+        if (!zel::format_filter(filter.get(), kPrincipalFilter, principal))
             return rc = ZEL_RC_INVALID_ARGUMENT;
         raw = nullptr;
         rc = determine_unique_DN(s, subtrees.get(), filter.get(), dn, &raw);

@@ -151,7 +151,7 @@ ZelRC locate_ePerson(ZelSession *s, const char *user, ZelSuffixNode *suffixes, c
         zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
         if (!filter) return rc = ZEL_RC_NO_MEMORY;
         if (user == nullptr ||
-            !zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=Person)(uid=%s))", user))
+            !zel::format_filter(filter.get(), "(&(objectClass=Person)(uid=%s))", user))
             return rc = ZEL_RC_INVALID_ARGUMENT;
         rc = determine_DN(s, suffixes, filter.get(), dn, nullptr);
         if (rc != 0 && rc != ZEL_RC_DIRECTORY_ERROR) rc = ZEL_RC_EPERSON_NOT_FOUND;

@@ -1,5 +1,8 @@
 // One directory search as the library makes it: no time limit, the result
 // message kept in an owner whatever the outcome.
+#include <string>
+
+#include "platform/filter_format.h"
 #include "zel_internal.h"
 
 namespace zel {
@@ -20,6 +23,11 @@ ZelRC search_mapped(ZelSession *s, const char *base, int scope, const char *filt
     if (lrc == LDAP_SUCCESS) return 0;
     out.reset();
     return check_LDAP_rc(s, static_cast<uint32_t>(lrc), default_code, "ldap_search_ext_s()");
+}
+
+bool format_filter(char *dst, const char *fmt, const char *value) {
+    const std::string escaped = plat::escape_filter_value(value);
+    return format_into(dst, kFilterSize, fmt, escaped.c_str());
 }
 
 }  // namespace zel

@@ -7,7 +7,9 @@
 // cn=Resources of the domain, named by secResourceID; such a session reads
 // first-generation entries as well when it knows the Zel database.
 #include <cstring>
+#include <string>
 
+#include "platform/filter_format.h"
 #include "zel_internal.h"
 
 namespace {
@@ -227,31 +229,31 @@ ZelRC locate_ZEL_TS(ZelSession *s, const char *name, const char *type, LDAPMessa
         *result = nullptr;
         bool v1 = mode == 1;
         zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
-        zel::CText base = v1 ? nullptr : zel::zeroed_buffer(zel::kDnSize);
-        if (!filter || (!v1 && !base)) return rc = ZEL_RC_NO_MEMORY;
+        if (!filter) return rc = ZEL_RC_NO_MEMORY;
+        // A caller's name is matched as it stands; "*" is the library's own wildcard.
+        const std::string wanted = name ? plat::escape_filter_value(name) : "*";
 
         static char kServiceAttrs[][16] = {"tsName", "tsType", "description", "reqIdentifier"};
         char *service_attrs[] = {kServiceAttrs[0], kServiceAttrs[1], kServiceAttrs[2], kServiceAttrs[3], nullptr};
         char **attrs = nullptr;
         int size_limit = name ? 2 : 0;
         const char *search_base = nullptr;
+        std::string container;
         bool fits = true;
         if (v1) {
             if (s->database_dn == nullptr) return rc = ZEL_RC_DATABASE_NOT_FOUND;
             search_base = s->database_dn;
             fits = zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eTargetService)(tsName=%s))",
-                                    name ? name : "*");
+                                    wanted.c_str());
             if (name) attrs = service_attrs;
         } else {
-            if (s->domain_dn == nullptr) return rc = ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
-            if (!zel::format_into(base.get(), zel::kDnSize, "cn=Resources,%s", s->domain_dn))
-                return rc = ZEL_RC_LIMIT_EXCEEDED;
-            search_base = base.get();
+            if ((rc = zel::resources_container_dn(s, container)) != 0) return rc;
+            search_base = container.c_str();
             // An unknown type leaves the filter empty: the server decides what that finds.
             const char *by_id = "(&(objectClass=secResource)(secResourceID=%s))";
             if (name) {
                 if (type == nullptr || zel::builtin_service_type(type))
-                    fits = zel::format_into(filter.get(), zel::kFilterSize, by_id, name);
+                    fits = zel::format_into(filter.get(), zel::kFilterSize, by_id, wanted.c_str());
             } else if (type == nullptr) {
                 std::strcpy(filter.get(), "(objectClass=secResource)");
             } else if (zel::builtin_service_type(type)) {
@@ -272,8 +274,9 @@ ZelRC locate_ZEL_TST(ZelSession *s, const char *type, LDAPMessage **result) {
         zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
         if (!filter) return rc = ZEL_RC_NO_MEMORY;
         if (s->database_dn == nullptr) return rc = ZEL_RC_DATABASE_NOT_FOUND;
+        const std::string wanted = type ? plat::escape_filter_value(type) : "*";
         if (!zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eTargetServiceType)(tsType=%s))",
-                              type ? type : "*"))
+                              wanted.c_str()))
             return rc = ZEL_RC_INVALID_ARGUMENT;
 
         static char kTypeAttr[] = "reqIdentifierName";

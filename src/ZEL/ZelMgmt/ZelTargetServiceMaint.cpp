@@ -69,22 +69,16 @@ ZelRC check_service_type(ZelSession *s, const ZelTargetService *ts, std::string 
     return matches_type_identifiers(s->ld, entry, ts);
 }
 
-ZelRC resources_dn(const ZelSession *s, char *dn) {
-    if (s->domain_dn == nullptr) return ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
-    return zel::format_into(dn, zel::kDnSize, "cn=Resources,%s", s->domain_dn) ? 0 : ZEL_RC_LIMIT_EXCEEDED;
-}
-
 // The domain's Resources container; one that exists already is fine.
 ZelRC add_resources_container(ZelSession *s) {
-    zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
-    if (!dn) return ZEL_RC_NO_MEMORY;
-    if (ZelRC rc = resources_dn(s, dn.get())) return rc;
+    std::string dn;
+    if (ZelRC rc = zel::resources_container_dn(s, dn)) return rc;
     zel::ModList mods(3);
     if (!mods.ok()) return ZEL_RC_NO_MEMORY;
     ZelRC rc = mods.add(LDAP_MOD_ADD, "objectClass", {"top", "container"});
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "cn", {"Resources"});
     if (rc != 0) return rc;
-    int lrc = plat::ldap_add_ext_s(s->ld, dn.get(), mods.get(), nullptr, nullptr);
+    int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);
     if (lrc == LDAP_SUCCESS || lrc == LDAP_ALREADY_EXISTS) return 0;
     if (lrc == LDAP_NO_SUCH_ATTRIBUTE) return ZEL_RC_SCHEMA_VIOLATION;
     return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
@@ -147,16 +141,11 @@ ZelRC add_target_service(ZelSession *s, const ZelTargetService *ts) {
     if (v1 && (rc = check_identifier_pairs(ts)) != 0) return rc;
     if (v1 && s->database_dn == nullptr && (rc = zel::ensure_database_dn(s)) != 0) return rc;
 
-    zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
-    if (!dn) return rc = ZEL_RC_NO_MEMORY;
-    std::string type_dn;
+    std::string type_dn, dn;
     if (v1 && (rc = check_service_type(s, ts, type_dn)) != 0) return rc;
     // The entry's DN is measured before the container is added.
-    if (!v1 && s->domain_dn == nullptr) return rc = ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
-    bool fits = v1 ? zel::format_into(dn.get(), zel::kDnSize, "tsName=%s,%s", ts->name, type_dn.c_str())
-                   : zel::format_into(dn.get(), zel::kDnSize, "secResourceID=%s,cn=Resources,%s", ts->name,
-                                      s->domain_dn);
-    if (!fits) return rc = ZEL_RC_INVALID_ARGUMENT;
+    if ((rc = v1 ? zel::child_dn("tsName", ts->name, type_dn, dn) : zel::domain_resource_dn(s, ts->name, dn)) != 0)
+        return rc;
     if (!v1 && s->database_dn && (rc = add_resources_container(s)) != 0) return rc;
     if ((rc = check_name_unused(s, ts)) != 0) return rc;
 
@@ -174,7 +163,7 @@ ZelRC add_target_service(ZelSession *s, const ZelTargetService *ts) {
     if (rc != 0) return rc;
 
     // The status and the message are the add's own.
-    int lrc = plat::ldap_add_ext_s(s->ld, dn.get(), mods.get(), nullptr, nullptr);
+    int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);
     if (lrc != LDAP_SUCCESS) {
         rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
         zel::trace_line(s, zel::kTraceProgress, "zelmgmt:LDAP error when trying to add Target Service.");
@@ -208,9 +197,11 @@ ZelRC add_target_service_type(ZelSession *s, const ZelTargetServiceType *t) {
 
     if ((rc = check_type_record(t)) != 0) return rc;
     if ((rc = zel::ensure_database_dn(s)) != 0) return rc;
-    zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
+    std::string dn;
+    if ((rc = zel::child_dn("tsType", t->typeName, std::string("cn=Target Service Types,") + s->database_dn, dn)) != 0)
+        return rc;
     zel::ModList mods(4);
-    if (!dn || !mods.ok()) {
+    if (!mods.ok()) {
         zel::trace_line(s, zel::kTraceProgress, failed);
         return rc = ZEL_RC_NO_MEMORY;
     }
@@ -218,11 +209,8 @@ ZelRC add_target_service_type(ZelSession *s, const ZelTargetServiceType *t) {
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "tsType", {t->typeName});
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "reqIdentifierName", t->identifierCount, t->identifierNames);
     if (rc != 0) return rc;
-    if (!zel::format_into(dn.get(), zel::kDnSize, "tsType=%s,cn=Target Service Types,%s", t->typeName,
-                          s->database_dn))
-        return rc = ZEL_RC_INVALID_ARGUMENT;
 
-    int lrc = plat::ldap_add_ext_s(s->ld, dn.get(), mods.get(), nullptr, nullptr);
+    int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);
     if (lrc != LDAP_SUCCESS) {
         rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
         zel::trace_line(s, zel::kTraceProgress, failed);

@@ -13,19 +13,6 @@ constexpr int32_t kUpdate = 2;
 
 constexpr const char *kLoginType = "Default:LDAP";
 
-// "principalName=<name>,cn=Users,<security domain DN>".
-ZelRC domain_user_dn(const ZelSession *s, const char *name, std::string &out) {
-    if (s->domain_dn == nullptr) return ZEL_RC_INVALID_ARGUMENT;
-    out = std::string("principalName=") + name + ",cn=Users," + s->domain_dn;
-    return out.size() < zel::kDnSize ? 0 : ZEL_RC_INVALID_ARGUMENT;
-}
-
-// "cn=<name>,<person DN>": the first-generation profile lies below the person.
-ZelRC person_profile_dn(const char *name, const char *person_dn, std::string &out) {
-    out = std::string("cn") + "=" + name + "," + person_dn;
-    return out.size() < zel::kDnSize ? 0 : ZEL_RC_INVALID_ARGUMENT;
-}
-
 // A first-generation profile must be named after its user.
 ZelRC check_profile_name(const char *user_dn, const char *name) {
     size_t dn_len = std::strlen(user_dn), name_len = std::strlen(name);
@@ -65,7 +52,7 @@ ZelRC find_profile(ZelSession *s, const ZelUser *user, const char *person_dn, in
             std::string domain_profile;
             ZelRC in_domain = verify_into(s, person_dn, 2, domain_profile);
             if (in_domain == 0) mode = kCreate;  // a failing check leaves the update as it is
-            return domain_user_dn(s, user->userName, user_dn);
+            return zel::domain_user_dn(s, user->userName, user_dn);
         }
         if (first_gen) return ZEL_RC_USER_NOT_FOUND;
     }
@@ -131,8 +118,8 @@ ZelRC add_profile(ZelSession *s, const std::string &user_dn, const std::string &
 
 // The container that will hold a version-2 user's target records.
 ZelRC add_credentials_container(ZelSession *s, const std::string &user_dn) {
-    std::string dn = "cn=ResCreds," + user_dn;
-    if (dn.size() >= zel::kDnSize) return ZEL_RC_INVALID_ARGUMENT;
+    std::string dn;
+    if (ZelRC rc = zel::credentials_container_dn(user_dn, dn)) return rc;
     zel::ModList mods(3);
     if (!mods.ok()) return ZEL_RC_NO_MEMORY;
     ZelRC rc = 0;
@@ -165,13 +152,14 @@ ZelRC plan_profile(ZelSession *s, const ZelUser *user, const char *person_dn, in
 
     plan.mode = mode;
     if (mode == kCreate)
-        rc = first_gen ? person_profile_dn(user->userName, person_dn, plan.user_dn)
-                       : domain_user_dn(s, user->userName, plan.user_dn);
+        rc = first_gen ? zel::child_dn("cn", user->userName, person_dn, plan.user_dn)
+                       : zel::domain_user_dn(s, user->userName, plan.user_dn);
     else
         rc = find_profile(s, user, person_dn, plan.mode, plan.user_dn);
     if (rc != 0) return rc;
-    if (!first_gen && plan.mode == kCreate && ("cn=ResCreds," + plan.user_dn).size() >= zel::kDnSize)
-        return ZEL_RC_INVALID_ARGUMENT;
+    std::string records_dn;
+    if (!first_gen && plan.mode == kCreate && (rc = zel::credentials_container_dn(plan.user_dn, records_dn)) != 0)
+        return rc;
 
     if (first_gen && (rc = zel::profile_access(s, user->userType, person_dn, plan.user_dn.c_str(), plan.access)) != 0)
         return rc;

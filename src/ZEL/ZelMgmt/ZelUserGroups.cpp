@@ -51,9 +51,9 @@ ZelRC read_user_type(LDAP *ld, const zel::Message &res, char *type) {
 ZelRC release_domain_user(ZelSession *s, const std::string &user_dn) {
     // Everything is measured and built before the first deletion.
     std::string authority = s->domain_name ? s->domain_name : "";
-    std::string records_dn = "cn=ResCreds," + user_dn;
-    if (authority.size() >= zel::kShortValueSize || records_dn.size() >= zel::kDnSize)
-        return ZEL_RC_INVALID_ARGUMENT;
+    std::string records_dn;
+    if (authority.size() >= zel::kShortValueSize) return ZEL_RC_INVALID_ARGUMENT;
+    if (ZelRC rc = zel::credentials_container_dn(user_dn, records_dn)) return rc;
     zel::ModList mods(2);
     if (!mods.ok()) return ZEL_RC_NO_MEMORY;
     ZelRC rc = mods.add(LDAP_MOD_REPLACE, "secAuthority", {authority.c_str()});
@@ -168,7 +168,7 @@ ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result
             std::strcpy(filter.get(), mode == 1 ? "(objectClass=eZelUser)" : "objectClass=*");
             rc = zel::search_mapped(s, dn.get(), LDAP_SCOPE_BASE, filter.get(), nullptr, 0, 2, 0, res);
         } else if (mode == 1) {
-            if (!zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eZelUser)(cn=%s))", name_or_dn))
+            if (!zel::format_filter(filter.get(), "(&(objectClass=eZelUser)(cn=%s))", name_or_dn))
                 return rc = ZEL_RC_INVALID_ARGUMENT;
             LDAPMessage *raw = nullptr;
             rc = determine_DN(s, s->suffixes, filter.get(), dn.get(), &raw);
@@ -176,8 +176,9 @@ ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result
             if (rc == ZEL_RC_ENTRY_NOT_FOUND) rc = ZEL_RC_USER_NOT_FOUND;
         } else {
             if (s->domain_dn == nullptr) return rc = ZEL_RC_USER_NOT_FOUND;  // no domain, no domain user
-            if (!zel::format_into(dn.get(), zel::kDnSize, "principalName=%s,cn=Users,%s", name_or_dn, s->domain_dn))
-                return rc = ZEL_RC_INVALID_ARGUMENT;
+            std::string user_dn;
+            if ((rc = zel::domain_user_dn(s, name_or_dn, user_dn)) != 0) return rc;
+            zel::copy_into(dn.get(), zel::kDnSize, user_dn.c_str());  // fits: measured above
             std::strcpy(filter.get(), "objectClass=*");
             rc = zel::search_mapped(s, dn.get(), LDAP_SCOPE_BASE, filter.get(), nullptr, 0, 2, ZEL_RC_ENTRY_NOT_FOUND, res);
             if (rc == ZEL_RC_ENTRY_NOT_FOUND) rc = ZEL_RC_USER_NOT_FOUND;
