@@ -264,6 +264,21 @@ TEST(LdapServerLocate, ReportsConfiguredUrisInOrder) {
     EXPECT_EQ(zp::ldap_server_locate(nullptr, nullptr), 89);
 }
 
+// A configured suffix too long for its buffer is refused: stored empty it
+// would widen every search to the whole directory.
+TEST(LdapServerLocate, OversizedSuffixIsRefusedNotWidened) {
+    ClientDefaults restore;
+    const std::string base = "o=" + std::string(1000, 'x');
+    ClientDefaults::set("ldap://h1", base.c_str());
+    ZelSession s{};
+    char *host = nullptr;
+    int port = 0;
+    char *suffixes[20];
+    EXPECT_EQ(locate_LDAP_Server(&s, 1, &host, &port, suffixes), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(suffixes[0], nullptr);
+    std::free(host);
+}
+
 // Each allocation in turn fails: the partial list is freed (the leak checker
 // of the sanitizer build watches) and nothing is handed out.
 TEST(LdapServerLocate, AllocationFailureFreesPartialList) {

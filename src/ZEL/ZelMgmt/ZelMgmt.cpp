@@ -346,19 +346,21 @@ ZEL_API ZelRC Zel_open_sec_domain(LDAP *ld, const char *user, const char *passwo
 
 ZEL_API ZelRC Zel_close(ZelSession *s, unsigned char unbind) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    zel::tracef(s, zel::kTraceFlow, "zelmgmt:%s:Entered...\n", "Zel_close");
-    if (s->ld != nullptr && (unbind == 1 || s->owns_connection == 1)) plat::ldap_unbind(s->ld);
-    zel::free_suffixes(s->suffixes);
-    std::free(s->database_dn);
-    std::free(s->schema_dn);
-    std::free(s->domain_dn);
-    std::free(s->domain_name);
-    std::memset(s->tag, 0, sizeof s->tag);
-    pthread_mutex_destroy(&s->mutex);
-    zel::tracef(s, zel::kTraceFlow, "zelmgmt:%s:Exited...rc=%d\n", "Zel_close", 0);
-    std::memset(static_cast<void *>(s), 0, sizeof *s);
-    std::free(s);
-    return 0;
+    return zel::guarded([&]() -> ZelRC {
+        zel::tracef(s, zel::kTraceFlow, "zelmgmt:%s:Entered...\n", "Zel_close");
+        if (s->ld != nullptr && (unbind == 1 || s->owns_connection == 1)) plat::ldap_unbind(s->ld);
+        zel::free_suffixes(s->suffixes);
+        std::free(s->database_dn);
+        std::free(s->schema_dn);
+        std::free(s->domain_dn);
+        std::free(s->domain_name);
+        std::memset(s->tag, 0, sizeof s->tag);
+        pthread_mutex_destroy(&s->mutex);
+        zel::tracef(s, zel::kTraceFlow, "zelmgmt:%s:Exited...rc=%d\n", "Zel_close", 0);
+        std::memset(static_cast<void *>(s), 0, sizeof *s);
+        std::free(s);
+        return 0;
+    });
 }
 
 }  // extern "C"
