@@ -12,6 +12,7 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <fcntl.h>
 #include <strings.h>
@@ -122,24 +123,17 @@ bool build_uris(const char *host, int port, bool ssl, std::string &uris) {
 
 // Connection handle for a URI list; null when OpenLDAP refuses it.
 LDAP *initialize(const char *host, int port, bool ssl) {
-    try {
-        std::string uris;
-        if (!build_uris(host, port, ssl, uris)) return nullptr;
-        LDAP *ld = nullptr;
-        if (::ldap_initialize(&ld, uris.c_str()) != LDAP_SUCCESS) return nullptr;
-        return ld;
-    } catch (const std::bad_alloc &) {
-        return nullptr;
-    }
+    std::string uris;
+    if (!build_uris(host, port, ssl, uris)) return nullptr;
+    LDAP *ld = nullptr;
+    if (::ldap_initialize(&ld, uris.c_str()) != LDAP_SUCCESS) return nullptr;
+    return ld;
 }
 
-// The integer an option carries: by address (protocol version 3) or as the
-// value itself (version 2).
-int option_integer(LDAP *ld, const void *value, int &out) {
-    int version = 0;
-    int rc = ::ldap_get_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
-    if (rc != LDAP_OPT_SUCCESS) return classic_result(rc);
-    if (version >= LDAP_VERSION3) {
+// The integer an option carries, passed as the caller says it is: by
+// address (a pointer to an int) or as the value itself.
+int option_integer(const void *value, OptionPassing passing, int &out) {
+    if (passing == OptionPassing::ByAddress) {
         if (value == nullptr) return kParamError;
         out = *static_cast<const int *>(value);
         return LDAP_SUCCESS;
@@ -207,6 +201,56 @@ struct LdapText {
     ~LdapText() { ::ldap_memfree(text); }
 };
 
+// An add's modification list with the modifications of one attribute type
+// (ignoring case) merged into the first of them, values kept in order: slapd
+// refuses an add that names a type twice.  String and binary values are
+// never merged with each other.  The records and value arrays are new; the
+// types and values are the caller's.
+class MergedAdd {
+public:
+    explicit MergedAdd(LDAPMod **mods) {
+        size_t n = 0;
+        while (mods != nullptr && mods[n] != nullptr) ++n;
+        records_.reserve(n);
+        values_.reserve(n);
+        for (size_t i = 0; i < n; ++i) {
+            const LDAPMod *mod = mods[i];
+            size_t into = find(mod);
+            if (into == records_.size()) {
+                records_.push_back(*mod);
+                values_.emplace_back();
+            }
+            for (void **v = values_of(mod); v != nullptr && *v != nullptr; ++v) values_[into].push_back(*v);
+        }
+        for (size_t i = 0; i < records_.size(); ++i) {
+            values_[i].push_back(nullptr);
+            records_[i].mod_vals.modv_strvals = reinterpret_cast<char **>(values_[i].data());
+            list_.push_back(&records_[i]);
+        }
+        list_.push_back(nullptr);
+    }
+    LDAPMod **get() { return list_.data(); }
+
+private:
+    static bool binary(const LDAPMod *mod) { return (mod->mod_op & LDAP_MOD_BVALUES) != 0; }
+    static void **values_of(const LDAPMod *mod) {
+        return reinterpret_cast<void **>(mod->mod_vals.modv_strvals);
+    }
+    size_t find(const LDAPMod *mod) const {
+        for (size_t i = 0; i < records_.size(); ++i) {
+            const LDAPMod &seen = records_[i];
+            if (seen.mod_op == mod->mod_op && binary(&seen) == binary(mod) && seen.mod_type != nullptr &&
+                mod->mod_type != nullptr && strcasecmp(seen.mod_type, mod->mod_type) == 0)
+                return i;
+        }
+        return records_.size();
+    }
+
+    std::vector<LDAPMod> records_;
+    std::vector<std::vector<void *>> values_;
+    std::vector<LDAPMod *> list_;
+};
+
 struct UrlDesc {
     LDAPURLDesc *desc = nullptr;
     ~UrlDesc() {
@@ -235,9 +279,11 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
     int rc = classic_result(::ldap_search_ext_s(ld, base, scope, filter, attrs, attrsonly, serverctrls,
                                                 clientctrls, timeout, sizelimit, res));
     // The library asks for a size limit of 2 to tell one match from several
-    // and counts what arrived; a search cut at its limit is not a failure.
+    // and counts what arrived; a search cut at that limit is not a failure.
+    // One cut shorter by the server's own limit stays a failure: two matches
+    // arriving as one must not read as a unique match.
     if (rc == LDAP_SIZELIMIT_EXCEEDED && sizelimit > 0 && res != nullptr && *res != nullptr &&
-        ldap_count_entries(ld, *res) > 0)
+        ldap_count_entries(ld, *res) == sizelimit)
         rc = LDAP_SUCCESS;
     return rc;
 }
@@ -245,7 +291,9 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
 int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
                    LDAPControl **clientctrls) {
     if (ld == nullptr) return kParamError;
-    return classic_result(::ldap_add_ext_s(ld, dn, mods, serverctrls, clientctrls));
+    if (mods == nullptr) return classic_result(::ldap_add_ext_s(ld, dn, mods, serverctrls, clientctrls));
+    MergedAdd merged(mods);
+    return classic_result(::ldap_add_ext_s(ld, dn, merged.get(), serverctrls, clientctrls));
 }
 
 int ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
@@ -290,30 +338,31 @@ LDAP *ldap_init(const char *host, int port) {
 // Classic option numbers and how each is carried out:
 //
 //   number  meaning            value                         OpenLDAP
-//   0x11    protocol version   pointer to int (2 or 3)       LDAP_OPT_PROTOCOL_VERSION
-//   0x02    alias dereference  the integer itself (0..3)     LDAP_OPT_DEREF (same numbering)
+//   0x11    protocol version   by address: int 2 or 3        LDAP_OPT_PROTOCOL_VERSION
+//   0x02    alias dereference  by value: 0..3                LDAP_OPT_DEREF (same numbering)
 //   0xE0    SSL time-out       null only                     none: no-op (the TLS
 //                                                            handshake follows the
 //                                                            network time-out)
-//   0x03    size limit         v3: pointer to int,           LDAP_OPT_SIZELIMIT, the
-//                              v2: the integer itself        handle's default (every
+//   0x03    size limit         either, as the caller says    LDAP_OPT_SIZELIMIT, the
+//                                                            handle's default (every
 //                                                            search passes its own)
 //   0x01    descriptor         as 0x03                       none: read-only in OpenLDAP,
 //   0x00    API information    as 0x03                       the value is read and ignored
 //
-// "v3"/"v2" is the protocol version currently set on the handle.  Other
-// numbers, a null handle and out-of-range values are refused with 89 and
-// nothing is set.
-int ldap_set_option(LDAP *ld, int option, const void *value) {
+// The caller states how the value is passed; the handle's state never
+// decides it.  A passing an option does not take, other numbers, a null
+// handle and out-of-range values are refused with 89 and nothing is set.
+int ldap_set_option(LDAP *ld, int option, const void *value, OptionPassing passing) {
     if (ld == nullptr) return kParamError;
     switch (option) {
     case kOptProtocolVersion: {
-        if (value == nullptr) return kParamError;
+        if (passing != OptionPassing::ByAddress || value == nullptr) return kParamError;
         int version = *static_cast<const int *>(value);
         if (version != LDAP_VERSION2 && version != LDAP_VERSION3) return kParamError;
         return classic_result(::ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version));
     }
     case kOptDeref: {
+        if (passing != OptionPassing::ByValue) return kParamError;
         intptr_t deref = reinterpret_cast<intptr_t>(value);
         if (deref < LDAP_DEREF_NEVER || deref > LDAP_DEREF_ALWAYS) return kParamError;
         int setting = static_cast<int>(deref);
@@ -323,7 +372,7 @@ int ldap_set_option(LDAP *ld, int option, const void *value) {
         return value == nullptr ? LDAP_SUCCESS : kParamError;
     case kOptSizeLimit: {
         int limit = 0;
-        int rc = option_integer(ld, value, limit);
+        int rc = option_integer(value, passing, limit);
         if (rc != LDAP_SUCCESS) return rc;
         if (limit < 0) return kParamError;
         return classic_result(::ldap_set_option(ld, LDAP_OPT_SIZELIMIT, &limit));
@@ -331,7 +380,7 @@ int ldap_set_option(LDAP *ld, int option, const void *value) {
     case kOptDesc:
     case kOptApiInfo: {
         int ignored = 0;
-        return option_integer(ld, value, ignored);
+        return option_integer(value, passing, ignored);
     }
     default:
         return kParamError;
@@ -346,15 +395,15 @@ int ldap_ssl_client_init(const char *keyring, const char * /*keyring_pw*/, int /
     std::lock_guard<std::mutex> lock(state.mutex);
     if (reason != nullptr) *reason = 0;
     if (state.initialised) return kSslAlreadyInitialised;
-    // A failed first call leaves the state open so that the caller may retry.
+    // Only remembered here: each ldaps handle gets it with a TLS context of
+    // its own (ldap_ssl_init), so libldap's process-wide defaults, which the
+    // host process may rely on, stay as they are.  A failed first call leaves
+    // the state open so that the caller may retry.
     try {
         std::string remembered = keyring != nullptr ? keyring : "";
-        if (!remembered.empty()) {
-            int rc = ::ldap_set_option(nullptr, LDAP_OPT_X_TLS_CACERTFILE, remembered.c_str());
-            if (rc != LDAP_OPT_SUCCESS) {
-                if (reason != nullptr) *reason = kReasonCaFileRefused;
-                return classic_result(rc);
-            }
+        if (!remembered.empty() && !readable_file(remembered.c_str())) {
+            if (reason != nullptr) *reason = kReasonCaFileRefused;
+            return kParamError;
         }
         state.keyring.swap(remembered);
     } catch (const std::bad_alloc &) {
@@ -367,12 +416,10 @@ int ldap_ssl_client_init(const char *keyring, const char * /*keyring_pw*/, int /
 
 LDAP *ldap_ssl_init(const char *host, int port, const char *cert_label) {
     std::string keyring;
-    try {
+    {
         SslState &state = ssl_state();
         std::lock_guard<std::mutex> lock(state.mutex);
         keyring = state.keyring;
-    } catch (const std::bad_alloc &) {
-        return nullptr;
     }
     // Checked before OpenLDAP sees them: its TLS layer leaks the key
     // structure when a key file fails to load.

@@ -10,10 +10,18 @@
 //    -5 timeout -> 85, -7 filter error -> 87, -9 parameter error -> 89 ...),
 //    so no negative code reaches the library;
 //  * treats a zero time-out structure as "no limit" (OpenLDAP refuses {0,0});
-//  * hands back, with result 0, the entries of a search cut at its size
-//    limit: the library counts them to tell one match from several;
+//  * hands back, with result 0, the entries of a search cut at the size
+//    limit it asked for (the library counts them to tell one match from
+//    several); a search the server's own smaller limit cut stays result 4;
+//  * merges, in ldap_add_ext_s, the modifications that name one attribute
+//    type (ignoring case; values in order; string and binary values apart):
+//    the classic servers took a type twice, slapd refuses it with 20;
 //  * keeps ldap_init lazy: an unreachable server shows at the bind;
-//  * refuses a null connection handle with 89 (OpenLDAP would crash on it).
+//  * refuses a null connection handle with 89 (OpenLDAP would crash on it);
+//  * lets std::bad_alloc out of ldap_init, ldap_ssl_init and ldap_add_ext_s
+//    when it cannot get memory of its own: the classic results cannot say
+//    so (null from an init means "no connection"), the library's guard
+//    answers 1012.
 //
 // ldap_init and ldap_ssl_init take the classic host argument: one host or a
 // blank-separated list, each a name, an IPv4 address or an IPv6 address
@@ -23,9 +31,12 @@
 //
 // Client extensions of the classic API:
 //  * ldap_set_option takes the classic option numbers (see ldap_client.cpp
-//    for the table) and refuses numbers it does not know;
+//    for the table), is told whether the value comes by address or by value,
+//    and refuses numbers it does not know;
 //  * ldap_ssl_client_init: keyring = CA certificate file (null or empty: the
-//    client's configured CA), keyring_pw and ssl_timeout unused; after a
+//    client's configured CA), remembered for later ldaps handles and never
+//    set as a process-wide default; an unreadable file gives 89 with reason
+//    1; keyring_pw and ssl_timeout unused; after a
 //    successful call every later one answers kSslAlreadyInitialised (112);
 //    *reason is 0 except on failure;
 //  * ldap_ssl_init: an ldaps connection that demands a valid server
@@ -77,7 +88,10 @@ constexpr int kOptDeref = 0x02;
 constexpr int kOptSizeLimit = 0x03;
 constexpr int kOptProtocolVersion = 0x11;
 constexpr int kOptSslTimeout = 0xE0;
-int ldap_set_option(LDAP *ld, int option, const void *value);
+// How an option's value is handed over: a pointer to an int, or the integer
+// itself in the pointer argument.  The caller always says which.
+enum class OptionPassing { ByAddress, ByValue };
+int ldap_set_option(LDAP *ld, int option, const void *value, OptionPassing passing);
 
 constexpr int kSslAlreadyInitialised = 112;
 int ldap_ssl_client_init(const char *keyring, const char *keyring_pw, int ssl_timeout,

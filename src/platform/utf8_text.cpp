@@ -102,6 +102,43 @@ int compare_bytes(const char *a, size_t a_length, const char *b, size_t b_length
     return a_length < b_length ? -1 : 1;
 }
 
+// The first place where needle occurs with ASCII letters folded.
+const char *search_ascii_folded(const char *haystack, const char *needle) {
+    for (const char *start = haystack;; ++start) {
+        const char *h = start;
+        const char *n = needle;
+        while (*n != '\0' && ascii_fold(static_cast<unsigned char>(*h)) == ascii_fold(static_cast<unsigned char>(*n))) {
+            ++h;
+            ++n;
+        }
+        if (*n == '\0') return start;
+        if (*start == '\0') return nullptr;
+    }
+}
+
+// The first code point boundary of valid UTF-8 text from which whole code
+// points fold to exactly `target`.  Matches never start or end inside a
+// code point, nor inside the folding of one ("s" is not found in "ß").
+const char *search_folded(const char *text, int32_t length, const std::string &target) {
+    if (target.empty()) return text;
+    const auto *bytes = reinterpret_cast<const uint8_t *>(text);
+    std::string folded;
+    for (int32_t start = 0, next = 0; start < length; start = next) {
+        U8_FWD_1(bytes, next, length);
+        folded.clear();
+        for (int32_t end = start; end < length && folded.size() < target.size();) {
+            int32_t from = end;
+            U8_FWD_1(bytes, end, length);
+            FoldedText piece;
+            if (!piece.fold(text + from, end - from)) break;
+            folded.append(piece.data(), piece.length());
+            if (folded.size() > target.size() || target.compare(0, folded.size(), folded) != 0) break;
+        }
+        if (folded == target) return text + start;
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 Utf8Handle zgetUTF8Handle() {
@@ -137,9 +174,21 @@ int zstricmp(Utf8Handle /*h*/, const char *a, const char *b) {
 
 const char *zstrstr(Utf8Handle /*h*/, const char *haystack, const char *needle) {
     if (haystack == nullptr || needle == nullptr) return nullptr;
-    // UTF-8 is self-synchronising: an exact match of valid text starts on a
-    // code point boundary, so a byte search is enough.
-    return std::strstr(haystack, needle);
+    size_t haystack_length = 0;
+    size_t needle_length = 0;
+    bool ascii = is_ascii(haystack, haystack_length) & is_ascii(needle, needle_length);
+    if (ascii || haystack_length > INT32_MAX || needle_length > INT32_MAX) return search_ascii_folded(haystack, needle);
+    auto h_len = static_cast<int32_t>(haystack_length);
+    auto n_len = static_cast<int32_t>(needle_length);
+    if (!is_valid_utf8(haystack, h_len) || !is_valid_utf8(needle, n_len)) return search_ascii_folded(haystack, needle);
+    try {
+        FoldedText folded_needle;
+        if (!folded_needle.fold(needle, n_len)) return search_ascii_folded(haystack, needle);
+        std::string target(folded_needle.data(), folded_needle.length());
+        return search_folded(haystack, h_len, target);
+    } catch (const std::bad_alloc &) {
+        return search_ascii_folded(haystack, needle);
+    }
 }
 
 }  // namespace zel::platform

@@ -13,7 +13,8 @@ using Utf8Handle = const void *;
 Utf8Handle zgetUTF8Handle();
 // 0 when equal ignoring case, <0 or >0 otherwise.
 int zstricmp(Utf8Handle h, const char *a, const char *b);
-// The first occurrence of needle in haystack (exact, code-point aligned), or null.
+// The first occurrence of needle in haystack ignoring case (as zstricmp
+// compares, on whole code points), or null.
 const char *zstrstr(Utf8Handle h, const char *haystack, const char *needle);
 
 }  // namespace zel::platform

@@ -8,6 +8,7 @@
 
 #include "support/directory.h"
 #include "support/fault_injection.h"
+#include "support/session.h"
 
 namespace {
 
@@ -69,11 +70,29 @@ TEST(LdapCalls, ReachOpenLdapAndTranslateResults) {
     fault::reset();
 }
 
+// A search cut at the limit the caller asked for hands its entries back as
+// success; one the server's smaller limit cut stays "size limit exceeded".
+TEST(LdapCalls, OnlyTheRequestedSizeLimitCountsAsSuccess) {
+    zeltest::Profile profile;
+    profile.server_size_limit = 1;
+    profile.seed_ldif = zeltest::person_ldif("o=acme", "A", "twin") + zeltest::person_ldif("o=acme", "B", "twin");
+    zeltest::Directory dir(profile);
+    LDAP *ld = zp::ldap_init(zeltest::Directory::host(), dir.port());   // anonymous: the limit applies
+    ASSERT_NE(ld, nullptr);
+    for (auto [asked, expected] : {std::pair{1, 0}, std::pair{2, 4}}) {
+        LDAPMessage *res = nullptr;
+        EXPECT_EQ(zp::ldap_search_ext_s(ld, "o=acme", LDAP_SCOPE_SUBTREE, "(uid=twin)", nullptr, 1, nullptr,
+                                        nullptr, nullptr, asked, &res), expected) << asked;
+        ldap_msgfree(res);
+    }
+    zp::ldap_unbind(ld);
+}
+
 TEST(LdapCalls, NullHandleIsRefused) {
     fault::reset();
     EXPECT_EQ(zp::ldap_simple_bind_s(nullptr, nullptr, nullptr), 89);
     EXPECT_EQ(zp::ldap_unbind(nullptr), 89);
-    EXPECT_EQ(zp::ldap_set_option(nullptr, zp::kOptDeref, by_value(1)), 89);
+    EXPECT_EQ(zp::ldap_set_option(nullptr, zp::kOptDeref, by_value(1), zp::OptionPassing::ByValue), 89);
     EXPECT_TRUE(fault::calls().empty());
 }
 
@@ -117,35 +136,42 @@ int option(LDAP *ld, int openldap_option) {
 }
 
 // As the open sequence sets them: 0x03/0x01/0x00 by address under version 3
-// and by value under version 2.
+// and by value under version 2.  The caller's stated passing decides, never
+// the handle's protocol version: a by-value 3 on a version-3 handle is 3.
 TEST(LdapOptions, ClassicNumbersMapToOpenLdap) {
+    using P = zp::OptionPassing;
     LDAP *ld = zp::ldap_init("127.0.0.1", 1);
     ASSERT_NE(ld, nullptr);
     int v3 = 3, v2 = 2, v5 = 5, three = 3, zero = 0;
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, &v3), 0);
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptDeref, by_value(1)), 0);
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSslTimeout, nullptr), 0);
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSizeLimit, &three), 0);
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptDesc, &zero), 0);
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptApiInfo, &zero), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, &v3, P::ByAddress), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptDeref, by_value(1), P::ByValue), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSslTimeout, nullptr, P::ByValue), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSizeLimit, &three, P::ByAddress), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptDesc, &zero, P::ByAddress), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptApiInfo, &zero, P::ByAddress), 0);
     EXPECT_EQ(option(ld, LDAP_OPT_PROTOCOL_VERSION), 3);
     EXPECT_EQ(option(ld, LDAP_OPT_DEREF), LDAP_DEREF_SEARCHING);
     EXPECT_EQ(option(ld, LDAP_OPT_SIZELIMIT), 3);
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSizeLimit, nullptr), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSizeLimit, nullptr, P::ByAddress), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSizeLimit, by_value(4), P::ByValue), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptApiInfo, by_value(3), P::ByValue), 0);
+    EXPECT_EQ(option(ld, LDAP_OPT_SIZELIMIT), 4);
 
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, &v2), 0);
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSizeLimit, by_value(7)), 0);
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptDesc, by_value(0)), 0);
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptApiInfo, by_value(0)), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, &v2, P::ByAddress), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSizeLimit, by_value(7), P::ByValue), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptDesc, by_value(0), P::ByValue), 0);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptApiInfo, by_value(0), P::ByValue), 0);
     EXPECT_EQ(option(ld, LDAP_OPT_SIZELIMIT), 7);
 
     // Refused values leave the handle as it was.
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, &v5), 89);
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, nullptr), 89);
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSizeLimit, by_value(-1)), 89);
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptDeref, by_value(9)), 89);
-    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSslTimeout, &zero), 89);
-    EXPECT_EQ(zp::ldap_set_option(ld, 0x7777, &zero), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, &v5, P::ByAddress), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, nullptr, P::ByAddress), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptProtocolVersion, by_value(3), P::ByValue), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSizeLimit, by_value(-1), P::ByValue), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptDeref, by_value(9), P::ByValue), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptDeref, &zero, P::ByAddress), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, zp::kOptSslTimeout, &zero, P::ByAddress), 89);
+    EXPECT_EQ(zp::ldap_set_option(ld, 0x7777, &zero, P::ByAddress), 89);
     EXPECT_EQ(option(ld, LDAP_OPT_PROTOCOL_VERSION), 2);
     EXPECT_EQ(option(ld, LDAP_OPT_SIZELIMIT), 7);
     zp::ldap_unbind(ld);
@@ -164,6 +190,11 @@ TEST(LdapSsl, SecondClientInitAnswersAlreadyInitialised) {
     int first = client_init_with_test_ca();
     EXPECT_TRUE(first == 0 || first == zp::kSslAlreadyInitialised) << first;
     EXPECT_EQ(client_init_with_test_ca(), zp::kSslAlreadyInitialised);
+    // The CA stays with the library's own handles, not in libldap's defaults.
+    char *global_ca = nullptr;
+    ASSERT_EQ(ldap_get_option(nullptr, LDAP_OPT_X_TLS_CACERTFILE, &global_ca), LDAP_OPT_SUCCESS);
+    EXPECT_NE(global_ca ? std::string(global_ca) : "", zeltest::Directory::ca_file());
+    ldap_memfree(global_ca);
 }
 
 TEST(LdapSsl, UnreadableClientCertificateGivesNull) {
@@ -231,6 +262,21 @@ TEST(LdapServerLocate, ReportsConfiguredUrisInOrder) {
         zp::ldap_server_free_list(list);
     }
     EXPECT_EQ(zp::ldap_server_locate(nullptr, nullptr), 89);
+}
+
+// A configured suffix too long for its buffer is refused: stored empty it
+// would widen every search to the whole directory.
+TEST(LdapServerLocate, OversizedSuffixIsRefusedNotWidened) {
+    ClientDefaults restore;
+    const std::string base = "o=" + std::string(1000, 'x');
+    ClientDefaults::set("ldap://h1", base.c_str());
+    ZelSession s{};
+    char *host = nullptr;
+    int port = 0;
+    char *suffixes[20];
+    EXPECT_EQ(locate_LDAP_Server(&s, 1, &host, &port, suffixes), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(suffixes[0], nullptr);
+    std::free(host);
 }
 
 // Each allocation in turn fails: the partial list is freed (the leak checker

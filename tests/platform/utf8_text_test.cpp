@@ -58,14 +58,18 @@ TEST(Utf8Compare, NullSortsBeforeText) {
     expect_order(nullptr, "", -1);
 }
 
-TEST(Utf8Search, FindsExactSubstring) {
-    const char *dn = "cn=J\xC3\xBCrgen,o=acme";
+TEST(Utf8Search, FindsSubstringIgnoringCase) {
+    const char *dn = "cn=J\xC3\xBCrgen,O=Stra\xC3\x9F" "e";
     auto h = zgetUTF8Handle();
-    EXPECT_EQ(zstrstr(h, dn, "="), dn + 2);
-    EXPECT_EQ(zstrstr(h, dn, "\xC3\xBCrgen"), dn + 4);
-    EXPECT_EQ(zstrstr(h, dn, "J\xC3\x9Crgen"), nullptr);   // case matters
-    EXPECT_EQ(zstrstr(h, dn, "ou="), nullptr);
-    EXPECT_EQ(zstrstr(h, dn, ""), dn);
+    struct Case { const char *needle; long at; } cases[] = {
+        {"=", 2}, {"j\xC3\x9CRGEN", 3}, {"o=strasse", 11}, {"SSE", 17}, {"ou=", -1}, {"", 0},
+    };
+    for (const Case &c : cases) {
+        const char *found = zstrstr(h, dn, c.needle);
+        EXPECT_EQ(found ? found - dn : -1, c.at) << c.needle;
+    }
+    EXPECT_EQ(zstrstr(h, "\xC3\x9F", "s"), nullptr);          // never inside one code point's folding
+    EXPECT_STREQ(zstrstr(h, "A\xFF" "B=x", "\xFF" "b="), "\xFF" "B=x");   // invalid UTF-8: ASCII folding
     EXPECT_EQ(zstrstr(h, nullptr, "="), nullptr);
     EXPECT_EQ(zstrstr(h, dn, nullptr), nullptr);
 }

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <new>
 #include <utility>
 
 extern "C" {
@@ -32,6 +33,9 @@ char *__real_strndup(const char *, size_t);
 }
 
 namespace zeltest::fault {
+
+bool allocation_should_fail();
+
 namespace {
 
 struct State {
@@ -51,13 +55,6 @@ long g_alloc_seen = 0;
 bool g_alloc_failed = false;
 bool g_in_hook = false;  // our own bookkeeping allocates; never count it
 
-bool allocation_should_fail() {
-    if (g_alloc_nth == 0 || g_in_hook) return false;
-    if (++g_alloc_seen != g_alloc_nth) return false;
-    g_alloc_failed = true;
-    errno = ENOMEM;  // as the C library's allocator reports it
-    return true;
-}
 
 struct HookScope {
     bool was;
@@ -166,6 +163,14 @@ void fail_allocation(long nth) {
 }
 
 long allocations_seen() { return g_alloc_seen; }
+
+bool allocation_should_fail() {
+    if (g_alloc_nth == 0 || g_in_hook) return false;
+    if (++g_alloc_seen != g_alloc_nth) return false;
+    g_alloc_failed = true;
+    errno = ENOMEM;  // as the C library's allocator reports it
+    return true;
+}
 bool allocation_failed() { return g_alloc_failed; }
 
 }  // namespace zeltest::fault
@@ -300,3 +305,31 @@ char *__wrap_strndup(const char *s, size_t n) {
 }
 
 }  // extern "C"
+
+// C++ allocations of the test program (the library's included) fail on the
+// same Nth-allocation counter as the C allocator: they throw std::bad_alloc.
+// They come from malloc, so the matching deletes are free.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void *operator new(std::size_t size) {
+    if (zeltest::fault::allocation_should_fail()) throw std::bad_alloc();
+    void *p = __real_malloc(size != 0 ? size : 1);
+    if (p == nullptr) throw std::bad_alloc();
+    return p;
+}
+void *operator new[](std::size_t size) { return ::operator new(size); }
+void *operator new(std::size_t size, const std::nothrow_t &) noexcept {
+    try {
+        return ::operator new(size);
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
+void *operator new[](std::size_t size, const std::nothrow_t &tag) noexcept { return ::operator new(size, tag); }
+void operator delete(void *p) noexcept { std::free(p); }
+void operator delete[](void *p) noexcept { std::free(p); }
+void operator delete(void *p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void *p, std::size_t) noexcept { std::free(p); }
+void operator delete(void *p, const std::nothrow_t &) noexcept { std::free(p); }
+void operator delete[](void *p, const std::nothrow_t &) noexcept { std::free(p); }
+#pragma GCC diagnostic pop

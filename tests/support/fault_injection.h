@@ -56,8 +56,9 @@ int count(Fn fn);
 using SearchRewrite = std::function<void(std::string &base, int &scope, std::string &filter)>;
 void set_search_rewrite(SearchRewrite rewrite);
 
-// From now on, the nth C allocation made by the test program (library code
-// included, the directory client excluded) returns null.  0 disarms.
+// From now on, the nth allocation made by the test program (library code
+// included, the directory client excluded) fails: a C allocation returns
+// null, operator new throws std::bad_alloc.  0 disarms.
 void fail_allocation(long nth);
 // Allocations counted since the last fail_allocation() call.
 long allocations_seen();

@@ -16,7 +16,8 @@ const std::string kAdmins = group("Administrators");
 const std::string kMts = group("Middle Tier Servers");
 const std::string kProfile = "cn=jo," + kJo;
 
-// The modifications of the profile's add, after those every kind writes.
+// The modifications of the profile's add as they reach the directory (one per
+// attribute type), after those every kind writes.
 Values access_sent() {
     Values out;
     for (const fault::Call &c : fault::calls(Fn::Add)) {
@@ -51,9 +52,9 @@ std::vector<AccessCase> cases() {
     auto netscape = [&](const std::string &user_aci) {
         return Values{
             {"description", {""}},
-            {"ACI", {on_profile("Owner access", "allow (all)groupdn = \"ldap:///" + kAdmins + "\";)")}},
             {"ACI",
-             {user_aci, on_profile("MTS access", "allow(read, search, compare)groupdn = \"ldap:///" + kMts + "\";)"),
+             {on_profile("Owner access", "allow (all)groupdn = \"ldap:///" + kAdmins + "\";)"), user_aci,
+              on_profile("MTS access", "allow(read, search, compare)groupdn = \"ldap:///" + kMts + "\";)"),
               on_profile("Deny others", "deny (all)(userdn != \"ldap:///all\" or groupdn != \"ldap:///" + kAdmins +
                                             "||ldap:///" + kMts + "\"); )"),
               on_profile("Deny authenticated others", "deny (all)(userdn != \"ldap:///" + kJo +
@@ -79,8 +80,8 @@ std::vector<AccessCase> cases() {
          netscape("(targetattr = \"*\")(version 3.0; acl \"User access\"; allow(add, read, write, search, compare)"
                   "userdn = \"ldap:///" + kJo + "\";)")},
         {Kind::EDirectory, "User",
-         {{"ACL", {"16#subtree#" + kAdmins + "#[Entry Rights]"}},
-          {"ACL", {"16#subtree#[Root]#secretKey", "3#subtree#" + kMts + "#[All Attributes Rights]"}}}},
+         {{"ACL", {"16#subtree#" + kAdmins + "#[Entry Rights]", "16#subtree#[Root]#secretKey",
+                   "3#subtree#" + kMts + "#[All Attributes Rights]"}}}},
         {Kind::Generic, "User", {}},
     };
 }
@@ -97,6 +98,7 @@ std::string case_name(const ::testing::TestParamInfo<AccessCase> &info) {
     return name + "_" + std::to_string(info.index);
 }
 
+using NetscapeUsers = SeededAs<Kind::Netscape>;
 using EDirectoryUsers = SeededAs<Kind::EDirectory>;
 using ActiveDirectoryUsers = SeededAs<Kind::ActiveDirectory>;
 
@@ -131,6 +133,22 @@ TEST_F(EDirectoryUsers, NoAdministratorsGroupNoAclsAndMembershipOnThePerson) {
     EXPECT_TRUE(members("Users").empty());
 }
 
+// The person's own record follows only a change the group really took: an
+// existing membership (20) or a missing one (16) leaves the person alone.
+TEST_F(EDirectoryUsers, RepeatedMembershipEditsLeaveThePersonAlone) {
+    open(1);
+    const std::string profile = "cn=ann," + kAnn;
+    std::vector<int> person_edits;
+    for (bool join : {true, true, false, false}) {
+        fault::reset();
+        EXPECT_EQ(join ? add_ZelUser_to_group(s.get(), kAnn.c_str(), "User")
+                       : remove_ZelUser_from_group(s.get(), profile.c_str(), "User"),
+                  0u);
+        person_edits.push_back(fault::count(Fn::ModifyS));
+    }
+    EXPECT_EQ(person_edits, (std::vector<int>{1, 0, 1, 0}));
+}
+
 TEST_F(ActiveDirectoryUsers, RemovalLeavesTheAccessGroupsAlone) {
     open(1);
     ZelUser jo = user_record("jo", "User", kJo);
@@ -139,4 +157,12 @@ TEST_F(ActiveDirectoryUsers, RemovalLeavesTheAccessGroupsAlone) {
     ASSERT_EQ(Zel_removeZelUser(s.get(), "jo"), 0u);
     EXPECT_FALSE(dir->exists(kProfile));
     EXPECT_EQ(members("Users"), Strings{kJo});
+}
+
+// The profile's two ACI modifications reach the entry as one attribute.
+TEST_F(NetscapeUsers, ProfileWithBothAciModificationsIsAdded) {
+    open(1);
+    ZelUser jo = user_record("jo", "User", kJo);
+    ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
+    EXPECT_EQ(dir->entry(kProfile).values("aci").size(), 5u);
 }

@@ -74,6 +74,27 @@ TEST_F(UserTest, XrUserJoinsNoGroupAndRepeatedMembershipIsNoError) {
     EXPECT_TRUE(members("Users").empty());
 }
 
+// Input that would outgrow a fixed size is refused before anything is
+// written: no membership is left behind by a profile that cannot exist.
+TEST_F(UserTest, OversizedNamesWriteNothing) {
+    const std::string long_name(990, 'j');
+    for (uint32_t version : {1u, 2u}) {
+        open(version);
+        ZelUser jo = user_record(long_name.c_str(), "User", kJo);
+        EXPECT_EQ(Zel_addZelUser(s.get(), &jo), ZEL_RC_INVALID_ARGUMENT) << version;
+        EXPECT_EQ(fault::count(Fn::Modify) + fault::count(Fn::Add), 0) << version;
+    }
+    EXPECT_TRUE(members("Users").empty());
+}
+
+// Without a Zel database a first-generation profile cannot exist.
+TEST(UserWithoutDatabase, RemovalAnswersUserNotFound) {
+    Directory dir;
+    Session s = open_session(dir, 1);
+    ASSERT_TRUE(s);
+    EXPECT_EQ(Zel_removeZelUser(s.get(), "jo"), ZEL_RC_USER_NOT_FOUND);
+}
+
 TEST_F(UserTest, SecurityDomainProfileLifecycle) {
     open(2);
     ZelUser jo = user_record("jo", "User", kJo, "Jo");

@@ -17,27 +17,14 @@ constexpr const char *kPrincipalFilter = "(&(objectClass=*)(krbPrincipalName=%s)
 ZelRC search_profile_below_person(ZelSession *s, const char *person_dn, const char *filter,
                                   zel::Message &out) {
     char *attrs[] = {const_cast<char *>("objectClass"), const_cast<char *>("userState"), nullptr};
-    struct timeval tv = zel::no_time_limit();
-    LDAPMessage *raw = nullptr;
-    int lrc = plat::ldap_search_ext_s(s->ld, person_dn, LDAP_SCOPE_ONELEVEL, filter, attrs, 0, nullptr,
-                                      nullptr, &tv, 2, &raw);
-    out.reset(raw);
-    if (lrc == LDAP_SUCCESS) return 0;
-    out.reset();
-    ZelRC rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), ZEL_RC_ENTRY_NOT_FOUND, "ldap_search_ext_s()");
+    ZelRC rc = zel::search_mapped(s, person_dn, LDAP_SCOPE_ONELEVEL, filter, attrs, 0, 2, ZEL_RC_ENTRY_NOT_FOUND, out);
     return rc == ZEL_RC_NO_SUCH_OBJECT ? 0 : rc;  // no person entry: no user either
 }
 
 // Subtree search of the security domain for the person's secUser entry.
 ZelRC search_domain_user(ZelSession *s, const char *filter, zel::Message &out) {
-    struct timeval tv = zel::no_time_limit();
-    LDAPMessage *raw = nullptr;
-    int lrc = plat::ldap_search_ext_s(s->ld, s->domain_dn, LDAP_SCOPE_SUBTREE, filter, nullptr, 0, nullptr,
-                                      nullptr, &tv, 2, &raw);
-    out.reset(raw);
-    if (lrc == LDAP_SUCCESS) return 0;
-    out.reset();
-    ZelRC rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), ZEL_RC_ENTRY_NOT_FOUND, "ldap_search_ext_s()");
+    ZelRC rc = zel::search_mapped(s, s->domain_dn, LDAP_SCOPE_SUBTREE, filter, nullptr, 0, 2, ZEL_RC_ENTRY_NOT_FOUND,
+                                  out);
     return rc == ZEL_RC_NO_SUCH_OBJECT ? 0 : rc;
 }
 
@@ -49,34 +36,15 @@ bool marks_inactive(char **values) {
 class OwnedSuffixes {
 public:
     OwnedSuffixes() = default;
-    ~OwnedSuffixes() {
-        while (head_) {
-            ZelSuffixNode *next = head_->next;
-            std::free(head_->suffix);
-            std::free(head_);
-            head_ = next;
-        }
-    }
+    ~OwnedSuffixes() { zel::free_suffixes(head_); }
     OwnedSuffixes(const OwnedSuffixes &) = delete;
     OwnedSuffixes &operator=(const OwnedSuffixes &) = delete;
 
-    bool append(const char *suffix) {
-        auto *node = static_cast<ZelSuffixNode *>(std::calloc(1, sizeof(ZelSuffixNode)));
-        if (!node) return false;
-        node->suffix = strdup(suffix);
-        if (!node->suffix) {
-            std::free(node);
-            return false;
-        }
-        *tail_ = node;
-        tail_ = &node->next;
-        return true;
-    }
+    bool append(const char *suffix) { return zel::append_suffix(&head_, suffix, std::strlen(suffix)) == 0; }
     ZelSuffixNode *get() const { return head_; }
 
 private:
     ZelSuffixNode *head_ = nullptr;
-    ZelSuffixNode **tail_ = &head_;
 };
 
 }  // namespace
@@ -86,138 +54,142 @@ extern "C" {
 ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_out, int32_t mode) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "verify_ZEL_user", rc);
-    if (profile_dn_out) *profile_dn_out = nullptr;
-    if (person_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (profile_dn_out) *profile_dn_out = nullptr;
+        if (person_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
 
-    // Sessions on a security domain look for the secUser entry first; mode 1
-    // asks for the first-generation profile below the person.
-    const bool domain_form = s->version >= 2 && mode != 1;
-    zel::CText filter(domain_form ? plat::ku_mbs_sprintf(kSecUserFilter, person_dn, s->domain_name)
-                                  : plat::ku_mbs_sprintf(kProfileFilter, person_dn));
-    if (!filter) return rc = ZEL_RC_NO_MEMORY;
-
-    zel::Message res;
-    rc = domain_form ? search_domain_user(s, filter.get(), res)
-                     : search_profile_below_person(s, person_dn, filter.get(), res);
-    if (rc != 0) return rc;
-
-    if (zel::entry_count(s->ld, res.get()) <= 0) {
-        // The security domain may not know a user that the Zel database does.
-        if (s->version < 2 || mode != 0 || s->database_dn == nullptr) return rc;
-        filter.reset(plat::ku_mbs_sprintf(kProfileFilter, person_dn));
+        // Sessions on a security domain look for the secUser entry first; mode 1
+        // asks for the first-generation profile below the person.
+        const bool domain_form = !zel::first_generation(s) && mode != 1;
+        zel::CText filter(domain_form ? plat::ku_mbs_sprintf(kSecUserFilter, person_dn, s->domain_name)
+                                      : plat::ku_mbs_sprintf(kProfileFilter, person_dn));
         if (!filter) return rc = ZEL_RC_NO_MEMORY;
-        if ((rc = search_profile_below_person(s, person_dn, filter.get(), res)) != 0) return rc;
-        if (zel::entry_count(s->ld, res.get()) <= 0) return rc;
-    }
 
-    bool user_seen = false;
-    for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e && rc == 0; e = ldap_next_entry(s->ld, e)) {
-        bool inactive = false;
-        rc = zel::walk_attributes(s->ld, e, [&](const char *name, char **values, struct berval **) -> ZelRC {
-            if (zel::same_text(name, "objectClass")) {
-                for (char **v = values; v && *v; ++v) {
-                    if (!zel::same_text(*v, "eZelUser") && !zel::same_text(*v, "secUser")) continue;
-                    zel::LdapText dn(ldap_get_dn(s->ld, e));
-                    if (!dn) return ZEL_RC_NO_MEMORY;
-                    user_seen = true;
-                    zel::tracef(s, zel::kTraceProgress, "zelmgmt:User Profile DN: %s\n", dn.get());
-                    if (profile_dn_out) {
-                        char *copy = strdup(dn.get());
-                        if (!copy) return ZEL_RC_NO_MEMORY;
-                        std::free(*profile_dn_out);
-                        *profile_dn_out = copy;
+        zel::Message res;
+        rc = domain_form ? search_domain_user(s, filter.get(), res)
+                         : search_profile_below_person(s, person_dn, filter.get(), res);
+        if (rc != 0) return rc;
+
+        if (zel::entry_count(s->ld, res.get()) <= 0) {
+            // The security domain may not know a user that the Zel database does.
+            if (zel::first_generation(s) || mode != 0 || s->database_dn == nullptr) return rc;
+            filter.reset(plat::ku_mbs_sprintf(kProfileFilter, person_dn));
+            if (!filter) return rc = ZEL_RC_NO_MEMORY;
+            if ((rc = search_profile_below_person(s, person_dn, filter.get(), res)) != 0) return rc;
+            if (zel::entry_count(s->ld, res.get()) <= 0) return rc;
+        }
+
+        bool user_seen = false;
+        for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e && rc == 0; e = ldap_next_entry(s->ld, e)) {
+            bool inactive = false;
+            rc = zel::walk_attributes(s->ld, e, [&](const char *name, char **values, struct berval **) -> ZelRC {
+                if (zel::same_text(name, "objectClass")) {
+                    for (char **v = values; v && *v; ++v) {
+                        if (!zel::same_text(*v, "eZelUser") && !zel::same_text(*v, "secUser")) continue;
+                        zel::LdapText dn(ldap_get_dn(s->ld, e));
+                        if (!dn) return ZEL_RC_NO_MEMORY;
+                        user_seen = true;
+                        zel::tracef(s, zel::kTraceProgress, "zelmgmt:User Profile DN: %s\n", dn.get());
+                        if (profile_dn_out) {
+                            char *copy = strdup(dn.get());
+                            if (!copy) return ZEL_RC_NO_MEMORY;
+                            std::free(*profile_dn_out);
+                            *profile_dn_out = copy;
+                        }
                     }
+                } else if (zel::same_text(name, "userState") || zel::same_text(name, "secAcctValid")) {
+                    if (marks_inactive(values)) inactive = true;
                 }
-            } else if (zel::same_text(name, "userState") || zel::same_text(name, "secAcctValid")) {
-                if (marks_inactive(values)) inactive = true;
-            }
-            return 0;
-        });
-        if (rc == 0 && inactive) rc = ZEL_RC_ACCOUNT_INVALID;
-    }
-    if (rc == 0 && user_seen) rc = 1;
+                return 0;
+            });
+            if (rc == 0 && inactive) rc = ZEL_RC_ACCOUNT_INVALID;
+        }
+        if (rc == 0 && user_seen) rc = 1;
 
-    // An inactive account still names its profile; a failure hands out nothing.
-    if (rc != 0 && rc != 1 && rc != ZEL_RC_ACCOUNT_INVALID && profile_dn_out) {
-        std::free(*profile_dn_out);
-        *profile_dn_out = nullptr;
-    }
-    return rc;
+        // An inactive account still names its profile; a failure hands out nothing.
+        if (rc != 0 && rc != 1 && rc != ZEL_RC_ACCOUNT_INVALID && profile_dn_out) {
+            std::free(*profile_dn_out);
+            *profile_dn_out = nullptr;
+        }
+        return rc;
+    });
 }
 
 ZelRC locate_krb_ePerson(ZelSession *s, const char *principal, ZelSuffixNode *suffixes, char *dn) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "locate_krb_ePerson", rc);
-    if (principal == nullptr || dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
-    zel::CText copy(strdup(principal));
-    if (!filter || !copy) return rc = ZEL_RC_NO_MEMORY;
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (principal == nullptr || dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
+        zel::CText copy(strdup(principal));
+        if (!filter || !copy) return rc = ZEL_RC_NO_MEMORY;
 
-    // name@realm; at signs before the name and before the realm are skipped,
-    // anything after a further at sign is ignored.
-    char *p = copy.get();
-    while (*p == '@') ++p;
-    char *name = p;
-    while (*p != '\0' && *p != '@') ++p;
-    if (p == name) return rc = ZEL_RC_INVALID_ARGUMENT;
-    const char *realm = "";  // no realm part: a realm filter that finds nothing
-    if (*p == '@') {
-        *p++ = '\0';
+        // name@realm; at signs before the name and before the realm are skipped,
+        // anything after a further at sign is ignored.
+        char *p = copy.get();
         while (*p == '@') ++p;
-        realm = p;
+        char *name = p;
         while (*p != '\0' && *p != '@') ++p;
-        *p = '\0';
-    }
+        if (p == name) return rc = ZEL_RC_INVALID_ARGUMENT;
+        const char *realm = "";  // no realm part: a realm filter that finds nothing
+        if (*p == '@') {
+            *p++ = '\0';
+            while (*p == '@') ++p;
+            realm = p;
+            while (*p != '\0' && *p != '@') ++p;
+            *p = '\0';
+        }
 
-    if (!zel::format_into(filter.get(), zel::kFilterSize, kRealmFilter, realm))
-        return rc = ZEL_RC_INVALID_ARGUMENT;
-    LDAPMessage *raw = nullptr;
-    rc = determine_unique_DN(s, suffixes, filter.get(), dn, &raw);
-    zel::Message realm_entry(raw);
-    if (rc == ZEL_RC_NOT_UNIQUE) return rc = ZEL_RC_EPERSON_NOT_FOUND;
-    if (rc == ZEL_RC_ENTRY_NOT_FOUND) {
-        // No realm entry: the person may carry the principal as a mapped identity.
-        if (!zel::format_into(filter.get(), zel::kFilterSize, kMappedIdentityFilter, principal))
+        if (!zel::format_filter(filter.get(), kRealmFilter, realm))
             return rc = ZEL_RC_INVALID_ARGUMENT;
-        rc = determine_unique_DN(s, suffixes, filter.get(), dn, nullptr);
-        if (rc == ZEL_RC_ENTRY_NOT_FOUND || rc == ZEL_RC_NOT_UNIQUE) rc = ZEL_RC_EPERSON_NOT_FOUND;
-        return rc;
-    }
-    if (rc != 0) return rc;
-
-    std::memset(dn, 0, zel::kDnSize);
-    OwnedSuffixes subtrees;
-    LDAPMessage *entry = ldap_first_entry(s->ld, realm_entry.get());
-    if (entry) {
-        rc = zel::walk_attributes(s->ld, entry, [&](const char *attr, char **values, struct berval **) -> ZelRC {
-            if (!zel::same_text(attr, "princSubtree")) return 0;
-            for (char **v = values; v && *v; ++v)
-                if (!subtrees.append(*v)) return ZEL_RC_NO_MEMORY;
-            return 0;
-        });
+        LDAPMessage *raw = nullptr;
+        rc = determine_unique_DN(s, suffixes, filter.get(), dn, &raw);
+        zel::Message realm_entry(raw);
+        if (rc == ZEL_RC_NOT_UNIQUE) return rc = ZEL_RC_EPERSON_NOT_FOUND;
+        if (rc == ZEL_RC_ENTRY_NOT_FOUND) {
+            // No realm entry: the person may carry the principal as a mapped identity.
+            if (!zel::format_filter(filter.get(), kMappedIdentityFilter, principal))
+                return rc = ZEL_RC_INVALID_ARGUMENT;
+            rc = determine_unique_DN(s, suffixes, filter.get(), dn, nullptr);
+            if (rc == ZEL_RC_ENTRY_NOT_FOUND || rc == ZEL_RC_NOT_UNIQUE) rc = ZEL_RC_EPERSON_NOT_FOUND;
+            return rc;
+        }
         if (rc != 0) return rc;
-    }
-    if (subtrees.get() == nullptr) return rc = ZEL_RC_EPERSON_NOT_FOUND;
 
-    if (!zel::format_into(filter.get(), zel::kFilterSize, kPrincipalFilter, principal))
-        return rc = ZEL_RC_INVALID_ARGUMENT;
-    raw = nullptr;
-    rc = determine_unique_DN(s, subtrees.get(), filter.get(), dn, &raw);
-    zel::Message principal_entry(raw);
-    if (rc == ZEL_RC_ENTRY_NOT_FOUND || rc == ZEL_RC_NOT_UNIQUE) return rc = ZEL_RC_EPERSON_NOT_FOUND;
-    if (rc != 0) return rc;
+        std::memset(dn, 0, zel::kDnSize);
+        OwnedSuffixes subtrees;
+        LDAPMessage *entry = ldap_first_entry(s->ld, realm_entry.get());
+        if (entry) {
+            rc = zel::walk_attributes(s->ld, entry, [&](const char *attr, char **values, struct berval **) -> ZelRC {
+                if (!zel::same_text(attr, "princSubtree")) return 0;
+                for (char **v = values; v && *v; ++v)
+                    if (!subtrees.append(*v)) return ZEL_RC_NO_MEMORY;
+                return 0;
+            });
+            if (rc != 0) return rc;
+        }
+        if (subtrees.get() == nullptr) return rc = ZEL_RC_EPERSON_NOT_FOUND;
 
-    // A principal entry that is an alias stands for the entry it names.
-    entry = ldap_first_entry(s->ld, principal_entry.get());
-    if (entry) {
-        rc = zel::walk_attributes(s->ld, entry, [&](const char *attr, char **values, struct berval **) -> ZelRC {
-            if (!zel::same_text(attr, "krbAliasedObjectName") || !values || !values[0]) return 0;
-            return zel::copy_into(dn, zel::kDnSize, values[0]) ? 1 : ZEL_RC_LIMIT_EXCEEDED;
-        });
-        if (rc == 1) rc = 0;  // the alias was taken: the walk ended early
-        if (rc != 0) std::memset(dn, 0, zel::kDnSize);
-    }
-    return rc;
+        if (!zel::format_filter(filter.get(), kPrincipalFilter, principal))
+            return rc = ZEL_RC_INVALID_ARGUMENT;
+        raw = nullptr;
+        rc = determine_unique_DN(s, subtrees.get(), filter.get(), dn, &raw);
+        zel::Message principal_entry(raw);
+        if (rc == ZEL_RC_ENTRY_NOT_FOUND || rc == ZEL_RC_NOT_UNIQUE) return rc = ZEL_RC_EPERSON_NOT_FOUND;
+        if (rc != 0) return rc;
+
+        // A principal entry that is an alias stands for the entry it names.
+        entry = ldap_first_entry(s->ld, principal_entry.get());
+        if (entry) {
+            rc = zel::walk_attributes(s->ld, entry, [&](const char *attr, char **values, struct berval **) -> ZelRC {
+                if (!zel::same_text(attr, "krbAliasedObjectName") || !values || !values[0]) return 0;
+                return zel::copy_into(dn, zel::kDnSize, values[0]) ? 1 : ZEL_RC_LIMIT_EXCEEDED;
+            });
+            if (rc == 1) rc = 0;  // the alias was taken: the walk ended early
+            if (rc != 0) std::memset(dn, 0, zel::kDnSize);
+        }
+        return rc;
+    });
 }
 
 }  // extern "C"

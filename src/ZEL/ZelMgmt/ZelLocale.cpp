@@ -7,14 +7,26 @@
 extern "C" {
 
 ZEL_API char *Zel_get_locale(void) {
-    char *client = plat::ldap_get_locale();
-    if (client == nullptr) return nullptr;
-    char *copy = strdup(client);
-    ldap_memfree(client);
+    char *copy = nullptr;
+    (void)zel::guarded([&]() -> ZelRC {
+        char *client = plat::ldap_get_locale();
+        if (client == nullptr) return 0;
+        copy = strdup(client);
+        ldap_memfree(client);
+        return 0;
+    });
     return copy;
 }
 
-ZEL_API int Zel_set_locale(const char *locale) { return plat::ldap_set_locale(locale); }
+// The client's own result, or 80 (other) when it could not be asked.
+ZEL_API int Zel_set_locale(const char *locale) {
+    int rc = LDAP_OTHER;
+    (void)zel::guarded([&]() -> ZelRC {
+        rc = plat::ldap_set_locale(locale);
+        return 0;
+    });
+    return rc;
+}
 
 ZEL_API void Zel_memfree(void *p) { std::free(p); }
 

@@ -53,128 +53,138 @@ ZelRC determine_DN(ZelSession *s, ZelSuffixNode *suffixes, const char *filter, c
                    LDAPMessage **result) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "determine_DN", rc);
-    if (result) *result = nullptr;
-    if (suffixes == nullptr || suffixes->suffix == nullptr) return rc = ZEL_RC_ENTRY_NOT_FOUND;
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (result) *result = nullptr;
+        if (suffixes == nullptr || suffixes->suffix == nullptr) return rc = ZEL_RC_ENTRY_NOT_FOUND;
 
-    zel::Message kept;
-    bool found = false;
-    for (ZelSuffixNode *node = suffixes; node && node->suffix && !found && rc == 0; node = node->next) {
-        zel::tracef(s, zel::kTraceProgress, "zelmgmt:Suffix being searched: %s\n", node->suffix);
-        struct timeval tv = zel::no_time_limit();
-        LDAPMessage *raw = nullptr;
-        int lrc = plat::ldap_search_ext_s(s->ld, node->suffix, LDAP_SCOPE_SUBTREE, filter, nullptr,
-                                          result ? 0 : 1, nullptr, nullptr, &tv, 2, &raw);
-        zel::Message res(raw);
-        if (lrc != LDAP_SUCCESS) {
-            if (suffix_holds_nothing(lrc)) continue;
-            rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), ZEL_RC_ENTRY_NOT_FOUND, "ldap_search_ext_s()");
-            break;
+        zel::Message kept;
+        bool found = false;
+        for (ZelSuffixNode *node = suffixes; node && node->suffix && !found && rc == 0; node = node->next) {
+            zel::tracef(s, zel::kTraceProgress, "zelmgmt:Suffix being searched: %s\n", node->suffix);
+            struct timeval tv = zel::no_time_limit();
+            LDAPMessage *raw = nullptr;
+            int lrc = plat::ldap_search_ext_s(s->ld, node->suffix, LDAP_SCOPE_SUBTREE, filter, nullptr,
+                                              result ? 0 : 1, nullptr, nullptr, &tv, 2, &raw);
+            zel::Message res(raw);
+            if (lrc != LDAP_SUCCESS) {
+                if (suffix_holds_nothing(lrc)) continue;
+                rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), ZEL_RC_ENTRY_NOT_FOUND, "ldap_search_ext_s()");
+                break;
+            }
+            int count = ldap_count_entries(s->ld, res.get());
+            if (count == 1) {
+                rc = copy_entry_dn(s->ld, ldap_first_entry(s->ld, res.get()), dn);
+                found = rc == 0;
+                kept = std::move(res);
+            } else if (count >= 2) {
+                rc = ZEL_RC_ENTRY_NOT_FOUND;
+            }
         }
-        int count = ldap_count_entries(s->ld, res.get());
-        if (count == 1) {
-            rc = copy_entry_dn(s->ld, ldap_first_entry(s->ld, res.get()), dn);
-            found = rc == 0;
-            kept = std::move(res);
-        } else if (count >= 2) {
-            rc = ZEL_RC_ENTRY_NOT_FOUND;
-        }
-    }
-    if (rc == 0 && !found) rc = ZEL_RC_ENTRY_NOT_FOUND;
-    if (rc == 0 && result) *result = kept.release();
-    return rc;
+        if (rc == 0 && !found) rc = ZEL_RC_ENTRY_NOT_FOUND;
+        if (rc == 0 && result) *result = kept.release();
+        return rc;
+    });
 }
 
 ZelRC determine_unique_DN(ZelSession *s, ZelSuffixNode *suffixes, const char *filter, char *dn,
                           LDAPMessage **result) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "determine_unique_DN", rc);
-    if (result) *result = nullptr;
-    if (suffixes == nullptr || suffixes->suffix == nullptr) return rc = ZEL_RC_ENTRY_NOT_FOUND;
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (result) *result = nullptr;
+        if (suffixes == nullptr || suffixes->suffix == nullptr) return rc = ZEL_RC_ENTRY_NOT_FOUND;
 
-    zel::Message match;
-    char candidate[zel::kDnSize];
-    for (ZelSuffixNode *node = suffixes; node && node->suffix && rc == 0; node = node->next) {
-        ZelSuffixNode one{node->suffix, nullptr};
-        LDAPMessage *raw = nullptr;
-        std::memset(candidate, 0, sizeof candidate);
-        ZelRC found = determine_DN(s, &one, filter, candidate, &raw);
-        zel::Message res(raw);
-        if (found == 0) {
-            if (match) {
-                rc = ZEL_RC_NOT_UNIQUE;
-            } else {
-                match = std::move(res);
-                std::memcpy(dn, candidate, sizeof candidate);
+        zel::Message match;
+        char candidate[zel::kDnSize];
+        for (ZelSuffixNode *node = suffixes; node && node->suffix && rc == 0; node = node->next) {
+            ZelSuffixNode one{node->suffix, nullptr};
+            LDAPMessage *raw = nullptr;
+            std::memset(candidate, 0, sizeof candidate);
+            ZelRC found = determine_DN(s, &one, filter, candidate, &raw);
+            zel::Message res(raw);
+            if (found == 0) {
+                if (match) {
+                    rc = ZEL_RC_NOT_UNIQUE;
+                } else {
+                    match = std::move(res);
+                    std::memcpy(dn, candidate, sizeof candidate);
+                }
+            } else if (found != ZEL_RC_ENTRY_NOT_FOUND) {
+                rc = found;  // several under one suffix (1004) count as none here
             }
-        } else if (found != ZEL_RC_ENTRY_NOT_FOUND) {
-            rc = found;  // several under one suffix (1004) count as none here
         }
-    }
-    if (rc == 0 && !match) rc = ZEL_RC_ENTRY_NOT_FOUND;
-    if (rc == 0) {
-        if (result) *result = match.release();
-    } else {
-        std::memset(dn, 0, zel::kDnSize);
-    }
-    return rc;
+        if (rc == 0 && !match) rc = ZEL_RC_ENTRY_NOT_FOUND;
+        if (rc == 0) {
+            if (result) *result = match.release();
+        } else {
+            std::memset(dn, 0, zel::kDnSize);
+        }
+        return rc;
+    });
 }
 
 ZelRC locate_ZEL_database(ZelSession *s, ZelSuffixNode *suffixes, char *dn) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "locate_ZEL_database", rc);
-    zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
-    if (!filter) return rc = ZEL_RC_NO_MEMORY;
-    std::strcat(filter.get(), "(&(");
-    std::strcat(filter.get(), "objectClass");
-    std::strcat(filter.get(), "=");
-    std::strcat(filter.get(), "eApplicationSystem");
-    std::strcat(filter.get(), ")(");
-    std::strcat(filter.get(), "systemName");
-    std::strcat(filter.get(), "=");
-    std::strcat(filter.get(), "ORVZEL");
-    std::strcat(filter.get(), "))");
-    rc = determine_DN(s, suffixes, filter.get(), dn, nullptr);
-    if (rc != 0 && rc != ZEL_RC_DIRECTORY_ERROR) rc = ZEL_RC_DATABASE_NOT_FOUND;
-    return rc;
+    return rc = zel::guarded([&]() -> ZelRC {
+        zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
+        if (!filter) return rc = ZEL_RC_NO_MEMORY;
+        std::strcat(filter.get(), "(&(");
+        std::strcat(filter.get(), "objectClass");
+        std::strcat(filter.get(), "=");
+        std::strcat(filter.get(), "eApplicationSystem");
+        std::strcat(filter.get(), ")(");
+        std::strcat(filter.get(), "systemName");
+        std::strcat(filter.get(), "=");
+        std::strcat(filter.get(), "ORVZEL");
+        std::strcat(filter.get(), "))");
+        rc = determine_DN(s, suffixes, filter.get(), dn, nullptr);
+        if (rc != 0 && rc != ZEL_RC_DIRECTORY_ERROR) rc = ZEL_RC_DATABASE_NOT_FOUND;
+        return rc;
+    });
 }
 
 ZelRC locate_ePerson(ZelSession *s, const char *user, ZelSuffixNode *suffixes, char *dn) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "locate_ePerson", rc);
-    zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
-    if (!filter) return rc = ZEL_RC_NO_MEMORY;
-    if (user == nullptr ||
-        !zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=Person)(uid=%s))", user))
-        return rc = ZEL_RC_INVALID_ARGUMENT;
-    rc = determine_DN(s, suffixes, filter.get(), dn, nullptr);
-    if (rc != 0 && rc != ZEL_RC_DIRECTORY_ERROR) rc = ZEL_RC_EPERSON_NOT_FOUND;
-    return rc;
+    return rc = zel::guarded([&]() -> ZelRC {
+        zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
+        if (!filter) return rc = ZEL_RC_NO_MEMORY;
+        if (user == nullptr ||
+            !zel::format_filter(filter.get(), "(&(objectClass=Person)(uid=%s))", user))
+            return rc = ZEL_RC_INVALID_ARGUMENT;
+        rc = determine_DN(s, suffixes, filter.get(), dn, nullptr);
+        if (rc != 0 && rc != ZEL_RC_DIRECTORY_ERROR) rc = ZEL_RC_EPERSON_NOT_FOUND;
+        return rc;
+    });
 }
 
 ZelRC construct_ePersonDN_from_UP(ZelSession *s, const char *up_dn, char *dn) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "construct_ePersonDN_from_UP", rc);
-    std::memset(dn, 0, zel::kDnSize);
-    if (up_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    size_t len = std::strlen(up_dn);
-    zel::CText copy = zel::zeroed_buffer(3 * len + 1);
-    zel::CText assembly = zel::zeroed_buffer(2 * zel::kDnSize);
-    if (!copy || !assembly) return rc = ZEL_RC_NO_MEMORY;
-    std::memcpy(copy.get(), up_dn, len);
-
-    zel::Values rdns(ldap_explode_dn(copy.get(), 0));
-    if (!rdns) return rc = ZEL_RC_INVALID_ARGUMENT;
-    std::string parent;
-    for (char **rdn = rdns.get() + (rdns.get()[0] ? 1 : 0); *rdn; ++rdn) {
-        if (!parent.empty()) parent += ",";
-        parent += *rdn;
-    }
-    if (!zel::copy_into(assembly.get(), 2 * zel::kDnSize, parent.c_str()) ||
-        !zel::copy_into(dn, zel::kDnSize, assembly.get())) {
+    return rc = zel::guarded([&]() -> ZelRC {
         std::memset(dn, 0, zel::kDnSize);
-        return rc = ZEL_RC_INVALID_ARGUMENT;
-    }
-    return rc;
+        if (up_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        size_t len = std::strlen(up_dn);
+        zel::CText copy = zel::zeroed_buffer(3 * len + 1);
+        zel::CText assembly = zel::zeroed_buffer(2 * zel::kDnSize);
+        if (!copy || !assembly) return rc = ZEL_RC_NO_MEMORY;
+        std::memcpy(copy.get(), up_dn, len);
+
+        zel::Values rdns(ldap_explode_dn(copy.get(), 0));
+        if (!rdns) return rc = ZEL_RC_INVALID_ARGUMENT;
+        std::string parent;
+        for (char **rdn = rdns.get() + (rdns.get()[0] ? 1 : 0); *rdn; ++rdn) {
+            if (!parent.empty()) parent += ",";
+            parent += *rdn;
+        }
+        if (!zel::copy_into(assembly.get(), 2 * zel::kDnSize, parent.c_str()) ||
+            !zel::copy_into(dn, zel::kDnSize, assembly.get())) {
+            std::memset(dn, 0, zel::kDnSize);
+            return rc = ZEL_RC_INVALID_ARGUMENT;
+        }
+        return rc;
+    });
 }
 
 }  // extern "C"

@@ -93,10 +93,12 @@ ZelRC mapped_status(uint32_t ldap_rc) {
 extern "C" {
 
 ZelRC check_LDAP_rc(ZelSession *s, uint32_t ldap_rc, ZelRC default_code, const char *operation) {
-    zel::tracef(s, zel::kTraceFailures, "zelmgmt:%s failed.  RC=x%x\n", operation ? operation : "",
-                ldap_rc);
-    if (ZelRC mapped = mapped_status(ldap_rc)) return mapped;
-    return default_code != 0 ? default_code : ldap_rc;
+    return zel::guarded([&]() -> ZelRC {
+        zel::tracef(s, zel::kTraceFailures, "zelmgmt:%s failed.  RC=x%x\n", operation ? operation : "",
+                    ldap_rc);
+        if (ZelRC mapped = mapped_status(ldap_rc)) return mapped;
+        return default_code != 0 ? default_code : ldap_rc;
+    });
 }
 
 ZEL_API const char *Zel_strerror(ZelRC rc) {

@@ -7,7 +7,9 @@
 // cn=Resources of the domain, named by secResourceID; such a session reads
 // first-generation entries as well when it knows the Zel database.
 #include <cstring>
+#include <string>
 
+#include "platform/filter_format.h"
 #include "zel_internal.h"
 
 namespace {
@@ -80,12 +82,12 @@ ZelRC set_identifiers(ZelTargetService *ts, char **values) {
 }
 
 // Runs one target service search; what the directory handed back goes to
-// *result.
-ZelRC search_services(ZelSession *s, const char *base, const char *filter, char **attrs,
-                      int size_limit, LDAPMessage **result) {
-    struct timeval tv = zel::no_time_limit();
-    int lrc = plat::ldap_search_ext_s(s->ld, base, LDAP_SCOPE_SUBTREE, filter, attrs, 0, nullptr,
-                                      nullptr, &tv, size_limit, result);
+// *result, also when the search failed.
+ZelRC run_service_search(ZelSession *s, const char *base, const char *filter, char **attrs, int size_limit,
+                         LDAPMessage **result) {
+    zel::Message res;
+    int lrc = zel::search(s, base, LDAP_SCOPE_SUBTREE, filter, attrs, 0, size_limit, res);
+    *result = res.release();
     if (lrc == LDAP_SUCCESS) return 0;
     // A missing Resources container (or database entry) holds no services.
     if (lrc == LDAP_NO_SUCH_OBJECT) return ZEL_RC_TS_NOT_FOUND;
@@ -195,19 +197,21 @@ extern "C" {
 ZelRC dissect_TS(ZelSession *s, LDAPMessage *entry, ZelTargetService *record) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "dissect_TS", rc);
-    if (entry == nullptr || record == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    return rc = zel::walk_attributes(s->ld, entry, [record](const char *attr, char **strings,
-                                                            struct berval **) -> ZelRC {
-        // The binary values were there, so no string values means no memory.
-        if (strings == nullptr || strings[0] == nullptr) return ZEL_RC_NO_MEMORY;
-        if (zel::same_text(attr, "tsName") || zel::same_text(attr, "secResourceID") ||
-            zel::same_text(attr, "secResGroupID"))
-            return set_text(record->name, strings[0]);
-        if (zel::same_text(attr, "tsType")) return set_text(record->type, strings[0]);
-        if (zel::same_text(attr, "secType")) return set_text(record->type, type_of_sec_type(strings[0]));
-        if (zel::same_text(attr, "description")) return set_text(record->description, strings[0]);
-        if (zel::same_text(attr, "reqIdentifier")) return set_identifiers(record, strings);
-        return 0;
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (entry == nullptr || record == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        return rc = zel::walk_attributes(s->ld, entry, [record](const char *attr, char **strings,
+                                                                struct berval **) -> ZelRC {
+            // The binary values were there, so no string values means no memory.
+            if (strings == nullptr || strings[0] == nullptr) return ZEL_RC_NO_MEMORY;
+            if (zel::same_text(attr, "tsName") || zel::same_text(attr, "secResourceID") ||
+                zel::same_text(attr, "secResGroupID"))
+                return set_text(record->name, strings[0]);
+            if (zel::same_text(attr, "tsType")) return set_text(record->type, strings[0]);
+            if (zel::same_text(attr, "secType")) return set_text(record->type, type_of_sec_type(strings[0]));
+            if (zel::same_text(attr, "description")) return set_text(record->description, strings[0]);
+            if (zel::same_text(attr, "reqIdentifier")) return set_identifiers(record, strings);
+            return 0;
+        });
     });
 }
 
@@ -220,65 +224,70 @@ ZelRC locate_ZEL_TS(ZelSession *s, const char *name, const char *type, LDAPMessa
                     int32_t mode) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "locate_ZEL_TS", rc);
-    if (result == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    *result = nullptr;
-    bool v1 = mode == 1;
-    zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
-    zel::CText base = v1 ? nullptr : zel::zeroed_buffer(zel::kDnSize);
-    if (!filter || (!v1 && !base)) return rc = ZEL_RC_NO_MEMORY;
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (result == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        *result = nullptr;
+        bool v1 = mode == 1;
+        zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
+        if (!filter) return rc = ZEL_RC_NO_MEMORY;
+        // A caller's name is matched as it stands; "*" is the library's own wildcard.
+        const std::string wanted = name ? plat::escape_filter_value(name) : "*";
 
-    static char kServiceAttrs[][16] = {"tsName", "tsType", "description", "reqIdentifier"};
-    char *service_attrs[] = {kServiceAttrs[0], kServiceAttrs[1], kServiceAttrs[2], kServiceAttrs[3], nullptr};
-    char **attrs = nullptr;
-    int size_limit = name ? 2 : 0;
-    const char *search_base = nullptr;
-    bool fits = true;
-    if (v1) {
-        if (s->database_dn == nullptr) return rc = ZEL_RC_DATABASE_NOT_FOUND;
-        search_base = s->database_dn;
-        fits = zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eTargetService)(tsName=%s))",
-                                name ? name : "*");
-        if (name) attrs = service_attrs;
-    } else {
-        if (s->domain_dn == nullptr) return rc = ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
-        if (!zel::format_into(base.get(), zel::kDnSize, "cn=Resources,%s", s->domain_dn))
-            return rc = ZEL_RC_LIMIT_EXCEEDED;
-        search_base = base.get();
-        // An unknown type leaves the filter empty: the server decides what that finds.
-        const char *by_id = "(&(objectClass=secResource)(secResourceID=%s))";
-        if (name) {
-            if (type == nullptr || zel::builtin_service_type(type))
-                fits = zel::format_into(filter.get(), zel::kFilterSize, by_id, name);
-        } else if (type == nullptr) {
-            std::strcpy(filter.get(), "(objectClass=secResource)");
-        } else if (zel::builtin_service_type(type)) {
-            fits = zel::format_into(filter.get(), zel::kFilterSize, by_id, "*");
+        static char kServiceAttrs[][16] = {"tsName", "tsType", "description", "reqIdentifier"};
+        char *service_attrs[] = {kServiceAttrs[0], kServiceAttrs[1], kServiceAttrs[2], kServiceAttrs[3], nullptr};
+        char **attrs = nullptr;
+        int size_limit = name ? 2 : 0;
+        const char *search_base = nullptr;
+        std::string container;
+        bool fits = true;
+        if (v1) {
+            if (s->database_dn == nullptr) return rc = ZEL_RC_DATABASE_NOT_FOUND;
+            search_base = s->database_dn;
+            fits = zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eTargetService)(tsName=%s))",
+                                    wanted.c_str());
+            if (name) attrs = service_attrs;
+        } else {
+            if ((rc = zel::resources_container_dn(s, container)) != 0) return rc;
+            search_base = container.c_str();
+            // An unknown type leaves the filter empty: the server decides what that finds.
+            const char *by_id = "(&(objectClass=secResource)(secResourceID=%s))";
+            if (name) {
+                if (type == nullptr || zel::builtin_service_type(type))
+                    fits = zel::format_into(filter.get(), zel::kFilterSize, by_id, wanted.c_str());
+            } else if (type == nullptr) {
+                std::strcpy(filter.get(), "(objectClass=secResource)");
+            } else if (zel::builtin_service_type(type)) {
+                fits = zel::format_into(filter.get(), zel::kFilterSize, by_id, "*");
+            }
         }
-    }
-    if (!fits) return rc = ZEL_RC_INVALID_ARGUMENT;
-    return rc = search_services(s, search_base, filter.get(), attrs, size_limit, result);
+        if (!fits) return rc = ZEL_RC_INVALID_ARGUMENT;
+        return rc = run_service_search(s, search_base, filter.get(), attrs, size_limit, result);
+    });
 }
 
 ZelRC locate_ZEL_TST(ZelSession *s, const char *type, LDAPMessage **result) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "locate_ZEL_TST", rc);
-    if (result == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    *result = nullptr;
-    zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
-    if (!filter) return rc = ZEL_RC_NO_MEMORY;
-    if (s->database_dn == nullptr) return rc = ZEL_RC_DATABASE_NOT_FOUND;
-    if (!zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eTargetServiceType)(tsType=%s))",
-                          type ? type : "*"))
-        return rc = ZEL_RC_INVALID_ARGUMENT;
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (result == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        *result = nullptr;
+        zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
+        if (!filter) return rc = ZEL_RC_NO_MEMORY;
+        if (s->database_dn == nullptr) return rc = ZEL_RC_DATABASE_NOT_FOUND;
+        const std::string wanted = type ? plat::escape_filter_value(type) : "*";
+        if (!zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eTargetServiceType)(tsType=%s))",
+                              wanted.c_str()))
+            return rc = ZEL_RC_INVALID_ARGUMENT;
 
-    static char kTypeAttr[] = "reqIdentifierName";
-    char *type_attrs[] = {kTypeAttr, nullptr};
-    struct timeval tv = zel::no_time_limit();
-    int lrc = plat::ldap_search_ext_s(s->ld, s->database_dn, LDAP_SCOPE_SUBTREE, filter.get(),
-                                      type ? type_attrs : nullptr, 0, nullptr, nullptr, &tv,
-                                      type ? 2 : 0, result);
-    if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
-    return rc;
+        static char kTypeAttr[] = "reqIdentifierName";
+        char *type_attrs[] = {kTypeAttr, nullptr};
+        struct timeval tv = zel::no_time_limit();
+        int lrc = plat::ldap_search_ext_s(s->ld, s->database_dn, LDAP_SCOPE_SUBTREE, filter.get(),
+                                          type ? type_attrs : nullptr, 0, nullptr, nullptr, &tv,
+                                          type ? 2 : 0, result);
+        if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+        return rc;
+    });
 }
 
 ZEL_API ZelRC Zel_getAllTargetService(ZelSession *s, ZelTargetServiceList **out) {

@@ -69,22 +69,16 @@ ZelRC check_service_type(ZelSession *s, const ZelTargetService *ts, std::string 
     return matches_type_identifiers(s->ld, entry, ts);
 }
 
-ZelRC resources_dn(const ZelSession *s, char *dn) {
-    if (s->domain_dn == nullptr) return ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
-    return zel::format_into(dn, zel::kDnSize, "cn=Resources,%s", s->domain_dn) ? 0 : ZEL_RC_LIMIT_EXCEEDED;
-}
-
 // The domain's Resources container; one that exists already is fine.
 ZelRC add_resources_container(ZelSession *s) {
-    zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
-    if (!dn) return ZEL_RC_NO_MEMORY;
-    if (ZelRC rc = resources_dn(s, dn.get())) return rc;
+    std::string dn;
+    if (ZelRC rc = zel::resources_container_dn(s, dn)) return rc;
     zel::ModList mods(3);
     if (!mods.ok()) return ZEL_RC_NO_MEMORY;
     ZelRC rc = mods.add(LDAP_MOD_ADD, "objectClass", {"top", "container"});
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "cn", {"Resources"});
     if (rc != 0) return rc;
-    int lrc = plat::ldap_add_ext_s(s->ld, dn.get(), mods.get(), nullptr, nullptr);
+    int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);
     if (lrc == LDAP_SUCCESS || lrc == LDAP_ALREADY_EXISTS) return 0;
     if (lrc == LDAP_NO_SUCH_ATTRIBUTE) return ZEL_RC_SCHEMA_VIOLATION;
     return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
@@ -105,23 +99,11 @@ ZelRC check_name_unused(ZelSession *s, const ZelTargetService *ts) {
     return found > 0 ? ZEL_RC_ALREADY_EXISTS : 0;
 }
 
-// A pair whose modification could not be completed is taken out again, so
-// the list sent holds complete modifications only.
-void drop_unfinished_modification(zel::ModList &mods) {
-    size_t last = mods.size();
-    LDAPMod **list = mods.get();
-    if (last == 0 || list[last - 1]->mod_values != nullptr) return;
-    std::free(list[last - 1]);
-    list[last - 1] = nullptr;
-}
-
 // First-generation entry.  Every reqIdentifier modification refers to the
 // one pair buffer, which is not cleared between pairs: with several pairs
 // each value carries all of them run together.  When a pair's modification
-// cannot be built the remaining pairs are left out, the add still goes on,
-// and that failure is the status returned.
-ZelRC first_generation_mods(ZelSession *s, const ZelTargetService *ts, zel::ModList &mods,
-                            char *pair_buffer, ZelRC &pair_rc) {
+// cannot be built the remaining pairs are left out and the add still goes on.
+ZelRC first_generation_mods(ZelSession *s, const ZelTargetService *ts, zel::ModList &mods, char *pair_buffer) {
     ZelRC rc = mods.add(LDAP_MOD_ADD, "objectClass", {"top", "eTargetService"});
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "tsName", {ts->name});
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "tsType", {ts->type});
@@ -135,11 +117,7 @@ ZelRC first_generation_mods(ZelSession *s, const ZelTargetService *ts, zel::ModL
         std::strcat(pair_buffer, "=");
         std::strcat(pair_buffer, pair->value);
         char *values[] = {pair_buffer};
-        pair_rc = mods.add(LDAP_MOD_ADD, "reqIdentifier", 1, values);
-        if (pair_rc != 0) {
-            drop_unfinished_modification(mods);
-            break;
-        }
+        if (mods.add(LDAP_MOD_ADD, "reqIdentifier", 1, values) != 0) break;
     }
     return 0;
 }
@@ -163,10 +141,11 @@ ZelRC add_target_service(ZelSession *s, const ZelTargetService *ts) {
     if (v1 && (rc = check_identifier_pairs(ts)) != 0) return rc;
     if (v1 && s->database_dn == nullptr && (rc = zel::ensure_database_dn(s)) != 0) return rc;
 
-    zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
-    if (!dn) return rc = ZEL_RC_NO_MEMORY;
-    std::string type_dn;
+    std::string type_dn, dn;
     if (v1 && (rc = check_service_type(s, ts, type_dn)) != 0) return rc;
+    // The entry's DN is measured before the container is added.
+    if ((rc = v1 ? zel::child_dn("tsName", ts->name, type_dn, dn) : zel::domain_resource_dn(s, ts->name, dn)) != 0)
+        return rc;
     if (!v1 && s->database_dn && (rc = add_resources_container(s)) != 0) return rc;
     if ((rc = check_name_unused(s, ts)) != 0) return rc;
 
@@ -174,29 +153,23 @@ ZelRC add_target_service(ZelSession *s, const ZelTargetService *ts) {
     zel::ModList mods(v1 ? static_cast<size_t>(ts->reqIdentifierCount) + 5 + description : 5 + description);
     if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
     zel::CText pair_buffer;
-    ZelRC pair_rc = 0;
     if (v1) {
         pair_buffer = zel::zeroed_buffer(zel::kShortValueSize);
         if (!pair_buffer) return rc = ZEL_RC_NO_MEMORY;
-        rc = first_generation_mods(s, ts, mods, pair_buffer.get(), pair_rc);
+        rc = first_generation_mods(s, ts, mods, pair_buffer.get());
     } else {
         rc = domain_mods(s, ts, mods);
     }
     if (rc != 0) return rc;
 
-    bool fits = v1 ? zel::format_into(dn.get(), zel::kDnSize, "tsName=%s,%s", ts->name, type_dn.c_str())
-                   : zel::format_into(dn.get(), zel::kDnSize, "secResourceID=%s,cn=Resources,%s", ts->name,
-                                      s->domain_dn);
-    if (!fits) return rc = ZEL_RC_INVALID_ARGUMENT;
-
-    int lrc = plat::ldap_add_ext_s(s->ld, dn.get(), mods.get(), nullptr, nullptr);
+    // The status and the message are the add's own.
+    int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);
     if (lrc != LDAP_SUCCESS) {
         rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
         zel::trace_line(s, zel::kTraceProgress, "zelmgmt:LDAP error when trying to add Target Service.");
     } else {
         zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able add Target Service successfully!");
     }
-    if (pair_rc != 0) rc = pair_rc;
     return rc;
 }
 
@@ -224,9 +197,11 @@ ZelRC add_target_service_type(ZelSession *s, const ZelTargetServiceType *t) {
 
     if ((rc = check_type_record(t)) != 0) return rc;
     if ((rc = zel::ensure_database_dn(s)) != 0) return rc;
-    zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
+    std::string dn;
+    if ((rc = zel::child_dn("tsType", t->typeName, std::string("cn=Target Service Types,") + s->database_dn, dn)) != 0)
+        return rc;
     zel::ModList mods(4);
-    if (!dn || !mods.ok()) {
+    if (!mods.ok()) {
         zel::trace_line(s, zel::kTraceProgress, failed);
         return rc = ZEL_RC_NO_MEMORY;
     }
@@ -234,11 +209,8 @@ ZelRC add_target_service_type(ZelSession *s, const ZelTargetServiceType *t) {
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "tsType", {t->typeName});
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "reqIdentifierName", t->identifierCount, t->identifierNames);
     if (rc != 0) return rc;
-    if (!zel::format_into(dn.get(), zel::kDnSize, "tsType=%s,cn=Target Service Types,%s", t->typeName,
-                          s->database_dn))
-        return rc = ZEL_RC_INVALID_ARGUMENT;
 
-    int lrc = plat::ldap_add_ext_s(s->ld, dn.get(), mods.get(), nullptr, nullptr);
+    int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);
     if (lrc != LDAP_SUCCESS) {
         rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
         zel::trace_line(s, zel::kTraceProgress, failed);

@@ -13,19 +13,6 @@ constexpr int32_t kUpdate = 2;
 
 constexpr const char *kLoginType = "Default:LDAP";
 
-// "principalName=<name>,cn=Users,<security domain DN>".
-ZelRC domain_user_dn(const ZelSession *s, const char *name, std::string &out) {
-    if (s->domain_dn == nullptr) return ZEL_RC_INVALID_ARGUMENT;
-    out = std::string("principalName=") + name + ",cn=Users," + s->domain_dn;
-    return out.size() < zel::kDnSize ? 0 : ZEL_RC_INVALID_ARGUMENT;
-}
-
-// "cn=<name>,<person DN>": the first-generation profile lies below the person.
-ZelRC person_profile_dn(const char *name, const char *person_dn, std::string &out) {
-    out = std::string("cn") + "=" + name + "," + person_dn;
-    return out.size() < zel::kDnSize ? 0 : ZEL_RC_INVALID_ARGUMENT;
-}
-
 // A first-generation profile must be named after its user.
 ZelRC check_profile_name(const char *user_dn, const char *name) {
     size_t dn_len = std::strlen(user_dn), name_len = std::strlen(name);
@@ -56,7 +43,7 @@ ZelRC verify_into(ZelSession *s, const char *person_dn, int32_t mode, std::strin
 // instead (the mode becomes kCreate).
 ZelRC find_profile(ZelSession *s, const ZelUser *user, const char *person_dn, int32_t &mode,
                    std::string &user_dn) {
-    const bool first_gen = s->version < 2;
+    const bool first_gen = zel::first_generation(s);
     if (s->database_dn != nullptr) {
         ZelRC rc = verify_into(s, person_dn, 1, user_dn);
         if (rc != 0 && rc != 1) return rc;
@@ -65,7 +52,7 @@ ZelRC find_profile(ZelSession *s, const ZelUser *user, const char *person_dn, in
             std::string domain_profile;
             ZelRC in_domain = verify_into(s, person_dn, 2, domain_profile);
             if (in_domain == 0) mode = kCreate;  // a failing check leaves the update as it is
-            return domain_user_dn(s, user->userName, user_dn);
+            return zel::domain_user_dn(s, user->userName, user_dn);
         }
         if (first_gen) return ZEL_RC_USER_NOT_FOUND;
     }
@@ -78,8 +65,7 @@ ZelRC fill_create_mods(ZelSession *s, const ZelUser *user, const char *person_dn
                        const std::string &authority, const std::vector<zel::AccessValues> &access,
                        zel::ModList &mods) {
     ZelRC rc = 0;
-    if (s->version < 2) {
-        if (user->userType == nullptr) return ZEL_RC_INVALID_ARGUMENT;
+    if (zel::first_generation(s)) {
         if ((rc = mods.add(LDAP_MOD_ADD, "objectClass", {"top", "cimManagedElement", "eUser", "eZelUser"})) ||
             (rc = mods.add(LDAP_MOD_ADD, "cn", {user->userName})) ||
             (rc = mods.add(LDAP_MOD_ADD, "associatedName", {person_dn})) ||
@@ -109,7 +95,7 @@ ZelRC fill_create_mods(ZelSession *s, const ZelUser *user, const char *person_dn
 }
 
 ZelRC fill_update_mods(ZelSession *s, const ZelUser *user, const char *state, zel::ModList &mods) {
-    ZelRC rc = mods.add(LDAP_MOD_REPLACE, s->version < 2 ? "userState" : "secAcctValid", {state});
+    ZelRC rc = mods.add(LDAP_MOD_REPLACE, zel::first_generation(s) ? "userState" : "secAcctValid", {state});
     if (rc != 0 || user->description == nullptr) return rc;
     // Directories that refuse empty values lose the description instead.
     if (!zel::writes_description(s, user->description)) return mods.add(LDAP_MOD_DELETE, "description", {});
@@ -132,8 +118,8 @@ ZelRC add_profile(ZelSession *s, const std::string &user_dn, const std::string &
 
 // The container that will hold a version-2 user's target records.
 ZelRC add_credentials_container(ZelSession *s, const std::string &user_dn) {
-    std::string dn = "cn=ResCreds," + user_dn;
-    if (dn.size() >= zel::kDnSize) return ZEL_RC_INVALID_ARGUMENT;
+    std::string dn;
+    if (ZelRC rc = zel::credentials_container_dn(user_dn, dn)) return rc;
     zel::ModList mods(3);
     if (!mods.ok()) return ZEL_RC_NO_MEMORY;
     ZelRC rc = 0;
@@ -142,6 +128,45 @@ ZelRC add_credentials_container(ZelSession *s, const std::string &user_dn) {
         return rc;
     int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);
     return lrc == LDAP_SUCCESS ? 0 : check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
+}
+
+// What a creation or update writes, worked out and measured before the
+// first directory write.
+struct ProfilePlan {
+    int32_t mode = kCreate;   // an update of a domain user unknown to the domain creates
+    std::string user_dn;
+    std::vector<zel::AccessValues> access;
+    std::string authority;    // the secAuthority value: the domain name and ":"
+    const char *state = nullptr;
+};
+
+// Reads only: finds or names the profile and builds every value that is
+// derived from the caller's text, refusing with 1005 what would not fit.
+ZelRC plan_profile(ZelSession *s, const ZelUser *user, const char *person_dn, int32_t mode, ProfilePlan &plan) {
+    if (mode != kCreate && mode != kUpdate) return ZEL_RC_UNSUPPORTED_OPERATION;
+    if (user == nullptr || user->userName == nullptr || person_dn == nullptr) return ZEL_RC_INVALID_ARGUMENT;
+    const bool first_gen = zel::first_generation(s);
+    if (first_gen && user->userType == nullptr && mode == kCreate) return ZEL_RC_INVALID_ARGUMENT;
+    ZelRC rc = 0;
+    if (first_gen && (rc = zel::ensure_database_dn(s)) != 0) return rc;
+
+    plan.mode = mode;
+    if (mode == kCreate)
+        rc = first_gen ? zel::child_dn("cn", user->userName, person_dn, plan.user_dn)
+                       : zel::domain_user_dn(s, user->userName, plan.user_dn);
+    else
+        rc = find_profile(s, user, person_dn, plan.mode, plan.user_dn);
+    if (rc != 0) return rc;
+    std::string records_dn;
+    if (!first_gen && plan.mode == kCreate && (rc = zel::credentials_container_dn(plan.user_dn, records_dn)) != 0)
+        return rc;
+
+    if (first_gen && (rc = zel::profile_access(s, user->userType, person_dn, plan.user_dn.c_str(), plan.access)) != 0)
+        return rc;
+    plan.authority = std::string(s->domain_name ? s->domain_name : "") + ":";
+    if (plan.authority.size() >= zel::kShortValueSize) return ZEL_RC_INVALID_ARGUMENT;
+    plan.state = user->enabled == 1 ? (first_gen ? "Active" : "TRUE") : (first_gen ? "Inactive" : "FALSE");
+    return 0;
 }
 
 void report(ZelSession *s, ZelRC rc, const char *failed, const char *succeeded) {
@@ -160,78 +185,61 @@ extern "C" {
 int check_entry_exists(ZelSession *s, const char *dn) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "check_entry_exists", rc);
-    struct timeval tv = zel::no_time_limit();
-    LDAPMessage *raw = nullptr;
-    int lrc = plat::ldap_search_ext_s(s->ld, dn, LDAP_SCOPE_BASE, "(objectclass=*)", nullptr, 1, nullptr,
-                                      nullptr, &tv, 2, &raw);
-    zel::Message res(raw);
-    rc = static_cast<ZelRC>(lrc);
-    return lrc;
+    return static_cast<int>(rc = zel::guarded([&]() -> ZelRC {
+        zel::Message res;
+        return static_cast<ZelRC>(zel::search(s, dn, LDAP_SCOPE_BASE, "(objectclass=*)", nullptr, 1, 2, res));
+    }));
 }
 
 ZelRC form_UP_ePersonDN(ZelSession *s, const ZelUser *user, char **person_dn_out) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "form_UP_ePersonDN", rc);
-    if (person_dn_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    *person_dn_out = nullptr;
-    if (user == nullptr || (user->personDN == nullptr && user->userName == nullptr))
-        return rc = ZEL_RC_INVALID_ARGUMENT;
-    zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
-    if (!dn) return rc = ZEL_RC_NO_MEMORY;
-    if (s->version < 2 && (rc = zel::ensure_database_dn(s)) != 0) return rc;
-    if (user->personDN != nullptr) {
-        if (!zel::copy_into(dn.get(), zel::kDnSize, user->personDN)) return rc = ZEL_RC_INVALID_ARGUMENT;
-    } else if ((rc = locate_ePerson(s, user->userName, s->suffixes, dn.get())) != 0) {
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (person_dn_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        *person_dn_out = nullptr;
+        if (user == nullptr || (user->personDN == nullptr && user->userName == nullptr))
+            return rc = ZEL_RC_INVALID_ARGUMENT;
+        zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
+        if (!dn) return rc = ZEL_RC_NO_MEMORY;
+        if (zel::first_generation(s) && (rc = zel::ensure_database_dn(s)) != 0) return rc;
+        if (user->personDN != nullptr) {
+            if (!zel::copy_into(dn.get(), zel::kDnSize, user->personDN)) return rc = ZEL_RC_INVALID_ARGUMENT;
+        } else if ((rc = locate_ePerson(s, user->userName, s->suffixes, dn.get())) != 0) {
+            return rc;
+        }
+        *person_dn_out = dn.release();
         return rc;
-    }
-    *person_dn_out = dn.release();
-    return rc;
+    });
 }
 
 ZelRC create_update_ZelUser(ZelSession *s, const ZelUser *user, const char *person_dn, int32_t mode) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "create_update_ZelUser", rc);
-    if (mode != kCreate && mode != kUpdate) return rc = ZEL_RC_UNSUPPORTED_OPERATION;
-    if (user == nullptr || user->userName == nullptr || person_dn == nullptr)
-        return rc = ZEL_RC_INVALID_ARGUMENT;
-    const bool first_gen = s->version < 2;
-    if (first_gen && (rc = zel::ensure_database_dn(s)) != 0) return rc;
+    return rc = zel::guarded([&]() -> ZelRC {
+        ProfilePlan plan;
+        if ((rc = plan_profile(s, user, person_dn, mode, plan)) != 0) return rc;
+        const bool first_gen = zel::first_generation(s);
 
-    std::string user_dn;
-    if (mode == kCreate)
-        rc = first_gen ? person_profile_dn(user->userName, person_dn, user_dn)
-                       : domain_user_dn(s, user->userName, user_dn);
-    else
-        rc = find_profile(s, user, person_dn, mode, user_dn);
-    if (rc != 0) return rc;
-
-    std::vector<zel::AccessValues> access;
-    if (first_gen && (rc = zel::profile_access(s, user->userType, person_dn, user_dn.c_str(), access)) != 0)
-        return rc;
-
-    // The trailing ":" marks the entry as a Zel profile of this domain.
-    std::string authority = std::string(s->domain_name ? s->domain_name : "") + ":";
-    if (authority.size() >= zel::kShortValueSize) return rc = ZEL_RC_INVALID_ARGUMENT;
-    const char *state = user->enabled == 1 ? (first_gen ? "Active" : "TRUE") : (first_gen ? "Inactive" : "FALSE");
-
-    size_t slots = 7 + (user->description ? 1 : 0) + access.size();
-    if (mode == kCreate) {
-        {
-            zel::ModList mods(slots);
-            if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
-            if ((rc = fill_create_mods(s, user, person_dn, state, authority, access, mods)) != 0) return rc;
-            rc = add_profile(s, user_dn, authority, mods.get());
+        size_t slots = 7 + (user->description ? 1 : 0) + plan.access.size();
+        if (plan.mode == kCreate) {
+            {
+                zel::ModList mods(slots);
+                if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
+                if ((rc = fill_create_mods(s, user, person_dn, plan.state, plan.authority, plan.access, mods)) != 0)
+                    return rc;
+                rc = add_profile(s, plan.user_dn, plan.authority, mods.get());
+            }
+            if (rc == 0 && !first_gen) rc = add_credentials_container(s, plan.user_dn);
+            return rc;
         }
-        if (rc == 0 && !first_gen) rc = add_credentials_container(s, user_dn);
-        return rc;
-    }
 
-    zel::ModList mods(slots);
-    if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
-    if ((rc = fill_update_mods(s, user, state, mods)) != 0) return rc;
-    int lrc = plat::ldap_modify_ext_s(s->ld, user_dn.c_str(), mods.get(), nullptr, nullptr);
-    if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
-    return rc;
+        zel::ModList mods(slots);
+        if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
+        if ((rc = fill_update_mods(s, user, plan.state, mods)) != 0) return rc;
+        int lrc = plat::ldap_modify_ext_s(s->ld, plan.user_dn.c_str(), mods.get(), nullptr, nullptr);
+        if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
+        return rc;
+    });
 }
 
 ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u) {
@@ -246,17 +254,16 @@ ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u) {
         char *raw = nullptr;
         if ((rc = form_UP_ePersonDN(s, u, &raw)) != 0) return rc;
         zel::CText person_dn(raw);
+        // Everything the profile derives from the caller's text is measured
+        // before the membership is granted, and the profile DN the rollback
+        // needs is in hand before anything is written.
+        ProfilePlan plan;
+        if ((rc = plan_profile(s, u, person_dn.get(), kCreate, plan)) != 0) return rc;
         if ((rc = add_ZelUser_to_group(s, person_dn.get(), u->userType)) != 0) return rc;
 
         rc = create_update_ZelUser(s, u, person_dn.get(), kCreate);
-        if (rc != 0 && s->version < 2) {
-            // No profile, no membership: take back what was just granted.
-            zel::CText user_dn = zel::zeroed_buffer(zel::kDnSize);
-            if (!user_dn)
-                rc = ZEL_RC_NO_MEMORY;
-            else if (zel::format_into(user_dn.get(), zel::kDnSize, "cn=%s,%s", u->userName, person_dn.get()))
-                (void)remove_ZelUser_from_group(s, user_dn.get(), u->userType);
-        }
+        // No profile, no membership: take back what was just granted.
+        if (rc != 0 && zel::first_generation(s)) (void)remove_ZelUser_from_group(s, plan.user_dn.c_str(), u->userType);
         report(s, rc, "zelmgmt:Were unable to add Zel User Profile.",
                "zelmgmt:Were able add Zel User Profile successfully!");
         return rc;

@@ -10,28 +10,16 @@ namespace {
 
 constexpr size_t kUserTypeSize = 30;
 
-// Applies the prepared "member" modification to one group.  eDirectory also
-// keeps the membership on the member's own entry.
+// Applies the prepared "member" modification to one group; only when that
+// succeeds does eDirectory also record the membership on the member's own
+// entry.  The raw LDAP result is returned: callers decide which results
+// count as success, once every step is done.
 int edit_group(ZelSession *s, const std::string &group_dn, const char *person_dn, LDAPMod **mods,
-               ZelRC (*nds_edit)(ZelSession *, const char *, const char *), int already_done) {
+               ZelRC (*nds_edit)(ZelSession *, const char *, const char *)) {
     int lrc = plat::ldap_modify_ext_s(s->ld, group_dn.c_str(), mods, nullptr, nullptr);
-    if (lrc == already_done) lrc = LDAP_SUCCESS;
-    if (lrc == LDAP_SUCCESS && s->dir_kind == ZEL_DIR_EDIRECTORY) {
+    if (lrc == LDAP_SUCCESS && s->dir_kind == ZEL_DIR_EDIRECTORY)
         lrc = static_cast<int>(nds_edit(s, group_dn.c_str(), person_dn));
-        if (lrc == already_done) lrc = LDAP_SUCCESS;
-    }
     return lrc;
-}
-
-ZelRC base_search(ZelSession *s, const char *dn, const char *filter, ZelRC default_code, zel::Message &out) {
-    struct timeval tv = zel::no_time_limit();
-    LDAPMessage *raw = nullptr;
-    int lrc = plat::ldap_search_ext_s(s->ld, dn, LDAP_SCOPE_BASE, filter, nullptr, 0, nullptr, nullptr, &tv,
-                                      2, &raw);
-    out.reset(raw);
-    if (lrc == LDAP_SUCCESS) return 0;
-    out.reset();
-    return check_LDAP_rc(s, static_cast<uint32_t>(lrc), default_code, "ldap_search_ext_s()");
 }
 
 // The DN of the first entry of a search result, or "" when it has none.
@@ -48,7 +36,7 @@ ZelRC read_user_type(LDAP *ld, const zel::Message &res, char *type) {
         bool found = false;
         ZelRC rc = zel::walk_attributes(ld, e, [&](const char *name, char **values, struct berval **) -> ZelRC {
             if (found || !zel::same_text(name, "userType")) return 0;
-            if (!values || !values[0]) return ZEL_RC_USER_NOT_FOUND;
+            if (!values) return ZEL_RC_NO_MEMORY;  // the values were there: only memory was missing
             found = true;
             zel::copy_into(type, kUserTypeSize, values[0]);
             return 0;
@@ -61,14 +49,18 @@ ZelRC read_user_type(LDAP *ld, const zel::Message &res, char *type) {
 // Without the trailing ":" the entry no longer answers the profile search:
 // the person keeps the entry, the Zel profile is gone.
 ZelRC release_domain_user(ZelSession *s, const std::string &user_dn) {
-    // The records may already be gone; only running out of memory matters here.
-    if (delete_tree(s, ("cn=ResCreds," + user_dn).c_str()) == ZEL_RC_NO_MEMORY) return ZEL_RC_NO_MEMORY;
+    // Everything is measured and built before the first deletion.
     std::string authority = s->domain_name ? s->domain_name : "";
+    std::string records_dn;
     if (authority.size() >= zel::kShortValueSize) return ZEL_RC_INVALID_ARGUMENT;
+    if (ZelRC rc = zel::credentials_container_dn(user_dn, records_dn)) return rc;
     zel::ModList mods(2);
     if (!mods.ok()) return ZEL_RC_NO_MEMORY;
     ZelRC rc = mods.add(LDAP_MOD_REPLACE, "secAuthority", {authority.c_str()});
     if (rc != 0) return rc;
+    // The records may already be gone: the directory's answer does not
+    // matter here, running out of memory does (the entry would keep them).
+    if (delete_tree(s, records_dn.c_str()) == ZEL_RC_NO_MEMORY) return ZEL_RC_NO_MEMORY;
     int lrc = plat::ldap_modify_ext_s(s->ld, user_dn.c_str(), mods.get(), nullptr, nullptr);
     return lrc == LDAP_SUCCESS ? 0 : check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
 }
@@ -80,113 +72,120 @@ extern "C" {
 ZelRC add_ZelUser_to_group(ZelSession *s, const char *person_dn, const char *user_type) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "add_ZelUser_to_group", rc);
-    if (s->version >= 2) return rc;  // security domain users have no access groups
-    if (person_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    zel::CText first_buf = zel::zeroed_buffer(zel::kDnSize), second_buf = zel::zeroed_buffer(zel::kDnSize);
-    if (!first_buf || !second_buf) return rc = ZEL_RC_NO_MEMORY;
-    if ((rc = zel::ensure_database_dn(s)) != 0) return rc;
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (!zel::first_generation(s)) return rc;  // security domain users have no access groups
+        if (person_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        if ((rc = zel::ensure_database_dn(s)) != 0) return rc;
 
-    const char *first = nullptr, *second = nullptr;
-    if (user_type == nullptr) return rc;
-    if (zel::same_text(user_type, zel::kSeniorAdmin)) {
-        first = zel::kAdministratorsGroup;
-        second = zel::kSeniorAdministratorsGroup;
-    } else if (zel::same_text(user_type, zel::kMiddleTierServer)) {
-        first = zel::kMiddleTierServersGroup;
-    } else if (zel::same_text(user_type, zel::kPlainUser)) {
-        first = zel::kUsersGroup;
-    } else {
-        return rc;  // other types ("XR User") join no group
-    }
+        const char *first = nullptr, *second = nullptr;
+        if (user_type == nullptr) return rc;
+        if (zel::same_text(user_type, zel::kSeniorAdmin)) {
+            first = zel::kAdministratorsGroup;
+            second = zel::kSeniorAdministratorsGroup;
+        } else if (zel::same_text(user_type, zel::kMiddleTierServer)) {
+            first = zel::kMiddleTierServersGroup;
+        } else if (zel::same_text(user_type, zel::kPlainUser)) {
+            first = zel::kUsersGroup;
+        } else {
+            return rc;  // other types ("XR User") join no group
+        }
 
-    std::string first_dn, second_dn;
-    if (!zel::form_group_dn(first_dn, first, s->database_dn) ||
-        (second && !zel::form_group_dn(second_dn, second, s->database_dn)))
-        return rc = ZEL_RC_INVALID_ARGUMENT;
-    zel::ModList mods(2);
-    if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
-    if ((rc = mods.add(LDAP_MOD_ADD, "member", {person_dn})) != 0) return rc;
+        std::string first_dn, second_dn;
+        if (!zel::form_group_dn(first_dn, first, s->database_dn) ||
+            (second && !zel::form_group_dn(second_dn, second, s->database_dn)))
+            return rc = ZEL_RC_INVALID_ARGUMENT;
+        zel::ModList mods(2);
+        if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
+        if ((rc = mods.add(LDAP_MOD_ADD, "member", {person_dn})) != 0) return rc;
 
-    int lrc = edit_group(s, first_dn, person_dn, mods.get(), internal_nds_member_add,
-                         LDAP_TYPE_OR_VALUE_EXISTS);
-    if (lrc == LDAP_SUCCESS && second)
-        lrc = edit_group(s, second_dn, person_dn, mods.get(), internal_nds_member_add, LDAP_TYPE_OR_VALUE_EXISTS);
-    if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
-    return rc;
+        int lrc = edit_group(s, first_dn, person_dn, mods.get(), internal_nds_member_add);
+        if (lrc == LDAP_SUCCESS && second) lrc = edit_group(s, second_dn, person_dn, mods.get(), internal_nds_member_add);
+        // Already a member: nothing to do, and nothing that follows was done.
+        if (lrc != LDAP_SUCCESS && lrc != LDAP_TYPE_OR_VALUE_EXISTS)
+            rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
+        return rc;
+    });
 }
 
 ZelRC remove_ZelUser_from_group(ZelSession *s, const char *user_dn, const char *user_type) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "remove_ZelUser_from_group", rc);
-    if (s->database_dn == nullptr || user_dn == nullptr) return rc;
-    // Active Directory (and an undetermined kind) keeps no access groups.
-    if (s->dir_kind < ZEL_DIR_ORV || s->dir_kind > ZEL_DIR_GENERIC) return rc;
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (s->database_dn == nullptr || user_dn == nullptr) return rc;
+        // Active Directory (and an undetermined kind) keeps no access groups.
+        if (s->dir_kind < ZEL_DIR_ORV || s->dir_kind > ZEL_DIR_GENERIC) return rc;
 
-    zel::CText person_dn = zel::zeroed_buffer(zel::kDnSize);
-    if (!person_dn) return rc = ZEL_RC_NO_MEMORY;
-    if ((rc = construct_ePersonDN_from_UP(s, user_dn, person_dn.get())) != 0) return rc;
+        zel::CText person_dn = zel::zeroed_buffer(zel::kDnSize);
+        if (!person_dn) return rc = ZEL_RC_NO_MEMORY;
+        if ((rc = construct_ePersonDN_from_UP(s, user_dn, person_dn.get())) != 0) return rc;
 
-    std::string senior, admins, middle_tier, users;
-    if (!zel::form_group_dn(senior, zel::kSeniorAdministratorsGroup, s->database_dn) ||
-        !zel::form_group_dn(admins, zel::kAdministratorsGroup, s->database_dn) ||
-        !zel::form_group_dn(middle_tier, zel::kMiddleTierServersGroup, s->database_dn) ||
-        !zel::form_group_dn(users, zel::kUsersGroup, s->database_dn))
-        return rc = ZEL_RC_INVALID_ARGUMENT;
-    zel::ModList mods(2);
-    if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
-    if ((rc = mods.add(LDAP_MOD_DELETE, "member", {person_dn.get()})) != 0) return rc;
+        std::string senior, admins, middle_tier, users;
+        if (!zel::form_group_dn(senior, zel::kSeniorAdministratorsGroup, s->database_dn) ||
+            !zel::form_group_dn(admins, zel::kAdministratorsGroup, s->database_dn) ||
+            !zel::form_group_dn(middle_tier, zel::kMiddleTierServersGroup, s->database_dn) ||
+            !zel::form_group_dn(users, zel::kUsersGroup, s->database_dn))
+            return rc = ZEL_RC_INVALID_ARGUMENT;
+        zel::ModList mods(2);
+        if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
+        if ((rc = mods.add(LDAP_MOD_DELETE, "member", {person_dn.get()})) != 0) return rc;
 
-    const char *person = person_dn.get();
-    int lrc = LDAP_SUCCESS;
-    if (user_type == nullptr) {
-        // no type, no group
-    } else if (zel::same_text(user_type, zel::kPlainUser)) {
-        lrc = edit_group(s, users, person, mods.get(), internal_nds_member_rem, LDAP_NO_SUCH_ATTRIBUTE);
-    } else if (zel::same_text(user_type, zel::kMiddleTierServer)) {
-        lrc = edit_group(s, middle_tier, person, mods.get(), internal_nds_member_rem, LDAP_NO_SUCH_ATTRIBUTE);
-    } else if (zel::same_text(user_type, zel::kSeniorAdmin)) {
-        (void)edit_group(s, senior, person, mods.get(), internal_nds_member_rem, LDAP_NO_SUCH_ATTRIBUTE);
-        // On eDirectory the add helper follows here, not the removal one:
-        // deliberate, existing directories depend on it.
-        lrc = edit_group(s, admins, person, mods.get(), internal_nds_member_add, LDAP_NO_SUCH_ATTRIBUTE);
-    }
-    if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
-    if (rc == 0)
-        zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able to remove the user from Zel groups successfully!");
-    return rc;
+        const char *person = person_dn.get();
+        int lrc = LDAP_SUCCESS;
+        if (user_type == nullptr) {
+            // no type, no group
+        } else if (zel::same_text(user_type, zel::kPlainUser)) {
+            lrc = edit_group(s, users, person, mods.get(), internal_nds_member_rem);
+        } else if (zel::same_text(user_type, zel::kMiddleTierServer)) {
+            lrc = edit_group(s, middle_tier, person, mods.get(), internal_nds_member_rem);
+        } else if (zel::same_text(user_type, zel::kSeniorAdmin)) {
+            (void)edit_group(s, senior, person, mods.get(), internal_nds_member_rem);
+            // On eDirectory the add helper follows here, not the removal one:
+            // deliberate, existing directories depend on it.
+            lrc = edit_group(s, admins, person, mods.get(), internal_nds_member_add);
+        }
+        // Not a member: nothing to take back.
+        if (lrc != LDAP_SUCCESS && lrc != LDAP_NO_SUCH_ATTRIBUTE)
+            rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
+        if (rc == 0)
+            zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able to remove the user from Zel groups successfully!");
+        return rc;
+    });
 }
 
 ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result, int32_t mode) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "locate_ZelUser", rc);
-    if (result) *result = nullptr;
-    if (name_or_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    zel::CText dn = zel::zeroed_buffer(zel::kDnSize), filter = zel::zeroed_buffer(zel::kFilterSize);
-    if (!dn || !filter) return rc = ZEL_RC_NO_MEMORY;
+    return rc = zel::guarded([&]() -> ZelRC {
+        if (result) *result = nullptr;
+        if (name_or_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        zel::CText dn = zel::zeroed_buffer(zel::kDnSize), filter = zel::zeroed_buffer(zel::kFilterSize);
+        if (!dn || !filter) return rc = ZEL_RC_NO_MEMORY;
 
-    zel::Message res;
-    if (zel::contains(name_or_dn, "=")) {
-        // A DN: the entry itself.
-        if (!zel::copy_into(dn.get(), zel::kDnSize, name_or_dn)) return rc = ZEL_RC_INVALID_ARGUMENT;
-        std::strcpy(filter.get(), mode == 1 ? "(objectClass=eZelUser)" : "objectClass=*");
-        rc = base_search(s, dn.get(), filter.get(), 0, res);
-    } else if (mode == 1) {
-        if (!zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eZelUser)(cn=%s))", name_or_dn))
-            return rc = ZEL_RC_INVALID_ARGUMENT;
-        LDAPMessage *raw = nullptr;
-        rc = determine_DN(s, s->suffixes, filter.get(), dn.get(), &raw);
-        res.reset(raw);
-        if (rc == ZEL_RC_ENTRY_NOT_FOUND) rc = ZEL_RC_USER_NOT_FOUND;
-    } else {
-        if (s->domain_dn == nullptr) return rc = ZEL_RC_USER_NOT_FOUND;  // no domain, no domain user
-        if (!zel::format_into(dn.get(), zel::kDnSize, "principalName=%s,cn=Users,%s", name_or_dn, s->domain_dn))
-            return rc = ZEL_RC_INVALID_ARGUMENT;
-        std::strcpy(filter.get(), "objectClass=*");
-        rc = base_search(s, dn.get(), filter.get(), ZEL_RC_ENTRY_NOT_FOUND, res);
-        if (rc == ZEL_RC_ENTRY_NOT_FOUND) rc = ZEL_RC_USER_NOT_FOUND;
-    }
-    if (rc == 0 && result) *result = res.release();
-    return rc;
+        zel::Message res;
+        if (zel::contains(name_or_dn, "=")) {
+            // A DN: the entry itself.
+            if (!zel::copy_into(dn.get(), zel::kDnSize, name_or_dn)) return rc = ZEL_RC_INVALID_ARGUMENT;
+            std::strcpy(filter.get(), mode == 1 ? "(objectClass=eZelUser)" : "objectClass=*");
+            rc = zel::search_mapped(s, dn.get(), LDAP_SCOPE_BASE, filter.get(), nullptr, 0, 2, 0, res);
+        } else if (mode == 1) {
+            if (!zel::format_filter(filter.get(), "(&(objectClass=eZelUser)(cn=%s))", name_or_dn))
+                return rc = ZEL_RC_INVALID_ARGUMENT;
+            LDAPMessage *raw = nullptr;
+            rc = determine_DN(s, s->suffixes, filter.get(), dn.get(), &raw);
+            res.reset(raw);
+            if (rc == ZEL_RC_ENTRY_NOT_FOUND) rc = ZEL_RC_USER_NOT_FOUND;
+        } else {
+            if (s->domain_dn == nullptr) return rc = ZEL_RC_USER_NOT_FOUND;  // no domain, no domain user
+            std::string user_dn;
+            if ((rc = zel::domain_user_dn(s, name_or_dn, user_dn)) != 0) return rc;
+            zel::copy_into(dn.get(), zel::kDnSize, user_dn.c_str());  // fits: measured above
+            std::strcpy(filter.get(), "objectClass=*");
+            rc = zel::search_mapped(s, dn.get(), LDAP_SCOPE_BASE, filter.get(), nullptr, 0, 2, ZEL_RC_ENTRY_NOT_FOUND, res);
+            if (rc == ZEL_RC_ENTRY_NOT_FOUND) rc = ZEL_RC_USER_NOT_FOUND;
+        }
+        if (rc == 0 && result) *result = res.release();
+        return rc;
+    });
 }
 
 ZelRC Zel_verifyZelUser(ZelSession *s, const char *personDN, char **userDN_out) {
@@ -217,8 +216,9 @@ ZelRC Zel_removeZelUser(ZelSession *s, const char *nameOrDN) {
         zel::RoutineTrace trace(s, "Zel_removeZelUser", rc);
         if (nameOrDN == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
 
-        // First-generation profiles live in the Zel database, located lazily.
-        if (s->version < 2) rc = zel::ensure_database_dn(s);
+        // First-generation profiles live in the Zel database, located lazily;
+        // a directory without one holds no such profile.
+        if (zel::first_generation(s) && (rc = zel::ensure_database_dn(s)) == ZEL_RC_DATABASE_NOT_FOUND) rc = 0;
         std::string v1_dn, v2_dn;
         zel::Message v1_res;
         if (rc == 0 && s->database_dn) {
@@ -228,7 +228,7 @@ ZelRC Zel_removeZelUser(ZelSession *s, const char *nameOrDN) {
             if (rc == ZEL_RC_USER_NOT_FOUND) rc = 0;
             else if (rc == 0) v1_dn = first_dn(s->ld, v1_res);
         }
-        if (rc == 0 && s->version >= 2) {
+        if (rc == 0 && !zel::first_generation(s)) {
             LDAPMessage *raw = nullptr;
             rc = locate_ZelUser(s, nameOrDN, &raw, 2);
             zel::Message v2_res(raw);

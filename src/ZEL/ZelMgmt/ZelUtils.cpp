@@ -64,7 +64,15 @@ ZelRC ModList::add(int op, const char *type, int32_t count, char *const *values)
     if (!mods_ || used_ + 1 >= slots_) return ZEL_RC_SYSTEM_ERROR;
     ZelRC rc = bld_attribute(mods_, static_cast<uint32_t>(used_), const_cast<char *>(type), count,
                              const_cast<char **>(values), op);
-    if (mods_[used_]) ++used_;
+    if (rc != 0) {
+        // An unfinished modification is taken out again: the list holds
+        // complete modifications only and stays null-terminated.
+        if (mods_[used_]) std::free(mods_[used_]->mod_values);
+        std::free(mods_[used_]);
+        mods_[used_] = nullptr;
+        return rc;
+    }
+    ++used_;
     return rc;
 }
 
@@ -74,74 +82,83 @@ extern "C" {
 
 ZelRC bld_attribute(LDAPMod **mods, uint32_t index, char *type, int32_t count, char **values,
                     int32_t op) {
-    LDAPMod *mod = static_cast<LDAPMod *>(std::calloc(1, sizeof(LDAPMod)));
-    mods[index] = mod;
-    if (!mod) return ZEL_RC_NO_MEMORY;
-    mod->mod_op = op;
-    mod->mod_type = type;
-    size_t n = count > 0 ? static_cast<size_t>(count) : 0;
-    char **array = static_cast<char **>(std::calloc(n + 1, sizeof(char *)));
-    if (!array) return ZEL_RC_NO_MEMORY;
-    for (size_t i = 0; i < n; ++i) array[i] = values[i];
-    mod->mod_values = array;  // shares storage with mod_bvalues for binary values
-    return 0;
+    return zel::guarded([&]() -> ZelRC {
+        LDAPMod *mod = static_cast<LDAPMod *>(std::calloc(1, sizeof(LDAPMod)));
+        mods[index] = mod;
+        if (!mod) return ZEL_RC_NO_MEMORY;
+        mod->mod_op = op;
+        mod->mod_type = type;
+        size_t n = count > 0 ? static_cast<size_t>(count) : 0;
+        char **array = static_cast<char **>(std::calloc(n + 1, sizeof(char *)));
+        if (!array) return ZEL_RC_NO_MEMORY;
+        for (size_t i = 0; i < n; ++i) array[i] = values[i];
+        mod->mod_values = array;  // shares storage with mod_bvalues for binary values
+        return 0;
+    });
 }
 
 void zel_mods_free(LDAPMod **mods) {
-    if (mods == nullptr) return;
-    for (size_t i = 0; mods[i]; ++i) {
-        LDAPMod *mod = mods[i];
-        if (mod->mod_op & LDAP_MOD_BVALUES) {
-            for (size_t v = 0; mod->mod_bvalues && mod->mod_bvalues[v]; ++v)
-                std::free(mod->mod_bvalues[v]->bv_val);
-            std::free(mod->mod_bvalues);
-        } else {
-            for (size_t v = 0; mod->mod_values && mod->mod_values[v]; ++v) std::free(mod->mod_values[v]);
-            std::free(mod->mod_values);
+    (void)zel::guarded([&]() -> ZelRC {
+        if (mods == nullptr) return 0;
+        for (size_t i = 0; mods[i]; ++i) {
+            LDAPMod *mod = mods[i];
+            if (mod->mod_op & LDAP_MOD_BVALUES) {
+                for (size_t v = 0; mod->mod_bvalues && mod->mod_bvalues[v]; ++v)
+                    std::free(mod->mod_bvalues[v]->bv_val);
+                std::free(mod->mod_bvalues);
+            } else {
+                for (size_t v = 0; mod->mod_values && mod->mod_values[v]; ++v) std::free(mod->mod_values[v]);
+                std::free(mod->mod_values);
+            }
+            std::free(mod->mod_type);
+            std::free(mod);
+            mods[i] = nullptr;
         }
-        std::free(mod->mod_type);
-        std::free(mod);
-        mods[i] = nullptr;
-    }
-    std::free(mods);
+        std::free(mods);
+        return 0;
+    });
 }
 
 ZelRC delete_tree(ZelSession *s, const char *dn) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "delete_tree", rc);
-    zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
-    if (!filter) return rc = ZEL_RC_NO_MEMORY;
+    return rc = zel::guarded([&]() -> ZelRC {
+        zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
+        if (!filter) return rc = ZEL_RC_NO_MEMORY;
 
-    int lrc = plat::ldap_delete_ext_s(s->ld, dn, nullptr, nullptr);
-    if (lrc == LDAP_SUCCESS) return rc;
-    if (lrc != LDAP_NOT_ALLOWED_ON_NONLEAF)
-        return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_delete_ext_s()");
+        int lrc = plat::ldap_delete_ext_s(s->ld, dn, nullptr, nullptr);
+        if (lrc == LDAP_SUCCESS) return rc;
+        if (lrc != LDAP_NOT_ALLOWED_ON_NONLEAF)
+            return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_delete_ext_s()");
 
-    std::strcpy(filter.get(), "(objectClass=*)");
-    struct timeval tv = zel::no_time_limit();
-    LDAPMessage *raw = nullptr;
-    lrc = plat::ldap_search_ext_s(s->ld, dn, LDAP_SCOPE_ONELEVEL, filter.get(), nullptr, 1, nullptr,
-                                  nullptr, &tv, 0, &raw);
-    zel::Message children(raw);
-    if (lrc != LDAP_SUCCESS)
-        return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+        std::strcpy(filter.get(), "(objectClass=*)");
+        struct timeval tv = zel::no_time_limit();
+        LDAPMessage *raw = nullptr;
+        lrc = plat::ldap_search_ext_s(s->ld, dn, LDAP_SCOPE_ONELEVEL, filter.get(), nullptr, 1, nullptr,
+                                      nullptr, &tv, 0, &raw);
+        zel::Message children(raw);
+        if (lrc != LDAP_SUCCESS)
+            return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
 
-    for (LDAPMessage *e = ldap_first_entry(s->ld, children.get()); e && rc == 0;
-         e = ldap_next_entry(s->ld, e)) {
-        zel::LdapText child(ldap_get_dn(s->ld, e));
-        if (child && !zel::same_text(child.get(), dn)) rc = delete_tree(s, child.get());
-    }
-    if (rc != 0) return rc;
+        for (LDAPMessage *e = ldap_first_entry(s->ld, children.get()); e && rc == 0;
+             e = ldap_next_entry(s->ld, e)) {
+            zel::LdapText child(ldap_get_dn(s->ld, e));
+            if (child && !zel::same_text(child.get(), dn)) rc = delete_tree(s, child.get());
+        }
+        if (rc != 0) return rc;
 
-    lrc = plat::ldap_delete_ext_s(s->ld, dn, nullptr, nullptr);
-    if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_delete_ext_s()");
-    return rc;
+        lrc = plat::ldap_delete_ext_s(s->ld, dn, nullptr, nullptr);
+        if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_delete_ext_s()");
+        return rc;
+    });
 }
 
 ZelRC internal_nds_member_add(ZelSession *s, const char *group_dn, const char *member_dn) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "internal_nds_member_add", rc);
-    return rc = nds_member_edit(s, group_dn, member_dn, LDAP_MOD_ADD);
+    return rc = zel::guarded([&]() -> ZelRC {
+        return rc = nds_member_edit(s, group_dn, member_dn, LDAP_MOD_ADD);
+    });
 }
 
 // Drops every security equivalence and group membership of the member, not
@@ -149,8 +166,10 @@ ZelRC internal_nds_member_add(ZelSession *s, const char *group_dn, const char *m
 ZelRC internal_nds_member_rem(ZelSession *s, const char *group_dn, const char *member_dn) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "internal_nds_member_rem", rc);
-    (void)group_dn;
-    return rc = nds_member_edit(s, nullptr, member_dn, LDAP_MOD_DELETE);
+    return rc = zel::guarded([&]() -> ZelRC {
+        (void)group_dn;
+        return rc = nds_member_edit(s, nullptr, member_dn, LDAP_MOD_DELETE);
+    });
 }
 
 }  // extern "C"

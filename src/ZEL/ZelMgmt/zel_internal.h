@@ -15,6 +15,7 @@
 #include <memory>
 #include <initializer_list>
 #include <new>
+#include <string>
 
 #include "zelmgmt.h"
 #include "platform/ldap_client.h"
@@ -209,6 +210,44 @@ private:
     size_t slots_;
     size_t used_ = 0;
 };
+
+// ---- Shared helpers: suffix lists, searches, well-known DNs ----
+
+// Appends a node owning a zero-filled copy of `length` bytes of text; 1012
+// when memory runs out (the list is left as it was).
+ZelRC append_suffix(ZelSuffixNode **head, const char *text, size_t length);
+void free_suffixes(ZelSuffixNode *head);
+
+// One search with no time limit and no controls.  The result message, if
+// the directory sent one, is in `out` whatever the outcome; the answer is
+// the LDAP result as it stands.
+int search(ZelSession *s, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+           int size_limit, Message &out);
+// The same, mapped: 0, or check_LDAP_rc(result, default_code,
+// "ldap_search_ext_s()") with `out` emptied.
+ZelRC search_mapped(ZelSession *s, const char *base, int scope, const char *filter, char **attrs,
+                    int attrsonly, int size_limit, ZelRC default_code, Message &out);
+
+// A filter in a 600-byte buffer from a format with one "%s", which receives
+// the caller's value escaped as an assertion value; false (nothing written)
+// when it would not fit.
+bool format_filter(char *dst, const char *fmt, const char *value) ZEL_PRINTF(2, 0);
+
+// Well-known DNs, each built into `out`: 1005 when it would not fit a DN
+// buffer, 35 when the session has no security domain.  A caller's name is
+// escaped as an attribute value.
+// "<type>=<value>,<parent>"
+ZelRC child_dn(const char *type, const char *value, const std::string &parent, std::string &out);
+// "cn=Resources,<security domain DN>"
+ZelRC resources_container_dn(const ZelSession *s, std::string &out);
+// "secResourceID=<name>,cn=Resources,<security domain DN>"
+ZelRC domain_resource_dn(const ZelSession *s, const char *name, std::string &out);
+// "principalName=<name>,cn=Users,<security domain DN>"
+ZelRC domain_user_dn(const ZelSession *s, const char *name, std::string &out);
+// "cn=ResCreds,<user DN>": a security domain user's target records
+ZelRC credentials_container_dn(const std::string &user_dn, std::string &out);
+
+// ---- end of shared helpers ----
 
 }  // namespace zel
 
