@@ -294,7 +294,8 @@ ZEL_API void Zel_freeZelUser(ZelUser *user);
  * as it is; one that cannot be read with the keys at hand is left as it is and
  * its entry's DN listed.  On success *out is handed out (release it with
  * Zel_freeRekeyReport); 1000 when ZEL_KEYFILE names a key file that cannot be
- * used, 19 when the user is no Zel user, 1005 for a null out. */
+ * used, the user's statuses of Zel_getAllTargetRecord (19 no Zel user, 28 no
+ * such person), 1005 for a null out. */
 typedef struct ZelRekeyReport {
     int32_t rewritten;        /* values rewritten */
     int32_t unreadableCount;
