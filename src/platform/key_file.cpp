@@ -1,5 +1,6 @@
 // The operator's key file on libsodium.  See key_file.h for the format.
 #include "platform/key_file.h"
+#include "platform/wiped_bytes.h"
 
 #include <fcntl.h>
 #include <sodium.h>
@@ -22,20 +23,6 @@ constexpr char kActive[] = "active";
 constexpr size_t kMaxFileBytes = 64 * 1024;
 // "zelkey1 " id " " base64 " active\n"
 constexpr size_t kMaxLineBytes = 8 + kKeyIdMax + 1 + 44 + 8 + 1;
-
-// A buffer that may hold key material: sized once, wiped when it goes.
-class WipedText {
-public:
-    explicit WipedText(size_t capacity) : bytes_(capacity) {}
-    ~WipedText() { sodium_memzero(bytes_.data(), bytes_.size()); }
-    WipedText(const WipedText &) = delete;
-    WipedText &operator=(const WipedText &) = delete;
-    char *data() { return bytes_.data(); }
-    size_t capacity() const { return bytes_.size(); }
-
-private:
-    std::vector<char> bytes_;
-};
 
 bool id_character(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' || c == '_' ||
@@ -96,15 +83,15 @@ bool write_all(int fd, const char *data, size_t length) {
 }
 
 // The ring as key file text, in `out`; the length written, or 0.
-size_t format_ring(const KeyRing &ring, WipedText &out) {
+size_t format_ring(const KeyRing &ring, WipedBytes &out) {
     size_t used = 0;
     for (const OperatorKey &k : ring.keys()) {
         char encoded[sodium_base64_ENCODED_LEN(kOperatorKeyBytes, sodium_base64_VARIANT_ORIGINAL)];
         sodium_bin2base64(encoded, sizeof encoded, k.key, sizeof k.key, sodium_base64_VARIANT_ORIGINAL);
-        int n = std::snprintf(out.data() + used, out.capacity() - used, "%s %s %s%s\n", kMagic, k.id, encoded,
+        int n = std::snprintf(out.text() + used, out.size() - used, "%s %s %s%s\n", kMagic, k.id, encoded,
                               k.active ? " active" : "");
         sodium_memzero(encoded, sizeof encoded);
-        if (n < 0 || static_cast<size_t>(n) >= out.capacity() - used) return 0;
+        if (n < 0 || static_cast<size_t>(n) >= out.size() - used) return 0;
         used += static_cast<size_t>(n);
     }
     return used;
@@ -192,19 +179,19 @@ KeyFileState read_key_file(const char *path, KeyRing &ring) {
     struct stat st {};
     bool trusted = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & (S_IRWXG | S_IRWXO)) == 0 &&
                    static_cast<size_t>(st.st_size) <= kMaxFileBytes;
-    WipedText text(trusted ? static_cast<size_t>(st.st_size) + 1 : 0);
+    WipedBytes text(trusted ? static_cast<size_t>(st.st_size) + 1 : 0);
     size_t length = 0;
     while (trusted) {
-        ssize_t n = ::read(fd, text.data() + length, text.capacity() - length);
+        ssize_t n = ::read(fd, text.text() + length, text.size() - length);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) trusted = false;
         if (n <= 0) break;
         length += static_cast<size_t>(n);
         // The file grew while it was read: not the file that was checked.
-        if (length == text.capacity()) trusted = false;
+        if (length == text.size()) trusted = false;
     }
     ::close(fd);
-    return trusted && ring.parse(text.data(), length) ? KeyFileState::usable : KeyFileState::refused;
+    return trusted && ring.parse(text.text(), length) ? KeyFileState::usable : KeyFileState::refused;
 }
 
 KeyFileState read_configured_keys(KeyRing &ring) {
@@ -214,13 +201,13 @@ KeyFileState read_configured_keys(KeyRing &ring) {
 }
 
 bool write_key_file(const char *path, const KeyRing &ring, bool replace) {
-    WipedText text(ring.keys().size() * kMaxLineBytes + 1);
+    WipedBytes text(ring.keys().size() * kMaxLineBytes + 1);
     size_t length = format_ring(ring, text);
     if (length == 0) return false;
-    if (!replace) return write_new_file(path, text.data(), length);
+    if (!replace) return write_new_file(path, text.text(), length);
     // The new copy is complete on disk before it takes the old one's place.
     std::string staged = std::string(path) + ".new";
-    if (!write_new_file(staged.c_str(), text.data(), length)) return false;
+    if (!write_new_file(staged.c_str(), text.text(), length)) return false;
     if (::rename(staged.c_str(), path) == 0) return true;
     ::unlink(staged.c_str());
     return false;

@@ -1,6 +1,7 @@
 // Password masking and operator-key encryption on libsodium.  See
 // password_mask.h for the formats.
 #include "platform/password_mask.h"
+#include "platform/wiped_bytes.h"
 
 #include <sodium.h>
 
@@ -68,20 +69,6 @@ bool compute_tag(const MaskKeys &keys, const unsigned char *nonce_and_masked, si
     sodium_memzero(&state, sizeof state);
     return ok;
 }
-
-// Holds bytes that may reveal a password and wipes them when done.
-class WipedBytes {
-public:
-    explicit WipedBytes(size_t length) : bytes_(length) {}
-    ~WipedBytes() { sodium_memzero(bytes_.data(), bytes_.size()); }
-    WipedBytes(const WipedBytes &) = delete;
-    WipedBytes &operator=(const WipedBytes &) = delete;
-    unsigned char *data() { return bytes_.data(); }
-    size_t size() const { return bytes_.size(); }
-
-private:
-    std::vector<unsigned char> bytes_;
-};
 
 constexpr char kSealedPrefix[] = "{ZK1}";
 constexpr size_t kSealedPrefixLength = sizeof kSealedPrefix - 1;
