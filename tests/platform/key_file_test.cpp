@@ -1,37 +1,27 @@
 // Encryption under an operator's key file, beside the built-in mask.
-#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <string>
 
 #include "platform/password_mask.h"
 #include "support/env.h"
+#include "support/key_files.h"
 
 namespace {
 
 namespace plat = zel::platform;
+using zeltest::key_file;
+using zeltest::kKeyLineA;
+using zeltest::kKeyLineB;
 using zeltest::ScopedEnv;
 
 struct FreeText {
     void operator()(char *p) const { free(p); }
 };
 using Text = std::unique_ptr<char, FreeText>;
-
-// 32 bytes of one letter each, base64.
-const std::string kKeyA = "QUFBQUFBQUFBQUFBQUFBQUFBQUFBQUFBQUFBQUFBQUE=";
-const std::string kKeyB = "QkJCQkJCQkJCQkJCQkJCQkJCQkJCQkJCQkJCQkJCQkI=";
-
-std::string key_file(const std::string &content, mode_t mode = 0600) {
-    static int serial = 0;
-    const std::string path = testing::TempDir() + "keys-" + std::to_string(++serial);
-    std::ofstream(path) << content;
-    chmod(path.c_str(), mode);
-    return path;
-}
 
 std::string encode(const char *clear) {
     Text text(plat::util_encode(clear));
@@ -45,7 +35,7 @@ std::string decode(const std::string &stored) {
 
 TEST(KeyFile, EncryptsUnderTheActiveKeyAndReadsEveryKeyOfTheFile) {
     std::string masked = encode("pw");
-    const std::string one = key_file("zelkey1 a " + kKeyA + " active\n");
+    const std::string one = key_file(kKeyLineA + " active\n");
     ScopedEnv env("ZEL_KEYFILE", one.c_str());
     std::string under_a = encode("pw");
     EXPECT_EQ(under_a.rfind("{ZK1}a:", 0), 0u) << under_a;
@@ -54,7 +44,7 @@ TEST(KeyFile, EncryptsUnderTheActiveKeyAndReadsEveryKeyOfTheFile) {
     EXPECT_FALSE(plat::util_is_current(masked.c_str()));
 
     // A second active key: both read, the new one writes.
-    const std::string two = key_file("# rotated\nzelkey1 a " + kKeyA + "\n\nzelkey1 b " + kKeyB + " active\n");
+    const std::string two = key_file("# rotated\n" + kKeyLineA + "\n\n" + kKeyLineB + " active\n");
     setenv("ZEL_KEYFILE", two.c_str(), 1);
     std::string under_b = encode("pw");
     EXPECT_EQ(under_b.rfind("{ZK1}b:", 0), 0u) << under_b;
@@ -69,14 +59,14 @@ TEST(KeyFile, EncryptsUnderTheActiveKeyAndReadsEveryKeyOfTheFile) {
               (std::vector<std::string>{"pw", "pw", "pw", "(null)", "(null)"}));
 
     // Key a removed, then no key file at all.
-    setenv("ZEL_KEYFILE", key_file("zelkey1 b " + kKeyB + " active\n").c_str(), 1);
+    setenv("ZEL_KEYFILE", key_file(kKeyLineB + " active\n").c_str(), 1);
     EXPECT_EQ(decode(under_a), "(null)");
     unsetenv("ZEL_KEYFILE");
     EXPECT_EQ((std::vector<std::string>{decode(masked), decode(under_b)}), (std::vector<std::string>{"pw", "(null)"}));
 }
 
 TEST(KeyFile, AnUnusableKeyFileRefusesToEncrypt) {
-    const std::string good = "zelkey1 a " + kKeyA + " active\n";
+    const std::string good = kKeyLineA + " active\n";
     struct Case {
         const char *why;
         std::string path;
@@ -87,13 +77,13 @@ TEST(KeyFile, AnUnusableKeyFileRefusesToEncrypt) {
         {"missing", testing::TempDir() + "no-such-key-file"},
         {"a directory", testing::TempDir()},
         {"empty", key_file("")},
-        {"no active key", key_file("zelkey1 a " + kKeyA + "\n")},
-        {"two active keys", key_file(good + "zelkey1 b " + kKeyB + " active\n")},
-        {"an id twice", key_file(good + "zelkey1 a " + kKeyB + "\n")},
+        {"no active key", key_file(kKeyLineA + "\n")},
+        {"two active keys", key_file(good + kKeyLineB + " active\n")},
+        {"an id twice", key_file(good + "zelkey1 a" + kKeyLineB.substr(9) + "\n")},
         {"short key", key_file("zelkey1 a QUFB active\n")},
-        {"bad id", key_file("zelkey1 a/b " + kKeyA + " active\n")},
-        {"unknown version", key_file("zelkey2 a " + kKeyA + " active\n")},
-        {"extra word", key_file("zelkey1 a " + kKeyA + " active now\n")},
+        {"bad id", key_file("zelkey1 a/b " + kKeyLineA.substr(10) + " active\n")},
+        {"unknown version", key_file("zelkey2" + kKeyLineA.substr(7) + " active\n")},
+        {"extra word", key_file(kKeyLineA + " active now\n")},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.why);

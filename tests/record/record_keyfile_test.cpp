@@ -1,12 +1,12 @@
 // Target record passwords encrypted under an operator's key file, and rekey.
 #include <sodium.h>
-#include <sys/stat.h>
 
 #include <fstream>
 
 #include "record/record_fixture.h"
 #include "support/alloc_faults.h"
 #include "support/env.h"
+#include "support/key_files.h"
 #include "support/zelctl.h"
 
 using namespace recordtest;
@@ -14,18 +14,6 @@ using zeltest::ScopedEnv;
 using Strings = std::vector<std::string>;
 
 namespace {
-
-const std::string kKeyA = "zelkey1 a QUFBQUFBQUFBQUFBQUFBQUFBQUFBQUFBQUFBQUFBQUE=";
-const std::string kKeyB = "zelkey1 b QkJCQkJCQkJCQkJCQkJCQkJCQkJCQkJCQkJCQkJCQkI=";
-const std::string kKeyC = "zelkey1 c Q0NDQ0NDQ0NDQ0NDQ0NDQ0NDQ0NDQ0NDQ0NDQ0NDQ0M=";
-
-std::string key_file(const std::string &content, mode_t mode = 0600) {
-    static int serial = 0;
-    const std::string path = testing::TempDir() + "record-keys-" + std::to_string(++serial);
-    std::ofstream(path) << content;
-    chmod(path.c_str(), mode);
-    return path;
-}
 
 std::string password_of(ZelSession *s, const char *id) {
     ZelTargetRecord *r = nullptr;
@@ -60,7 +48,7 @@ const std::string kAppDn = "secResCredsID=T:app,cn=ResCreds," + kJoDomainUser;
 
 TEST_F(RecordTest, EncryptedPasswordsReadBackOnlyWithTheirKeyAndUnchanged) {
     open_with_jo(2);
-    ScopedEnv env("ZEL_KEYFILE", key_file(kKeyA + " active\n").c_str());
+    ScopedEnv env("ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str());
     ZelTargetRecord r = record("T:app", "app", "jdoe", "pa55word");
     ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &r), 0u);
     const std::string stored = dir->entry(kAppDn).first("secAuthnData");
@@ -77,7 +65,7 @@ TEST_F(RecordTest, EncryptedPasswordsReadBackOnlyWithTheirKeyAndUnchanged) {
 
     unsetenv("ZEL_KEYFILE");
     ASSERT_EQ(Zel_updateTargetRecord(s.get(), "jo", &r), 0u);
-    setenv("ZEL_KEYFILE", key_file(kKeyB + " active\n").c_str(), 1);
+    setenv("ZEL_KEYFILE", key_file(kKeyLineB + " active\n").c_str(), 1);
     EXPECT_EQ(password_of(s.get(), "T:app"), "pa55word") << "masked values still read";
     ASSERT_EQ(Zel_updateTargetRecord(s.get(), "jo", &r), 0u);
     unsetenv("ZEL_KEYFILE");
@@ -86,7 +74,7 @@ TEST_F(RecordTest, EncryptedPasswordsReadBackOnlyWithTheirKeyAndUnchanged) {
 
 TEST_F(RecordTest, AnUnusableKeyFileStoresNothing) {
     open_with_jo(2);
-    ScopedEnv env("ZEL_KEYFILE", key_file(kKeyA + " active\n", 0640).c_str());
+    ScopedEnv env("ZEL_KEYFILE", key_file(kKeyLineA + " active\n", 0640).c_str());
     ZelTargetRecord r = record("T:app", "app", "jdoe", "pa55word");
     EXPECT_EQ(Zel_addTargetRecord(s.get(), "jo", &r), ZEL_RC_SYSTEM_ERROR);
     EXPECT_FALSE(dir->exists(kAppDn));
@@ -109,17 +97,17 @@ TEST_F(RecordTest, RekeyRewritesOnceAndLeavesWhatItCannotRead) {
         ZelTargetRecord r = record(c.id, c.service, "jdoe", "pa55word", nullptr, c.type);
         ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &r), 0u);
 
-        ScopedEnv env("ZEL_KEYFILE", key_file(kKeyA + " active\n").c_str());
+        ScopedEnv env("ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str());
         EXPECT_EQ(rekey(s.get(), "jo"), Strings{"1"});
         EXPECT_EQ(dir->entry(c.dn).first(c.attr).rfind("{ZK1}a:", 0), 0u);
         EXPECT_EQ(rekey(s.get(), "jo"), Strings{"0"}) << "a second rekey converts nothing";
 
-        setenv("ZEL_KEYFILE", key_file(kKeyA + "\n" + kKeyB + " active\n").c_str(), 1);
+        setenv("ZEL_KEYFILE", key_file(kKeyLineA + "\n" + kKeyLineB + " active\n").c_str(), 1);
         EXPECT_EQ(rekey(s.get(), nullptr), Strings{"1"});
         EXPECT_EQ(dir->entry(c.dn).first(c.attr).rfind("{ZK1}b:", 0), 0u);
         EXPECT_EQ(password_of(s.get(), c.id), "pa55word");
 
-        setenv("ZEL_KEYFILE", key_file(kKeyC + " active\n").c_str(), 1);
+        setenv("ZEL_KEYFILE", key_file(kKeyLineC + " active\n").c_str(), 1);
         EXPECT_EQ(rekey(s.get(), nullptr), (Strings{"0", c.dn}));
         EXPECT_EQ(password_of(s.get(), c.id), "status 1013");
         EXPECT_EQ(rekey(s.get(), "nobody"), Strings{"status 28"}) << "no such person";
@@ -130,7 +118,7 @@ TEST_F(RecordTest, RekeyRewritesOnceAndLeavesWhatItCannotRead) {
 TEST_F(RecordTest, KeyFileWritesAndRekeySurviveAllocationFailures) {
     open_with_jo(2);
     ZelTargetRecord r = record("T:app", "app", "jdoe", "pa55word");
-    ScopedEnv env("ZEL_KEYFILE", key_file(kKeyA + " active\n").c_str());
+    ScopedEnv env("ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str());
     each_allocation_fails("add", 0, [&] { return Zel_addTargetRecord(s.get(), "jo", &r); },
                           [&] { (void)Zel_removeTargetRecord(s.get(), "jo", "T:app"); });
     auto masked_again = [&] {
