@@ -287,6 +287,24 @@ ZEL_API void Zel_freeSessionInfo(ZelSessionInfo *info);
 ZEL_API ZelRC Zel_getZelUser(ZelSession *s, const char *name, ZelUser **out);
 ZEL_API void Zel_freeZelUser(ZelUser *user);
 
+/* Key rotation: stored passwords rewritten in the form a write uses now (under
+ * the active key of the key file ZEL_KEYFILE names, else masked).  `user`
+ * names one Zel user as Zel_getAllTargetRecord does; null means every target
+ * record under the session's suffixes.  A value already in that form is left
+ * as it is; one that cannot be read with the keys at hand is left as it is and
+ * its entry's DN listed.  On success *out is handed out (release it with
+ * Zel_freeRekeyReport); 1000 when ZEL_KEYFILE names a key file that cannot be
+ * used, the user's statuses of Zel_getAllTargetRecord (19 no Zel user, 28 no
+ * such person), 1005 for a null out. */
+typedef struct ZelRekeyReport {
+    int32_t rewritten;        /* values rewritten */
+    int32_t unreadableCount;
+    char **unreadable;        /* DNs of the entries left as they were */
+} ZelRekeyReport;
+
+ZEL_API ZelRC Zel_rekeyTargetRecords(ZelSession *s, const char *user, ZelRekeyReport **out);
+ZEL_API void Zel_freeRekeyReport(ZelRekeyReport *report);
+
 #ifdef __cplusplus
 }
 #endif

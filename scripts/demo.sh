@@ -118,6 +118,22 @@ z credential get jo intranet
 z --json credential get jo mail --reveal
 z credential get jo payroll || echo "(exit status $?)"
 # ---- end of target records ----------------------------------------------------
+# ---- passwords encrypted under an operator's key ------------------------------
+echo "== a key file; a record written under it reads back, and the directory holds ciphertext"
+keys="$work/keys"
+printf '$ zelctl key generate %q\n' "$keys"
+"$zelctl" key generate "$keys"
+printf 'vault-secret\n' | ZEL_KEYFILE="$keys" z record add jo T:mail --service mail --account jo.mail --password-stdin
+ZEL_KEYFILE="$keys" z record get jo T:mail --reveal
+(umask 077; printf '%s' "$password" > "$work/password.raw")
+echo "stored: $(ldapsearch -x -LLL -o ldif-wrap=no -H "ldap://127.0.0.1:$port" -D "$admin" -y "$work/password.raw" \
+  -b "$suffix" "(secResCredsID=T:mail)" secAuthnData | sed -n 's/^secAuthnData:: //p' | base64 -d | tr -d '\0')"
+echo "== without the key file the value cannot be read"
+z record get jo T:mail --reveal || echo "(exit status $?)"
+echo "== the masked records of before, rewritten under the key; a second rekey finds nothing to do"
+ZEL_KEYFILE="$keys" z record rekey --all
+ZEL_KEYFILE="$keys" z record rekey jo
+# ---- end of encrypted passwords -----------------------------------------------
 echo "== an unreachable server"
 "$zelctl" -H "ldap://127.0.0.1:1" -D "$admin" -y "$pwfile" info || echo "(exit status $?)"
 echo "== the security domain's Zel data removed again: records, groups, services, the user"

@@ -1,12 +1,16 @@
-// Password masking on libsodium.  See password_mask.h for the format.
+// Password masking and operator-key encryption on libsodium.  See
+// password_mask.h for the formats.
 #include "platform/password_mask.h"
+#include "platform/wiped_bytes.h"
 
 #include <sodium.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string>
 #include <vector>
 
 namespace zel::platform {
@@ -66,24 +70,93 @@ bool compute_tag(const MaskKeys &keys, const unsigned char *nonce_and_masked, si
     return ok;
 }
 
-// Holds bytes that may reveal a password and wipes them when done.
-class WipedBytes {
-public:
-    explicit WipedBytes(size_t length) : bytes_(length) {}
-    ~WipedBytes() { sodium_memzero(bytes_.data(), bytes_.size()); }
-    WipedBytes(const WipedBytes &) = delete;
-    WipedBytes &operator=(const WipedBytes &) = delete;
-    unsigned char *data() { return bytes_.data(); }
-    size_t size() const { return bytes_.size(); }
+constexpr char kSealedPrefix[] = "{ZK1}";
+constexpr size_t kSealedPrefixLength = sizeof kSealedPrefix - 1;
+constexpr char kSealedContext[] = "ZK1:";
+constexpr size_t kSealedContextLength = sizeof kSealedContext - 1;
+constexpr size_t kSealNonceLength = crypto_aead_xchacha20poly1305_ietf_NPUBBYTES;  // 24
+constexpr size_t kSealTagLength = crypto_aead_xchacha20poly1305_ietf_ABYTES;      // 16
+static_assert(kOperatorKeyBytes == crypto_aead_xchacha20poly1305_ietf_KEYBYTES, "operator keys fit the cipher");
 
-private:
-    std::vector<unsigned char> bytes_;
-};
+// "ZK1:" + key id: binds the id to the value, so a value cannot be passed off
+// as one of another key.
+size_t sealed_context(const OperatorKey &key, unsigned char out[kSealedContextLength + kKeyIdMax]) {
+    size_t id_length = std::strlen(key.id);
+    std::memcpy(out, kSealedContext, kSealedContextLength);
+    std::memcpy(out + kSealedContextLength, key.id, id_length);
+    return kSealedContextLength + id_length;
+}
 
-}  // namespace
+// Base64 text of `blob` behind `prefix`, newly allocated.
+char *encoded_text(const char *prefix, size_t prefix_length, WipedBytes &blob) {
+    size_t text_length = sodium_base64_encoded_len(blob.size(), kBase64);   // includes the NUL
+    auto *out = static_cast<char *>(malloc(prefix_length + text_length));
+    if (out == nullptr) return nullptr;
+    std::memcpy(out, prefix, prefix_length);
+    sodium_bin2base64(out + prefix_length, text_length, blob.data(), blob.size(), kBase64);
+    return out;
+}
 
-char *util_encode(const char *clear) {
+// The clear bytes as a C string, or null when they hold a NUL (encode never
+// writes one) or memory runs out.
+char *clear_text(const unsigned char *bytes, size_t length) {
+    if (std::memchr(bytes, '\0', length) != nullptr) return nullptr;
+    auto *clear = static_cast<char *>(malloc(length + 1));
     if (clear == nullptr) return nullptr;
+    std::memcpy(clear, bytes, length);
+    clear[length] = '\0';
+    return clear;
+}
+
+char *seal(const char *clear, const OperatorKey &key) {
+    size_t clear_length = std::strlen(clear);
+    if (clear_length > crypto_aead_xchacha20poly1305_ietf_MESSAGEBYTES_MAX / 2 ||
+        clear_length > (SIZE_MAX / 4) - 128) {
+        return nullptr;
+    }
+    WipedBytes blob(kSealNonceLength + clear_length + kSealTagLength);
+    unsigned char *nonce = blob.data();
+    randombytes_buf(nonce, kSealNonceLength);
+    unsigned char context[kSealedContextLength + kKeyIdMax];
+    size_t context_length = sealed_context(key, context);
+    unsigned long long sealed_length = 0;
+    crypto_aead_xchacha20poly1305_ietf_encrypt(nonce + kSealNonceLength, &sealed_length,
+                                               reinterpret_cast<const unsigned char *>(clear), clear_length,
+                                               context, context_length, nullptr, nonce, key.key);
+    std::string prefix = std::string(kSealedPrefix) + key.id + ":";
+    return encoded_text(prefix.c_str(), prefix.size(), blob);
+}
+
+char *unseal(const char *sealed_text) {
+    const char *id = sealed_text + kSealedPrefixLength;
+    const char *colon = std::strchr(id, ':');
+    if (colon == nullptr || colon == id) return nullptr;
+    KeyRing ring;
+    if (read_configured_keys(ring) != KeyFileState::usable) return nullptr;
+    const OperatorKey *key = ring.find(id, static_cast<size_t>(colon - id));
+    if (key == nullptr) return nullptr;
+
+    const char *text = colon + 1;
+    size_t text_length = std::strlen(text);
+    WipedBytes blob(text_length / 4 * 3 + 3);
+    size_t blob_length = 0;
+    if (sodium_base642bin(blob.data(), blob.size(), text, text_length, nullptr, &blob_length, nullptr, kBase64) != 0 ||
+        blob_length < kSealNonceLength + kSealTagLength) {
+        return nullptr;
+    }
+    size_t clear_length = blob_length - kSealNonceLength - kSealTagLength;
+    WipedBytes clear(clear_length + 1);
+    unsigned char context[kSealedContextLength + kKeyIdMax];
+    size_t context_length = sealed_context(*key, context);
+    if (crypto_aead_xchacha20poly1305_ietf_decrypt(clear.data(), nullptr, nullptr, blob.data() + kSealNonceLength,
+                                                   blob_length - kSealNonceLength, context, context_length,
+                                                   blob.data(), key->key) != 0) {
+        return nullptr;
+    }
+    return clear_text(clear.data(), clear_length);
+}
+
+char *mask_with_builtin_key(const char *clear) {
     const MaskKeys *keys = mask_keys();
     if (keys == nullptr) return nullptr;
     size_t clear_length = std::strlen(clear);
@@ -101,21 +174,13 @@ char *util_encode(const char *clear) {
         crypto_stream_chacha20_ietf_xor(masked, reinterpret_cast<const unsigned char *>(clear),
                                         clear_length, nonce, keys->stream);
         if (!compute_tag(*keys, nonce, kNonceLength + clear_length, tag)) return nullptr;
-
-        size_t text_length = sodium_base64_encoded_len(blob.size(), kBase64);   // includes the NUL
-        auto *out = static_cast<char *>(malloc(kPrefixLength + text_length));
-        if (out == nullptr) return nullptr;
-        std::memcpy(out, kPrefix, kPrefixLength);
-        sodium_bin2base64(out + kPrefixLength, text_length, blob.data(), blob.size(), kBase64);
-        return out;
+        return encoded_text(kPrefix, kPrefixLength, blob);
     } catch (const std::bad_alloc &) {
         return nullptr;
     }
 }
 
-char *util_decode(const char *masked_text) {
-    if (masked_text == nullptr) return nullptr;
-    if (std::strncmp(masked_text, kPrefix, kPrefixLength) != 0) return nullptr;
+char *unmask_builtin(const char *masked_text) {
     const MaskKeys *keys = mask_keys();
     if (keys == nullptr) return nullptr;
 
@@ -144,21 +209,68 @@ char *util_decode(const char *masked_text) {
         sodium_memzero(expected_tag, sizeof expected_tag);
         if (!tag_ok) return nullptr;
 
-        auto *clear = static_cast<char *>(malloc(clear_length + 1));
-        if (clear == nullptr) return nullptr;
-        crypto_stream_chacha20_ietf_xor(reinterpret_cast<unsigned char *>(clear), masked,
-                                        clear_length, nonce, keys->stream);
-        // A C string cannot carry a NUL; encode never produces one.
-        if (std::memchr(clear, '\0', clear_length) != nullptr) {
-            sodium_memzero(clear, clear_length);
-            free(clear);
-            return nullptr;
-        }
-        clear[clear_length] = '\0';
-        return clear;
+        WipedBytes clear(clear_length + 1);
+        crypto_stream_chacha20_ietf_xor(clear.data(), masked, clear_length, nonce, keys->stream);
+        return clear_text(clear.data(), clear_length);
     } catch (const std::bad_alloc &) {
         return nullptr;
     }
+}
+
+}  // namespace
+
+char *util_encode_checked(const char *clear, bool &encryption_required) {
+    encryption_required = false;
+    if (clear == nullptr) return nullptr;
+    try {
+        KeyRing ring;
+        KeyFileState state = read_configured_keys(ring);
+        encryption_required = state != KeyFileState::absent;
+        if (state == KeyFileState::absent) return mask_with_builtin_key(clear);
+        const OperatorKey *key = ring.active();
+        return key ? seal(clear, *key) : nullptr;
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+}
+
+char *util_encode(const char *clear) {
+    bool encryption_required = false;
+    return util_encode_checked(clear, encryption_required);
+}
+
+char *util_decode(const char *stored) {
+    if (stored == nullptr) return nullptr;
+    try {
+        if (std::strncmp(stored, kSealedPrefix, kSealedPrefixLength) == 0) return unseal(stored);
+        if (std::strncmp(stored, kPrefix, kPrefixLength) == 0) return unmask_builtin(stored);
+        return nullptr;
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+}
+
+KeyFileState util_key_file_state() {
+    KeyRing ring;
+    return read_configured_keys(ring);
+}
+
+bool util_is_current(const char *stored) {
+    if (stored == nullptr) return false;
+    KeyRing ring;
+    switch (read_configured_keys(ring)) {
+    case KeyFileState::absent:
+        return std::strncmp(stored, kPrefix, kPrefixLength) == 0;
+    case KeyFileState::usable: {
+        std::string prefix = std::string(kSealedPrefix) + ring.active()->id + ":";
+        return std::strncmp(stored, prefix.c_str(), prefix.size()) == 0;
+    }
+    case KeyFileState::refused:
+        break;
+    }
+    return false;
 }
 
 }  // namespace zel::platform

@@ -155,7 +155,7 @@ int record_remove(const Options &opts, Args args) {
 }  // namespace
 
 int run_record(const Options &opts, Args args) {
-    if (args.empty()) return usage("record: expected list, get, add, update or remove");
+    if (args.empty()) return usage("record: expected list, get, add, update, remove or rekey");
     std::string sub = args.front();
     args.erase(args.begin());
     if (sub == "list") return record_list(opts, args);
@@ -163,7 +163,8 @@ int run_record(const Options &opts, Args args) {
     if (sub == "add") return record_write(opts, args, true);
     if (sub == "update") return record_write(opts, args, false);
     if (sub == "remove") return record_remove(opts, args);
-    return usage("record: unknown subcommand " + sub + " (list, get, add, update, remove)");
+    if (sub == "rekey") return run_record_rekey(opts, args);
+    return usage("record: unknown subcommand " + sub + " (list, get, add, update, remove, rekey)");
 }
 
 }  // namespace zelctl

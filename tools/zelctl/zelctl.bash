@@ -29,7 +29,7 @@ _zelctl() {
     local cur prev
     cur=${COMP_WORDS[COMP_CWORD]}
     prev=${COMP_WORDS[COMP_CWORD - 1]}
-    local commands="info service service-type user record credential domain db person help"
+    local commands="info service service-type user record credential domain db person key help"
     local global_opts="-H -D -w -W -y -x --ca --domain --api-version --json --help --version"
 
     case $prev in
@@ -72,7 +72,8 @@ _zelctl() {
             service) subs="list get add remove" ;;
             service-type) subs="add remove" ;;
             user) subs="add update verify remove" ;;
-            record) subs="list get add update remove" ;;
+            record) subs="list get add update remove rekey" ;;
+            key) subs="generate" ;;
             credential) subs="get" ;;
             domain) subs="list get add update remove add-member remove-member" ;;
             db) subs="create remove" ;;
@@ -91,6 +92,8 @@ _zelctl() {
         "user update") opts="--person --description --enabled --disabled" ;;
         "record get"|"record list"|"credential get") opts="--reveal" ;;
         "record add"|"record update") opts="--service --type --account --description --password-file --password-stdin" ;;
+        "record rekey") opts="--all" ;;
+        "key generate") opts="--add" ;;
         "domain add"|"domain update") opts="--description --member" ;;
         "db create") opts="--admin --admin-uid --admin-password-file --create-suffix --default-types --extended" ;;
         "db remove") opts="--yes" ;;

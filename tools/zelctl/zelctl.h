@@ -107,4 +107,8 @@ int run_credential(const Options &opts, Args args);
 int run_db(const Options &opts, Args args);
 int run_person(const Options &opts, Args args);
 
+// The operator's key file, and stored passwords rewritten under its active key.
+int run_key(const Options &opts, Args args);
+int run_record_rekey(const Options &opts, Args args);
+
 }  // namespace zelctl

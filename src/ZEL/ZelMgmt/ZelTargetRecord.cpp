@@ -82,10 +82,15 @@ ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record)
 
 ZelRC mask(const char *text, int32_t *length_out, char **buffer_out, int32_t direction) {
     errno = 0;
-    zel::CText coded(direction == zel::kMask ? plat::util_encode(text) : plat::util_decode(text));
+    bool encryption_required = false;
+    zel::CText coded(direction == zel::kMask ? plat::util_encode_checked(text, encryption_required)
+                                             : plat::util_decode(text));
     // Running out of memory is no verdict on the value: never store a
     // password in clear for it, nor call a stored value damaged.
     if (!coded && errno == ENOMEM) return ZEL_RC_NO_MEMORY;
+    // An operator who set up a key file asked for encryption: a key file that
+    // cannot be used stops the write rather than letting the clear text through.
+    if (!coded && encryption_required) return ZEL_RC_SYSTEM_ERROR;
     // Masking that fails stores the text as it is; unmasking that fails is an error.
     const char *result = coded ? coded.get() : direction == zel::kMask ? text : nullptr;
     if (result == nullptr) return ZEL_RC_DECODE_FAILED;

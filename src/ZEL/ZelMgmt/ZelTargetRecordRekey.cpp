@@ -1,0 +1,180 @@
+// Key rotation: stored passwords written again in the form a write uses now.
+//
+// Each value that is not yet in that form is read with the keys at hand and
+// stored again.  A value that cannot be read is left as it is and reported.
+// The rewrite deletes the very value that was read, so a record that a writer
+// changed meanwhile makes the directory refuse it and keeps the newer value.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ZelTargetRecord.h"
+#include "platform/password_mask.h"
+
+namespace {
+
+struct Tally {
+    int32_t rewritten = 0;
+    std::vector<std::string> unreadable;
+};
+
+// The attributes that hold a record's password in the two storage forms.
+struct SecretAttribute {
+    const char *type;
+    bool with_length;  // the current form keeps the stored length beside it
+};
+constexpr SecretAttribute kSecretAttributes[] = {{"secAuthnData", true}, {"secretKey", false}};
+
+// The stored value's clear text, in a zero-filled C string; 1013 when the
+// keys at hand cannot read it.
+ZelRC read_stored(ZelSession *s, const std::string &stored, zel::CText &clear) {
+    int32_t length = 0;
+    char *raw = nullptr;
+    ZelRC rc = mask_password(s, stored.c_str(), &length, &raw, zel::kUnmask);
+    clear.reset(raw);
+    return rc;
+}
+
+ZelRC rewrite_value(ZelSession *s, const char *dn, const SecretAttribute &attr, struct berval *old, Tally &tally) {
+    // The stored value carries its NUL; the text ends at the first one.
+    std::string stored(old->bv_val, strnlen(old->bv_val, old->bv_len));
+    if (plat::util_is_current(stored.c_str())) return 0;
+    zel::CText clear;
+    ZelRC rc = read_stored(s, stored, clear);
+    if (rc == ZEL_RC_DECODE_FAILED) {
+        tally.unreadable.emplace_back(dn);
+        return 0;
+    }
+    if (rc != 0) return rc;
+    int32_t length = 0;
+    char *raw = nullptr;
+    rc = mask_password(s, clear.get(), &length, &raw, zel::kMask);
+    std::memset(clear.get(), 0, std::strlen(clear.get()));
+    zel::CText fresh_text(raw);
+    if (rc != 0) return rc;
+
+    struct berval fresh {static_cast<ber_len_t>(length), fresh_text.get()};
+    struct berval *old_values[] = {old};
+    struct berval *new_values[] = {&fresh};
+    char length_text[20];
+    std::snprintf(length_text, sizeof length_text, "%d", static_cast<int>(length));
+    zel::ModList mods(4);
+    if (!mods.ok()) return ZEL_RC_NO_MEMORY;
+    if ((rc = mods.add(LDAP_MOD_DELETE | LDAP_MOD_BVALUES, attr.type, 1, reinterpret_cast<char *const *>(old_values))) ||
+        (rc = mods.add(LDAP_MOD_ADD | LDAP_MOD_BVALUES, attr.type, 1, reinterpret_cast<char *const *>(new_values))) ||
+        (attr.with_length && (rc = mods.add(LDAP_MOD_REPLACE, "secAuthnLength", {length_text}))))
+        return rc;
+    int lrc = plat::ldap_modify_ext_s(s->ld, dn, mods.get(), nullptr, nullptr);
+    // Gone or changed since it was read: the newer value stands.
+    if (lrc == LDAP_NO_SUCH_ATTRIBUTE || lrc == LDAP_NO_SUCH_OBJECT) return 0;
+    if (lrc != LDAP_SUCCESS) return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
+    ++tally.rewritten;
+    return 0;
+}
+
+ZelRC rekey_entry(ZelSession *s, LDAPMessage *entry, Tally &tally) {
+    zel::LdapText dn(ldap_get_dn(s->ld, entry));
+    if (!dn) return ZEL_RC_NO_MEMORY;
+    for (const SecretAttribute &attr : kSecretAttributes) {
+        // Orv keeps first-generation passwords in clear; they stay so.
+        if (!attr.with_length && zel::clear_secret_key(s)) continue;
+        zel::Bervals values(ldap_get_values_len(s->ld, entry, attr.type));
+        for (struct berval **v = values.get(); v && *v; ++v)
+            if (ZelRC rc = rewrite_value(s, dn.get(), attr, *v, tally)) return rc;
+    }
+    return 0;
+}
+
+ZelRC rekey_result(ZelSession *s, LDAPMessage *res, Tally &tally) {
+    for (LDAPMessage *e = res ? ldap_first_entry(s->ld, res) : nullptr; e; e = ldap_next_entry(s->ld, e))
+        if (ZelRC rc = rekey_entry(s, e, tally)) return rc;
+    return 0;
+}
+
+// The records of one Zel user, in every form the session reads them in.
+ZelRC rekey_user(ZelSession *s, const char *user, Tally &tally) {
+    bool v1 = zel::first_generation(s);
+    std::vector<int32_t> modes;
+    if (v1 || s->database_dn) modes.push_back(zel::kFirstGenerationMode);
+    if (!v1) modes.push_back(zel::kDomainMode);
+    size_t missing = 0;
+    for (int32_t mode : modes) {
+        zel::Message res;
+        ZelRC rc = zel::find_records(s, nullptr, user, mode, res);
+        if (rc == ZEL_RC_USER_NOT_FOUND) ++missing;
+        else if (!zel::search_made(rc)) return rc;
+        if ((rc = rekey_result(s, res.get(), tally)) != 0) return rc;
+    }
+    return missing == modes.size() ? ZEL_RC_USER_NOT_FOUND : 0;
+}
+
+// Every target record of either form under the session's suffixes.
+ZelRC rekey_all(ZelSession *s, Tally &tally) {
+    char filter[] = "(|(objectClass=secResCreds)(objectClass=eTargetRecord))";
+    char *attrs[] = {const_cast<char *>("secAuthnData"), const_cast<char *>("secretKey"), nullptr};
+    for (ZelSuffixNode *n = s->suffixes; n; n = n->next) {
+        struct timeval tv = zel::no_time_limit();
+        LDAPMessage *raw = nullptr;
+        int lrc = plat::ldap_search_ext_s(s->ld, n->suffix, LDAP_SCOPE_SUBTREE, filter, attrs, 0, nullptr, nullptr,
+                                          &tv, 0, &raw);
+        zel::Message res(raw);
+        if (lrc != LDAP_SUCCESS) return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+        if (ZelRC rc = rekey_result(s, res.get(), tally)) return rc;
+    }
+    return 0;
+}
+
+struct ReportFree {
+    void operator()(ZelRekeyReport *r) const { Zel_freeRekeyReport(r); }
+};
+
+ZelRC hand_out(const Tally &tally, ZelRekeyReport **out) {
+    std::unique_ptr<ZelRekeyReport, ReportFree> report(
+        static_cast<ZelRekeyReport *>(std::calloc(1, sizeof(ZelRekeyReport))));
+    if (!report) return ZEL_RC_NO_MEMORY;
+    report->rewritten = tally.rewritten;
+    if (!tally.unreadable.empty()) {
+        report->unreadable = static_cast<char **>(std::calloc(tally.unreadable.size(), sizeof(char *)));
+        if (report->unreadable == nullptr) return ZEL_RC_NO_MEMORY;
+        for (const std::string &dn : tally.unreadable) {
+            char *copy = strdup(dn.c_str());
+            if (copy == nullptr) return ZEL_RC_NO_MEMORY;
+            report->unreadable[report->unreadableCount++] = copy;
+        }
+    }
+    *out = report.release();
+    return 0;
+}
+
+ZelRC rekey_target_records(ZelSession *s, const char *user, ZelRekeyReport **out) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_rekeyTargetRecords", rc);
+    if (out) *out = nullptr;
+    if (out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+    // Nothing is read before the key file is known to be usable.
+    if (plat::util_key_file_state() == plat::KeyFileState::refused) return rc = ZEL_RC_SYSTEM_ERROR;
+    Tally tally;
+    if ((rc = user ? rekey_user(s, user, tally) : rekey_all(s, tally)) != 0) return rc;
+    zel::tracef(s, zel::kTraceProgress, "zelmgmt:Rewrote %d stored passwords, %d left unreadable.\n",
+                static_cast<int>(tally.rewritten), static_cast<int>(tally.unreadable.size()));
+    return rc = hand_out(tally, out);
+}
+
+}  // namespace
+
+extern "C" {
+
+ZEL_API ZelRC Zel_rekeyTargetRecords(ZelSession *s, const char *user, ZelRekeyReport **out) {
+    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    return zel::guarded([&] { return rekey_target_records(s, user, out); });
+}
+
+ZEL_API void Zel_freeRekeyReport(ZelRekeyReport *report) {
+    if (report == nullptr) return;
+    for (int32_t i = 0; i < report->unreadableCount; ++i) std::free(report->unreadable[i]);
+    std::free(report->unreadable);
+    std::free(report);
+}
+
+}  // extern "C"

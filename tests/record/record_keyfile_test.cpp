@@ -1,0 +1,172 @@
+// Target record passwords encrypted under an operator's key file, and rekey.
+#include <sodium.h>
+
+#include <fstream>
+
+#include "record/record_fixture.h"
+#include "support/alloc_faults.h"
+#include "support/env.h"
+#include "support/key_files.h"
+#include "support/zelctl.h"
+
+using namespace recordtest;
+using zeltest::ScopedEnv;
+using Strings = std::vector<std::string>;
+
+namespace {
+
+std::string password_of(ZelSession *s, const char *id) {
+    ZelTargetRecord *r = nullptr;
+    ZelRC rc = Zel_getTargetRecord(s, "jo", id, &r);
+    std::string out = rc ? "status " + std::to_string(rc) : std::string(r->password);
+    Zel_freeTargetRecord(r);
+    return out;
+}
+
+// Rewritten count and unreadable DNs, or the status.
+Strings rekey(ZelSession *s, const char *user) {
+    ZelRekeyReport *r = nullptr;
+    ZelRC rc = Zel_rekeyTargetRecords(s, user, &r);
+    if (rc != 0) return {"status " + std::to_string(rc)};
+    Strings out{std::to_string(r->rewritten)};
+    for (int32_t i = 0; i < r->unreadableCount; ++i) out.push_back(r->unreadable[i]);
+    Zel_freeRekeyReport(r);
+    return out;
+}
+
+std::string base64(const std::string &bytes) {
+    std::string out(sodium_base64_ENCODED_LEN(bytes.size(), sodium_base64_VARIANT_ORIGINAL), '\0');
+    sodium_bin2base64(out.data(), out.size(), reinterpret_cast<const unsigned char *>(bytes.data()), bytes.size(),
+                      sodium_base64_VARIANT_ORIGINAL);
+    out.resize(out.size() - 1);
+    return out;
+}
+
+const std::string kAppDn = "secResCredsID=T:app,cn=ResCreds," + kJoDomainUser;
+
+}  // namespace
+
+TEST_F(RecordTest, EncryptedPasswordsReadBackOnlyWithTheirKeyAndUnchanged) {
+    open_with_jo(2);
+    ScopedEnv env("ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str());
+    ZelTargetRecord r = record("T:app", "app", "jdoe", "pa55word");
+    ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &r), 0u);
+    const std::string stored = dir->entry(kAppDn).first("secAuthnData");
+    EXPECT_EQ(stored.rfind("{ZK1}a:", 0), 0u) << stored;
+    EXPECT_EQ(stored.find("pa55word"), std::string::npos);
+    EXPECT_EQ(password_of(s.get(), "T:app"), "pa55word");
+    EXPECT_EQ(credential(s.get(), "jo", "app"), "jdoe/pa55word");
+
+    std::string tampered = stored;
+    tampered[stored.size() / 2] = tampered[stored.size() / 2] == 'A' ? 'B' : 'A';
+    dir->modify("dn: " + kAppDn + "\nchangetype: modify\nreplace: secAuthnData\nsecAuthnData:: " + base64(tampered) +
+                "\n");
+    EXPECT_EQ(password_of(s.get(), "T:app"), "status 1013");
+
+    unsetenv("ZEL_KEYFILE");
+    ASSERT_EQ(Zel_updateTargetRecord(s.get(), "jo", &r), 0u);
+    setenv("ZEL_KEYFILE", key_file(kKeyLineB + " active\n").c_str(), 1);
+    EXPECT_EQ(password_of(s.get(), "T:app"), "pa55word") << "masked values still read";
+    ASSERT_EQ(Zel_updateTargetRecord(s.get(), "jo", &r), 0u);
+    unsetenv("ZEL_KEYFILE");
+    EXPECT_EQ(password_of(s.get(), "T:app"), "status 1013");
+}
+
+TEST_F(RecordTest, AnUnusableKeyFileStoresNothing) {
+    open_with_jo(2);
+    ScopedEnv env("ZEL_KEYFILE", key_file(kKeyLineA + " active\n", 0640).c_str());
+    ZelTargetRecord r = record("T:app", "app", "jdoe", "pa55word");
+    EXPECT_EQ(Zel_addTargetRecord(s.get(), "jo", &r), ZEL_RC_SYSTEM_ERROR);
+    EXPECT_FALSE(dir->exists(kAppDn));
+    EXPECT_EQ(rekey(s.get(), "jo"), Strings{"status 1000"});
+}
+
+TEST_F(RecordTest, RekeyRewritesOnceAndLeavesWhatItCannotRead) {
+    struct Case {
+        uint32_t version;
+        const char *id, *service, *type, *attr;
+        std::string dn;
+    };
+    const Case cases[] = {
+        {1, "T:legacy", "legacy", "Web Application", "secretKey", "cn=T:legacy," + kJoProfile},
+        {2, "T:app", "app", nullptr, "secAuthnData", kAppDn},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.version);
+        open_with_jo(c.version);
+        ZelTargetRecord r = record(c.id, c.service, "jdoe", "pa55word", nullptr, c.type);
+        ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &r), 0u);
+
+        ScopedEnv env("ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str());
+        EXPECT_EQ(rekey(s.get(), "jo"), Strings{"1"});
+        EXPECT_EQ(dir->entry(c.dn).first(c.attr).rfind("{ZK1}a:", 0), 0u);
+        EXPECT_EQ(rekey(s.get(), "jo"), Strings{"0"}) << "a second rekey converts nothing";
+
+        setenv("ZEL_KEYFILE", key_file(kKeyLineA + "\n" + kKeyLineB + " active\n").c_str(), 1);
+        EXPECT_EQ(rekey(s.get(), nullptr), Strings{"1"});
+        EXPECT_EQ(dir->entry(c.dn).first(c.attr).rfind("{ZK1}b:", 0), 0u);
+        EXPECT_EQ(password_of(s.get(), c.id), "pa55word");
+
+        setenv("ZEL_KEYFILE", key_file(kKeyLineC + " active\n").c_str(), 1);
+        EXPECT_EQ(rekey(s.get(), nullptr), (Strings{"0", c.dn}));
+        EXPECT_EQ(password_of(s.get(), c.id), "status 1013");
+        EXPECT_EQ(rekey(s.get(), "nobody"), Strings{"status 28"}) << "no such person";
+        ASSERT_EQ(Zel_removeTargetRecord(s.get(), "jo", c.id), 0u);
+    }
+}
+
+TEST_F(RecordTest, KeyFileWritesAndRekeySurviveAllocationFailures) {
+    open_with_jo(2);
+    ZelTargetRecord r = record("T:app", "app", "jdoe", "pa55word");
+    ScopedEnv env("ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str());
+    each_allocation_fails("add", 0, [&] { return Zel_addTargetRecord(s.get(), "jo", &r); },
+                          [&] { (void)Zel_removeTargetRecord(s.get(), "jo", "T:app"); });
+    auto masked_again = [&] {
+        ScopedEnv none("ZEL_KEYFILE", nullptr);
+        ASSERT_EQ(Zel_updateTargetRecord(s.get(), "jo", &r), 0u);
+    };
+    masked_again();
+    each_allocation_fails("rekey", 0, [&] {
+        ZelRekeyReport *out = nullptr;
+        ZelRC rc = Zel_rekeyTargetRecords(s.get(), nullptr, &out);
+        EXPECT_EQ(out == nullptr, rc != 0);
+        EXPECT_TRUE(rc != 0 || out->rewritten == 1);
+        Zel_freeRekeyReport(out);
+        return rc;
+    }, masked_again);
+}
+
+TEST_F(RecordTest, ZelctlMakesKeyFilesAndRekeys) {
+    const std::string file = testing::TempDir() + "zelctl-keys";
+    std::remove(file.c_str());
+    auto key = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {ZELCTL_PATH, "key", "generate"});
+        return run_command(args);
+    };
+    CommandResult r = key({file});
+    ASSERT_EQ(r.status, 0) << r.err;
+    struct stat st {};
+    ASSERT_EQ(stat(file.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    std::string first;
+    std::getline(std::ifstream(file), first);
+    EXPECT_EQ(key({file}).status, 2) << "never overwrites";
+    ASSERT_EQ(key({"--add", file}).status, 0);
+    std::ifstream in(file);
+    Strings lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0] + " active", first) << "the old key stays, no longer active";
+    EXPECT_EQ(lines[1].substr(lines[1].size() - 7), " active");
+
+    open_with_jo(2);
+    ZelTargetRecord rec = record("T:app", "app", "jdoe", "pa55word");
+    ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &rec), 0u);
+    Strings argv = {ZELCTL_PATH, "-H", dir->uri(), "-D", dir->admin_dn(), "-w", Directory::admin_password(),
+                    "record", "rekey", "--all"};
+    r = run_command(argv);
+    EXPECT_EQ(r.status, 2) << "no key file named";
+    r = run_command(argv, "", {{"ZEL_KEYFILE", file}});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "1 stored passwords rewritten under the active key\n");
+}
