@@ -57,6 +57,7 @@ def test_the_sign_on_question(session):
         session.get_credential("ann", "*")
     assert e.value.status == 24
     assert sorted(r.id for r in session.get_all_target_records("ann")) == ["G:office", "T:payroll"]
+    assert session.rekey_target_records("ann") == (0, [])  # no key file: nothing to rewrite to
 
 
 def test_the_readme_example_runs(directory, capsys):

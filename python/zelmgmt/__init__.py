@@ -364,6 +364,17 @@ class Session:
             _lib.Zel_memfree(out.userId)
             _lib.Zel_memfree(out.password)
 
+    def rekey_target_records(self, user: Optional[str] = None) -> Tuple[int, List[str]]:
+        """Rewrites stored passwords under ZEL_KEYFILE's active key (every user's
+        when user is None): how many were rewritten, and the DNs left unreadable."""
+        out = ctypes.POINTER(_c.RekeyReport)()
+        _check(_lib.Zel_rekeyTargetRecords(self._h, _b(user), ctypes.byref(out)), "cannot rekey")
+        try:
+            r = out.contents
+            return r.rewritten, [_s(r.unreadable[i]) for i in range(r.unreadableCount)]
+        finally:
+            _lib.Zel_freeRekeyReport(out)
+
     # Zel domains.
     def get_domain(self, name: str) -> Domain:
         out = ctypes.POINTER(_c.Domain)()

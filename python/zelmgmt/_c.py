@@ -72,6 +72,10 @@ class SessionInfo(ctypes.Structure):
                 ("databaseDN", c_char_p), ("apiVersion", c_uint32)]
 
 
+class RekeyReport(ctypes.Structure):
+    _fields_ = [("rewritten", c_int32), ("unreadableCount", c_int32), ("unreadable", P(c_char_p))]
+
+
 _OPEN = [c_void_p, c_char_p, c_char_p, c_char_p, ctypes.c_uint16, c_int32, c_char_p, c_char_p, c_char_p]
 _S = c_void_p  # ZelSession *
 
@@ -95,6 +99,8 @@ _PROTOTYPES = {
     "Zel_removeZelUser": (c_uint32, [_S, c_char_p]),
     "Zel_getZelUser": (c_uint32, [_S, c_char_p, P(P(User))]),
     "Zel_freeZelUser": (None, [P(User)]),
+    "Zel_rekeyTargetRecords": (c_uint32, [_S, c_char_p, P(P(RekeyReport))]),
+    "Zel_freeRekeyReport": (None, [P(RekeyReport)]),
     "Zel_getSessionInfo": (c_uint32, [_S, P(P(SessionInfo))]),
     "Zel_freeSessionInfo": (None, [P(SessionInfo)]),
     "Zel_getTargetRecord": (c_uint32, [_S, c_char_p, c_char_p, P(P(TargetRecord))]),
