@@ -39,6 +39,8 @@ std::string lower(std::string s) {
     return s;
 }
 
+}  // namespace
+
 void write_file(const std::string &path, const std::string &text) {
     std::ofstream f(path);
     f << text;
@@ -84,6 +86,8 @@ bool port_open(uint16_t port) {
     close(fd);
     return ok;
 }
+
+namespace {
 
 std::string read_all(int fd) {
     std::string out;
@@ -150,6 +154,8 @@ std::string base64_decode(const std::string &in) {
     return out;
 }
 
+}  // namespace
+
 std::vector<Entry> parse_ldif(const std::string &text) {
     std::vector<Entry> entries;
     std::istringstream in(text);
@@ -184,8 +190,6 @@ std::vector<Entry> parse_ldif(const std::string &text) {
     flush();
     return entries;
 }
-
-}  // namespace
 
 const char *kind_name(Kind kind) {
     switch (kind) {
@@ -341,7 +345,8 @@ void Directory::write_config() {
          << "allow bind_v2\n"  // lets the protocol-2 fallback reach a real server
          << "TLSCACertificateFile " << ca.ca << "\n"
          << "TLSCertificateFile " << ca.cert << "\n"
-         << "TLSCertificateKeyFile " << ca.key << "\n";
+         << "TLSCertificateKeyFile " << ca.key << "\n"
+         << profile_.extra_config;
     if (!root_dse.empty()) {
         write_file(dir_ + "/rootdse.ldif", "dn:\n" + root_dse);
         conf << "rootDSE " << dir_ << "/rootdse.ldif\n";

@@ -30,6 +30,8 @@ struct Profile {
     std::string seed_ldif;
     // Further root DSE values, e.g. {"namingContexts", "CN=Schema"}.
     std::vector<std::pair<std::string, std::string>> root_dse;
+    // Further slapd.conf lines, placed before the databases (e.g. SASL settings).
+    std::string extra_config;
 
     Profile &kind_is(Kind k) { kind = k; return *this; }
     Profile &seeded(std::string ldif) { seed_ldif += std::move(ldif); return *this; }
@@ -106,6 +108,13 @@ private:
 
 // The LDIF of an entry that makes a suffix exist (by its first RDN's type).
 std::string suffix_entry_ldif(const std::string &suffix);
+
+// Pieces the other server fixtures share.
+void write_file(const std::string &path, const std::string &text);
+std::string make_temp_dir(const char *what);
+std::pair<uint16_t, uint16_t> free_ports();  // two distinct free loopback ports
+bool port_open(uint16_t port);                // something listens on 127.0.0.1:port
+std::vector<Entry> parse_ldif(const std::string &text);
 
 // A fixture with a fresh directory per test; override profile() to choose one.
 class DirectoryTest : public ::testing::Test {
