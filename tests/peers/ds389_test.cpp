@@ -73,6 +73,26 @@ protected:
         }
     }
 
+    // The security domain form: its tree, Jo as its user and a record of his.
+    void add_domain_record() {
+        CommandResult seeded = server->modify(
+            "dn: " + kDomain + "\nobjectClass: secAuthorityInfo\nsecAuthority: Default\nversion: 5\n\n" +
+                recordtest::container_ldif("cn=Users," + kDomain, "Users") +
+                recordtest::container_ldif("cn=Resources," + kDomain, "Resources") +
+                recordtest::container_ldif("cn=ResourceGroups," + kDomain, "ResourceGroups") +
+                "dn: secResourceID=app,cn=Resources," + kDomain +
+                "\nobjectClass: secResource\nsecResourceID: app\nsecType: 1\n",
+            true);
+        ASSERT_EQ(seeded.status, 0) << seeded.err;
+        Session v2 = open(Ds389::admin_dn(), Ds389::admin_password(), 2);
+        ASSERT_TRUE(v2);
+        ZelUser jo = usertest::user_record("Jo", "User", person("Jo"));
+        ASSERT_EQ(Zel_addZelUser(v2.get(), &jo), 0u);
+        ZelTargetRecord app = record("T:app", "app", "jo.app", "app-pw");
+        ASSERT_EQ(Zel_addTargetRecord(v2.get(), "Jo", &app), 0u);
+        EXPECT_EQ(credential(v2.get(), "Jo", "app"), "jo.app/app-pw");
+    }
+
     std::unique_ptr<Ds389> server;
     Session admin;
 };
@@ -106,27 +126,66 @@ TEST_F(PeerDs389, WholeLibraryInBothStorageForms) {
     Zel_freeZelDomain(got);
     EXPECT_EQ(credential(admin.get(), "Jo", "mail"), "Jo.mail/Jo-mail-pw");
 
-    // The security domain form: its tree, a user and a record in it.
-    CommandResult seeded = server->modify(
-        "dn: " + kDomain + "\nobjectClass: secAuthorityInfo\nsecAuthority: Default\nversion: 5\n\n" +
-            recordtest::container_ldif("cn=Users," + kDomain, "Users") +
-            recordtest::container_ldif("cn=Resources," + kDomain, "Resources") +
-            recordtest::container_ldif("cn=ResourceGroups," + kDomain, "ResourceGroups") + "dn: secResourceID=app,cn=Resources," +
-            kDomain + "\nobjectClass: secResource\nsecResourceID: app\nsecType: 1\n",
-        true);
-    ASSERT_EQ(seeded.status, 0) << seeded.err;
-    Session v2 = open(Ds389::admin_dn(), Ds389::admin_password(), 2);
-    ASSERT_TRUE(v2);
-    ZelUser jo = usertest::user_record("Jo", "User", person("Jo"));
-    ASSERT_EQ(Zel_addZelUser(v2.get(), &jo), 0u);
-    ZelTargetRecord app = record("T:app", "app", "jo.app", "app-pw");
-    ASSERT_EQ(Zel_addTargetRecord(v2.get(), "Jo", &app), 0u);
-    EXPECT_EQ(credential(v2.get(), "Jo", "app"), "jo.app/app-pw");
-
+    add_domain_record();
     ASSERT_EQ(Zel_removeZelUser(admin.get(), "Ann"), 0u);
     EXPECT_EQ(credential(admin.get(), "Ann", "mail"), "status 19");
     ASSERT_EQ(Zel_removeDatabase(admin.get()), 0u);
     EXPECT_TRUE(server->search(kDb, "(objectClass=*)", {"1.1"}).empty());
+}
+
+// Binds as the people concerned.  The deployment's own part is one rule that
+// lets those signed on find people; everything else is the library's ACIs.
+TEST_F(PeerDs389, AcisProtectRecords) {
+    build_database();
+    CommandResult people = server->modify(
+        "dn: " + kSuffix + "\nchangetype: modify\nadd: aci\naci: (targetattr = \"objectClass || cn || sn || uid\")"
+        "(version 3.0; acl \"Find people\"; allow (read, search, compare) userdn = \"ldap:///all\";)\n");
+    ASSERT_EQ(people.status, 0) << people.err;
+    add_domain_record();
+    ASSERT_EQ(server->search(kSuffix, "(secAuthnData=*)", {"1.1"}).size(), 1u);
+
+    const std::string jo_record = "cn=T:mail,cn=Jo," + person("Jo"), ann_record = "cn=T:mail,cn=Ann," + person("Ann");
+    struct Seen {
+        const char *who, *filter;  // who "" binds anonymously
+        std::vector<std::string> dns;
+    } seen[] = {
+        {"Jo", "(objectClass=eTargetRecord)", {jo_record}},  // a "User" sees their own records...
+        {"Jo", "(secretKey=*)", {}},                         // ...but not the passwords in them
+        {"Ann", "(objectClass=eTargetRecord)", {ann_record}},
+        {"Xr", "(objectClass=eTargetRecord)", {}},
+        {"Agent", "(secretKey=*)", {jo_record, ann_record}},  // a middle tier server sees what it hands out
+        {"", "(objectClass=eTargetRecord)", {}},
+        {"", "(|(secretKey=*)(secAuthnData=*))", {}},
+    };
+    for (const Seen &c : seen) {
+        CommandResult r =
+            server->search_as(*c.who ? person(c.who) : "", password_of(c.who), kSuffix, c.filter, {"1.1"});
+        std::vector<std::string> dns;
+        for (const Entry &e : parse_ldif(r.out)) dns.push_back(e.dn);
+        EXPECT_EQ(dns, c.dns) << c.who << " " << c.filter;
+    }
+
+    // The same through the library: credentials, and adding a service.
+    struct Acts {
+        const char *who;
+        std::string jo, ann;
+        ZelRC add_service;
+    } acts[] = {
+        {"Jo", "status 13", "status 19", ZEL_RC_NOT_AUTHORIZED},
+        {"Agent", "Jo.mail/Jo-mail-pw", "Ann.mail/Ann-mail-pw", ZEL_RC_NOT_AUTHORIZED},
+        {"Zel Sr Admin", "Jo.mail/Jo-mail-pw", "Ann.mail/Ann-mail-pw", 0},
+    };
+    ZelReqIdentifier id{const_cast<char *>("resourceName"), const_cast<char *>("wiki")};
+    ZelReqIdentifier *ids[] = {&id};
+    ZelTargetService wiki{const_cast<char *>("wiki"), const_cast<char *>("Web Resource"), nullptr, 1, ids};
+    for (const Acts &a : acts) {
+        bool admin_person = std::string(a.who) == "Zel Sr Admin";
+        Session s = open(person(a.who), admin_person ? kAdminPassword : password_of(a.who), 1);
+        ASSERT_TRUE(s);
+        EXPECT_EQ(credential(s.get(), "Jo", "mail"), a.jo) << a.who;
+        EXPECT_EQ(credential(s.get(), "Ann", "mail"), a.ann) << a.who;
+        EXPECT_EQ(Zel_addTargetService(s.get(), &wiki), a.add_service) << a.who;
+    }
 }
 
 }  // namespace
