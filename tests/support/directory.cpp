@@ -154,6 +154,14 @@ std::string base64_decode(const std::string &in) {
     return out;
 }
 
+// argv as execvp wants it; the texts stay argv's.
+std::vector<char *> exec_args(const std::vector<std::string> &argv) {
+    std::vector<char *> args;
+    for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+    args.push_back(nullptr);
+    return args;
+}
+
 }  // namespace
 
 std::vector<Entry> parse_ldif(const std::string &text) {
@@ -221,9 +229,7 @@ CommandResult run_command(const std::vector<std::string> &argv, const std::strin
                           const std::map<std::string, std::string> &env) {
     int in_pipe[2], out_pipe[2], err_pipe[2];
     if (pipe(in_pipe) || pipe(out_pipe) || pipe(err_pipe)) throw std::runtime_error("pipe failed");
-    std::vector<char *> args;
-    for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
-    args.push_back(nullptr);
+    std::vector<char *> args = exec_args(argv);
     pid_t pid = fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
@@ -364,35 +370,42 @@ void Directory::write_config() {
 }
 
 void Directory::start() {
-    std::string log = dir_ + "/slapd.log";
-    std::string urls = uri() + "/ " + ldaps_uri() + "/";
-    pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("fork failed");
-    if (pid_ == 0) {
+    pid_ = spawn_server({"slapd", "-f", dir_ + "/slapd.conf", "-h", uri() + "/ " + ldaps_uri() + "/", "-d", "0"},
+                        dir_ + "/slapd.log", {port_, ldaps_port_});
+}
+
+pid_t spawn_server(const std::vector<std::string> &argv, const std::string &log, const std::vector<uint16_t> &ports,
+                   int seconds) {
+    std::vector<char *> args = exec_args(argv);
+    pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("fork failed");
+    if (pid == 0) {
         int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         if (fd >= 0) {
             dup2(fd, 1);
             dup2(fd, 2);
             close(fd);
         }
-        std::string conf = dir_ + "/slapd.conf";
-        execlp("slapd", "slapd", "-f", conf.c_str(), "-h", urls.c_str(), "-d", "0", (char *)nullptr);
+        execvp(args[0], args.data());
         _exit(127);
     }
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    auto log_text = [&] {
+        std::ifstream f(log);
+        std::stringstream ss;
+        ss << f.rdbuf();
+        return ss.str();
+    };
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     while (std::chrono::steady_clock::now() < deadline) {
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            std::ifstream f(log);
-            std::stringstream ss;
-            ss << f.rdbuf();
-            throw std::runtime_error("slapd exited at start:\n" + ss.str());
-        }
-        if (port_open(port_) && port_open(ldaps_port_)) return;
+        if (waitpid(pid, nullptr, WNOHANG) == pid) throw std::runtime_error(argv[0] + " exited at start:\n" + log_text());
+        bool listening = true;
+        for (uint16_t port : ports) listening = listening && port_open(port);
+        if (listening) return pid;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    throw std::runtime_error("slapd did not start listening in time");
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    throw std::runtime_error(argv[0] + " did not start listening in time:\n" + log_text());
 }
 
 void Directory::seed() {

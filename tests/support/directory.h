@@ -115,6 +115,11 @@ std::string make_temp_dir(const char *what);
 std::pair<uint16_t, uint16_t> free_ports();  // two distinct free loopback ports
 bool port_open(uint16_t port);                // something listens on 127.0.0.1:port
 std::vector<Entry> parse_ldif(const std::string &text);
+// Runs a server in the foreground (argv[0] searched in PATH), its output in
+// log, and waits until it listens on every port; throws with the log when it
+// exits or does not listen in time.  The caller stops it by the pid returned.
+pid_t spawn_server(const std::vector<std::string> &argv, const std::string &log, const std::vector<uint16_t> &ports,
+                   int seconds = 10);
 
 // A fixture with a fresh directory per test; override profile() to choose one.
 class DirectoryTest : public ::testing::Test {

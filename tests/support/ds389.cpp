@@ -1,19 +1,16 @@
 #include "support/ds389.h"
 
-#include <fcntl.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #ifndef ZEL_BINARY_DIR
 #error "ZEL_BINARY_DIR must name the build tree"
@@ -72,15 +69,23 @@ Ds389::Ds389(std::string suffix) : suffix_(std::move(suffix)) {
     // The server names a shared-memory semaphore after this folder: it must
     // be unique among running instances.
     config_dir_ = dir_ + "/slapd-zel" + std::to_string(port_);
-    write_config();
-    start();
-    add_backend();
+    try {
+        write_config();
+        start();
+        add_backend();
+    } catch (...) {
+        stop();
+        throw;
+    }
 }
 
-Ds389::~Ds389() {
+Ds389::~Ds389() { stop(); }
+
+void Ds389::stop() {
     if (pid_ > 0) {
         kill(pid_, SIGKILL);  // a throw-away database needs no clean shutdown
         waitpid(pid_, nullptr, 0);
+        pid_ = -1;
         std::error_code ec;
         fs::remove("/dev/shm/sem." + fs::path(config_dir_).filename().string() + ".stats", ec);
     }
@@ -127,33 +132,14 @@ void Ds389::write_config() {
 }
 
 void Ds389::start() {
-    std::string log = dir_ + "/log/ns-slapd.out", pid_file = dir_ + "/run/slapd.pid";
-    pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("fork failed");
-    if (pid_ == 0) {
-        int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (fd >= 0) {
-            dup2(fd, 1);
-            dup2(fd, 2);
-            close(fd);
-        }
-        // In the foreground (-d 0) its pid is ours to stop; -i keeps it from
-        // using its default pid file.
-        execl("/usr/sbin/ns-slapd", "ns-slapd", "-D", config_dir_.c_str(), "-d", "0", "-i", pid_file.c_str(),
-              (char *)nullptr);
-        _exit(127);
+    // In the foreground (-d 0) its pid is ours to stop; -i keeps it from
+    // using its default pid file.
+    try {
+        pid_ = spawn_server({"/usr/sbin/ns-slapd", "-D", config_dir_, "-d", "0", "-i", dir_ + "/run/slapd.pid"},
+                            dir_ + "/log/ns-slapd.out", {port_}, 30);
+    } catch (const std::runtime_error &e) {
+        throw std::runtime_error(e.what() + read_text(dir_ + "/log/errors"));
     }
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (std::chrono::steady_clock::now() < deadline) {
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            throw std::runtime_error("ns-slapd exited at start:\n" + read_text(log) + read_text(dir_ + "/log/errors"));
-        }
-        if (port_open(port_)) return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    throw std::runtime_error("ns-slapd did not start listening in time:\n" + read_text(dir_ + "/log/errors"));
 }
 
 void Ds389::add_backend() {

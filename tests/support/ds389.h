@@ -46,6 +46,7 @@ private:
     void write_config();
     void start();
     void add_backend();
+    void stop();  // also removes every file
 
     std::string suffix_;
     std::string dir_, config_dir_;

@@ -1,15 +1,12 @@
 #include "support/kerberos.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <random>
 #include <stdexcept>
-#include <thread>
 
 #include "support/directory.h"
 
@@ -44,18 +41,26 @@ KerberosRealm::KerberosRealm(const std::string &user) : user_(user) {
 
     // The master key and the user's password travel on standard input only.
     const std::string master = random_secret(), password = random_secret();
-    run_admin({"kdb5_util", "create", "-s", "-r", realm()}, master + "\n" + master + "\n");
-    run_admin({"kadmin.local", "-r", realm()},
-              "addprinc -pw " + password + " " + user_ + "\naddprinc -randkey ldap/" + kServiceHost +
-                  "\nktadd -k " + dir_ + "/ldap.keytab ldap/" + kServiceHost + "\n");
-    start_kdc();
-    run_admin({"kinit", principal()}, password + "\n");
+    try {
+        run_admin({"kdb5_util", "create", "-s", "-r", realm()}, master + "\n" + master + "\n");
+        run_admin({"kadmin.local", "-r", realm()},
+                  "addprinc -pw " + password + " " + user_ + "\naddprinc -randkey ldap/" + kServiceHost +
+                      "\nktadd -k " + dir_ + "/ldap.keytab ldap/" + kServiceHost + "\n");
+        start_kdc();
+        run_admin({"kinit", principal()}, password + "\n");
+    } catch (...) {
+        stop();
+        throw;
+    }
 }
 
-KerberosRealm::~KerberosRealm() {
+KerberosRealm::~KerberosRealm() { stop(); }
+
+void KerberosRealm::stop() {
     if (pid_ > 0) {
         kill(pid_, SIGTERM);
         waitpid(pid_, nullptr, 0);
+        pid_ = -1;
     }
     env_.clear();
     std::error_code ec;
@@ -94,29 +99,8 @@ void KerberosRealm::run_admin(const std::vector<std::string> &argv, const std::s
 }
 
 void KerberosRealm::start_kdc() {
-    pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("fork failed");
-    if (pid_ == 0) {
-        int fd = open((dir_ + "/krb5kdc.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (fd >= 0) {
-            dup2(fd, 1);
-            dup2(fd, 2);
-            close(fd);
-        }
-        // -n: stay in the foreground, so the pid is ours to stop.
-        execlp("krb5kdc", "krb5kdc", "-n", "-r", realm(), (char *)nullptr);
-        _exit(127);
-    }
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
-            pid_ = -1;
-            throw std::runtime_error("krb5kdc exited at start");
-        }
-        if (port_open(port_)) return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    throw std::runtime_error("krb5kdc did not start listening in time");
+    // -n: in the foreground, so the pid is ours to stop.
+    pid_ = spawn_server({"krb5kdc", "-n", "-r", realm()}, dir_ + "/krb5kdc.out", {port_});
 }
 
 }  // namespace zeltest

@@ -35,6 +35,7 @@ private:
     void write_config();
     void run_admin(const std::vector<std::string> &argv, const std::string &input) const;
     void start_kdc();
+    void stop();  // also removes every file and restores the environment
 
     std::string user_, dir_;
     uint16_t port_ = 0;
