@@ -86,7 +86,8 @@ protected:
         ASSERT_EQ(seeded.status, 0) << seeded.err;
         Session v2 = open(Ds389::admin_dn(), Ds389::admin_password(), 2);
         ASSERT_TRUE(v2);
-        ZelUser jo = usertest::user_record("Jo", "User", person("Jo"));
+        const std::string jo_person = person("Jo");
+        ZelUser jo = usertest::user_record("Jo", "User", jo_person);
         ASSERT_EQ(Zel_addZelUser(v2.get(), &jo), 0u);
         ZelTargetRecord app = record("T:app", "app", "jo.app", "app-pw");
         ASSERT_EQ(Zel_addTargetRecord(v2.get(), "Jo", &app), 0u);
