@@ -47,7 +47,7 @@ protected:
     }
 
     // A database with every optional part, people of each user type and a
-    // record for each ordinary user.
+    // record for each ordinary user, a service and a domain.
     void build_database() {
         ASSERT_EQ(Zel_createDatabase(admin.get(), kSuffix.c_str(), nullptr, "sradmin", kAdminPassword,
                                      ZEL_CREATEDB_SUFFIX | ZEL_CREATEDB_XR_DEFAULTS | ZEL_CREATEDB_EXTENDED),
@@ -66,6 +66,8 @@ protected:
         ZelTargetService mail{const_cast<char *>("mail"), const_cast<char *>("Web Resource"),
                               const_cast<char *>("Mail"), 1, ids};
         ASSERT_EQ(Zel_addTargetService(admin.get(), &mail), 0u);
+        domaintest::DomainRecord east("East", "East side", {{"resourceName", "mail"}});
+        ASSERT_EQ(Zel_addZelDomain(admin.get(), &east.d), 0u);
         for (const char *who : {"Jo", "Ann"}) {
             std::string account = std::string(who) + ".mail", pw = std::string(who) + "-mail-pw";
             ZelTargetRecord r = record("T:mail", "mail", account.c_str(), pw.c_str());
@@ -119,8 +121,6 @@ TEST_F(PeerDs389, WholeLibraryInBothStorageForms) {
     for (const char *cn : {"Jo", "Ann", "Agent", "Xr"}) want.push_back("cn=" + std::string(cn) + "," + person(cn));
     EXPECT_EQ(with_acis, want);
 
-    domaintest::DomainRecord east("East", "East side", {{"resourceName", "mail"}});
-    ASSERT_EQ(Zel_addZelDomain(admin.get(), &east.d), 0u);
     ZelDomain *got = nullptr;
     ASSERT_EQ(Zel_getZelDomain(admin.get(), "East", &got), 0u);
     EXPECT_EQ(got->locationCount, 1);
@@ -146,6 +146,8 @@ TEST_F(PeerDs389, AcisProtectRecords) {
     ASSERT_EQ(server->search(kSuffix, "(secAuthnData=*)", {"1.1"}).size(), 1u);
 
     const std::string jo_record = "cn=T:mail,cn=Jo," + person("Jo"), ann_record = "cn=T:mail,cn=Ann," + person("Ann");
+    const std::string service = "tsName=mail,tsType=Web Resource,cn=Target Service Types," + kDb,
+                      domain = "cn=East,cn=Zel Domains," + kDb;
     struct Seen {
         const char *who, *filter;  // who "" binds anonymously
         std::vector<std::string> dns;
@@ -156,6 +158,10 @@ TEST_F(PeerDs389, AcisProtectRecords) {
         {"Xr", "(objectClass=eTargetRecord)", {}},
         {"Agent", "(secretKey=*)", {jo_record, ann_record}},  // a middle tier server sees what it hands out
         {"", "(objectClass=eTargetRecord)", {}},
+        // Services and domains: for the groups' members only.
+        {"Jo", "(|(objectClass=eTargetService)(objectClass=eZelDomain))", {service, domain}},
+        {"Xr", "(|(objectClass=eTargetService)(objectClass=eZelDomain))", {}},
+        {"", "(|(objectClass=eTargetService)(objectClass=eZelDomain))", {}},
         {"", "(|(secretKey=*)(secAuthnData=*))", {}},
     };
     for (const Seen &c : seen) {
