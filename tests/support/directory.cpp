@@ -397,7 +397,8 @@ pid_t spawn_server(const std::vector<std::string> &argv, const std::string &log,
     };
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     while (std::chrono::steady_clock::now() < deadline) {
-        if (waitpid(pid, nullptr, WNOHANG) == pid) throw std::runtime_error(argv[0] + " exited at start:\n" + log_text());
+        if (waitpid(pid, nullptr, WNOHANG) == pid)
+            throw std::runtime_error(argv[0] + " exited at start:\n" + log_text());
         bool listening = true;
         for (uint16_t port : ports) listening = listening && port_open(port);
         if (listening) return pid;
