@@ -22,7 +22,6 @@ namespace zeltest {
 namespace {
 
 const char *const kTemplate = "/usr/share/dirsrv/data/template-dse.ldif";
-const char *const kSysConfig = "/etc/dirsrv/config";
 
 std::string read_text(const std::string &path) {
     std::ifstream f(path);
@@ -106,8 +105,8 @@ std::string Ds389::password_file(const std::string &password) const {
 void Ds389::write_config() {
     for (const char *sub : {"db", "bak", "ldif", "run", "lock", "log", "tmp"}) fs::create_directories(dir_ + "/" + sub);
     fs::create_directories(config_dir_ + "/schema");
-    for (const char *f : {"slapd-collations.conf", "certmap.conf"})
-        fs::copy_file(std::string(kSysConfig) + "/" + f, config_dir_ + "/" + f);
+    // The package's collation and certificate-map files are left out (they
+    // are readable to its own group only); the server starts without them.
     fs::copy_file(std::string(ZEL_BINARY_DIR) + "/schema/99zel.ldif", config_dir_ + "/schema/99zel.ldif");
 
     std::string dse = read_text(kTemplate);
