@@ -11,6 +11,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -377,9 +378,13 @@ void Directory::start() {
 pid_t spawn_server(const std::vector<std::string> &argv, const std::string &log, const std::vector<uint16_t> &ports,
                    int seconds) {
     std::vector<char *> args = exec_args(argv);
+    pid_t parent = getpid();
     pid_t pid = fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
+        // A test program that dies without its destructors takes its servers along.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) _exit(1);
         int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         if (fd >= 0) {
             dup2(fd, 1);
