@@ -46,7 +46,8 @@ protected:
         return Session(rc == 0 ? s : nullptr);
     }
 
-    // A database with every optional part, people of each user type and a
+    // A database with every optional part (its suffix entry made by the
+    // library: the server only knows the suffix), people of each user type, a
     // record for each ordinary user, a service and a domain.
     void build_database() {
         ASSERT_EQ(Zel_createDatabase(admin.get(), kSuffix.c_str(), nullptr, "sradmin", kAdminPassword,

@@ -54,12 +54,6 @@ std::string getpwuid_name() {
     return pw->pw_name;
 }
 
-std::string object_class_of(const std::string &suffix) {
-    std::string type = suffix.substr(0, suffix.find('='));
-    for (char &c : type) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return type == "dc" ? "domain" : type == "ou" ? "organizationalUnit" : "organization";
-}
-
 }  // namespace
 
 Ds389::Ds389(std::string suffix) : suffix_(std::move(suffix)) {
@@ -142,17 +136,13 @@ void Ds389::start() {
 }
 
 void Ds389::add_backend() {
-    std::string suffix_rdn = suffix_.substr(0, suffix_.find(','));
     std::string ldif = "dn: cn=userRoot,cn=ldbm database,cn=plugins,cn=config\n"
                        "objectClass: top\nobjectClass: extensibleObject\nobjectClass: nsBackendInstance\n"
                        "cn: userRoot\nnsslapd-suffix: " + suffix_ + "\n"
                        "nsslapd-cachememsize: 33554432\nnsslapd-dncachememsize: 16777216\n\n"
                        "dn: cn=\"" + suffix_ + "\",cn=mapping tree,cn=config\n"
                        "objectClass: top\nobjectClass: extensibleObject\nobjectClass: nsMappingTree\n"
-                       "cn: " + suffix_ + "\nnsslapd-state: backend\nnsslapd-backend: userRoot\n\n"
-                       "dn: " + suffix_ + "\nobjectClass: top\nobjectClass: " + object_class_of(suffix_) + "\n" +
-                       suffix_rdn.substr(0, suffix_rdn.find('=')) + ": " + suffix_rdn.substr(suffix_rdn.find('=') + 1) +
-                       "\n";
+                       "cn: " + suffix_ + "\nnsslapd-state: backend\nnsslapd-backend: userRoot\n";
     CommandResult r = modify(ldif, true);
     if (r.status != 0) throw std::runtime_error("adding the backend failed: " + r.err);
 }

@@ -1,7 +1,8 @@
-// A private 389 Directory Server for a test suite: one instance on a free
+// A private 389 Directory Server for a test: one instance on a free
 // loopback port, every file in a temporary folder, the zelmgmt schema in the
-// server's own form, one backend holding the suffix.  Started by the
-// constructor, stopped (by its own pid) by the destructor.
+// server's own form, one backend for the suffix (its entry is left to the
+// caller).  Started by the constructor, stopped (by its own pid) by the
+// destructor.
 #pragma once
 
 #include <sys/types.h>
