@@ -4,7 +4,10 @@
 set -euo pipefail
 packages=(cmake g++ make pkg-config libldap-dev libsasl2-dev libicu-dev libsodium-dev
           slapd ldap-utils openssl libgtest-dev libbenchmark-dev groff-base
-          python3 python3-pytest)
+          python3 python3-pytest
+          # the peer directories the tests run against: 389 Directory Server,
+          # and an MIT Kerberos realm for GSSAPI sign-on
+          389-ds-base krb5-kdc krb5-user krb5-admin-server libsasl2-modules-gssapi-mit)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
@@ -15,5 +18,6 @@ sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update -qq
-# slapd's package may start a system server; the project never uses it.
+# slapd's and 389-ds-base's packages may start system servers; the project
+# never uses them (tests start private instances).
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -2,6 +2,7 @@
 #include "platform/ldap_client.h"
 
 #include <lber.h>
+#include <sasl/sasl.h>
 
 #include <cctype>
 #include <climits>
@@ -318,13 +319,41 @@ int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *password) {
     return classic_result(::ldap_simple_bind_s(ld, dn, password));
 }
 
+// ---- GSSAPI sign-on ------------------------------------------------------
+namespace {
+
+// The SASL library asks for the authorisation identity and the like; the
+// defaults (the ticket's own principal) are what a sign-on means.
+int take_sasl_defaults(LDAP *, unsigned, void *, void *prompts) {
+    for (auto *p = static_cast<sasl_interact_t *>(prompts); p->id != SASL_CB_LIST_END; ++p) {
+        p->result = p->defresult ? p->defresult : "";
+        p->len = static_cast<unsigned>(std::strlen(static_cast<const char *>(p->result)));
+    }
+    return LDAP_SUCCESS;
+}
+
+}  // namespace
+
 int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mechanism, struct berval *cred,
                      LDAPControl **serverctrls, LDAPControl **clientctrls,
                      struct berval **servercredp) {
     if (ld == nullptr) return kParamError;
-    return classic_result(
-        ::ldap_sasl_bind_s(ld, dn, mechanism, cred, serverctrls, clientctrls, servercredp));
+    int rc = ::ldap_sasl_bind_s(ld, dn, mechanism, cred, serverctrls, clientctrls, servercredp);
+    // A GSSAPI bind without a token of the caller's only opens the exchange
+    // (the server answers "in progress" and waits for the ticket): carry it
+    // through with the SASL library and the caller's Kerberos credentials.
+    if (rc == LDAP_SASL_BIND_IN_PROGRESS && cred == nullptr && mechanism != nullptr &&
+        strcasecmp(mechanism, "GSSAPI") == 0) {
+        if (servercredp && *servercredp) {
+            ber_bvfree(*servercredp);
+            *servercredp = nullptr;
+        }
+        rc = ::ldap_sasl_interactive_bind_s(ld, dn, mechanism, serverctrls, clientctrls, LDAP_SASL_QUIET,
+                                            take_sasl_defaults, nullptr);
+    }
+    return classic_result(rc);
 }
+// ---- end of GSSAPI sign-on -----------------------------------------------
 
 int ldap_unbind(LDAP *ld) {
     if (ld == nullptr) return kParamError;

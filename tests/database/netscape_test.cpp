@@ -39,8 +39,8 @@ TEST_F(NetscapeDatabase, AciTextsAndTheRefusedGroup) {
         values(below("cn=Target Service Types"), "ACI"),
         (std::vector<std::string>{aci("MTS access", read + group("Middle Tier Servers") + "\""),
                                   aci("User access", read + group("Users") + "\""),
-                                  "(targetattr = *)(version 3.0; acl \"Full User access\"; groupdn = \"ldap:///" +
-                                      group("Full Users") + "\";)allow(read, search, compare)"}));
+                                  aci("Full User access", "allow(read, search, compare) groupdn = \"ldap:///" +
+                                                                group("Full Users") + "\"")}));
     EXPECT_FALSE(dir->exists(group("Senior Administrators")));
 
     // Owner rules with both forms of the deny rules.

@@ -11,6 +11,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -38,6 +39,8 @@ std::string lower(std::string s) {
     for (char &c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     return s;
 }
+
+}  // namespace
 
 void write_file(const std::string &path, const std::string &text) {
     std::ofstream f(path);
@@ -84,6 +87,8 @@ bool port_open(uint16_t port) {
     close(fd);
     return ok;
 }
+
+namespace {
 
 std::string read_all(int fd) {
     std::string out;
@@ -150,6 +155,16 @@ std::string base64_decode(const std::string &in) {
     return out;
 }
 
+// argv as execvp wants it; the texts stay argv's.
+std::vector<char *> exec_args(const std::vector<std::string> &argv) {
+    std::vector<char *> args;
+    for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+    args.push_back(nullptr);
+    return args;
+}
+
+}  // namespace
+
 std::vector<Entry> parse_ldif(const std::string &text) {
     std::vector<Entry> entries;
     std::istringstream in(text);
@@ -185,8 +200,6 @@ std::vector<Entry> parse_ldif(const std::string &text) {
     return entries;
 }
 
-}  // namespace
-
 const char *kind_name(Kind kind) {
     switch (kind) {
     case Kind::Generic: return "generic";
@@ -217,9 +230,7 @@ CommandResult run_command(const std::vector<std::string> &argv, const std::strin
                           const std::map<std::string, std::string> &env) {
     int in_pipe[2], out_pipe[2], err_pipe[2];
     if (pipe(in_pipe) || pipe(out_pipe) || pipe(err_pipe)) throw std::runtime_error("pipe failed");
-    std::vector<char *> args;
-    for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
-    args.push_back(nullptr);
+    std::vector<char *> args = exec_args(argv);
     pid_t pid = fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
@@ -341,7 +352,8 @@ void Directory::write_config() {
          << "allow bind_v2\n"  // lets the protocol-2 fallback reach a real server
          << "TLSCACertificateFile " << ca.ca << "\n"
          << "TLSCertificateFile " << ca.cert << "\n"
-         << "TLSCertificateKeyFile " << ca.key << "\n";
+         << "TLSCertificateKeyFile " << ca.key << "\n"
+         << profile_.extra_config;
     if (!root_dse.empty()) {
         write_file(dir_ + "/rootdse.ldif", "dn:\n" + root_dse);
         conf << "rootDSE " << dir_ << "/rootdse.ldif\n";
@@ -360,35 +372,47 @@ void Directory::write_config() {
 }
 
 void Directory::start() {
-    std::string log = dir_ + "/slapd.log";
-    std::string urls = uri() + "/ " + ldaps_uri() + "/";
-    pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("fork failed");
-    if (pid_ == 0) {
+    pid_ = spawn_server({"slapd", "-f", dir_ + "/slapd.conf", "-h", uri() + "/ " + ldaps_uri() + "/", "-d", "0"},
+                        dir_ + "/slapd.log", {port_, ldaps_port_});
+}
+
+pid_t spawn_server(const std::vector<std::string> &argv, const std::string &log, const std::vector<uint16_t> &ports,
+                   int seconds) {
+    std::vector<char *> args = exec_args(argv);
+    pid_t parent = getpid();
+    pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("fork failed");
+    if (pid == 0) {
+        // A test program that dies without its destructors takes its servers along.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) _exit(1);
         int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         if (fd >= 0) {
             dup2(fd, 1);
             dup2(fd, 2);
             close(fd);
         }
-        std::string conf = dir_ + "/slapd.conf";
-        execlp("slapd", "slapd", "-f", conf.c_str(), "-h", urls.c_str(), "-d", "0", (char *)nullptr);
+        execvp(args[0], args.data());
         _exit(127);
     }
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    auto log_text = [&] {
+        std::ifstream f(log);
+        std::stringstream ss;
+        ss << f.rdbuf();
+        return ss.str();
+    };
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     while (std::chrono::steady_clock::now() < deadline) {
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            std::ifstream f(log);
-            std::stringstream ss;
-            ss << f.rdbuf();
-            throw std::runtime_error("slapd exited at start:\n" + ss.str());
-        }
-        if (port_open(port_) && port_open(ldaps_port_)) return;
+        if (waitpid(pid, nullptr, WNOHANG) == pid)
+            throw std::runtime_error(argv[0] + " exited at start:\n" + log_text());
+        bool listening = true;
+        for (uint16_t port : ports) listening = listening && port_open(port);
+        if (listening) return pid;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    throw std::runtime_error("slapd did not start listening in time");
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    throw std::runtime_error(argv[0] + " did not start listening in time:\n" + log_text());
 }
 
 void Directory::seed() {

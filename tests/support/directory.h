@@ -32,6 +32,8 @@ struct Profile {
     std::string seed_ldif;
     // Further root DSE values, e.g. {"namingContexts", "CN=Schema"}.
     std::vector<std::pair<std::string, std::string>> root_dse;
+    // Further slapd.conf lines, placed before the databases (e.g. SASL settings).
+    std::string extra_config;
 
     Profile &kind_is(Kind k) { kind = k; return *this; }
     Profile &seeded(std::string ldif) { seed_ldif += std::move(ldif); return *this; }
@@ -108,6 +110,18 @@ private:
 
 // The LDIF of an entry that makes a suffix exist (by its first RDN's type).
 std::string suffix_entry_ldif(const std::string &suffix);
+
+// Pieces the other server fixtures share.
+void write_file(const std::string &path, const std::string &text);
+std::string make_temp_dir(const char *what);
+std::pair<uint16_t, uint16_t> free_ports();  // two distinct free loopback ports
+bool port_open(uint16_t port);                // something listens on 127.0.0.1:port
+std::vector<Entry> parse_ldif(const std::string &text);
+// Runs a server in the foreground (argv[0] searched in PATH), its output in
+// log, and waits until it listens on every port; throws with the log when it
+// exits or does not listen in time.  The caller stops it by the pid returned.
+pid_t spawn_server(const std::vector<std::string> &argv, const std::string &log, const std::vector<uint16_t> &ports,
+                   int seconds = 10);
 
 // A fixture with a fresh directory per test; override profile() to choose one.
 class DirectoryTest : public ::testing::Test {

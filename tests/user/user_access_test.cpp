@@ -55,7 +55,7 @@ std::vector<AccessCase> cases() {
             {"ACI",
              {on_profile("Owner access", "allow (all)groupdn = \"ldap:///" + kAdmins + "\";)"), user_aci,
               on_profile("MTS access", "allow(read, search, compare)groupdn = \"ldap:///" + kMts + "\";)"),
-              on_profile("Deny others", "deny (all)(userdn != \"ldap:///all\" or groupdn != \"ldap:///" + kAdmins +
+              on_profile("Deny others", "deny (all)(userdn != \"ldap:///all\" and groupdn != \"ldap:///" + kAdmins +
                                             "||ldap:///" + kMts + "\"); )"),
               on_profile("Deny authenticated others", "deny (all)(userdn != \"ldap:///" + kJo +
                                                           "\") and (groupdn != \"ldap:///" + kAdmins +

@@ -69,7 +69,9 @@ ZelRC plan_access(const ZelSession *s, bool extended, Plan &p) {
         break;
     case ZEL_DIR_NETSCAPE:
         // The full users' rule names its group where the others do and
-        // grants, like them, read access.
+        // grants, like them, read access; the permission goes before the
+        // subject, as the server's ACI parser demands (a permission after the
+        // closing parenthesis is refused).
         fits = format_value(mts, zel::kAclSize,
                             "(targetattr = *)(version 3.0; acl \"MTS access\"; %sgroupdn = \"ldap:///%s\";)",
                             kAllowRead, p.mts.c_str()) &&
@@ -77,9 +79,8 @@ ZelRC plan_access(const ZelSession *s, bool extended, Plan &p) {
                             "(targetattr = *)(version 3.0; acl \"User access\"; %sgroupdn = \"ldap:///%s\";)",
                             kAllowRead, p.us.c_str()) &&
                format_value(fu, zel::kAclSize,
-                            "(targetattr = *)(version 3.0; acl \"Full User access\";%s groupdn = \"ldap:///%s\";)"
-                            "allow(read, search, compare)",
-                            "", p.fu.c_str()) &&
+                            "(targetattr = *)(version 3.0; acl \"Full User access\"; %s groupdn = \"ldap:///%s\";)",
+                            kAllowRead, p.fu.c_str()) &&
                format_value(anonymous, zel::kAclSize,
                             "(targetattr = *)(version 3.0; acl \"Anonymous access\"; %s%s;)", kAllowAnonymousRead,
                             "userdn = \"ldap:///anyone\"");

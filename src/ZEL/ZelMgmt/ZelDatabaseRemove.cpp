@@ -7,7 +7,8 @@
 namespace {
 
 constexpr const char *kProbeType = "attributeTypes";
-constexpr const char *kProbeValue = "( 20.20.20 NAME 'glc' SYNTAX '1.3.6.1.4.1.1466.115.121.1.15' )";
+// The syntax OID stands bare: servers that parse schema values refuse it quoted.
+constexpr const char *kProbeValue = "( 20.20.20 NAME 'glc' SYNTAX 1.3.6.1.4.1.1466.115.121.1.15 )";
 
 // Directories whose schema cannot be written over LDAP are not probed.
 bool probes_schema(int32_t kind) {

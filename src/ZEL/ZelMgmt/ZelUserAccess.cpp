@@ -25,9 +25,12 @@ constexpr const char *kWriterAci =
     "(targetattr = \"*\")(version 3.0; acl \"User access\"; %suserdn = \"ldap:///%s\";)";
 constexpr const char *kMiddleTierAci =
     "(target = \"ldap:///%s\")(targetattr = *)(version 3.0; acl \"MTS access\"; %sgroupdn = \"ldap:///%s\";)";
+// Shuts out anonymous callers outside the two groups.  (With "or" it shut out
+// everyone outside them, the user the profile belongs to included: a deny
+// wins over the user's own allow.)
 constexpr const char *kDenyOthersAci =
     "(target = \"ldap:///%s\")(targetattr = *)(version 3.0; acl \"Deny others\"; %s(userdn != \"ldap:///all\" "
-    "or groupdn != \"ldap:///%s||ldap:///%s\"); )";
+    "and groupdn != \"ldap:///%s||ldap:///%s\"); )";
 constexpr const char *kDenyAuthenticatedAci =
     "(target = \"ldap:///%s\")(targetattr = *)(version 3.0; acl \"Deny authenticated others\"; "
     "%s(userdn != \"ldap:///%s\") and (groupdn != \"ldap:///%s\") and (groupdn != \"ldap:///%s\");)";

@@ -1,0 +1,191 @@
+// The library against a real 389 Directory Server: it must find the server's
+// kind by itself, every access-control value it writes must pass the server's
+// parser, and those values must protect the records when people bind as
+// themselves.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "domain/domain_fixtures.h"
+#include "record/record_fixture.h"
+#include "support/ds389.h"
+
+namespace {
+
+using namespace zeltest;
+using recordtest::credential;
+using recordtest::record;
+
+const std::string kSuffix = "o=peer";
+const std::string kDb = "systemName=ORVZEL," + kSuffix;
+const std::string kDomain = "secAuthority=Default," + kSuffix;
+const std::string kAdmin = "cn=Zel Sr Admin," + kSuffix;
+const char *const kAdminPassword = "Admin-pw-1";
+
+std::string person(const std::string &cn) { return "cn=" + cn + "," + kSuffix; }
+std::string password_of(const std::string &cn) { return cn + "-pw-389"; }
+
+class PeerDs389 : public ::testing::Test {
+protected:
+    void SetUp() override {
+        server = std::make_unique<Ds389>(kSuffix);
+        admin = open(Ds389::admin_dn(), Ds389::admin_password(), 1);
+        ASSERT_TRUE(admin);
+    }
+
+    Session open(const std::string &user, const std::string &password, uint32_t version) const {
+        ZelSession *s = nullptr;
+        ZelRC rc = version < 2 ? Zel_open(nullptr, user.c_str(), password.c_str(), "127.0.0.1", server->port(),
+                                          ZEL_OPEN_NONSSL, nullptr, nullptr, nullptr, &s, version)
+                               : Zel_open_sec_domain(nullptr, user.c_str(), password.c_str(), "127.0.0.1",
+                                                     server->port(), ZEL_OPEN_NONSSL, nullptr, nullptr, nullptr,
+                                                     "Default", &s, version);
+        EXPECT_EQ(rc, 0u) << "open as " << user;
+        return Session(rc == 0 ? s : nullptr);
+    }
+
+    // A database with every optional part (its suffix entry made by the
+    // library: the server only knows the suffix), people of each user type, a
+    // record for each ordinary user, a service and a domain.
+    void build_database() {
+        ASSERT_EQ(Zel_createDatabase(admin.get(), kSuffix.c_str(), nullptr, "sradmin", kAdminPassword,
+                                     ZEL_CREATEDB_SUFFIX | ZEL_CREATEDB_XR_DEFAULTS | ZEL_CREATEDB_EXTENDED),
+                  0u);
+        struct Who {
+            const char *cn, *type;
+        } people[] = {{"Jo", "User"}, {"Ann", "User"}, {"Agent", "Middle Tier Server"}, {"Xr", "XR User"}};
+        for (const Who &w : people) {
+            std::string pw = password_of(w.cn), uid = w.cn;
+            ZelPerson p{const_cast<char *>(kSuffix.c_str()), const_cast<char *>(w.cn), const_cast<char *>(w.cn),
+                        nullptr, uid.data(), pw.data()};
+            ASSERT_EQ(Zel_create_ePerson(admin.get(), &p, w.type), 0u) << w.cn;
+        }
+        ZelReqIdentifier id{const_cast<char *>("resourceName"), const_cast<char *>("mail")};
+        ZelReqIdentifier *ids[] = {&id};
+        ZelTargetService mail{const_cast<char *>("mail"), const_cast<char *>("Web Resource"),
+                              const_cast<char *>("Mail"), 1, ids};
+        ASSERT_EQ(Zel_addTargetService(admin.get(), &mail), 0u);
+        domaintest::DomainRecord east("East", "East side", {{"resourceName", "mail"}});
+        ASSERT_EQ(Zel_addZelDomain(admin.get(), &east.d), 0u);
+        for (const char *who : {"Jo", "Ann"}) {
+            std::string account = std::string(who) + ".mail", pw = std::string(who) + "-mail-pw";
+            ZelTargetRecord r = record("T:mail", "mail", account.c_str(), pw.c_str());
+            ASSERT_EQ(Zel_addTargetRecord(admin.get(), who, &r), 0u) << who;
+        }
+    }
+
+    // The security domain form: its tree, Jo as its user and a record of his.
+    void add_domain_record() {
+        CommandResult seeded = server->modify(
+            "dn: " + kDomain + "\nobjectClass: secAuthorityInfo\nsecAuthority: Default\nversion: 5\n\n" +
+                recordtest::container_ldif("cn=Users," + kDomain, "Users") +
+                recordtest::container_ldif("cn=Resources," + kDomain, "Resources") +
+                recordtest::container_ldif("cn=ResourceGroups," + kDomain, "ResourceGroups") +
+                "dn: secResourceID=app,cn=Resources," + kDomain +
+                "\nobjectClass: secResource\nsecResourceID: app\nsecType: 1\n",
+            true);
+        ASSERT_EQ(seeded.status, 0) << seeded.err;
+        Session v2 = open(Ds389::admin_dn(), Ds389::admin_password(), 2);
+        ASSERT_TRUE(v2);
+        const std::string jo_person = person("Jo");
+        ZelUser jo = usertest::user_record("Jo", "User", jo_person);
+        ASSERT_EQ(Zel_addZelUser(v2.get(), &jo), 0u);
+        ZelTargetRecord app = record("T:app", "app", "jo.app", "app-pw");
+        ASSERT_EQ(Zel_addTargetRecord(v2.get(), "Jo", &app), 0u);
+        EXPECT_EQ(credential(v2.get(), "Jo", "app"), "jo.app/app-pw");
+    }
+
+    std::unique_ptr<Ds389> server;
+    Session admin;
+};
+
+TEST_F(PeerDs389, WholeLibraryInBothStorageForms) {
+    build_database();
+    // Every entry that should carry ACIs does (so the session found the
+    // Netscape kind by itself), and the server parsed and kept them.
+    std::vector<std::string> with_acis;
+    for (const Entry &e : server->search(kSuffix, "(aci=*)", {"1.1"})) with_acis.push_back(e.dn);
+    std::vector<std::string> want = {"cn=Zel Sr Admin," + kAdmin, kDb};
+    for (const char *cn : {"Access Groups", "Zel Domains", "Target Service Types", "Target Groups", "Target Accounts",
+                           "Password Generators", "Senior Administrators,cn=Access Groups",
+                           "Administrators,cn=Access Groups", "Middle Tier Servers,cn=Access Groups",
+                           "Full Users,cn=Access Groups", "Users,cn=Access Groups"})
+        want.push_back(std::string("cn=") + cn + "," + kDb);
+    for (const char *type : {"Web Resource", "Resource Group"})
+        want.push_back(std::string("tsType=") + type + ",cn=Target Service Types," + kDb);
+    for (const char *cn : {"Jo", "Ann", "Agent", "Xr"}) want.push_back("cn=" + std::string(cn) + "," + person(cn));
+    EXPECT_EQ(with_acis, want);
+
+    EXPECT_EQ(credential(admin.get(), "Jo", "mail"), "Jo.mail/Jo-mail-pw");
+
+    add_domain_record();
+    ASSERT_EQ(Zel_removeZelUser(admin.get(), "Ann"), 0u);
+    EXPECT_EQ(credential(admin.get(), "Ann", "mail"), "status 19");
+    ASSERT_EQ(Zel_removeDatabase(admin.get()), 0u);
+    EXPECT_TRUE(server->search(kDb, "(objectClass=*)", {"1.1"}).empty());
+}
+
+// Binds as the people concerned.  The deployment's own part is one rule that
+// lets those signed on find people; everything else is the library's ACIs.
+TEST_F(PeerDs389, AcisProtectRecords) {
+    build_database();
+    CommandResult people = server->modify(
+        "dn: " + kSuffix + "\nchangetype: modify\nadd: aci\naci: (targetattr = \"objectClass || cn || sn || uid\")"
+        "(version 3.0; acl \"Find people\"; allow (read, search, compare) userdn = \"ldap:///all\";)\n");
+    ASSERT_EQ(people.status, 0) << people.err;
+    add_domain_record();
+    ASSERT_EQ(server->search(kSuffix, "(secAuthnData=*)", {"1.1"}).size(), 1u);
+
+    const std::string jo_record = "cn=T:mail,cn=Jo," + person("Jo"), ann_record = "cn=T:mail,cn=Ann," + person("Ann");
+    const std::string service = "tsName=mail,tsType=Web Resource,cn=Target Service Types," + kDb,
+                      domain = "cn=East,cn=Zel Domains," + kDb;
+    struct Seen {
+        const char *who, *filter;  // who "" binds anonymously
+        std::vector<std::string> dns;
+    } seen[] = {
+        {"Jo", "(objectClass=eTargetRecord)", {jo_record}},  // a "User" sees their own records...
+        {"Jo", "(secretKey=*)", {}},                         // ...but not the passwords in them
+        {"Ann", "(objectClass=eTargetRecord)", {ann_record}},
+        {"Xr", "(objectClass=eTargetRecord)", {}},
+        {"Agent", "(secretKey=*)", {jo_record, ann_record}},  // a middle tier server sees what it hands out
+        {"", "(objectClass=eTargetRecord)", {}},
+        // Services and domains: for the groups' members only.
+        {"Jo", "(|(objectClass=eTargetService)(objectClass=eZelDomain))", {service, domain}},
+        {"Xr", "(|(objectClass=eTargetService)(objectClass=eZelDomain))", {}},
+        {"", "(|(objectClass=eTargetService)(objectClass=eZelDomain))", {}},
+        {"", "(|(secretKey=*)(secAuthnData=*))", {}},
+    };
+    for (const Seen &c : seen) {
+        CommandResult r =
+            server->search_as(*c.who ? person(c.who) : "", password_of(c.who), kSuffix, c.filter, {"1.1"});
+        std::vector<std::string> dns;
+        for (const Entry &e : parse_ldif(r.out)) dns.push_back(e.dn);
+        EXPECT_EQ(dns, c.dns) << c.who << " " << c.filter;
+    }
+
+    // The same through the library: credentials, and adding a service.
+    struct Acts {
+        const char *who;
+        std::string jo, ann;
+        ZelRC add_service;
+    } acts[] = {
+        {"Jo", "status 13", "status 19", ZEL_RC_NOT_AUTHORIZED},
+        {"Agent", "Jo.mail/Jo-mail-pw", "Ann.mail/Ann-mail-pw", ZEL_RC_NOT_AUTHORIZED},
+        {"Zel Sr Admin", "Jo.mail/Jo-mail-pw", "Ann.mail/Ann-mail-pw", 0},
+    };
+    ZelReqIdentifier id{const_cast<char *>("resourceName"), const_cast<char *>("wiki")};
+    ZelReqIdentifier *ids[] = {&id};
+    ZelTargetService wiki{const_cast<char *>("wiki"), const_cast<char *>("Web Resource"), nullptr, 1, ids};
+    for (const Acts &a : acts) {
+        bool admin_person = std::string(a.who) == "Zel Sr Admin";
+        Session s = open(person(a.who), admin_person ? kAdminPassword : password_of(a.who), 1);
+        ASSERT_TRUE(s);
+        EXPECT_EQ(credential(s.get(), "Jo", "mail"), a.jo) << a.who;
+        EXPECT_EQ(credential(s.get(), "Ann", "mail"), a.ann) << a.who;
+        EXPECT_EQ(Zel_addTargetService(s.get(), &wiki), a.add_service) << a.who;
+    }
+}
+
+}  // namespace
