@@ -4,6 +4,8 @@
 set -euo pipefail
 packages=(cmake g++ make pkg-config libldap-dev libsasl2-dev libicu-dev libsodium-dev
           slapd ldap-utils openssl libgtest-dev libbenchmark-dev groff-base)
+# Arguments replace the list: make bench asks for its own tools this way.
+[ $# -gt 0 ] && packages=("$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
