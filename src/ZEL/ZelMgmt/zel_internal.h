@@ -140,11 +140,20 @@ ZelRC walk_attributes(LDAP *ld, LDAPMessage *entry, Fn &&fn) {
     BerElement *raw = nullptr;
     LdapText name(ldap_first_attribute(ld, entry, &raw));
     Ber ber(raw);
+    // Each attribute is decoded once: the client NUL-terminates every binary
+    // value it hands out, so the string form points into the same values.
+    constexpr size_t kInline = 8;
+    char *inline_strings[kInline + 1];
     while (name) {
         Bervals bervals(ldap_get_values_len(ld, entry, name.get()));
         if (bervals && bervals.get()[0]) {
-            Values strings(ldap_get_values(ld, entry, name.get()));
-            if (ZelRC rc = fn(name.get(), strings.get(), bervals.get())) return rc;
+            size_t n = 0;
+            while (bervals.get()[n]) ++n;
+            std::unique_ptr<char *[]> heap(n > kInline ? new char *[n + 1] : nullptr);
+            char **strings = heap ? heap.get() : inline_strings;
+            for (size_t i = 0; i < n; ++i) strings[i] = bervals.get()[i]->bv_val;
+            strings[n] = nullptr;
+            if (ZelRC rc = fn(name.get(), strings, bervals.get())) return rc;
         }
         name.reset(ldap_next_attribute(ld, entry, raw));
     }
