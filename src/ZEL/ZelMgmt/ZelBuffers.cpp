@@ -43,7 +43,7 @@ bool format_into(char *dst, size_t size, const char *fmt, ...) {
     return fits;
 }
 
-bool same_text(const char *a, const char *b) {
+bool same_text_folded(const char *a, const char *b) {
     if (a == nullptr || b == nullptr) return a == b;
     // Names are ASCII: compare in place, and fold only from the first byte
     // past ASCII on (an ASCII prefix folds to itself, so the rest decides).

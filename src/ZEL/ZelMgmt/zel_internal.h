@@ -129,7 +129,15 @@ bool format_into(char *dst, size_t size, const char *fmt, ...) ZEL_PRINTF(3, 4);
 bool vformat_into(char *dst, size_t size, const char *fmt, va_list ap) ZEL_PRINTF(3, 0);
 
 // Attribute names and values compared as the directory does: ignoring case.
-bool same_text(const char *a, const char *b);
+bool same_text_folded(const char *a, const char *b);
+// Most names differ in their first letter: that answer needs no call.
+inline bool same_text(const char *a, const char *b) {
+    if (a != nullptr && b != nullptr) {
+        unsigned x = static_cast<unsigned char>(*a), y = static_cast<unsigned char>(*b);
+        if ((x | y) < 0x80 && x != y && ((x | 0x20) != (y | 0x20) || (x | 0x20) - 'a' > 25u)) return false;
+    }
+    return same_text_folded(a, b);
+}
 bool contains(const char *haystack, const char *needle);
 
 // Walks an entry's attributes in the order the server returned them and calls
