@@ -43,17 +43,9 @@ bool format_into(char *dst, size_t size, const char *fmt, ...) {
     return fits;
 }
 
+// Reached at the first byte past ASCII; see same_text.
 bool same_text_folded(const char *a, const char *b) {
-    if (a == nullptr || b == nullptr) return a == b;
-    // Names are ASCII: compare in place, and fold only from the first byte
-    // past ASCII on (an ASCII prefix folds to itself, so the rest decides).
-    for (;; ++a, ++b) {
-        auto x = static_cast<unsigned char>(*a), y = static_cast<unsigned char>(*b);
-        if ((x | y) >= 0x80) return plat::zstricmp(plat::zgetUTF8Handle(), a, b) == 0;
-        if (x != y && (x | 0x20) != (y | 0x20)) return false;
-        if (x != y && ((x | 0x20) < 'a' || (x | 0x20) > 'z')) return false;
-        if (x == 0) return true;
-    }
+    return plat::zstricmp(plat::zgetUTF8Handle(), a, b) == 0;
 }
 
 bool builtin_service_type(const char *type) {

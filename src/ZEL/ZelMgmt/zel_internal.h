@@ -130,13 +130,16 @@ bool vformat_into(char *dst, size_t size, const char *fmt, va_list ap) ZEL_PRINT
 
 // Attribute names and values compared as the directory does: ignoring case.
 bool same_text_folded(const char *a, const char *b);
-// Most names differ in their first letter: that answer needs no call.
+// Names are ASCII and are compared in place; full folding takes over from the
+// first byte past ASCII (an ASCII prefix folds to itself, so the rest decides).
 inline bool same_text(const char *a, const char *b) {
-    if (a != nullptr && b != nullptr) {
+    if (a == nullptr || b == nullptr) return a == b;
+    for (;; ++a, ++b) {
         unsigned x = static_cast<unsigned char>(*a), y = static_cast<unsigned char>(*b);
-        if ((x | y) < 0x80 && x != y && ((x | 0x20) != (y | 0x20) || (x | 0x20) - 'a' > 25u)) return false;
+        if ((x | y) >= 0x80) return same_text_folded(a, b);
+        if (x != y && ((x | 0x20) != (y | 0x20) || (x | 0x20) - 'a' > 25u)) return false;
+        if (x == 0) return true;
     }
-    return same_text_folded(a, b);
 }
 bool contains(const char *haystack, const char *needle);
 
