@@ -3,7 +3,7 @@ BUILD      ?= build
 ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 
-.PHONY: all deps build build-asan test demo bench clean
+.PHONY: all deps build build-asan test demo bench bench-deps bench-instructions clean
 
 all: build
 
@@ -28,8 +28,18 @@ test: build build-asan
 demo: build
 	bash scripts/demo.sh $(BUILD)
 
-bench: build
-	$(BUILD)/bench/zel_bench
+# Timings of the read paths against raw searches, per directory size
+# (BENCH_SIZES, default 1000 10000 100000).  Not part of make test.
+BENCH_SIZES ?= 1000 10000 100000
+bench: build bench-deps
+	bash bench/run_bench.sh $(BUILD) $(BENCH_SIZES)
+
+# Client instructions per read call under callgrind.
+bench-instructions: build bench-deps
+	bash bench/instructions.sh $(BUILD)
+
+bench-deps:
+	@bash scripts/deps.sh gnuplot-nox valgrind
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD)

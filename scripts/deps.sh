@@ -8,6 +8,8 @@ packages=(cmake g++ make pkg-config libldap-dev libsasl2-dev libicu-dev libsodiu
           # the peer directories the tests run against: 389 Directory Server,
           # and an MIT Kerberos realm for GSSAPI sign-on
           389-ds-base krb5-kdc krb5-user krb5-admin-server libsasl2-modules-gssapi-mit)
+# Arguments replace the list: make bench asks for its own tools this way.
+[ $# -gt 0 ] && packages=("$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -40,7 +40,11 @@ void append_number(std::string &out, int value) {
 bool format_text(std::string &out, const char *format, va_list args) {
     for (const char *p = format; *p != '\0'; ++p) {
         if (*p != '%') {
-            out += *p;
+            // Literal text up to the next conversion in one step.
+            const char *end = std::strchr(p, '%');
+            size_t n = end ? static_cast<size_t>(end - p) : std::strlen(p);
+            out.append(p, n);
+            p += n - 1;
             continue;
         }
         switch (*++p) {
@@ -104,6 +108,7 @@ char *ku_mbs_sprintf(const char *format, ...) {
     char *result = nullptr;
     try {
         std::string text;
+        text.reserve(128);  // a filter's usual length: no growth on the way
         if (format_text(text, format, args)) {
             result = static_cast<char *>(malloc(text.size() + 1));
             if (result != nullptr) std::memcpy(result, text.c_str(), text.size() + 1);

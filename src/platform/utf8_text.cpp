@@ -150,6 +150,17 @@ int zstricmp(Utf8Handle /*h*/, const char *a, const char *b) {
         if (a == b) return 0;
         return a == nullptr ? -1 : 1;
     }
+    // Attribute names and most values are ASCII: while both sides are, the
+    // first differing folded byte decides exactly as full folding would.
+    const auto *x = reinterpret_cast<const unsigned char *>(a);
+    const auto *y = reinterpret_cast<const unsigned char *>(b);
+    for (; *x < 0x80 && *y < 0x80; ++x, ++y) {
+        unsigned char cx = ascii_fold(*x);
+        unsigned char cy = ascii_fold(*y);
+        if (cx != cy) return cx < cy ? -1 : 1;
+        if (cx == 0) return 0;
+    }
+
     size_t a_length = 0;
     size_t b_length = 0;
     bool a_ascii = is_ascii(a, a_length);

@@ -110,3 +110,24 @@ TEST(Locale, RoundTripAndRelease) {
     Zel_memfree(now);
     EXPECT_NE(Zel_set_locale(nullptr), 0);
 }
+
+// Names and values compare ignoring case; the in-place ASCII comparison hands
+// over to full folding at the first byte past ASCII, and keeps a refused
+// format from touching its buffer.
+TEST(TextHelpers, SameTextAndBoundedFormat) {
+    struct Case {
+        const char *a, *b;
+        bool same;
+    } cases[] = {
+        {"secAuthnData", "SECAUTHNDATA", true}, {"uid", "uidx", false}, {"@", "`", false},
+        {"[", "{", false},                       {"cn=Stra\xC3\x9F" "e", "CN=STRASSE", true},
+        {"x\xFF", "X\xFF", true},                {"", "", true},        {nullptr, "", false},
+    };
+    for (const Case &c : cases) EXPECT_EQ(zel::same_text(c.a, c.b), c.same) << (c.a ? c.a : "(null)") << " " << c.b;
+
+    char buf[8] = "keep";
+    EXPECT_FALSE(zel::format_into(buf, sizeof buf, "%s=%d", "toolong", 1));
+    EXPECT_STREQ(buf, "keep");
+    EXPECT_TRUE(zel::format_into(buf, sizeof buf, "%s=%d", "cn", 42));
+    EXPECT_STREQ(buf, "cn=42");
+}

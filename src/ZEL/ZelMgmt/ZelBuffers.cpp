@@ -17,12 +17,21 @@ bool copy_into(char *dst, size_t size, const char *text) {
 }
 
 bool vformat_into(char *dst, size_t size, const char *fmt, va_list ap) {
-    va_list probe;
-    va_copy(probe, ap);
-    int needed = std::vsnprintf(nullptr, 0, fmt, probe);
-    va_end(probe);
+    // The stored forms' buffers fit on the stack: format once there and copy
+    // only what fits, so a refused text leaves dst as it was.
+    char local[kAclSize + 1];
+    if (size > sizeof local) {
+        va_list probe;
+        va_copy(probe, ap);
+        int needed = std::vsnprintf(nullptr, 0, fmt, probe);
+        va_end(probe);
+        bool fits = needed >= 0 && static_cast<size_t>(needed) < size;
+        if (fits) std::vsnprintf(dst, size, fmt, ap);
+        return fits;
+    }
+    int needed = std::vsnprintf(local, size, fmt, ap);
     bool fits = needed >= 0 && static_cast<size_t>(needed) < size;
-    if (fits) std::vsnprintf(dst, size, fmt, ap);
+    if (fits) std::memcpy(dst, local, static_cast<size_t>(needed) + 1);
     return fits;
 }
 
@@ -34,7 +43,8 @@ bool format_into(char *dst, size_t size, const char *fmt, ...) {
     return fits;
 }
 
-bool same_text(const char *a, const char *b) {
+// Reached at the first byte past ASCII; see same_text.
+bool same_text_folded(const char *a, const char *b) {
     return plat::zstricmp(plat::zgetUTF8Handle(), a, b) == 0;
 }
 

@@ -130,7 +130,18 @@ bool format_into(char *dst, size_t size, const char *fmt, ...) ZEL_PRINTF(3, 4);
 bool vformat_into(char *dst, size_t size, const char *fmt, va_list ap) ZEL_PRINTF(3, 0);
 
 // Attribute names and values compared as the directory does: ignoring case.
-bool same_text(const char *a, const char *b);
+bool same_text_folded(const char *a, const char *b);
+// Names are ASCII and are compared in place; full folding takes over from the
+// first byte past ASCII (an ASCII prefix folds to itself, so the rest decides).
+inline bool same_text(const char *a, const char *b) {
+    if (a == nullptr || b == nullptr) return a == b;
+    for (;; ++a, ++b) {
+        unsigned x = static_cast<unsigned char>(*a), y = static_cast<unsigned char>(*b);
+        if ((x | y) >= 0x80) return same_text_folded(a, b);
+        if (x != y && ((x | 0x20) != (y | 0x20) || (x | 0x20) - 'a' > 25u)) return false;
+        if (x == 0) return true;
+    }
+}
 bool contains(const char *haystack, const char *needle);
 
 // Walks an entry's attributes in the order the server returned them and calls
@@ -141,11 +152,20 @@ ZelRC walk_attributes(LDAP *ld, LDAPMessage *entry, Fn &&fn) {
     BerElement *raw = nullptr;
     LdapText name(ldap_first_attribute(ld, entry, &raw));
     Ber ber(raw);
+    // Each attribute is decoded once: the client NUL-terminates every binary
+    // value it hands out, so the string form points into the same values.
+    constexpr size_t kInline = 8;
+    char *inline_strings[kInline + 1];
     while (name) {
         Bervals bervals(ldap_get_values_len(ld, entry, name.get()));
         if (bervals && bervals.get()[0]) {
-            Values strings(ldap_get_values(ld, entry, name.get()));
-            if (ZelRC rc = fn(name.get(), strings.get(), bervals.get())) return rc;
+            size_t n = 0;
+            while (bervals.get()[n]) ++n;
+            std::unique_ptr<char *[]> heap(n > kInline ? new char *[n + 1] : nullptr);
+            char **strings = heap ? heap.get() : inline_strings;
+            for (size_t i = 0; i < n; ++i) strings[i] = bervals.get()[i]->bv_val;
+            strings[n] = nullptr;
+            if (ZelRC rc = fn(name.get(), strings, bervals.get())) return rc;
         }
         name.reset(ldap_next_attribute(ld, entry, raw));
     }

@@ -1,0 +1,120 @@
+// Entry templates of the benchmark directory.  See dataset.h.
+#include "dataset.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+#include "zel_internal.h"
+#include "ZelTargetRecord.h"
+
+namespace zelbench {
+
+namespace {
+
+std::string container(const std::string &dn, const char *cn) {
+    return "dn: " + dn + "\nobjectClass: container\ncn: " + cn + "\n\n";
+}
+
+std::string user_dn(int i) { return "principalName=" + user_name(i) + ",cn=Users," + kDomainDn; }
+
+std::string resource_dn(const std::string &id) {
+    return "secResourceID=" + id + ",cn=Resources," + kDomainDn;
+}
+
+// Base64 of the masked password with its terminating NUL, as stored.
+std::string masked_value(const std::string &password, int32_t &length) {
+    char *masked = nullptr;
+    if (mask_password(nullptr, password.c_str(), &length, &masked, zel::kMask) != 0 || masked == nullptr)
+        throw std::runtime_error("cannot mask a password");
+    std::string raw(masked, std::strlen(masked) + 1);
+    std::free(masked);
+    static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    for (size_t i = 0; i < raw.size(); i += 3) {
+        uint32_t n = static_cast<uint8_t>(raw[i]) << 16;
+        if (i + 1 < raw.size()) n |= static_cast<uint8_t>(raw[i + 1]) << 8;
+        if (i + 2 < raw.size()) n |= static_cast<uint8_t>(raw[i + 2]);
+        out += alphabet[(n >> 18) & 63];
+        out += alphabet[(n >> 12) & 63];
+        out += i + 1 < raw.size() ? alphabet[(n >> 6) & 63] : '=';
+        out += i + 2 < raw.size() ? alphabet[n & 63] : '=';
+    }
+    return out;
+}
+
+std::string resource_ldif(const std::string &id, const char *type) {
+    return "dn: " + resource_dn(id) + "\nobjectClass: top\nobjectClass: secResource\nsecResourceID: " + id +
+           "\nsecType: " + type + "\nsecValid: TRUE\n\n";
+}
+
+}  // namespace
+
+std::string user_name(int i) { return "u" + std::to_string(i); }
+std::string person_dn(int i) { return "cn=" + user_name(i) + ",ou=People," + kSuffix; }
+std::string service_name(int j) { return "svc" + std::to_string(j); }
+std::string group_name(int k) { return "grp" + std::to_string(k); }
+
+std::string root_ldif() {
+    return std::string("dn: ") + kSuffix + "\nobjectClass: organization\no: acme\n\ndn: " + kDomainDn +
+           "\nobjectClass: secAuthorityInfo\nsecAuthority: " + kDomain + "\nversion: 5\n\n";
+}
+
+std::string base_ldif() {
+    const std::string domain = kDomainDn;
+    return container("cn=Users," + domain, "Users") + container("cn=Resources," + domain, "Resources") +
+           container("cn=ResourceGroups," + domain, "ResourceGroups") + "dn: ou=People," + kSuffix +
+           "\nobjectClass: organizationalUnit\nou: People\n\n";
+}
+
+std::string person_ldif(int i) {
+    const std::string name = user_name(i);
+    return "dn: " + person_dn(i) +
+           "\nobjectClass: top\nobjectClass: person\nobjectClass: organizationalPerson"
+           "\nobjectClass: inetOrgPerson\nobjectClass: ePerson\ncn: " + name + "\nsn: " + name + "\nuid: " + name +
+           "\n\n";
+}
+
+std::string zel_user_ldif(int i) {
+    const std::string name = user_name(i), dn = user_dn(i);
+    return "dn: " + dn +
+           "\nobjectClass: top\nobjectClass: cimManagedElement\nobjectClass: eUser\nobjectClass: secUser"
+           "\nprincipalName: " + name + "\nsecDN: " + person_dn(i) + "\nsecAuthority: " + kDomain +
+           ":\nsecLoginType: " + kDomain + ":LDAP\nsecAcctValid: TRUE\n\n" +
+           "dn: cn=ResCreds," + dn + "\nobjectClass: top\nobjectClass: container\ncn: ResCreds\n\n";
+}
+
+std::string service_ldif(int j) { return resource_ldif(service_name(j), "1"); }
+
+std::string group_ldif(int k) {
+    const std::string id = group_name(k);
+    std::string out = resource_ldif(id, "2") + "dn: secResGroupID=" + id + ",cn=ResourceGroups," + kDomainDn +
+                      "\nobjectClass: top\nobjectClass: secResGroup\nsecResGroupID: " + id +
+                      "\nsecType: 2\nsecValid: TRUE\n";
+    for (int j = k * kServicesPerGroup; j < (k + 1) * kServicesPerGroup; ++j)
+        out += "member: " + resource_dn(service_name(j)) + "\n";
+    return out + "\n";
+}
+
+std::string record_ldif(int i, const std::string &id, const std::string &account, const std::string &password) {
+    int32_t length = 0;
+    std::string masked = masked_value(password, length);
+    return "dn: secResCredsID=" + id + ",cn=ResCreds," + user_dn(i) +
+           "\nobjectClass: top\nobjectClass: secResCreds\nsecResCredsID: " + id + "\nsecType: " +
+           (id[0] == 'G' ? "2" : "1") + "\nsecValid: TRUE\nsecUid: " + account + "\nsecAuthnData:: " + masked +
+           "\nsecAuthnLength: " + std::to_string(length) + "\nsecAuthnType: 2\n\n";
+}
+
+void write_directory_ldif(std::ostream &out, const Layout &layout) {
+    out << root_ldif() << base_ldif();
+    for (int j = 0; j < layout.services(); ++j) out << service_ldif(j);
+    for (int k = 0; k < layout.groups(); ++k) out << group_ldif(k);
+    for (int i = 0; i < layout.users; ++i) {
+        out << person_ldif(i) << zel_user_ldif(i)
+            << record_ldif(i, "T:" + service_name(layout.direct_service(i)), user_name(i), "pw-" + user_name(i))
+            << record_ldif(i, "G:" + group_name(layout.group_of(i)), "g" + user_name(i), "gpw-" + user_name(i));
+    }
+}
+
+}  // namespace zelbench

@@ -1,0 +1,58 @@
+// The benchmark's directory: LDIF for slapadd, written from templates of the
+// entries the library itself writes, so a bulk load looks like a directory
+// filled through the library.
+//
+// Layout for n users: persons cn=u<i>,ou=People,o=acme, each a Zel user of
+// the Default security domain with a direct record "T:svc<i % services>" and
+// a group record "G:grp<i % groups>"; web resources svc<j>, and resource
+// groups grp<k> holding svc<k*10> .. svc<k*10+9>.
+#pragma once
+
+#include <ostream>
+#include <string>
+
+namespace zelbench {
+
+inline const char *const kSuffix = "o=acme";
+inline const char *const kDomain = "Default";
+inline const char *const kDomainDn = "secAuthority=Default,o=acme";
+inline const char *const kAdminDn = "cn=Manager,o=acme";
+inline const char *const kAdminPassword = "secret";
+constexpr int kServicesPerGroup = 10;
+
+struct Layout {
+    int users;
+    int services() const { return users / 10 > 10 ? users / 10 : 10; }
+    int groups() const { return services() / kServicesPerGroup; }
+    // The resources a user's records are for.
+    int direct_service(int user) const { return user % services(); }
+    int group_of(int user) const { return user % groups(); }
+    // A resource the user's group holds that has no direct record of the user.
+    int group_service(int user) const {
+        int first = group_of(user) * kServicesPerGroup;
+        int s = first + user % kServicesPerGroup;
+        return s != direct_service(user) ? s : first + (user + 1) % kServicesPerGroup;
+    }
+};
+
+std::string user_name(int i);
+std::string person_dn(int i);
+std::string service_name(int j);
+std::string group_name(int k);
+
+// The suffix and the security domain entry.
+std::string root_ldif();
+// The domain's containers and ou=People.
+std::string base_ldif();
+std::string person_ldif(int i);
+// Person i's Zel user with the user's credentials container.
+std::string zel_user_ldif(int i);
+// A web resource, or a resource group's service entry and group entry.
+std::string service_ldif(int j);
+std::string group_ldif(int k);
+// A target record of user i; `id` is "T:<service>" or "G:<group>".
+std::string record_ldif(int i, const std::string &id, const std::string &account, const std::string &password);
+// Everything for the layout's users.  Throws std::runtime_error when masking fails.
+void write_directory_ldif(std::ostream &out, const Layout &layout);
+
+}  // namespace zelbench

@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# make bench-instructions: client instructions per read call under callgrind,
+# library against raw, on a 1000-user directory.  "own" counts what runs in
+# the library's own code (the benchmark program's object, into which the
+# library is linked statically, less the benchmark's own files such as its
+# search counter); the rest is the directory client, the C and C++
+# runtimes, ICU and libsodium.
+#   instructions.sh <build> [calls]
+set -euo pipefail
+build=$1
+calls=${2:-200}
+source "$(dirname "$0")/slapd_env.sh"
+trap stop_directory EXIT
+start_directory "$build" 1000
+work=$DIR_TMP
+warm=50  # zel_bench's untimed first pass runs inside the measured function too
+
+count() {  # side op -> "total own" instructions per call
+  local out="$work/cg.$1.$2"
+  valgrind --tool=callgrind --callgrind-out-file="$out" --toggle-collect="bench_measured_$1" \
+    "$build/bench/zel_bench" instr "$DIR_PORT" 1000 "$2" "$1" "$calls" >/dev/null 2>"$out.log" ||
+    { cat "$out.log"; exit 1; }
+  callgrind_annotate --inclusive=no --threshold=100 "$out" 2>/dev/null |
+    awk -v n=$((calls + warm)) '
+      /PROGRAM TOTALS/ { gsub(",", "", $1); total = $1 }
+      /\[.*\/zel_bench\]$/ && !/ bench\// { v = $1; gsub(",", "", v); own += v }
+      END { printf "%d %d\n", total / n, own / n }'
+}
+
+printf "%-18s %12s %12s %7s %10s %9s\n" operation "lib instr" "raw instr" ratio "lib own" "targets"
+for op in credential-direct credential-group credential-miss target-record target-service verify-user; do
+  read -r lib own < <(count lib "$op")
+  read -r raw _ < <(count raw "$op")
+  awk -v op="$op" -v lib="$lib" -v raw="$raw" -v own="$own" 'BEGIN {
+    r = lib / raw
+    printf "%-18s %12d %12d %7.3f %10d  %s/%s\n", op, lib, raw, r, own,
+           (r <= 1.2 ? "ok" : "MISSED"), (own <= 4000 ? "ok" : "MISSED") }'
+done
+echo "targets: lib/raw <= 1.2, library's own <= 4000 instructions per call"

@@ -1,0 +1,128 @@
+// The timed read operations.  See operations.h.
+#include "operations.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace zelbench {
+
+namespace {
+
+bool credential(ZelSession *s, const Sample &x, const std::string &resource, ZelRC want) {
+    ZelCredentialRequest req{nullptr, nullptr, const_cast<char *>(resource.c_str())};
+    ZelCredential c{};
+    ZelRC rc = Zel_getCredential(s, x.user.c_str(), &req, &c);
+    Zel_memfree(c.userId);
+    Zel_memfree(c.password);
+    return rc == want;
+}
+
+}  // namespace
+
+// A direct hit resolves the user (person by uid, then the Zel user by its
+// DN) and reads the record: 3.  The group records are a record search of
+// their own, which resolves the user again, plus one member check of the
+// user's one group: 7; a miss asks the same as a group hit.  A record is
+// user resolution plus the record; a service and a user check are one search.
+const std::vector<Operation> &operations() {
+    static const std::vector<Operation> ops = {
+        {"credential-direct", 3}, {"credential-group", 7}, {"credential-miss", 7},
+        {"target-record", 3},     {"target-service", 1},   {"verify-user", 1},
+    };
+    return ops;
+}
+
+std::vector<Sample> samples(const Layout &layout, int count) {
+    std::vector<Sample> out;
+    for (int n = 0; n < count; ++n) {
+        // Spread over the whole directory, not its first entries only.
+        int u = static_cast<int>((static_cast<long long>(n) * 7919) % layout.users);
+        out.push_back({user_name(u), service_name(layout.group_service(u)),
+                       "T:" + service_name(layout.direct_service(u)), service_name(n % layout.services()),
+                       person_dn(u)});
+    }
+    return out;
+}
+
+bool call_library(ZelSession *s, int op, const Sample &x) {
+    switch (op) {
+    case 0: return credential(s, x, x.target.substr(2), 0);
+    case 1: return credential(s, x, x.resource, 0);
+    case 2: return credential(s, x, "no-such-resource", ZEL_RC_TR_NOT_FOUND);
+    case 3: {
+        ZelTargetRecord *r = nullptr;
+        ZelRC rc = Zel_getTargetRecord(s, x.user.c_str(), x.target.c_str(), &r);
+        Zel_freeTargetRecord(r);
+        return rc == 0;
+    }
+    case 4: {
+        ZelTargetService *ts = nullptr;
+        ZelRC rc = Zel_getTargetService(s, x.service.c_str(), &ts);
+        Zel_freeTargetService(ts);
+        return rc == 0;
+    }
+    case 5: {
+        char *dn = nullptr;
+        ZelRC rc = Zel_verifyZelUser(s, x.person.c_str(), &dn);
+        Zel_memfree(dn);
+        return rc == 1;  // 1: the person is a Zel user
+    }
+    }
+    return false;
+}
+
+Replay::Replay(std::vector<Search> searches) : searches_(std::move(searches)) {
+    for (Search &s : searches_) {
+        std::vector<char *> list;
+        for (std::string &a : s.attrs) list.push_back(a.data());
+        list.push_back(nullptr);
+        attrs_.push_back(std::move(list));
+    }
+}
+
+bool Replay::run(LDAP *ld) const {
+    for (size_t i = 0; i < searches_.size(); ++i) {
+        const Search &s = searches_[i];
+        LDAPMessage *res = nullptr;
+        char **attrs = s.all_attrs ? nullptr : const_cast<char **>(attrs_[i].data());
+        int rc = raw_search(ld, s.base.c_str(), s.scope, s.filter.c_str(), attrs, s.attrsonly, s.sizelimit, &res);
+        if (rc != LDAP_SUCCESS && rc != LDAP_NO_SUCH_OBJECT && rc != LDAP_SIZELIMIT_EXCEEDED) {
+            ldap_msgfree(res);
+            return false;
+        }
+        for (LDAPMessage *e = ldap_first_entry(ld, res); e; e = ldap_next_entry(ld, e)) {
+            BerElement *ber = nullptr;
+            for (char *a = ldap_first_attribute(ld, e, &ber); a; a = ldap_next_attribute(ld, e, ber)) {
+                ldap_value_free_len(ldap_get_values_len(ld, e, a));
+                ldap_memfree(a);
+            }
+            ber_free(ber, 0);
+        }
+        ldap_msgfree(res);
+    }
+    return true;
+}
+
+ZelSession *open_session(int port) {
+    ZelSession *s = nullptr;
+    ZelRC rc = Zel_open_sec_domain(nullptr, kAdminDn, kAdminPassword, "127.0.0.1", static_cast<uint16_t>(port),
+                                   ZEL_OPEN_NONSSL, nullptr, nullptr, nullptr, kDomain, &s, 2);
+    if (rc != 0) std::fprintf(stderr, "zel_bench: open failed: %u\n", rc);
+    return rc == 0 ? s : nullptr;
+}
+
+LDAP *open_raw(int port) {
+    LDAP *ld = nullptr;
+    std::string uri = "ldap://127.0.0.1:" + std::to_string(port);
+    int version = LDAP_VERSION3;
+    if (ldap_initialize(&ld, uri.c_str()) != LDAP_SUCCESS) return nullptr;
+    ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    berval pw{std::strlen(kAdminPassword), const_cast<char *>(kAdminPassword)};
+    if (ldap_sasl_bind_s(ld, kAdminDn, LDAP_SASL_SIMPLE, &pw, nullptr, nullptr, nullptr) != LDAP_SUCCESS) {
+        ldap_unbind_ext(ld, nullptr, nullptr);
+        return nullptr;
+    }
+    return ld;
+}
+
+}  // namespace zelbench

@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# make bench: per directory size, a fresh slapd bulk-loaded with that many
+# users, then the timings; results.csv and results.png in bench/.
+#   run_bench.sh <build> [sizes...]   (default 1000 10000 100000)
+set -euo pipefail
+build=$1
+shift
+sizes=("$@")
+[ ${#sizes[@]} -gt 0 ] || sizes=(1000 10000 100000)
+source "$(dirname "$0")/slapd_env.sh"
+trap stop_directory EXIT
+out="$SRC/bench"
+csv="$out/results.csv"
+echo "users,operation,library_us,raw_us,ratio,ratio_min,ratio_max,searches,required" >"$csv"
+for users in "${sizes[@]}"; do
+  start_directory "$build" "$users"
+  t0=$SECONDS
+  "$build/bench/zel_bench" run "$DIR_PORT" "$users" "$csv" "${ZEL_BENCH_ROUNDS:-30}"
+  echo "$users users: loaded in ${LOAD_SECONDS}s, measured in $((SECONDS - t0))s"
+  stop_directory
+done
+
+# Per-call time against directory size, and how it grows from the smallest size.
+awk -F, -v first="${sizes[0]}" -v last="${sizes[${#sizes[@]}-1]}" '
+  NR > 1 && $8 != "" { t[$1 "," $2] = $3; ops[$2] = 1 }
+  END { if (first == last) exit
+        printf "\nper-call time %s -> %s users (target <= 1.2x):\n", first, last
+        for (op in ops) printf "  %-18s %.2fx %s\n", op, t[last "," op] / t[first "," op],
+                               (t[last "," op] / t[first "," op] <= 1.2 ? "ok" : "MISSED") }' "$csv"
+
+if command -v gnuplot >/dev/null; then
+  gnuplot <<PLOT
+set datafile separator ","
+set terminal pngcairo size 900,560 noenhanced
+set output "$out/results.png"
+set logscale x
+set xlabel "users in the directory"
+set ylabel "microseconds per call (median)"
+set key outside right
+ops = "credential-direct credential-group credential-miss target-record target-service verify-user"
+plot for [op in ops] "< grep ',".op.",' $csv" using 1:3 with linespoints title op." (library)", \
+     for [op in ops] "< grep ',".op.",' $csv" using 1:4 with linespoints dashtype 2 title op." (raw)"
+PLOT
+  echo "wrote $csv and $out/results.png"
+fi

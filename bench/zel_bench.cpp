@@ -1,0 +1,241 @@
+// The library's read paths against the same searches issued raw, on a
+// directory a driver script has bulk-loaded and started (see run_bench.sh).
+//
+//   zel_bench ldif <users>                        LDIF of the directory, for slapadd
+//   zel_bench run <port> <users> <csv> [rounds]   timings table, rows appended to csv
+//   zel_bench instr <port> <users> <op> lib|raw <calls>
+//                                                 calls for callgrind (bench_measured_*)
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "operations.h"
+
+using namespace zelbench;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr int kSamples = 50;
+constexpr int kThreads = 8;
+constexpr int kCallsPerThread = 1500;
+constexpr int kWrites = 300;
+
+double seconds_since(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    size_t n = v.size();
+    return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
+
+[[noreturn]] void fail(const std::string &why) {
+    std::fprintf(stderr, "zel_bench: %s\n", why.c_str());
+    std::exit(1);
+}
+
+// One operation's replays, recorded from a library call per sample.
+struct Prepared {
+    std::vector<Replay> replays;
+    double searches_per_call = 0;
+};
+
+Prepared prepare(ZelSession *s, int op, const std::vector<Sample> &xs, bool show = false) {
+    Prepared p;
+    long before = searches_made();
+    for (const Sample &x : xs) {
+        start_recording();
+        if (!call_library(s, op, x)) fail(std::string(operations()[op].name) + " failed for " + x.user);
+        std::vector<Search> made = stop_recording();
+        if (show && &x == &xs.front())
+            for (const Search &m : made)
+                std::fprintf(stderr, "  %s: base \"%s\" scope %d filter %s size limit %d\n", operations()[op].name,
+                             m.base.c_str(), m.scope, m.filter.c_str(), m.sizelimit);
+        p.replays.emplace_back(std::move(made));
+    }
+    p.searches_per_call = static_cast<double>(searches_made() - before) / static_cast<double>(xs.size());
+    return p;
+}
+
+}  // namespace
+
+extern "C" {
+// Kept out of line: callgrind counts what runs inside these two.
+__attribute__((noinline)) int bench_measured_lib(ZelSession *s, int op, const Sample *xs, int n, int calls) {
+    int failed = 0;
+    for (int i = 0; i < calls; ++i) failed += !call_library(s, op, xs[i % n]);
+    return failed;
+}
+__attribute__((noinline)) int bench_measured_raw(LDAP *ld, const Replay *rs, int n, int calls) {
+    int failed = 0;
+    for (int i = 0; i < calls; ++i) failed += !rs[i % n].run(ld);
+    return failed;
+}
+}
+
+namespace {
+
+struct Row {
+    std::string op;
+    double lib_us, raw_us, ratio, ratio_min, ratio_max, searches;
+    int required;
+};
+
+// Library and raw interleaved in rounds of one call per sample and side.
+Row time_reads(ZelSession *s, LDAP *ld, int op, const std::vector<Sample> &xs, int rounds) {
+    Prepared p = prepare(s, op, xs, std::getenv("ZEL_BENCH_SHOW") != nullptr);
+    int n = static_cast<int>(xs.size());
+    // Recording warmed the library's side; one untimed pass warms the raw one.
+    if (bench_measured_raw(ld, p.replays.data(), n, n)) fail(std::string(operations()[op].name) + ": raw call failed");
+    std::vector<double> lib, raw, ratios;
+    for (int r = 0; r < rounds; ++r) {
+        // Call by call, the side that goes first alternating: a burst of load
+        // on the machine falls on both sides alike.
+        double t_lib = 0, t_raw = 0;
+        for (int i = 0; i < n; ++i) {
+            for (int side = 0; side < 2; ++side) {
+                bool library = (side == 0) == ((r + i) % 2 == 0);
+                Clock::time_point start = Clock::now();
+                int failed = library ? bench_measured_lib(s, op, xs.data() + i, 1, 1)
+                                     : bench_measured_raw(ld, p.replays.data() + i, 1, 1);
+                (library ? t_lib : t_raw) += seconds_since(start) * 1e6 / n;
+                if (failed)
+                    fail(std::string(operations()[op].name) + (library ? ": library" : ": raw") + " call failed");
+            }
+        }
+        lib.push_back(t_lib);
+        raw.push_back(t_raw);
+        ratios.push_back(t_lib / t_raw);
+    }
+    double l = median(lib), w = median(raw);
+    return {operations()[op].name, l, w, l / w, *std::min_element(ratios.begin(), ratios.end()),
+            *std::max_element(ratios.begin(), ratios.end()), p.searches_per_call, operations()[op].required_searches};
+}
+
+// Calls per second of kThreads threads, each on its own session or connection.
+double throughput(int port, bool library, const std::vector<Sample> &xs) {
+    std::vector<std::thread> threads;
+    std::vector<int> failed(kThreads, 0);
+    // Sessions, connections and replays are made before the clock starts.
+    std::vector<ZelSession *> sessions(kThreads, nullptr);
+    std::vector<LDAP *> raws(kThreads, nullptr);
+    std::vector<std::vector<Replay>> replays(kThreads);
+    ZelSession *recorder = open_session(port);
+    if (!recorder) fail("no session");
+    for (int t = 0; t < kThreads; ++t) {
+        if (library && !(sessions[t] = open_session(port))) fail("no session");
+        if (!library && !(raws[t] = open_raw(port))) fail("no raw connection");
+        if (!library) replays[t] = prepare(recorder, 0, xs).replays;
+    }
+    Zel_close(recorder, 1);
+    int n = static_cast<int>(xs.size());
+    Clock::time_point start = Clock::now();
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            failed[t] = library ? bench_measured_lib(sessions[t], 0, xs.data(), n, kCallsPerThread)
+                                : bench_measured_raw(raws[t], replays[t].data(), n, kCallsPerThread);
+        });
+    for (std::thread &th : threads) th.join();
+    double rate = kThreads * kCallsPerThread / seconds_since(start);
+    for (int t = 0; t < kThreads; ++t) {
+        if (sessions[t]) Zel_close(sessions[t], 1);
+        if (raws[t]) ldap_unbind_ext(raws[t], nullptr, nullptr);
+        if (failed[t]) fail("a threaded call failed");
+    }
+    return rate;
+}
+
+// Zel_addTargetRecord per second: each user gets a record for the service
+// after its own.
+double writes_per_second(ZelSession *s, const Layout &layout) {
+    int count = std::min(kWrites, layout.users);
+    Clock::time_point start = Clock::now();
+    for (int u = 0; u < count; ++u) {
+        std::string user = user_name(u), id = "T:" + service_name((layout.direct_service(u) + 1) % layout.services());
+        ZelTargetRecord r{};
+        r.targetRecordId = id.data();
+        r.targetServiceName = id.data() + 2;
+        r.userId = user.data();
+        r.password = const_cast<char *>("bench-pw");
+        if (ZelRC rc = Zel_addTargetRecord(s, user.c_str(), &r)) fail("Zel_addTargetRecord: " + std::to_string(rc));
+    }
+    return count / seconds_since(start);
+}
+
+const char *mark(bool met) { return met ? "ok" : "MISSED"; }
+
+int run(int port, const Layout &layout, const char *csv, int rounds) {
+    ZelSession *s = open_session(port);
+    LDAP *ld = open_raw(port);
+    if (!s || !ld) fail("cannot reach the directory");
+    std::vector<Sample> xs = samples(layout, kSamples);
+    std::ofstream out(csv, std::ios::app);
+    std::printf("\n%d users, %d rounds of %d calls per side\n", layout.users, rounds, kSamples);
+    std::printf("%-18s %9s %9s %9s %7s %13s %7s %9s\n", "operation", "searches", "required", "lib us", "raw us",
+                "ratio (min-max)", "<=1.05", "");
+    for (size_t op = 0; op < operations().size(); ++op) {
+        Row r = time_reads(s, ld, static_cast<int>(op), xs, rounds);
+        std::printf("%-18s %9.2f %9d %9.1f %7.1f %5.3f (%.2f-%.2f) %7s\n", r.op.c_str(), r.searches, r.required,
+                    r.lib_us, r.raw_us, r.ratio, r.ratio_min, r.ratio_max, mark(r.ratio <= 1.05));
+        out << layout.users << ',' << r.op << ',' << r.lib_us << ',' << r.raw_us << ',' << r.ratio << ','
+            << r.ratio_min << ',' << r.ratio_max << ',' << r.searches << ',' << r.required << '\n';
+    }
+    double lib_rate = throughput(port, true, xs), raw_rate = throughput(port, false, xs);
+    std::printf("%d threads, credential-direct: library %.0f/s, raw %.0f/s, ratio %.3f (>=0.9 %s)\n", kThreads,
+                lib_rate, raw_rate, lib_rate / raw_rate, mark(lib_rate / raw_rate >= 0.9));
+    out << layout.users << ",threads-calls-per-s," << lib_rate << ',' << raw_rate << ',' << lib_rate / raw_rate
+        << ",,,,\n";
+    double writes = writes_per_second(s, layout);
+    std::printf("writes: Zel_addTargetRecord %.0f/s\n", writes);
+    out << layout.users << ",writes-per-s," << writes << ",,,,,,\n";
+    Zel_close(s, 1);
+    ldap_unbind_ext(ld, nullptr, nullptr);
+    return 0;
+}
+
+int instr(int port, const Layout &layout, const std::string &name, bool library, int calls) {
+    int op = -1;
+    for (size_t i = 0; i < operations().size(); ++i)
+        if (name == operations()[i].name) op = static_cast<int>(i);
+    if (op < 0) fail("no operation " + name);
+    ZelSession *s = open_session(port);
+    LDAP *ld = open_raw(port);
+    if (!s || !ld) fail("cannot reach the directory");
+    std::vector<Sample> xs = samples(layout, kSamples);
+    Prepared p = prepare(s, op, xs);
+    // One untimed pass warms the caches of both paths alike.
+    int failed = library ? bench_measured_lib(s, op, xs.data(), kSamples, kSamples)
+                         : bench_measured_raw(ld, p.replays.data(), kSamples, kSamples);
+    failed += library ? bench_measured_lib(s, op, xs.data(), kSamples, calls)
+                      : bench_measured_raw(ld, p.replays.data(), kSamples, calls);
+    Zel_close(s, 1);
+    ldap_unbind_ext(ld, nullptr, nullptr);
+    return failed ? 1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    std::string mode = argc > 1 ? argv[1] : "";
+    if (mode == "ldif" && argc == 3) {
+        std::ios::sync_with_stdio(false);
+        write_directory_ldif(std::cout, Layout{std::atoi(argv[2])});
+        return std::cout ? 0 : 1;
+    }
+    if (mode == "run" && (argc == 5 || argc == 6))
+        return run(std::atoi(argv[2]), Layout{std::atoi(argv[3])}, argv[4], argc == 6 ? std::atoi(argv[5]) : 30);
+    if (mode == "instr" && argc == 7)
+        return instr(std::atoi(argv[2]), Layout{std::atoi(argv[3])}, argv[4], std::strcmp(argv[5], "lib") == 0,
+                     std::atoi(argv[6]));
+    std::fprintf(stderr, "usage: see the top of bench/zel_bench.cpp\n");
+    return 2;
+}
