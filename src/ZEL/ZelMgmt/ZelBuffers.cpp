@@ -48,6 +48,14 @@ bool same_text_folded(const char *a, const char *b) {
     return plat::zstricmp(plat::zgetUTF8Handle(), a, b) == 0;
 }
 
+ZelRC replace_text(char *&field, const char *value) {
+    char *copy = strdup(value);
+    if (copy == nullptr) return ZEL_RC_NO_MEMORY;
+    std::free(field);
+    field = copy;
+    return 0;
+}
+
 bool builtin_service_type(const char *type) {
     return same_text(type, "Web Resource") || same_text(type, "Resource Group");
 }

@@ -16,14 +16,6 @@ struct DomainListFree { void operator()(ZelDomainList *l) const { Zel_freeZelDom
 using DomainHolder = std::unique_ptr<ZelDomain, DomainFree>;
 using DomainListHolder = std::unique_ptr<ZelDomainList, DomainListFree>;
 
-ZelRC set_text(char *&field, const char *value) {
-    char *copy = strdup(value);
-    if (copy == nullptr) return ZEL_RC_NO_MEMORY;
-    std::free(field);
-    field = copy;
-    return 0;
-}
-
 void free_locations(ZelDomain *d) {
     if (d->locations) {
         for (int32_t i = 0; i < d->locationCount; ++i) {
@@ -109,8 +101,8 @@ ZelRC read_domain_entry(ZelSession *s, LDAPMessage *entry, ZelDomain *d) {
     return zel::walk_attributes(s->ld, entry, [d](const char *attr, char **strings, struct berval **) -> ZelRC {
         // The binary values were there, so no string values means no memory.
         if (strings == nullptr || strings[0] == nullptr) return ZEL_RC_NO_MEMORY;
-        if (zel::same_text(attr, "cn") || zel::same_text(attr, "secResGroupID")) return set_text(d->name, strings[0]);
-        if (zel::same_text(attr, "description")) return set_text(d->description, strings[0]);
+        if (zel::same_text(attr, "cn") || zel::same_text(attr, "secResGroupID")) return zel::replace_text(d->name, strings[0]);
+        if (zel::same_text(attr, "description")) return zel::replace_text(d->description, strings[0]);
         if (zel::same_text(attr, "member"))
             return set_locations(d, strings, [](const char *value, ZelDomainLocation *loc) -> ZelRC {
                 if ((loc->type = strdup("resourceName")) == nullptr) return ZEL_RC_NO_MEMORY;

@@ -120,14 +120,6 @@ std::string token(const char *text, char separator, int index) {
     }
 }
 
-ZelRC replace_text(char *&field, const char *value) {
-    char *copy = strdup(value);
-    if (copy == nullptr) return ZEL_RC_NO_MEMORY;
-    std::free(field);
-    field = copy;
-    return 0;
-}
-
 ZelRC clear_password(ZelSession *s, const struct berval *stored, bool as_stored, char *&out) {
     out = nullptr;
     if (as_stored) {

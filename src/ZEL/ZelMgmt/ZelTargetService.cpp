@@ -19,15 +19,6 @@ struct ServiceListFree { void operator()(ZelTargetServiceList *l) const { Zel_fr
 using ServiceHolder = std::unique_ptr<ZelTargetService, ServiceFree>;
 using ServiceListHolder = std::unique_ptr<ZelTargetServiceList, ServiceListFree>;
 
-// Replaces a record field with a private copy; the earlier copy is released.
-ZelRC set_text(char *&field, const char *value) {
-    char *copy = strdup(value);
-    if (copy == nullptr) return ZEL_RC_NO_MEMORY;
-    std::free(field);
-    field = copy;
-    return 0;
-}
-
 const char *type_of_sec_type(const char *value) {
     if (std::strcmp(value, "1") == 0) return "Web Resource";
     if (std::strcmp(value, "2") == 0) return "Resource Group";
@@ -205,10 +196,10 @@ ZelRC dissect_TS(ZelSession *s, LDAPMessage *entry, ZelTargetService *record) {
             if (strings == nullptr || strings[0] == nullptr) return ZEL_RC_NO_MEMORY;
             if (zel::same_text(attr, "tsName") || zel::same_text(attr, "secResourceID") ||
                 zel::same_text(attr, "secResGroupID"))
-                return set_text(record->name, strings[0]);
-            if (zel::same_text(attr, "tsType")) return set_text(record->type, strings[0]);
-            if (zel::same_text(attr, "secType")) return set_text(record->type, type_of_sec_type(strings[0]));
-            if (zel::same_text(attr, "description")) return set_text(record->description, strings[0]);
+                return zel::replace_text(record->name, strings[0]);
+            if (zel::same_text(attr, "tsType")) return zel::replace_text(record->type, strings[0]);
+            if (zel::same_text(attr, "secType")) return zel::replace_text(record->type, type_of_sec_type(strings[0]));
+            if (zel::same_text(attr, "description")) return zel::replace_text(record->description, strings[0]);
             if (zel::same_text(attr, "reqIdentifier")) return set_identifiers(record, strings);
             return 0;
         });

@@ -129,6 +129,10 @@ bool copy_into(char *dst, size_t size, const char *text);
 bool format_into(char *dst, size_t size, const char *fmt, ...) ZEL_PRINTF(3, 4);
 bool vformat_into(char *dst, size_t size, const char *fmt, va_list ap) ZEL_PRINTF(3, 0);
 
+// Replaces a record field with a private copy of value (not null); the
+// earlier copy is released.  1012 when memory runs out, the field unchanged.
+ZelRC replace_text(char *&field, const char *value);
+
 // Attribute names and values compared as the directory does: ignoring case.
 bool same_text_folded(const char *a, const char *b);
 // Names are ASCII and are compared in place; full folding takes over from the
