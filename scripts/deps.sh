@@ -4,7 +4,7 @@
 set -euo pipefail
 packages=(cmake g++ make pkg-config libldap-dev libsasl2-dev libicu-dev libsodium-dev
           slapd ldap-utils openssl libgtest-dev libbenchmark-dev groff-base
-          python3 python3-pytest)
+          python3 python3-pytest clang libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
