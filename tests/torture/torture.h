@@ -11,44 +11,37 @@
 #include <string>
 #include <vector>
 
-#include "support/directory.h"
 #include "zelmgmt.h"
 
 namespace torture {
 
+using Step = std::function<void(ZelSession *)>;
+using Act = std::function<ZelRC(ZelSession *)>;
+
 struct Scenario {
     const char *name;
-    // Brings the tree back to where the call starts; must not depend on a
-    // previous run having succeeded.
-    std::function<void(ZelSession *)> arrange;
-    // The call itself; it checks that a failure handed nothing out.
-    std::function<ZelRC(ZelSession *)> act;
-    // Statuses a failed look-up may legitimately turn into besides the
-    // mapped directory status (e.g. "not found" once a search failed).
+    Step arrange;  // brings the tree to where the call starts, whatever the last run did
+    Act act;       // the call; it checks that a failure handed nothing out
+    // Documented statuses a failed look-up may turn into besides the mapped
+    // one, e.g. "not found".
     std::vector<ZelRC> also = {};
-    ZelRC success = 0;  // what the call answers without a fault
+    ZelRC success = 0;
 };
 
 // Runs every scenario against one session; `label` names the family.
 void run(const std::string &label, ZelSession *s, const std::vector<Scenario> &scenarios);
 
-// `*out` must be null after a failure and usable after success; it is
-// released either way.  The out pointer is preset to a stale value so a call
-// that forgets to clear it is caught.
-template <class T, class Free>
-ZelRC handed_out(ZelRC rc, T **where, Free release) {
-    T *out = *where;
-    if (rc != 0 && out != nullptr) {
-        ADD_FAILURE() << "status " << rc << " yet something was handed out";
-        return rc;  // not ours to release: it may be the stale value
-    }
-    if (rc == 0 && out == nullptr) ADD_FAILURE() << "success without a result";
-    release(out);
-    return rc;
-}
-template <class T>
-T *stale() {
-    return reinterpret_cast<T *>(static_cast<uintptr_t>(0x10));
+// A call handing out one record through `T **`: preset to a stale pointer,
+// it must be null after a failure; it is released after success.
+template <class T, class Get, class Release>
+Act hands_out(Get get, Release release) {
+    return [=](ZelSession *s) {
+        T *out = reinterpret_cast<T *>(uintptr_t{0x10});
+        ZelRC rc = get(s, &out);
+        if (rc != 0 && out != nullptr) ADD_FAILURE() << "status " << rc << " yet something was handed out";
+        if (rc == 0) release(out);
+        return rc;
+    };
 }
 
 }  // namespace torture
