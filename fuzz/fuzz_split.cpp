@@ -1,5 +1,6 @@
 // Stored text split into words: identifiers at runs of '=', record
-// identifiers at runs of ':'.  No word holds its separator or is empty, and
+// identifiers and first-generation domain members at runs of ':', member
+// DNs at their first value.  No word holds its separator or is empty, and
 // the words come from the text in order.
 #include <cstdint>
 #include <cstdlib>
@@ -33,6 +34,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     std::free(pair.name);
     std::free(pair.value);
+
+    ZelDomainLocation loc{};
+    if (zel::split_target_location(text.c_str(), &loc) == 0) {
+        if (loc.value && (!loc.type || *loc.value == ':' || text.find(loc.value) == std::string::npos)) abort();
+    }
+    std::free(loc.type);
+    std::free(loc.value);
+    char *member = nullptr;
+    (void)zel::member_service_name(text.c_str(), member);
+    std::free(member);
 
     size_t from = 0;
     for (int i = 0; i < 3; ++i) {
