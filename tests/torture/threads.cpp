@@ -21,9 +21,7 @@ constexpr int kRounds = 15;
 // The statuses seen by one thread that are not success, as text.
 std::string one_thread(const Directory &dir, int t) {
     std::string bad;
-    auto check = [&](const char *what, ZelRC rc) {
-        if (rc != 0) bad += std::string(what) + "=" + std::to_string(rc) + " ";
-    };
+    auto check = [&](const char *what, ZelRC rc) { bad += rc ? std::string(what) + "=" + std::to_string(rc) + " " : ""; };
     const std::string admin = dir.admin_dn();
     ZelSession *s = nullptr;
     check("open", Zel_open_sec_domain(nullptr, admin.c_str(), Directory::admin_password(), Directory::host(),
@@ -57,10 +55,9 @@ std::string one_thread(const Directory &dir, int t) {
 TEST_F(RecordTest, EightSessionsOnEightThreads) {
     open_with_jo(2);
     ScopedEnv keys("ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str());
-    ZelTargetRecord app = record("T:app", "app", "jdoe", "pa55word");
-    ZelTargetRecord sales = record("G:Sales", "Sales", "sales", "pw");
-    ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &app), 0u);
-    ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &sales), 0u);
+    ZelTargetRecord app = record("T:app", "app", "jdoe", "pa55word"), sales = record("G:Sales", "Sales", "sales", "pw");
+    ASSERT_EQ(std::make_pair(Zel_addTargetRecord(s.get(), "jo", &app), Zel_addTargetRecord(s.get(), "jo", &sales)),
+              std::make_pair(0u, 0u));
 
     std::vector<std::string> seen(kThreads);
     std::vector<std::thread> threads;
