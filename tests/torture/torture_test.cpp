@@ -147,6 +147,7 @@ struct Case {
     std::vector<Scenario> (*family)(Fixtures &);
     uint32_t version;
 };
+void PrintTo(const Case &c, std::ostream *os) { *os << c.name; }
 
 class Torture : public RecordTest, public testing::WithParamInterface<Case> {};
 
