@@ -8,9 +8,10 @@
 namespace zel::platform {
 
 // RFC 4514 escaping of one attribute value: '"' '+' ',' ';' '<' '>' '\' '='
-// get a backslash, NUL becomes \00, and so does a leading ' ' or '#' and a
-// trailing ' '.  Every other byte, UTF-8 included, stands as it is.  Text
-// without special characters comes back unchanged.  Throws std::bad_alloc.
+// get a backslash, and so does a leading ' ' or '#' and a trailing ' '; a
+// control byte (NUL, tab, line break, DEL, ...) becomes two hex digits, as
+// in \00.  Every other byte, UTF-8 included, stands as it is.  Text without
+// special characters comes back unchanged.  Throws std::bad_alloc.
 std::string escape_dn_value(std::string_view value);
 
 }  // namespace zel::platform

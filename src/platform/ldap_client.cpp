@@ -1,5 +1,6 @@
 // The directory-client adapter over OpenLDAP libldap.  See ldap_client.h.
 #include "platform/ldap_client.h"
+#include "platform/host_list.h"
 
 #include <lber.h>
 #include <sasl/sasl.h>
@@ -102,8 +103,8 @@ bool append_uri(std::string &uris, const char *scheme, std::string_view token, i
     return true;
 }
 
-// The URI list for a classic host argument: blank-separated hosts, each
-// optionally with its own port.  False for a null, empty or malformed host.
+}  // namespace
+
 bool build_uris(const char *host, int port, bool ssl, std::string &uris) {
     if (host == nullptr) return false;
     if (port <= 0) port = ssl ? kLdapsPort : kLdapPort;
@@ -121,6 +122,8 @@ bool build_uris(const char *host, int port, bool ssl, std::string &uris) {
     }
     return !uris.empty();
 }
+
+namespace {
 
 // Connection handle for a URI list; null when OpenLDAP refuses it.
 LDAP *initialize(const char *host, int port, bool ssl) {

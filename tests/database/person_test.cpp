@@ -2,7 +2,6 @@
 // failures of the whole provisioning family.  (A generic directory gets no
 // access groups, so only "XR User", which joins none, registers there.)
 #include "database/db_fixture.h"
-#include "support/alloc_faults.h"
 
 using namespace dbtest;
 
@@ -43,21 +42,4 @@ TEST_F(OrvDatabase, PersonsAndTheirZelProfiles) {
               (std::vector<std::string>{"top", "person", "organizationalPerson", "inetOrgPerson", "ePerson"}));
     EXPECT_EQ(dir->entry("cn=jo,cn=Jo\\2C Jr.,o=acme").first("userType"), "User");
     EXPECT_EQ(values(group("Users"), "member"), (std::vector<std::string>{kDb, "cn=Jo\\2C Jr.,o=acme"}));
-}
-
-TEST_F(DatabaseTest, AllocationFailures) {
-    each_allocation_fails(
-        "create", 0, [&] { return create(ZEL_CREATEDB_EXTENDED | ZEL_CREATEDB_XR_DEFAULTS); },
-        [&] { (void)delete_tree(s.get(), kDb.c_str()); });
-    each_allocation_fails(
-        "remove", 0, [&] { return Zel_removeDatabase(s.get()); },
-        [&] {
-            if (!dir->exists(kDb)) {
-                ASSERT_EQ(create(), 0u);
-            }
-        });
-    ZelPerson ann = person("Ann", "ann");
-    each_allocation_fails(
-        "person", 0, [&] { return Zel_create_ePerson(s.get(), &ann, "XR User"); },
-        [&] { (void)Zel_removeZelUser(s.get(), "ann"); });
 }

@@ -1,6 +1,5 @@
 // Adding and updating resource groups and their members in both storage forms.
 #include "domain/domain_fixtures.h"
-#include "support/alloc_faults.h"
 #include "targetservice/ts_fixtures.h"
 
 namespace {
@@ -8,14 +7,6 @@ namespace {
 using namespace domaintest;
 
 int writes() { return fault::count(Fn::Add) + fault::count(Fn::Modify); }
-
-// A read's status; its record is handed out exactly when it succeeds.
-template <class T>
-ZelRC handed_out(ZelRC rc, T **out, void (*release)(T *)) {
-    EXPECT_EQ(rc == 0, *out != nullptr);
-    release(*out);
-    return rc;
-}
 
 TEST_F(DomainTest, BothFormsWrittenWithEscapedNames) {
     struct Case {
@@ -144,32 +135,6 @@ TEST_F(DomainTest, FirstGenerationDomainKeptInPlace) {
     EXPECT_EQ(e.values("targetlocation"), Values{"T:wiki"});
     EXPECT_EQ(e.first("description"), "Moved?");
     EXPECT_EQ(dir->search(kGroups, "one").size(), 0u);
-}
-
-TEST_F(DomainTest, AllocationFailuresInBothStorageForms) {
-    for (uint32_t version : {1u, 2u}) {
-        SCOPED_TRACE(version);
-        open(version);
-        ZelSession *ss = s.get();
-        DomainRecord team("team", "Team", services({"mail", "wiki"}));
-        auto add = [&] { return Zel_addZelDomain(ss, &team.d); };
-        auto add_member = [&] { return Zel_addLocationToDomain(ss, "team", "resourceName", "payroll"); };
-        each_allocation_fails("add", 0, add, [&] { (void)Zel_removeZelDomain(ss, "team"); });
-        each_allocation_fails("update", 0, [&] { return Zel_updateZelDomain(ss, &team.d); });
-        each_allocation_fails("add member", 0, add_member);
-        each_allocation_fails("remove member", 0, [&] {
-            return Zel_removeLocationFromDomain(ss, "team", "resourceName", "payroll");
-        }, [&] { (void)add_member(); });
-        each_allocation_fails("get", 0, [&] {
-            ZelDomain *d = nullptr;
-            return handed_out(Zel_getZelDomain(ss, "team", &d), &d, Zel_freeZelDomain);
-        });
-        each_allocation_fails("get all", 0, [&] {
-            ZelDomainList *l = nullptr;
-            return handed_out(Zel_getAllZelDomain(ss, &l), &l, Zel_freeZelDomains);
-        });
-        each_allocation_fails("remove", 0, [&] { return Zel_removeZelDomain(ss, "team"); }, [&] { (void)add(); });
-    }
 }
 
 }  // namespace

@@ -41,7 +41,7 @@ TEST(DnValueEscaping, EscapesRdnSyntaxOnly) {
     EXPECT_EQ(escape_dn_value("a,cn=x+y=\"q\";<>\\"), "a\\,cn\\=x\\+y\\=\\\"q\\\"\\;\\<\\>\\\\");
     EXPECT_EQ(escape_dn_value(" #lead#  "), "\\ #lead# \\ ");
     EXPECT_EQ(escape_dn_value("#x"), "\\#x");
-    EXPECT_EQ(escape_dn_value(std::string_view("a\0b", 3)), "a\\00b");
+    EXPECT_EQ(escape_dn_value(std::string_view("a\0b\t\x7F", 5)), "a\\00b\\09\\7F");
     EXPECT_EQ(escape_dn_value("*()J\xC3\xBCrgen"), "*()J\xC3\xBCrgen");
 }
 

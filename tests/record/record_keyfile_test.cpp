@@ -4,7 +4,6 @@
 #include <fstream>
 
 #include "record/record_fixture.h"
-#include "support/alloc_faults.h"
 #include "support/env.h"
 #include "support/key_files.h"
 #include "support/zelctl.h"
@@ -113,27 +112,6 @@ TEST_F(RecordTest, RekeyRewritesOnceAndLeavesWhatItCannotRead) {
         EXPECT_EQ(rekey(s.get(), "nobody"), Strings{"status 28"}) << "no such person";
         ASSERT_EQ(Zel_removeTargetRecord(s.get(), "jo", c.id), 0u);
     }
-}
-
-TEST_F(RecordTest, KeyFileWritesAndRekeySurviveAllocationFailures) {
-    open_with_jo(2);
-    ZelTargetRecord r = record("T:app", "app", "jdoe", "pa55word");
-    ScopedEnv env("ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str());
-    each_allocation_fails("add", 0, [&] { return Zel_addTargetRecord(s.get(), "jo", &r); },
-                          [&] { (void)Zel_removeTargetRecord(s.get(), "jo", "T:app"); });
-    auto masked_again = [&] {
-        ScopedEnv none("ZEL_KEYFILE", nullptr);
-        ASSERT_EQ(Zel_updateTargetRecord(s.get(), "jo", &r), 0u);
-    };
-    masked_again();
-    each_allocation_fails("rekey", 0, [&] {
-        ZelRekeyReport *out = nullptr;
-        ZelRC rc = Zel_rekeyTargetRecords(s.get(), nullptr, &out);
-        EXPECT_EQ(out == nullptr, rc != 0);
-        EXPECT_TRUE(rc != 0 || out->rewritten == 1);
-        Zel_freeRekeyReport(out);
-        return rc;
-    }, masked_again);
 }
 
 TEST_F(RecordTest, ZelctlMakesKeyFilesAndRekeys) {

@@ -1,7 +1,6 @@
 // Opening and closing sessions against a real directory.
 #include <gtest/gtest.h>
 
-#include "support/alloc_faults.h"
 #include "support/env.h"
 #include "support/session.h"
 
@@ -227,17 +226,4 @@ TEST_F(Open, LdapsWithTheTestCaTwiceInOneProcess) {
         ASSERT_EQ(rc, 0u) << "SSL open #" << i + 1 << ": " << Zel_strerror(rc);
         Zel_close(s, 1);
     }
-}
-
-TEST_F(Open, EveryAllocationFailureGivesNoMemoryAndHandsNothingOut) {
-    dir->add(database_ldif(dir->suffix()));
-    std::string admin_dn = admin();
-    each_allocation_fails("open", 0, [&] {
-        ZelSession *s = reinterpret_cast<ZelSession *>(0x1);
-        ZelRC rc = Zel_open_sec_domain(nullptr, admin_dn.c_str(), Directory::admin_password(), Directory::host(),
-                                       dir->port(), ZEL_OPEN_NONSSL, nullptr, nullptr, nullptr, "Default", &s, 2);
-        EXPECT_EQ(s == nullptr, rc != 0) << "a handle goes out only on success";
-        if (rc == 0) Zel_close(s, 1);
-        return rc;
-    });
 }

@@ -1,10 +1,9 @@
 // What a session learnt, handed out through the public accessor.
-#include "support/alloc_faults.h"
 #include "support/session.h"
 
 using namespace zeltest;
 
-TEST_F(SessionTest, InfoIsACopyAndFailsCleanly) {
+TEST_F(SessionTest, InfoIsACopy) {
     ZelSessionInfo *info = nullptr;
     EXPECT_EQ(Zel_getSessionInfo(nullptr, &info), ZEL_RC_INVALID_HANDLE);
     EXPECT_EQ(Zel_getSessionInfo(s.get(), nullptr), ZEL_RC_INVALID_ARGUMENT);
@@ -17,13 +16,4 @@ TEST_F(SessionTest, InfoIsACopyAndFailsCleanly) {
     EXPECT_EQ(info->apiVersion, 2u);
     Zel_freeSessionInfo(info);
 
-    each_allocation_fails("session info", 0, [&] {
-        ZelSessionInfo *out = nullptr;
-        ZelRC rc = Zel_getSessionInfo(s.get(), &out);
-        if (rc != 0) {
-            EXPECT_EQ(out, nullptr);
-        }
-        Zel_freeSessionInfo(out);
-        return rc;
-    });
 }

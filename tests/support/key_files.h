@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <string>
@@ -17,7 +18,9 @@ inline const std::string kKeyLineC = "zelkey1 c Q0NDQ0NDQ0NDQ0NDQ0NDQ0NDQ0NDQ0ND
 // A new file of `content` with `mode`, in the test's temporary folder.
 inline std::string key_file(const std::string &content, mode_t mode = 0600) {
     static int serial = 0;
-    const std::string path = testing::TempDir() + "zel-keys-" + std::to_string(++serial);
+    // The process id keeps test programs running side by side apart.
+    const std::string path =
+        testing::TempDir() + "zel-keys-" + std::to_string(getpid()) + "-" + std::to_string(++serial);
     std::ofstream(path) << content;
     chmod(path.c_str(), mode);
     return path;

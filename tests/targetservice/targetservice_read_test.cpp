@@ -3,7 +3,6 @@
 #include <map>
 #include <string>
 
-#include "support/alloc_faults.h"
 #include "targetservice/ts_fixtures.h"
 
 namespace {
@@ -91,27 +90,6 @@ TEST_F(TargetServiceV1Read, ListsAndGetsRecords) {
     EXPECT_EQ(Zel_getAllTargetService(s.get(), nullptr), ZEL_RC_INVALID_ARGUMENT);
 }
 
-TEST_F(TargetServiceV1Read, AllocationFailuresHandOutNothing) {
-    ZelTargetServiceList *warm = nullptr;  // locates the database outside the loop
-    ASSERT_EQ(Zel_getAllTargetService(s.get(), &warm), 0u);
-    Zel_freeTargetServices(warm);
-
-    zeltest::each_allocation_fails("call", 0, [&] {
-        ZelTargetServiceList *list = stale<ZelTargetServiceList>();
-        ZelRC rc = Zel_getAllTargetService(s.get(), &list);
-        EXPECT_TRUE(rc == 0 ? list->count == 5 : list == nullptr);
-        Zel_freeTargetServices(rc == 0 ? list : nullptr);
-        return rc;
-    });
-    zeltest::each_allocation_fails("call", 0, [&] {
-        ZelTargetService *ts = stale<ZelTargetService>();
-        ZelRC rc = Zel_getTargetService(s.get(), "odd", &ts);
-        EXPECT_TRUE(rc == 0 ? ts->reqIdentifierCount == 4 : ts == nullptr);
-        Zel_freeTargetService(rc == 0 ? ts : nullptr);
-        return rc;
-    });
-}
-
 class TargetServiceDomainRead : public zeltest::DirectoryTest {};
 
 TEST_F(TargetServiceDomainRead, ListsResourcesAndReadsAMissingContainerAsEmpty) {
@@ -161,12 +139,6 @@ TEST_F(TargetServiceDomainRead, KnownDatabaseAddsFirstGenerationEntries) {
     ASSERT_EQ(list->count, 2);
     EXPECT_STREQ(list->services[0]->name, "legacy");
     EXPECT_STREQ(list->services[1]->type, "Web Resource");
-
-    fault::reset();
-    fault::fail_call(Fn::Search, 1, LDAP_SERVER_DOWN);
-    all = stale<ZelTargetServiceList>();
-    EXPECT_EQ(Zel_getAllTargetService(s.get(), &all), ZEL_RC_DIRECTORY_ERROR);
-    EXPECT_EQ(all, nullptr);
 }
 
 }  // namespace

@@ -6,8 +6,61 @@
 #include <string>
 
 #include "ZelDomain.h"
+#include "ZelIdentifierText.h"
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
+
+namespace zel {
+
+// First-generation member prefixes, compared ignoring case.
+namespace {
+
+struct LocationPrefix {
+    const char *prefix;
+    const char *type;
+};
+constexpr LocationPrefix kLocationPrefixes[] = {
+    {"T", "resourceName"}, {"D", "Domain"}, {"A", "Application"}, {"H", "Host"}, {"AI", "ApplicationInstance"}};
+
+}  // namespace
+
+ZelRC split_target_location(const char *stored, ZelDomainLocation *loc) {
+    const char *p = stored + std::strspn(stored, ":");
+    size_t prefix_length = std::strcspn(p, ":");
+    std::string prefix(p, prefix_length);
+    const char *type = nullptr;
+    for (const LocationPrefix &known : kLocationPrefixes)
+        if (!prefix.empty() && zel::same_text(prefix.c_str(), known.prefix)) type = known.type;
+    if (type == nullptr) return 0;
+    if ((loc->type = strdup(type)) == nullptr) return ZEL_RC_NO_MEMORY;
+    const char *name = p + prefix_length;
+    name += std::strspn(name, ":");
+    if (*name != '\0' && (loc->value = strdup(name)) == nullptr) return ZEL_RC_NO_MEMORY;
+    return 0;
+}
+
+ZelRC member_service_name(const char *member, char *&out) {
+    LDAPDN dn = nullptr;
+    if (ldap_str2dn(member, &dn, LDAP_DN_FORMAT_LDAPV3) == LDAP_SUCCESS && dn && dn[0] && dn[0][0]) {
+        const struct berval &v = dn[0][0]->la_value;
+        // "cn=" parses with no value at all: no name.
+        const bool named = v.bv_len > 0;
+        out = named ? strndup(v.bv_val, v.bv_len) : nullptr;
+        ldap_dnfree(dn);
+        return out || !named ? 0 : ZEL_RC_NO_MEMORY;
+    }
+    if (dn) ldap_dnfree(dn);
+    const char *p = member + std::strspn(member, "=");
+    p += std::strcspn(p, "=");
+    if (*p == '=') ++p;
+    p += std::strspn(p, ",");
+    size_t length = std::strcspn(p, ",");
+    if (length == 0) return 0;
+    out = strndup(p, length);
+    return out ? 0 : ZEL_RC_NO_MEMORY;
+}
+
+}  // namespace zel
 
 namespace {
 
@@ -29,54 +82,6 @@ void free_locations(ZelDomain *d) {
     }
     d->locations = nullptr;
     d->locationCount = 0;
-}
-
-// First-generation member prefixes, compared ignoring case.
-struct LocationPrefix {
-    const char *prefix;
-    const char *type;
-};
-constexpr LocationPrefix kLocationPrefixes[] = {
-    {"T", "resourceName"}, {"D", "Domain"}, {"A", "Application"}, {"H", "Host"}, {"AI", "ApplicationInstance"}};
-
-// "<prefix>:<name>", runs of ':' one separator.  Everything after the
-// separator is the name, so a name holding ':' reads back whole.  An unknown
-// or missing prefix leaves both fields null.
-ZelRC split_target_location(const char *stored, ZelDomainLocation *loc) {
-    const char *p = stored + std::strspn(stored, ":");
-    size_t prefix_length = std::strcspn(p, ":");
-    std::string prefix(p, prefix_length);
-    const char *type = nullptr;
-    for (const LocationPrefix &known : kLocationPrefixes)
-        if (!prefix.empty() && zel::same_text(prefix.c_str(), known.prefix)) type = known.type;
-    if (type == nullptr) return 0;
-    if ((loc->type = strdup(type)) == nullptr) return ZEL_RC_NO_MEMORY;
-    const char *name = p + prefix_length;
-    name += std::strspn(name, ":");
-    if (*name != '\0' && (loc->value = strdup(name)) == nullptr) return ZEL_RC_NO_MEMORY;
-    return 0;
-}
-
-// A member is the DN of a service's entry; its name is the value of the first
-// RDN, unescaped.  A value that is no DN is cut as text: after the first
-// '=', up to the next ','.
-ZelRC member_service_name(const char *member, char *&out) {
-    LDAPDN dn = nullptr;
-    if (ldap_str2dn(member, &dn, LDAP_DN_FORMAT_LDAPV3) == LDAP_SUCCESS && dn && dn[0] && dn[0][0]) {
-        const struct berval &v = dn[0][0]->la_value;
-        out = strndup(v.bv_val, v.bv_len);
-        ldap_dnfree(dn);
-        return out ? 0 : ZEL_RC_NO_MEMORY;
-    }
-    if (dn) ldap_dnfree(dn);
-    const char *p = member + std::strspn(member, "=");
-    p += std::strcspn(p, "=");
-    if (*p == '=') ++p;
-    p += std::strspn(p, ",");
-    size_t length = std::strcspn(p, ",");
-    if (length == 0) return 0;
-    out = strndup(p, length);
-    return out ? 0 : ZEL_RC_NO_MEMORY;
 }
 
 // Replaces the record's locations with one per value, filled by read_one.
@@ -106,9 +111,9 @@ ZelRC read_domain_entry(ZelSession *s, LDAPMessage *entry, ZelDomain *d) {
         if (zel::same_text(attr, "member"))
             return set_locations(d, strings, [](const char *value, ZelDomainLocation *loc) -> ZelRC {
                 if ((loc->type = strdup("resourceName")) == nullptr) return ZEL_RC_NO_MEMORY;
-                return member_service_name(value, loc->value);
+                return zel::member_service_name(value, loc->value);
             });
-        if (zel::same_text(attr, "targetLocation")) return set_locations(d, strings, split_target_location);
+        if (zel::same_text(attr, "targetLocation")) return set_locations(d, strings, zel::split_target_location);
         return 0;
     });
 }

@@ -9,8 +9,27 @@
 #include <cstring>
 #include <string>
 
+#include "ZelIdentifierText.h"
 #include "platform/filter_format.h"
 #include "zel_internal.h"
+
+namespace zel {
+
+ZelRC split_identifier(const char *stored, ZelReqIdentifier *pair) {
+    char **fields[] = {&pair->name, &pair->value};
+    const char *p = stored;
+    for (char **field : fields) {
+        while (*p == '=') ++p;
+        if (*p == '\0') break;
+        const char *end = std::strchr(p, '=');
+        size_t length = end ? static_cast<size_t>(end - p) : std::strlen(p);
+        if ((*field = strndup(p, length)) == nullptr) return ZEL_RC_NO_MEMORY;
+        p += length;
+    }
+    return 0;
+}
+
+}  // namespace zel
 
 namespace {
 
@@ -40,22 +59,6 @@ void free_identifiers(ZelTargetService *ts) {
     ts->reqIdentifierCount = 0;
 }
 
-// A stored identifier is "name=value".  Runs of '=' separate the words: the
-// first word is the name, the second the value, anything after is dropped.
-ZelRC split_identifier(const char *stored, ZelReqIdentifier *pair) {
-    char **fields[] = {&pair->name, &pair->value};
-    const char *p = stored;
-    for (char **field : fields) {
-        while (*p == '=') ++p;
-        if (*p == '\0') break;
-        const char *end = std::strchr(p, '=');
-        size_t length = end ? static_cast<size_t>(end - p) : std::strlen(p);
-        if ((*field = strndup(p, length)) == nullptr) return ZEL_RC_NO_MEMORY;
-        p += length;
-    }
-    return 0;
-}
-
 ZelRC set_identifiers(ZelTargetService *ts, char **values) {
     free_identifiers(ts);
     int count = ldap_count_values(values);
@@ -67,7 +70,7 @@ ZelRC set_identifiers(ZelTargetService *ts, char **values) {
         ZelReqIdentifier *pair = static_cast<ZelReqIdentifier *>(std::calloc(1, sizeof(ZelReqIdentifier)));
         if (pair == nullptr) return ZEL_RC_NO_MEMORY;
         ts->reqIdentifiers[i] = pair;
-        if (ZelRC rc = split_identifier(values[i], pair)) return rc;
+        if (ZelRC rc = zel::split_identifier(values[i], pair)) return rc;
     }
     return 0;
 }
