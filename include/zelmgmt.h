@@ -287,6 +287,17 @@ ZEL_API void Zel_freeSessionInfo(ZelSessionInfo *info);
 ZEL_API ZelRC Zel_getZelUser(ZelSession *s, const char *name, ZelUser **out);
 ZEL_API void Zel_freeZelUser(ZelUser *user);
 
+/* Every Zel user the session sees, read back as Zel_getZelUser reads one:
+ * the security domain's first, then the Zel database's (when the session
+ * knows it, or is of the first generation).  An empty list is success. */
+typedef struct ZelUserList {
+    int32_t count;
+    ZelUser **users;
+} ZelUserList;
+
+ZEL_API ZelRC Zel_getAllZelUser(ZelSession *s, ZelUserList **out);
+ZEL_API void Zel_freeZelUsers(ZelUserList *list);
+
 /* Key rotation: stored passwords rewritten in the form a write uses now (under
  * the active key of the key file ZEL_KEYFILE names, else masked).  `user`
  * names one Zel user as Zel_getAllTargetRecord does; null means every target

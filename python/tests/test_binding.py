@@ -39,6 +39,7 @@ def test_the_sign_on_question(session):
     session.add_user(zelmgmt.User("ann", "User", person_dn=f"cn=Ann,{SUFFIX}"))
     assert session.verify_user(f"cn=Ann,{SUFFIX}") is not None
     assert session.get_user("ann").enabled
+    assert [u.name for u in session.get_all_users()] == ["ann"]
     for name in ("payroll", "wiki", "mail"):
         session.add_target_service(zelmgmt.TargetService(name, "Web Resource"))
     # A group record names the group as a service of the "Resource Group" kind.

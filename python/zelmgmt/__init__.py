@@ -143,6 +143,10 @@ def _service_from(c: _c.TargetService) -> TargetService:
     return TargetService(_s(c.name), _s(c.type), _s(c.description), ids)
 
 
+def _user_from(u: _c.User) -> User:
+    return User(_s(u.userName), _s(u.userType), _s(u.description), bool(u.enabled), _s(u.personDN))
+
+
 def _record_from(c: _c.TargetRecord) -> TargetRecord:
     return TargetRecord(_s(c.targetRecordId), _s(c.targetServiceName), _s(c.targetServiceType),
                         _s(c.userId), _s(c.password), _s(c.description))
@@ -295,10 +299,18 @@ class Session:
         out = ctypes.POINTER(_c.User)()
         _check(_lib.Zel_getZelUser(self._h, _b(name), ctypes.byref(out)), f"cannot read user {name}")
         try:
-            u = out.contents
-            return User(_s(u.userName), _s(u.userType), _s(u.description), bool(u.enabled), _s(u.personDN))
+            return _user_from(out.contents)
         finally:
             _lib.Zel_freeZelUser(out)
+
+    def get_all_users(self) -> List[User]:
+        out = ctypes.POINTER(_c.UserList)()
+        _check(_lib.Zel_getAllZelUser(self._h, ctypes.byref(out)), "cannot list users")
+        try:
+            lst = out.contents
+            return [_user_from(lst.users[i].contents) for i in range(lst.count) if lst.users[i]]
+        finally:
+            _lib.Zel_freeZelUsers(out)
 
     def update_user(self, user: User) -> None:
         _check(_lib.Zel_updateZelUser(self._h, ctypes.byref(self._user(user))), f"cannot update user {user.name}")

@@ -30,6 +30,10 @@ class User(ctypes.Structure):
                 ("enabled", ctypes.c_ubyte), ("personDN", c_char_p)]
 
 
+class UserList(ctypes.Structure):
+    _fields_ = [("count", c_int32), ("users", P(P(User)))]
+
+
 class TargetRecord(ctypes.Structure):
     _fields_ = [("targetRecordId", c_char_p), ("description", c_char_p), ("userId", c_char_p),
                 ("password", c_char_p), ("targetServiceName", c_char_p), ("targetServiceType", c_char_p)]
@@ -99,6 +103,8 @@ _PROTOTYPES = {
     "Zel_removeZelUser": (c_uint32, [_S, c_char_p]),
     "Zel_getZelUser": (c_uint32, [_S, c_char_p, P(P(User))]),
     "Zel_freeZelUser": (None, [P(User)]),
+    "Zel_getAllZelUser": (c_uint32, [_S, P(P(UserList))]),
+    "Zel_freeZelUsers": (None, [P(UserList)]),
     "Zel_rekeyTargetRecords": (c_uint32, [_S, c_char_p, P(P(RekeyReport))]),
     "Zel_freeRekeyReport": (None, [P(RekeyReport)]),
     "Zel_getSessionInfo": (c_uint32, [_S, P(P(SessionInfo))]),

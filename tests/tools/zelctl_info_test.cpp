@@ -92,7 +92,7 @@ TEST_F(ZelctlInfo, AttachedValuesAndUsageErrorsNeverShowAValue) {
         {{"-wS3cret", "--api-version", "4294967298", "info"}, 2, "zelctl: --api-version wants a number"},
         {{"-wS3cret", "-Z", "info"}, 2, "zelctl: -Z: StartTLS is not offered"},
         {{"-H", "ldap://h:70000", "-D", "cn=x", "-wS3cret", "info"}, 2, "zelctl: -H wants ldap://HOST[:PORT]"},
-        {{"help", "user"}, 0, "usage: zelctl [OPTIONS]\n  user add NAME"},
+        {{"help", "user"}, 0, "usage: zelctl [OPTIONS]\n  user list | add NAME"},
         {{"--version"}, 0, "zelctl 1."},
     };
     for (const Case &c : cases) {

@@ -1,4 +1,4 @@
-// zelctl user: register, update, verify and remove Zel users.
+// zelctl user: list, register, update, verify and remove Zel users.
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -9,6 +9,33 @@ namespace zelctl {
 namespace {
 
 struct UserFree { void operator()(ZelUser *u) const { Zel_freeZelUser(u); } };
+struct UserListFree { void operator()(ZelUserList *l) const { Zel_freeZelUsers(l); } };
+
+const char *or_empty(const char *text) { return text ? text : ""; }
+
+int user_list(const Options &opts, Args args) {
+    int status = 0;
+    std::vector<std::string> none;
+    if (!take_operands(args, "user list", {}, none, status)) return status;
+    Session session(open_session(opts));
+    if (!session) return 1;
+    ZelUserList *raw = nullptr;
+    if (ZelRC rc = Zel_getAllZelUser(session.get(), &raw)) return fail("cannot list Zel users", rc);
+    std::unique_ptr<ZelUserList, UserListFree> list(raw);
+    if (opts.json) std::fputs("[", stdout);
+    for (int32_t i = 0; i < list->count; ++i) {
+        const ZelUser *u = list->users[i];
+        if (opts.json)
+            std::printf("%s{\"name\":%s,\"type\":%s,\"enabled\":%s,\"person\":%s}", i ? "," : "",
+                        json_string(u->userName).c_str(), json_string(u->userType).c_str(),
+                        u->enabled ? "true" : "false", json_string(u->personDN).c_str());
+        else
+            std::printf("%-20s %-8s %s\n", or_empty(u->userName), u->enabled ? "enabled" : "disabled",
+                        or_empty(u->personDN));
+    }
+    if (opts.json) std::puts("]");
+    return 0;
+}
 
 int user_add(const Options &opts, Args args) {
     int status = 0;
@@ -108,14 +135,15 @@ int user_remove(const Options &opts, Args args) {
 }  // namespace
 
 int run_user(const Options &opts, Args args) {
-    if (args.empty()) return usage("user: expected add, update, verify or remove");
+    if (args.empty()) return usage("user: expected list, add, update, verify or remove");
     std::string sub = args.front();
     args.erase(args.begin());
+    if (sub == "list") return user_list(opts, args);
     if (sub == "add") return user_add(opts, args);
     if (sub == "update") return user_update(opts, args);
     if (sub == "verify") return user_verify(opts, args);
     if (sub == "remove") return user_remove(opts, args);
-    return usage("user: unknown subcommand " + sub + " (add, update, verify, remove)");
+    return usage("user: unknown subcommand " + sub + " (list, add, update, verify, remove)");
 }
 
 }  // namespace zelctl

@@ -24,7 +24,7 @@ const Command kCommands[] = {
      "        | remove NAME\n"},
     {"service-type", run_service_type, "service-type add NAME [--id NAME ...] | remove NAME\n"},
     {"user", run_user,
-     "user add NAME --type T [--person DN] [--description D] [--disabled]\n"
+     "user list | add NAME --type T [--person DN] [--description D] [--disabled]\n"
      "     | update NAME [--person DN] [--description D] [--enabled | --disabled]\n"
      "     | verify PERSON_DN | remove NAME|DN\n"},
     {"domain", run_domain,

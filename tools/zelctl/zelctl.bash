@@ -4,7 +4,7 @@
 # password file (-y).  A password is never read from the line for this.
 
 _zelctl_query() {
-    # $1: the command whose --json output lists the names (e.g. "service list").
+    # The arguments: the command whose --json output lists the names (e.g. service list).
     local -a conn=()
     local i w uri="" dn="" pwfile="" api=""
     for ((i = 1; i < COMP_CWORD; i++)); do
@@ -20,8 +20,7 @@ _zelctl_query() {
     conn=(-D "$dn" -y "$pwfile")
     [[ -n $uri ]] && conn+=(-H "$uri")
     [[ -n $api ]] && conn+=(--api-version "$api")
-    # shellcheck disable=SC2086
-    timeout 3 "${COMP_WORDS[0]}" "${conn[@]}" --json $1 2>/dev/null |
+    timeout 3 "${COMP_WORDS[0]}" "${conn[@]}" --json "$@" 2>/dev/null |
         grep -o '"name":"[^"]*"' | sed 's/^"name":"//; s/"$//'
 }
 
@@ -45,7 +44,7 @@ _zelctl() {
             return ;;
         --service|--member)
             local IFS=$'\n'
-            COMPREPLY=($(compgen -W "$(_zelctl_query "service list")" -- "$cur")); return ;;
+            COMPREPLY=($(compgen -W "$(_zelctl_query service list)" -- "$cur")); return ;;
     esac
 
     # Find the command and its subcommand, skipping global options and their values.
@@ -71,7 +70,7 @@ _zelctl() {
         case $cmd in
             service) subs="list get add remove" ;;
             service-type) subs="add remove" ;;
-            user) subs="add update verify remove" ;;
+            user) subs="list add update verify remove" ;;
             record) subs="list get add update remove rekey" ;;
             key) subs="generate" ;;
             credential) subs="get" ;;
@@ -105,13 +104,18 @@ _zelctl() {
     fi
     local IFS=$'\n'
     case "$cmd $sub" in
+        "user update"|"user remove")
+            COMPREPLY=($(compgen -W "$(_zelctl_query user list)" -- "$cur")) ;;
+        "record list"|"record get"|"record add"|"record update"|"record remove"|"record rekey")
+            ((nargs == 0)) && COMPREPLY=($(compgen -W "$(_zelctl_query user list)" -- "$cur")) ;;
         "service get"|"service remove")
-            COMPREPLY=($(compgen -W "$(_zelctl_query "service list")" -- "$cur")) ;;
+            COMPREPLY=($(compgen -W "$(_zelctl_query service list)" -- "$cur")) ;;
         "domain get"|"domain update"|"domain remove"|"domain add-member"|"domain remove-member")
-            if ((nargs == 0)); then COMPREPLY=($(compgen -W "$(_zelctl_query "domain list")" -- "$cur"))
-            else COMPREPLY=($(compgen -W "$(_zelctl_query "service list")" -- "$cur")); fi ;;
+            if ((nargs == 0)); then COMPREPLY=($(compgen -W "$(_zelctl_query domain list)" -- "$cur"))
+            else COMPREPLY=($(compgen -W "$(_zelctl_query service list)" -- "$cur")); fi ;;
         "credential get")
-            ((nargs == 1)) && COMPREPLY=($(compgen -W "$(_zelctl_query "service list")" -- "$cur")) ;;
+            if ((nargs == 0)); then COMPREPLY=($(compgen -W "$(_zelctl_query user list)" -- "$cur"))
+            else COMPREPLY=($(compgen -W "$(_zelctl_query service list)" -- "$cur")); fi ;;
     esac
 }
 complete -F _zelctl zelctl

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
@@ -67,6 +69,58 @@ ZelRC read_profile(LDAP *ld, LDAPMessage *entry, bool domain_form, ZelUser *user
     });
 }
 
+// Appends a profile read from each entry of res to list.
+ZelRC append_profiles(ZelSession *s, LDAPMessage *res, bool domain_form, std::vector<UserHolder> &list) {
+    for (LDAPMessage *e = ldap_first_entry(s->ld, res); e != nullptr; e = ldap_next_entry(s->ld, e)) {
+        UserHolder user(static_cast<ZelUser *>(std::calloc(1, sizeof(ZelUser))));
+        if (!user) return ZEL_RC_NO_MEMORY;
+        if (ZelRC rc = read_profile(s->ld, e, domain_form, user.get())) return rc;
+        list.push_back(std::move(user));
+    }
+    return 0;
+}
+
+ZelRC all_users(ZelSession *s, ZelUserList **out) {
+    std::vector<UserHolder> list;
+    if (!zel::first_generation(s) && s->domain_dn && *s->domain_dn && s->domain_name) {
+        std::string base = std::string("cn=Users,") + s->domain_dn;
+        std::string filter = "(&(objectClass=secUser)(secAuthority=" +
+                             plat::escape_filter_value(std::string(s->domain_name) + ":") + "))";
+        zel::Message res;
+        int lrc = zel::search(s, base.c_str(), LDAP_SCOPE_ONELEVEL, filter.c_str(), nullptr, 0, 0, res);
+        // A domain without a Users container has no users yet.
+        if (lrc != LDAP_SUCCESS && lrc != LDAP_NO_SUCH_OBJECT)
+            return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+        if (ZelRC rc = append_profiles(s, res.get(), true, list)) return rc;
+    }
+    if (zel::first_generation(s)) {
+        ZelRC rc = zel::ensure_database_dn(s);
+        if (rc == ZEL_RC_DATABASE_NOT_FOUND) rc = 0;  // no database, no first-generation users
+        if (rc != 0) return rc;
+    }
+    if (s->database_dn != nullptr) {
+        for (ZelSuffixNode *n = s->suffixes; n != nullptr; n = n->next) {
+            zel::Message res;
+            ZelRC rc = zel::search_mapped(s, n->suffix, LDAP_SCOPE_SUBTREE, "(objectClass=eZelUser)", nullptr, 0, 0,
+                                          0, res);
+            if (rc != 0) return rc;
+            if ((rc = append_profiles(s, res.get(), false, list)) != 0) return rc;
+        }
+    }
+    auto *result = static_cast<ZelUserList *>(std::calloc(1, sizeof(ZelUserList)));
+    if (result == nullptr) return ZEL_RC_NO_MEMORY;
+    if (!list.empty()) {
+        result->users = static_cast<ZelUser **>(std::calloc(list.size(), sizeof(ZelUser *)));
+        if (result->users == nullptr) {
+            std::free(result);
+            return ZEL_RC_NO_MEMORY;
+        }
+        for (UserHolder &u : list) result->users[result->count++] = u.release();
+    }
+    *out = result;
+    return 0;
+}
+
 }  // namespace
 
 extern "C" {
@@ -101,6 +155,24 @@ ZEL_API ZelRC Zel_getZelUser(ZelSession *s, const char *name, ZelUser **out) {
         *out = user.release();
         return rc;
     });
+}
+
+ZEL_API ZelRC Zel_getAllZelUser(ZelSession *s, ZelUserList **out) {
+    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    return zel::guarded([&]() -> ZelRC {
+        ZelRC rc = 0;
+        zel::RoutineTrace trace(s, "Zel_getAllZelUser", rc);
+        if (out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+        *out = nullptr;
+        return rc = all_users(s, out);
+    });
+}
+
+ZEL_API void Zel_freeZelUsers(ZelUserList *list) {
+    if (list == nullptr) return;
+    for (int32_t i = 0; i < list->count; ++i) Zel_freeZelUser(list->users[i]);
+    std::free(list->users);
+    std::free(list);
 }
 
 ZEL_API void Zel_freeZelUser(ZelUser *user) {
