@@ -54,6 +54,9 @@ std::vector<Scenario> users(Fixtures &f) {
         {"update user", add, [&f](ZelSession *s) { return Zel_updateZelUser(s, &f.ann); }},
         {"get user", add,
          hands_out<ZelUser>([](ZelSession *s, ZelUser **u) { return Zel_getZelUser(s, "ann", u); }, Zel_freeZelUser)},
+        {"list users", add,
+         hands_out<ZelUserList>([](ZelSession *s, ZelUserList **l) { return Zel_getAllZelUser(s, l); },
+                                Zel_freeZelUsers)},
         {"remove user", add, [](ZelSession *s) { return Zel_removeZelUser(s, "ann"); }},
     };
     for (Scenario &sc : out) sc.also = {ZEL_RC_USER_NOT_FOUND};  // a refused profile look-up
