@@ -240,24 +240,6 @@ TEST_F(TargetServiceDomainMaint, WithDatabaseAddsTheContainerAndChecksBothForms)
     EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "Web"), 0u);
 }
 
-// A caller's name is a value, never a piece of a filter or a DN.
-TEST_F(TargetServiceDomainMaint, NamesWithSpecialCharactersRoundTrip) {
-    dir->add(resources_ldif(*dir));
-    auto s = zeltest::open_session(*dir, 2);
-    ASSERT_TRUE(s);
-    const char *odd = "a(b)*c\\d,e+f=g\"h";
-    Record plain("plain", "Web Resource", nullptr), special(odd, "Web Resource", nullptr);
-    ASSERT_EQ(Zel_addTargetService(s.get(), &plain.ts), 0u);
-    ASSERT_EQ(Zel_addTargetService(s.get(), &special.ts), 0u);
-    ZelTargetService *got = nullptr;
-    ASSERT_EQ(Zel_getTargetService(s.get(), odd, &got), 0u);
-    EXPECT_STREQ(got->name, odd);
-    Zel_freeTargetService(got);
-    ASSERT_EQ(Zel_removeTargetService(s.get(), odd), 0u);
-    EXPECT_EQ(Zel_getTargetService(s.get(), "*", &got), ZEL_RC_TS_NOT_FOUND) << "no wildcard from a caller";
-    EXPECT_TRUE(dir->exists("secResourceID=plain," + resources_dn(*dir)));
-}
-
 // Orv stores an empty description; the kinds that refuse empty values get none.
 TEST(TargetServiceDescription, EmptyDescriptionByDirectoryKind) {
     for (zeltest::Kind kind : {zeltest::Kind::Orv, zeltest::Kind::ActiveDirectory}) {
