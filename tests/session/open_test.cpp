@@ -216,14 +216,3 @@ TEST_F(Open, SslChoiceFollowsFlagsOverTheEnvironmentAndDefaultPorts) {
     EXPECT_EQ(uri_for(ZEL_OPEN_SSL), "ldaps://127.0.0.1:636");
     EXPECT_EQ(uri_for(ZEL_OPEN_SSL | ZEL_OPEN_NONSSL), "ldap://127.0.0.1:389");
 }
-
-TEST_F(Open, LdapsWithTheTestCaTwiceInOneProcess) {
-    std::string admin_dn = admin();
-    for (int i = 0; i < 2; ++i) {
-        ZelSession *s = nullptr;
-        ZelRC rc = Zel_open(nullptr, admin_dn.c_str(), Directory::admin_password(), Directory::host(),
-                            dir->ldaps_port(), ZEL_OPEN_SSL, Directory::ca_file().c_str(), "unused", nullptr, &s, 1);
-        ASSERT_EQ(rc, 0u) << "SSL open #" << i + 1 << ": " << Zel_strerror(rc);
-        Zel_close(s, 1);
-    }
-}
