@@ -240,32 +240,4 @@ TEST_F(TargetServiceDomainMaint, WithDatabaseAddsTheContainerAndChecksBothForms)
     EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "Web"), 0u);
 }
 
-// Orv stores an empty description; the kinds that refuse empty values get none.
-TEST(TargetServiceDescription, EmptyDescriptionByDirectoryKind) {
-    for (zeltest::Kind kind : {zeltest::Kind::Orv, zeltest::Kind::ActiveDirectory}) {
-        SCOPED_TRACE(zeltest::kind_name(kind));
-        zeltest::Directory dir(zeltest::Profile().kind_is(kind));
-        dir.add(zeltest::database_ldif(dir.suffix()) + type_ldif(dir, "Open", {}) + resources_ldif(dir));
-        auto v2 = zeltest::open_session(dir, 2);
-        auto v1 = zeltest::open_session(dir, 1);
-        ASSERT_TRUE(v2 && v1);
-        bool keeps_empty = kind == zeltest::Kind::Orv;
-        fault::reset();
-        if (keeps_empty) {  // slapd refuses the empty value itself
-            fault::fail_call(Fn::Add, 2, LDAP_SUCCESS);
-            fault::fail_call(Fn::Add, 3, LDAP_SUCCESS);
-        }
-        Record domain("site", "Web Resource", "");
-        Record first("box", "Open", "");
-        ASSERT_EQ(Zel_addTargetService(v2.get(), &domain.ts), 0u);  // adds 1 (container) and 2
-        ASSERT_EQ(Zel_addTargetService(v1.get(), &first.ts), 0u);   // add 3
-        auto adds = fault::calls(Fn::Add);
-        ASSERT_EQ(adds.size(), 3u);
-        auto expected = keeps_empty ? std::vector<Values>{{""}} : std::vector<Values>{};
-        EXPECT_EQ(sent_values(adds[1], "description"), expected);
-        EXPECT_EQ(sent_values(adds[2], "description"), expected);
-    }
-    fault::reset();
-}
-
 }  // namespace
