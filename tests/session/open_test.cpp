@@ -158,22 +158,6 @@ TEST_F(Open, CallersConnectionIsUsedAsBoundAndSurvivesFailureAndClose) {
     ldap_unbind_ext(ld, nullptr, nullptr);
 }
 
-TEST_F(Open, DomainSessionFindsTheDatabaseOnlyWhenThereIsOne) {
-    ZelSession *s = nullptr;
-    ASSERT_EQ(try_open(*dir, 2, &s), 0u);
-    EXPECT_EQ(s->database_dn, nullptr) << "a directory without a database still opens";
-    EXPECT_STREQ(s->domain_name, "Default");
-    EXPECT_STREQ(s->domain_dn, dir->domain_dn().c_str());
-    EXPECT_EQ(s->domain_version, 5);
-    Zel_close(s, 1);
-
-    dir->add(database_ldif(dir->suffix()));
-    ASSERT_EQ(try_open(*dir, 2, &s), 0u);
-    ASSERT_NE(s->database_dn, nullptr);
-    EXPECT_STREQ(s->database_dn, ("systemName=ORVZEL," + dir->suffix()).c_str());
-    Zel_close(s, 1);
-}
-
 TEST_F(Open, LocatedServerAndUnreachableServers) {
     ZelSession *s = nullptr;
     std::string admin_dn = admin();
