@@ -1,5 +1,4 @@
-// What each directory kind changes in a stored record, and what the trace
-// shows of it.
+// What each directory kind changes in a stored record.
 #include "record/record_fixture.h"
 
 using namespace recordtest;
