@@ -79,8 +79,7 @@ TEST_F(TargetServiceV1Maint, ServiceIdentifiersMustMatchItsTypeAndFitTheirBuffer
     ASSERT_EQ(Zel_addTargetService(s.get(), &box.ts), 0u);
     zeltest::Entry e = dir->entry("tsName=box," + type_dn(*dir, "Open"));
     EXPECT_EQ(e.values("objectclass"), (Values{"top", "eTargetService"}));
-    EXPECT_EQ(e.first("tstype"), "Open");
-    EXPECT_EQ(e.first("description"), "A box");
+    EXPECT_EQ((Values{e.first("tstype"), e.first("description")}), (Values{"Open", "A box"}));
     EXPECT_EQ(e.values("reqidentifier"), (Values{"serial=42"}));
     Record clash("BOX", "Web", nullptr, {{"host", "h"}, {"port", "1"}});
     EXPECT_EQ(Zel_addTargetService(s.get(), &clash.ts), ZEL_RC_ALREADY_EXISTS);
@@ -195,9 +194,7 @@ TEST_F(TargetServiceDomainMaint, WithoutDatabaseWritesIntoAnExistingContainerOnl
     EXPECT_EQ(fault::count(Fn::Add), 2);  // no container add
     zeltest::Entry e = dir->entry("secResourceID=site," + resources_dn(*dir));
     EXPECT_EQ(e.values("objectclass"), (Values{"top", "secResource"}));
-    EXPECT_EQ(e.first("sectype"), "1");
-    EXPECT_EQ(e.first("secvalid"), "TRUE");
-    EXPECT_EQ(e.first("description"), "Site");
+    EXPECT_EQ((Values{e.first("sectype"), e.first("secvalid"), e.first("description")}), (Values{"1", "TRUE", "Site"}));
     EXPECT_EQ(dir->entry("secResourceID=team," + resources_dn(*dir)).first("sectype"), "2");
     EXPECT_EQ(Zel_addTargetService(s.get(), &web.ts), ZEL_RC_ALREADY_EXISTS);
     ASSERT_EQ(Zel_removeTargetService(s.get(), "site"), 0u);

@@ -15,10 +15,8 @@ TEST_F(UserTest, FirstGenerationProfilesAndGroupsFollowTheUserType) {
 
     Entry e = dir->entry("cn=jo," + kJo);
     EXPECT_EQ(e.values("objectClass"), (Strings{"top", "cimManagedElement", "eUser", "eZelUser"}));
-    EXPECT_EQ(e.first("associatedName"), kJo);
-    EXPECT_EQ(e.first("userType"), "User");
-    EXPECT_EQ(e.first("userState"), "Active");
-    EXPECT_EQ(e.first("description"), "Jo's profile");
+    EXPECT_EQ((Strings{e.first("associatedName"), e.first("userType"), e.first("userState"), e.first("description")}),
+              (Strings{kJo, "User", "Active", "Jo's profile"}));
     EXPECT_EQ(dir->entry("cn=ann," + kAnn).first("associatedName"), kAnn);
     EXPECT_EQ(dir->entry("cn=max," + kMax).first("userState"), "Inactive");
 
@@ -34,9 +32,9 @@ TEST_F(UserTest, FirstGenerationProfilesAndGroupsFollowTheUserType) {
     ZelUser update = user_record("jo", "Boss", kJo, "", 0);
     ASSERT_EQ(Zel_updateZelUser(s.get(), &update), 0u);
     e = dir->entry("cn=jo," + kJo);
-    EXPECT_EQ(e.first("userState"), "Inactive");
-    EXPECT_FALSE(e.has("description")) << "an empty description is removed on this kind";
-    EXPECT_EQ(e.first("userType"), "User");
+    // An empty description is removed on this kind.
+    EXPECT_EQ((Strings{e.first("userState"), e.first("userType")}), (Strings{"Inactive", "User"}));
+    EXPECT_FALSE(e.has("description"));
     EXPECT_EQ(Zel_addZelUser(s.get(), &update), ZEL_RC_INVALID_ARGUMENT);
 
     ASSERT_EQ(Zel_removeZelUser(s.get(), "jo"), 0u);
@@ -95,11 +93,9 @@ TEST_F(UserTest, SecurityDomainProfileLifecycle) {
     const std::string dn = "principalName=jo," + kDomainUsers;
     Entry e = dir->entry(dn);
     EXPECT_EQ(e.values("objectClass"), (Strings{"top", "cimManagedElement", "eUser", "secUser"}));
-    EXPECT_EQ(e.first("secDN"), kJo);
-    EXPECT_EQ(e.first("secAuthority"), "Default:");
-    EXPECT_EQ(e.first("secLoginType"), "Default:LDAP");
-    EXPECT_EQ(e.first("secAcctValid"), "TRUE");
-    EXPECT_EQ(e.first("description"), "Jo");
+    EXPECT_EQ((Strings{e.first("secDN"), e.first("secAuthority"), e.first("secLoginType"), e.first("secAcctValid"),
+                       e.first("description")}),
+              (Strings{kJo, "Default:", "Default:LDAP", "TRUE", "Jo"}));
     EXPECT_EQ(dir->entry("cn=ResCreds," + dn).values("objectClass"), (Strings{"top", "container"}));
 
     ZelUser off = user_record("jo", nullptr, kJo, nullptr, 0);
