@@ -62,23 +62,36 @@ TEST_F(DomainTest, ResourceGroupsContainerEnsuredWithADatabaseOnly) {
 }
 
 // Kinds that refuse empty values get no description on add and lose it on
-// update; the others store it empty.  slapd itself refuses the empty value,
-// so the writes are kept from it and only what was sent is compared.
-TEST(DomainDescription, EmptyDescriptionByDirectoryKind) {
-    for (Kind kind : {Kind::Generic, Kind::Orv}) {
+// update, for resource groups and services alike; Orv stores it empty.  slapd
+// itself refuses the empty value, so those writes are kept from it and only
+// what was sent is compared.
+TEST(EmptyDescription, ByDirectoryKind) {
+    for (Kind kind : {Kind::ActiveDirectory, Kind::Orv}) {
         SCOPED_TRACE(kind_name(kind));
         Directory dir(seeded(kind));
-        Session s = open_session(dir, 2);
-        ASSERT_TRUE(s);
+        Session s = open_session(dir, 2), v1 = open_session(dir, 1);
+        ASSERT_TRUE(s && v1);
+        const bool keeps_empty = kind == Kind::Orv;
         fault::reset();
-        fault::fail_call(Fn::Add, 2, LDAP_SUCCESS);
+        fault::fail_call(Fn::Add, 2, LDAP_SUCCESS);  // the group; where the value is kept, both services too
+        if (keeps_empty) for (int nth : {5, 6}) fault::fail_call(Fn::Add, nth, LDAP_SUCCESS);
         fault::fail_call(Fn::Modify, 1, LDAP_SUCCESS);
         DomainRecord empty("team", "");
-        ASSERT_EQ(Zel_addZelDomain(s.get(), &empty.d), 0u);
-        ASSERT_EQ(Zel_updateZelDomain(s.get(), &empty.d), 0u);
-        bool keeps_empty = kind == Kind::Orv;
+        ASSERT_EQ(Zel_addZelDomain(s.get(), &empty.d), 0u);  // adds 1 (container) and 2
+        ASSERT_EQ(Zel_updateZelDomain(s.get(), &empty.d), 0u);  // add 3 (container)
+        char none[] = "";
+        ZelTargetService site{const_cast<char *>("site"), const_cast<char *>("Web Resource"), none, 0, nullptr};
+        ZelTargetService box{const_cast<char *>("box"), const_cast<char *>("Web"), none, 0, nullptr};
+        ASSERT_EQ(Zel_addTargetService(s.get(), &site), 0u);  // adds 4 (container) and 5
+        ASSERT_EQ(Zel_addTargetService(v1.get(), &box), 0u);  // add 6
         using Sent = std::vector<Values>;
-        EXPECT_EQ(tstest::sent_values(fault::calls(Fn::Add)[1], "description"), keeps_empty ? Sent{{""}} : Sent{});
+        const Sent on_add = keeps_empty ? Sent{{""}} : Sent{};
+        const std::vector<fault::Call> adds = fault::calls(Fn::Add);
+        ASSERT_EQ(adds.size(), 6u);
+        EXPECT_EQ((std::vector<Sent>{tstest::sent_values(adds[1], "description"),
+                                     tstest::sent_values(adds[4], "description"),
+                                     tstest::sent_values(adds[5], "description")}),
+                  (std::vector<Sent>{on_add, on_add, on_add}));
         // Orv replaces with the empty value; the others delete the attribute.
         EXPECT_EQ(tstest::sent_values(fault::calls(Fn::Modify)[0], "description"), keeps_empty ? Sent{{""}} : Sent{{}});
         EXPECT_EQ(fault::calls(Fn::Modify)[0].mods[0].op, keeps_empty ? LDAP_MOD_REPLACE : LDAP_MOD_DELETE);

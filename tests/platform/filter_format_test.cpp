@@ -7,8 +7,6 @@
 #include <memory>
 #include <string>
 
-#include "support/fault_injection.h"
-
 namespace {
 
 using zel::platform::escape_filter_value;
@@ -64,16 +62,6 @@ TEST(FilterFormat, RefusesWhatItCannotFormat) {
     EXPECT_EQ(Text(ku_mbs_sprintf("(cn=%Q)", static_cast<const char *>(nullptr))), nullptr);
     EXPECT_EQ(Text(ku_mbs_sprintf("(cn=%c)", 0)), nullptr);
     EXPECT_EQ(Text(ku_mbs_sprintf(nullptr)), nullptr);
-}
-
-TEST(FilterFormat, AllocationFailureGivesNull) {
-    zeltest::fault::reset();
-    zeltest::fault::fail_allocation(1);
-    Text text(ku_mbs_sprintf("(cn=%Q)", "value"));
-    bool failed = zeltest::fault::allocation_failed();
-    zeltest::fault::reset();
-    EXPECT_TRUE(failed);
-    EXPECT_EQ(text, nullptr);
 }
 
 }  // namespace

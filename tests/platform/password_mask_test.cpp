@@ -7,8 +7,6 @@
 #include <memory>
 #include <string>
 
-#include "support/fault_injection.h"
-
 namespace {
 
 using zel::platform::util_decode;
@@ -80,18 +78,6 @@ TEST(PasswordMask, DecodeRefusesWhatEncodeDidNotProduce) {
             EXPECT_FALSE(decodes(changed)) << "position " << i << ": " << changed;
         }
     }
-}
-
-TEST(PasswordMask, AllocationFailureGivesNull) {
-    std::string text = masked("secret");
-    zeltest::fault::reset();
-    zeltest::fault::fail_allocation(1);
-    Text encoded(util_encode("secret"));
-    zeltest::fault::fail_allocation(1);
-    Text decoded(util_decode(text.c_str()));
-    zeltest::fault::reset();
-    EXPECT_EQ(encoded, nullptr);
-    EXPECT_EQ(decoded, nullptr);
 }
 
 }  // namespace

@@ -10,31 +10,6 @@
 using namespace zeltest;
 using fault::Fn;
 
-TEST(ModificationLists, EmptyValueListIsTerminatedAndNullListsAreIgnored) {
-    LDAPMod *mods[2] = {nullptr, nullptr};
-    ASSERT_EQ(bld_attribute(mods, 0, const_cast<char *>("cn"), 0, nullptr, LDAP_MOD_DELETE), 0u);
-    ASSERT_NE(mods[0], nullptr);
-    EXPECT_EQ(mods[0]->mod_op, LDAP_MOD_DELETE);
-    ASSERT_NE(mods[0]->mod_values, nullptr);
-    EXPECT_EQ(mods[0]->mod_values[0], nullptr);
-    std::free(mods[0]->mod_values);
-    std::free(mods[0]);
-    zel_mods_free(nullptr);
-
-    // A list whose parts were all allocated on their own frees completely
-    // (the sanitizer build checks nothing leaks), binary values included.
-    auto **list = static_cast<LDAPMod **>(std::calloc(3, sizeof(LDAPMod *)));
-    char *values[] = {strdup("a"), strdup("b")};
-    ASSERT_EQ(bld_attribute(list, 0, strdup("description"), 2, values, LDAP_MOD_ADD), 0u);
-    auto *bv = static_cast<struct berval *>(std::calloc(1, sizeof(struct berval)));
-    bv->bv_val = strdup("xyz");
-    bv->bv_len = 3;
-    char *binary[] = {reinterpret_cast<char *>(bv)};
-    ASSERT_EQ(bld_attribute(list, 1, strdup("secretKey"), 1, binary, LDAP_MOD_ADD | LDAP_MOD_BVALUES), 0u);
-    zel_mods_free(list);
-    std::free(bv);  // length-and-bytes holders stay with their builder
-}
-
 class Helpers : public SessionTest {
 protected:
     Profile profile() const override {

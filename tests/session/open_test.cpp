@@ -158,22 +158,6 @@ TEST_F(Open, CallersConnectionIsUsedAsBoundAndSurvivesFailureAndClose) {
     ldap_unbind_ext(ld, nullptr, nullptr);
 }
 
-TEST_F(Open, DomainSessionFindsTheDatabaseOnlyWhenThereIsOne) {
-    ZelSession *s = nullptr;
-    ASSERT_EQ(try_open(*dir, 2, &s), 0u);
-    EXPECT_EQ(s->database_dn, nullptr) << "a directory without a database still opens";
-    EXPECT_STREQ(s->domain_name, "Default");
-    EXPECT_STREQ(s->domain_dn, dir->domain_dn().c_str());
-    EXPECT_EQ(s->domain_version, 5);
-    Zel_close(s, 1);
-
-    dir->add(database_ldif(dir->suffix()));
-    ASSERT_EQ(try_open(*dir, 2, &s), 0u);
-    ASSERT_NE(s->database_dn, nullptr);
-    EXPECT_STREQ(s->database_dn, ("systemName=ORVZEL," + dir->suffix()).c_str());
-    Zel_close(s, 1);
-}
-
 TEST_F(Open, LocatedServerAndUnreachableServers) {
     ZelSession *s = nullptr;
     std::string admin_dn = admin();
@@ -215,15 +199,4 @@ TEST_F(Open, SslChoiceFollowsFlagsOverTheEnvironmentAndDefaultPorts) {
     EXPECT_EQ(uri_for(0), "ldap://127.0.0.1:389");
     EXPECT_EQ(uri_for(ZEL_OPEN_SSL), "ldaps://127.0.0.1:636");
     EXPECT_EQ(uri_for(ZEL_OPEN_SSL | ZEL_OPEN_NONSSL), "ldap://127.0.0.1:389");
-}
-
-TEST_F(Open, LdapsWithTheTestCaTwiceInOneProcess) {
-    std::string admin_dn = admin();
-    for (int i = 0; i < 2; ++i) {
-        ZelSession *s = nullptr;
-        ZelRC rc = Zel_open(nullptr, admin_dn.c_str(), Directory::admin_password(), Directory::host(),
-                            dir->ldaps_port(), ZEL_OPEN_SSL, Directory::ca_file().c_str(), "unused", nullptr, &s, 1);
-        ASSERT_EQ(rc, 0u) << "SSL open #" << i + 1 << ": " << Zel_strerror(rc);
-        Zel_close(s, 1);
-    }
 }

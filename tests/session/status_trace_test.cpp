@@ -26,18 +26,6 @@ TEST(CheckLdapRc, MapsEveryListedResultAndFallsBackToDefaultOrCode) {
     EXPECT_EQ(check_LDAP_rc(nullptr, 0, 4, "op()"), 4u);  // callers never pass 0
 }
 
-TEST(CheckLdapRc, PrintsTheFailureLineFromLevelTwo) {
-    ZelSession s{};
-    s.debug_level = 1;
-    testing::internal::CaptureStdout();
-    check_LDAP_rc(&s, 0x44, 0, "ldap_add_ext_s()");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    s.debug_level = 2;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(check_LDAP_rc(&s, 0, 4, "ldap_add_ext_s()"), 4u);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "zelmgmt:ldap_add_ext_s() failed.  RC=x0\n");
-}
-
 TEST(Strerror, NamesLibraryStatusesAndFallsBackToLdapTexts) {
     EXPECT_STREQ(Zel_strerror(ZEL_RC_TS_NOT_FOUND), "ZEL_RC_TS_NOT_FOUND: target service not found");
     EXPECT_EQ(std::string(Zel_strerror(ZEL_RC_INVALID_HANDLE)).rfind("ZEL_RC_INVALID_HANDLE:", 0), 0u);

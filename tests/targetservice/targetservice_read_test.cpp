@@ -18,6 +18,14 @@ using Service = std::unique_ptr<ZelTargetService, ServiceFree>;
 
 std::string text(const char *s) { return s ? s : "(null)"; }
 
+// "name|type|description|id=value|...".
+std::string fields(const ZelTargetService *t) {
+    std::string out = text(t->name) + "|" + text(t->type) + "|" + text(t->description);
+    for (int32_t i = 0; i < t->reqIdentifierCount; ++i)
+        out += "|" + text(t->reqIdentifiers[i]->name) + "=" + text(t->reqIdentifiers[i]->value);
+    return out;
+}
+
 std::map<std::string, const ZelTargetService *> by_name(const ZelTargetServiceList *l) {
     std::map<std::string, const ZelTargetService *> out;
     for (int32_t i = 0; i < l->count; ++i) out[text(l->services[i]->name)] = l->services[i];
@@ -53,28 +61,16 @@ TEST_F(TargetServiceV1Read, ListsAndGetsRecords) {
     ASSERT_EQ(list->count, 5);
     const ZelTargetService *mainframe = by_name(list.get())["mainframe"];
     ASSERT_NE(mainframe, nullptr);
-    EXPECT_STREQ(mainframe->type, "Host");
-    EXPECT_EQ(mainframe->description, nullptr);
+    EXPECT_EQ(fields(mainframe), "mainframe|Host|(null)");
     EXPECT_EQ(mainframe->reqIdentifiers, nullptr);
 
     ZelTargetService *one = nullptr;
     ASSERT_EQ(Zel_getTargetService(s.get(), "PORTAL", &one), 0u);
-    Service portal(one);
-    EXPECT_STREQ(portal->name, "portal");
-    EXPECT_STREQ(portal->type, "Web");
-    EXPECT_STREQ(portal->description, "The portal");
-    ASSERT_EQ(portal->reqIdentifierCount, 1);
-    EXPECT_STREQ(portal->reqIdentifiers[0]->name, "host");
-    EXPECT_STREQ(portal->reqIdentifiers[0]->value, "portal.acme");
+    EXPECT_EQ(fields(Service(one).get()), "portal|Web|The portal|host=portal.acme");
 
     // Identifier values split at runs of equal signs; a third word is dropped.
     ASSERT_EQ(Zel_getTargetService(s.get(), "odd", &one), 0u);
-    Service odd(one);
-    std::map<std::string, std::string> pairs;
-    for (int32_t i = 0; i < odd->reqIdentifierCount; ++i)
-        pairs[text(odd->reqIdentifiers[i]->name)] = text(odd->reqIdentifiers[i]->value);
-    EXPECT_EQ(pairs, (std::map<std::string, std::string>{
-                         {"plain", "value"}, {"lead", "double"}, {"name", "first"}, {"alone", "(null)"}}));
+    EXPECT_EQ(fields(Service(one).get()), "odd|Web|(null)|plain=value|lead=double|name=first|alone=(null)");
 
     // One name below two types is ambiguous.
     fault::reset();
@@ -108,10 +104,8 @@ TEST_F(TargetServiceDomainRead, ListsResourcesAndReadsAMissingContainerAsEmpty) 
     List list(raw);
     auto services = by_name(list.get());
     ASSERT_EQ(services.size(), 3u);
-    EXPECT_STREQ(services["web"]->type, "Web Resource");
-    EXPECT_STREQ(services["web"]->description, "Web site");
-    EXPECT_STREQ(services["group"]->type, "Resource Group");
-    EXPECT_STREQ(services["odd"]->type, "Unknown");
+    EXPECT_EQ((std::vector<std::string>{fields(services["web"]), fields(services["group"]), fields(services["odd"])}),
+              (std::vector<std::string>{"web|Web Resource|Web site", "group|Resource Group|(null)", "odd|Unknown|(null)"}));
     // No database: only the Resources container is searched.
     ASSERT_EQ(fault::count(Fn::Search), 1);
     EXPECT_EQ(fault::calls(Fn::Search)[0].dn, resources_dn(*dir));
@@ -128,17 +122,15 @@ TEST_F(TargetServiceDomainRead, KnownDatabaseAddsFirstGenerationEntries) {
     // first-generation entry serves.
     ZelTargetService *raw = nullptr;
     ASSERT_EQ(Zel_getTargetService(s.get(), "legacy", &raw), 0u);
-    Service legacy(raw);
-    EXPECT_STREQ(legacy->type, "Web");
-    EXPECT_STREQ(legacy->reqIdentifiers[0]->value, "http://old");
+    EXPECT_EQ(fields(Service(raw).get()), "legacy|Web|Old|url=http://old");
 
     dir->add(resources_ldif(*dir) + resource_ldif(*dir, "web", "1"));
     ZelTargetServiceList *all = nullptr;
     ASSERT_EQ(Zel_getAllTargetService(s.get(), &all), 0u);
     List list(all);
     ASSERT_EQ(list->count, 2);
-    EXPECT_STREQ(list->services[0]->name, "legacy");
-    EXPECT_STREQ(list->services[1]->type, "Web Resource");
+    EXPECT_EQ((std::vector<std::string>{fields(list->services[0]), fields(list->services[1])}),
+              (std::vector<std::string>{"legacy|Web|Old|url=http://old", "web|Web Resource|(null)"}));
 }
 
 }  // namespace

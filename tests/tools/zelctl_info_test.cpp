@@ -82,6 +82,7 @@ TEST_F(ZelctlInfo, AttachedValuesAndUsageErrorsNeverShowAValue) {
     EXPECT_NE(r.out.find("Zel database:      not looked up (API version below 2)\n"), std::string::npos) << r.out;
     EXPECT_EQ(r.out.find(pw), std::string::npos);
 
+    // Each option error is read in process; here: how the program reports one.
     struct Case {
         std::vector<std::string> args;
         int status;
@@ -89,9 +90,6 @@ TEST_F(ZelctlInfo, AttachedValuesAndUsageErrorsNeverShowAValue) {
     };
     const std::vector<Case> cases = {
         {{"-wS3cret", "--bogus=S3cret", "info"}, 2, "zelctl: unknown option --bogus"},
-        {{"-wS3cret", "--api-version", "4294967298", "info"}, 2, "zelctl: --api-version wants a number"},
-        {{"-wS3cret", "-Z", "info"}, 2, "zelctl: -Z: StartTLS is not offered"},
-        {{"-H", "ldap://h:70000", "-D", "cn=x", "-wS3cret", "info"}, 2, "zelctl: -H wants ldap://HOST[:PORT]"},
         {{"help", "user"}, 0, "usage: zelctl [OPTIONS]\n  user list | add NAME"},
         {{"--version"}, 0, "zelctl 1."},
     };

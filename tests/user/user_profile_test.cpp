@@ -15,10 +15,8 @@ TEST_F(UserTest, FirstGenerationProfilesAndGroupsFollowTheUserType) {
 
     Entry e = dir->entry("cn=jo," + kJo);
     EXPECT_EQ(e.values("objectClass"), (Strings{"top", "cimManagedElement", "eUser", "eZelUser"}));
-    EXPECT_EQ(e.first("associatedName"), kJo);
-    EXPECT_EQ(e.first("userType"), "User");
-    EXPECT_EQ(e.first("userState"), "Active");
-    EXPECT_EQ(e.first("description"), "Jo's profile");
+    EXPECT_EQ((Strings{e.first("associatedName"), e.first("userType"), e.first("userState"), e.first("description")}),
+              (Strings{kJo, "User", "Active", "Jo's profile"}));
     EXPECT_EQ(dir->entry("cn=ann," + kAnn).first("associatedName"), kAnn);
     EXPECT_EQ(dir->entry("cn=max," + kMax).first("userState"), "Inactive");
 
@@ -34,9 +32,9 @@ TEST_F(UserTest, FirstGenerationProfilesAndGroupsFollowTheUserType) {
     ZelUser update = user_record("jo", "Boss", kJo, "", 0);
     ASSERT_EQ(Zel_updateZelUser(s.get(), &update), 0u);
     e = dir->entry("cn=jo," + kJo);
-    EXPECT_EQ(e.first("userState"), "Inactive");
-    EXPECT_FALSE(e.has("description")) << "an empty description is removed on this kind";
-    EXPECT_EQ(e.first("userType"), "User");
+    // An empty description is removed on this kind.
+    EXPECT_EQ((Strings{e.first("userState"), e.first("userType")}), (Strings{"Inactive", "User"}));
+    EXPECT_FALSE(e.has("description"));
     EXPECT_EQ(Zel_addZelUser(s.get(), &update), ZEL_RC_INVALID_ARGUMENT);
 
     ASSERT_EQ(Zel_removeZelUser(s.get(), "jo"), 0u);
@@ -56,22 +54,13 @@ TEST_F(UserTest, FirstGenerationProfilesAndGroupsFollowTheUserType) {
     EXPECT_EQ(dir->entry("cn=other," + kJo).first("userState"), "Active");
 }
 
-TEST_F(UserTest, XrUserJoinsNoGroupAndRepeatedMembershipIsNoError) {
+TEST_F(UserTest, XrUserJoinsNoGroup) {
     open(1);
     ZelUser xr = user_record("jo", "XR User", kJo);
     ASSERT_EQ(Zel_addZelUser(s.get(), &xr), 0u);
     EXPECT_EQ(fault::count(Fn::Modify), 0);
     ASSERT_EQ(Zel_removeZelUser(s.get(), "jo"), 0u);
     EXPECT_EQ(fault::count(Fn::Modify), 0);
-
-    // Already a member (20) on the way in, no longer one (16) on the way out.
-    EXPECT_EQ(add_ZelUser_to_group(s.get(), kAnn.c_str(), "User"), 0u);
-    EXPECT_EQ(add_ZelUser_to_group(s.get(), kAnn.c_str(), "User"), 0u);
-    EXPECT_EQ(members("Users"), Strings{kAnn});
-    std::string profile = "cn=ann," + kAnn;
-    EXPECT_EQ(remove_ZelUser_from_group(s.get(), profile.c_str(), "User"), 0u);
-    EXPECT_EQ(remove_ZelUser_from_group(s.get(), profile.c_str(), "User"), 0u);
-    EXPECT_TRUE(members("Users").empty());
 }
 
 // Input that would outgrow a fixed size is refused before anything is
@@ -104,11 +93,9 @@ TEST_F(UserTest, SecurityDomainProfileLifecycle) {
     const std::string dn = "principalName=jo," + kDomainUsers;
     Entry e = dir->entry(dn);
     EXPECT_EQ(e.values("objectClass"), (Strings{"top", "cimManagedElement", "eUser", "secUser"}));
-    EXPECT_EQ(e.first("secDN"), kJo);
-    EXPECT_EQ(e.first("secAuthority"), "Default:");
-    EXPECT_EQ(e.first("secLoginType"), "Default:LDAP");
-    EXPECT_EQ(e.first("secAcctValid"), "TRUE");
-    EXPECT_EQ(e.first("description"), "Jo");
+    EXPECT_EQ((Strings{e.first("secDN"), e.first("secAuthority"), e.first("secLoginType"), e.first("secAcctValid"),
+                       e.first("description")}),
+              (Strings{kJo, "Default:", "Default:LDAP", "TRUE", "Jo"}));
     EXPECT_EQ(dir->entry("cn=ResCreds," + dn).values("objectClass"), (Strings{"top", "container"}));
 
     ZelUser off = user_record("jo", nullptr, kJo, nullptr, 0);
@@ -150,7 +137,7 @@ TEST_F(UserTest, SecurityDomainSessionReachesFirstGenerationProfiles) {
 }
 
 // A failed first-generation creation takes back the membership it granted.
-TEST_F(UserTest, TraceReportsOutcomesAndRoutines) {
+TEST_F(UserTest, TraceReportsOutcomes) {
     open(1);
     ZelUser jo = user_record("jo", "User", kJo);
     s->debug_level = 10;
@@ -168,19 +155,7 @@ TEST_F(UserTest, TraceReportsOutcomesAndRoutines) {
               "zelmgmt:Were unable to remove Zel User definition. RC: 19\n");
     EXPECT_TRUE(members("Users").empty());
 
-    s->debug_level = 20;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out.rfind("zelmgmt:Zel_addZelUser:Entered...\n", 0), 0u) << out;
-    for (const char *line : {"zelmgmt:add_ZelUser_to_group:Exited...rc=0\n", "zelmgmt:form_UP_ePersonDN:Exited...rc=0\n",
-                             "zelmgmt:create_update_ZelUser:Exited...rc=0\n",
-                             "zelmgmt:Were able add Zel User Profile successfully!\n"})
-        EXPECT_NE(out.find(line), std::string::npos) << line;
-    const std::string last = "zelmgmt:Zel_addZelUser:Exited...rc=0\n";
-    EXPECT_EQ(out.substr(out.size() - last.size()), last);
-
-    s->debug_level = 10;
+    ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
     testing::internal::CaptureStdout();
     EXPECT_EQ(Zel_verifyZelUser(s.get(), kJo.c_str(), nullptr), 1u);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "zelmgmt:User Profile DN: cn=jo," + kJo + "\n");
