@@ -35,6 +35,21 @@ bool vformat_into(char *dst, size_t size, const char *fmt, va_list ap) {
     return fits;
 }
 
+bool vformat_text(std::string &out, size_t size, const char *fmt, va_list ap) {
+    std::string text(size, '\0');
+    if (!vformat_into(text.data(), size, fmt, ap)) return false;
+    out.assign(text.c_str());
+    return true;
+}
+
+bool format_text(std::string &out, size_t size, const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    bool fits = vformat_text(out, size, fmt, ap);
+    va_end(ap);
+    return fits;
+}
+
 bool format_into(char *dst, size_t size, const char *fmt, ...) {
     va_list ap;
     va_start(ap, fmt);

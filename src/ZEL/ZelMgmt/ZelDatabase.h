@@ -17,14 +17,6 @@ constexpr const char *kZelDomains = "cn=Zel Domains";
 constexpr const char *kServiceTypes = "cn=Target Service Types";
 constexpr const char *kFullUsers = "cn=Full Users,cn=Access Groups";
 
-// The eDirectory rights the Zel tree grants.
-constexpr int kEntrySupervisor = 16;
-constexpr int kAttributeRead = 3;
-
-// Formats into `out`; false (and `out` untouched) when the text would not fit
-// a buffer of `size` bytes.
-bool format_value(std::string &out, size_t size, const char *fmt, ...) ZEL_PRINTF(3, 4);
-
 // ACI that gives `subject` all rights on dn.
 bool owner_aci(std::string &out, const char *dn, const char *subject);
 // eDirectory ACL that makes `subject` supervisor of an entry and its subtree.

@@ -3,9 +3,12 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "ZelAccessText.h"
 #include "ZelDatabase.h"
 
 namespace {
+
+using namespace zel::access;
 
 constexpr const char *kOwnerAci =
     "(target = \"ldap:///%s\")(targetattr = *)(version 3.0; acl \"Owner access\"; %s%s;)";
@@ -20,8 +23,6 @@ constexpr const char *kDenyAuthenticatedFourAci =
 constexpr const char *kDenyAuthenticatedThreeAci =
     "(target = \"ldap:///%s\")(targetattr = *)(version 3.0; acl \"Deny authenticated others\"; %s (groupdn != "
     "\"ldap:///%s\") and (groupdn != \"ldap:///%s\") and (groupdn != \"ldap:///%s\");)";
-constexpr const char *kAllowAll = "allow (all)";
-constexpr const char *kDenyAll = "deny (all)";
 
 bool nds_kind(int32_t kind) { return kind == ZEL_DIR_NDS || kind == ZEL_DIR_EDIRECTORY; }
 
@@ -41,11 +42,11 @@ ZelRC netscape_owner(const char *database_dn, const char *dn, const char *subjec
         !zel::form_group_dn(us, zel::kUsersGroup, database_dn))
         return ZEL_RC_INVALID_ARGUMENT;
     bool fits =
-        zel::db::format_value(deny_others, zel::kAclSize, kDenyOthersAci, dn, kDenyAll, sa.c_str(), ad.c_str(),
+        zel::format_text(deny_others, zel::kAclSize, kDenyOthersAci, dn, kDenyAll, sa.c_str(), ad.c_str(),
                               mts.c_str(), us.c_str()) &&
-        (deny_variant ? zel::db::format_value(deny_authenticated, zel::kAclSize, kDenyAuthenticatedThreeAci, dn,
+        (deny_variant ? zel::format_text(deny_authenticated, zel::kAclSize, kDenyAuthenticatedThreeAci, dn,
                                               kDenyAll, sa.c_str(), ad.c_str(), mts.c_str())
-                      : zel::db::format_value(deny_authenticated, zel::kAclSize, kDenyAuthenticatedFourAci, dn,
+                      : zel::format_text(deny_authenticated, zel::kAclSize, kDenyAuthenticatedFourAci, dn,
                                               kDenyAll, sa.c_str(), ad.c_str(), mts.c_str(), us.c_str()));
     if (!fits) return ZEL_RC_INVALID_ARGUMENT;
     out.push_back({LDAP_MOD_ADD, "ACI", {deny_others}});
@@ -76,22 +77,12 @@ ZelRC apply_changes(ZelSession *s, const char *dn, const std::vector<zel::db::Ch
 
 namespace zel::db {
 
-bool format_value(std::string &out, size_t size, const char *fmt, ...) {
-    std::string text(size, '\0');
-    va_list ap;
-    va_start(ap, fmt);
-    bool fits = vformat_into(text.data(), size, fmt, ap);
-    va_end(ap);
-    if (fits) out.assign(text.c_str());
-    return fits;
-}
-
 bool owner_aci(std::string &out, const char *dn, const char *subject) {
-    return format_value(out, kAclSize, kOwnerAci, dn, kAllowAll, subject);
+    return format_text(out, kAclSize, kOwnerAci, dn, kAllowAll, subject);
 }
 
 bool nds_entry_rights(std::string &out, const char *subject) {
-    return format_value(out, kAclSize, "%d#subtree#%s#[Entry Rights]", kEntrySupervisor, subject);
+    return format_text(out, kAclSize, "%d#subtree#%s#[Entry Rights]", kEntrySupervisor, subject);
 }
 
 ZelRC owner_changes(int32_t kind, const char *database_dn, const char *dn, const char *subject, bool deny,
@@ -188,10 +179,10 @@ ZelRC set_nds_sradmin_acl(ZelSession *s, const char *person_dn, const char *admi
         if (person_dn == nullptr || middle_tier_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         std::string entry_rights, secret_key, read_all;
         if (!zel::db::nds_entry_rights(entry_rights, admins_dn) ||
-            !zel::db::format_value(secret_key, zel::kAclSize, "%d#subtree#%s#secretKey", zel::db::kEntrySupervisor,
+            !zel::format_text(secret_key, zel::kAclSize, "%d#subtree#%s#secretKey", zel::access::kEntrySupervisor,
                                    "[Root]") ||
-            !zel::db::format_value(read_all, zel::kAclSize, "%d#subtree#%s#[All Attributes Rights]",
-                                   zel::db::kAttributeRead, middle_tier_dn))
+            !zel::format_text(read_all, zel::kAclSize, "%d#subtree#%s#[All Attributes Rights]",
+                                   zel::access::kAttributeRead, middle_tier_dn))
             return rc = ZEL_RC_INVALID_ARGUMENT;
         return rc = apply_changes(
                    s, person_dn,

@@ -6,16 +6,18 @@
 #include <string>
 #include <vector>
 
+#include "ZelAccessText.h"
 #include "ZelDatabase.h"
 
 namespace {
 
-using zel::db::format_value;
+using zel::access::kAllowRead;
+
+using zel::format_text;
 
 constexpr const char *kSeniorAdmin = "Senior Admin";
 constexpr const char *kReadRights = ":normal:rsc:sensitive:rsc:critical:rsc";
 constexpr const char *kReadRightsRestricted = ":normal:rsc:sensitive:rsc:critical:rsc:restricted:rsc";
-constexpr const char *kAllowRead = "allow(read, search, compare)";
 constexpr const char *kAllowAnonymousRead = "allow (read, search, compare)";
 
 bool vendor_kind(int32_t kind) { return kind >= ZEL_DIR_ORV && kind <= ZEL_DIR_EDIRECTORY; }
@@ -41,9 +43,9 @@ ZelRC plan_subjects(int32_t kind, Plan &p) {
     for (int i = 0; i < 2; ++i) {
         const char *dn = groups[i]->c_str();
         bool fits = true;
-        if (kind == ZEL_DIR_ORV) fits = format_value(*subjects[i], zel::kDnSize, "group:%s", dn);
+        if (kind == ZEL_DIR_ORV) fits = format_text(*subjects[i], zel::kDnSize, "group:%s", dn);
         if (kind == ZEL_DIR_NETSCAPE)
-            fits = format_value(*subjects[i], zel::kDnSize, "groupdn = \"ldap:///%s\"", dn);
+            fits = format_text(*subjects[i], zel::kDnSize, "groupdn = \"ldap:///%s\"", dn);
         if (kind == ZEL_DIR_NDS || kind == ZEL_DIR_EDIRECTORY) *subjects[i] = dn;
         if (!fits) return ZEL_RC_INVALID_ARGUMENT;
     }
@@ -59,9 +61,9 @@ ZelRC plan_access(const ZelSession *s, bool extended, Plan &p) {
     bool fits = true;
     switch (s->dir_kind) {
     case ZEL_DIR_ORV:
-        fits = format_value(mts, zel::kAclSize, "group:%s%s", p.mts.c_str(), rights) &&
-               format_value(us, zel::kAclSize, "group:%s%s", p.us.c_str(), rights) &&
-               format_value(fu, zel::kAclSize, "group:%s%s", p.fu.c_str(), rights);
+        fits = format_text(mts, zel::kAclSize, "group:%s%s", p.mts.c_str(), rights) &&
+               format_text(us, zel::kAclSize, "group:%s%s", p.us.c_str(), rights) &&
+               format_text(fu, zel::kAclSize, "group:%s%s", p.fu.c_str(), rights);
         p.metadata = {{LDAP_MOD_ADD, "EntryOwner", {"group:CN=ANYBODY"}},
                       {LDAP_MOD_ADD, "OwnerPropagate", {"true"}},
                       {LDAP_MOD_ADD, "AclPropagate", {"true"}},
@@ -72,28 +74,28 @@ ZelRC plan_access(const ZelSession *s, bool extended, Plan &p) {
         // grants, like them, read access; the permission goes before the
         // subject, as the server's ACI parser demands (a permission after the
         // closing parenthesis is refused).
-        fits = format_value(mts, zel::kAclSize,
+        fits = format_text(mts, zel::kAclSize,
                             "(targetattr = *)(version 3.0; acl \"MTS access\"; %sgroupdn = \"ldap:///%s\";)",
                             kAllowRead, p.mts.c_str()) &&
-               format_value(us, zel::kAclSize,
+               format_text(us, zel::kAclSize,
                             "(targetattr = *)(version 3.0; acl \"User access\"; %sgroupdn = \"ldap:///%s\";)",
                             kAllowRead, p.us.c_str()) &&
-               format_value(fu, zel::kAclSize,
+               format_text(fu, zel::kAclSize,
                             "(targetattr = *)(version 3.0; acl \"Full User access\"; %s groupdn = \"ldap:///%s\";)",
                             kAllowRead, p.fu.c_str()) &&
-               format_value(anonymous, zel::kAclSize,
+               format_text(anonymous, zel::kAclSize,
                             "(targetattr = *)(version 3.0; acl \"Anonymous access\"; %s%s;)", kAllowAnonymousRead,
                             "userdn = \"ldap:///anyone\"");
         p.metadata = {{LDAP_MOD_ADD, "ACI", {anonymous}}};
         break;
     case ZEL_DIR_EDIRECTORY:
-        fits = format_value(mts, zel::kAclSize, "%d#subtree#%s#[All Attributes Rights]", zel::db::kAttributeRead,
+        fits = format_text(mts, zel::kAclSize, "%d#subtree#%s#[All Attributes Rights]", zel::access::kAttributeRead,
                             p.mts.c_str()) &&
-               format_value(us, zel::kAclSize, "%d#subtree#%s#[All Attributes Rights]", zel::db::kAttributeRead,
+               format_text(us, zel::kAclSize, "%d#subtree#%s#[All Attributes Rights]", zel::access::kAttributeRead,
                             p.us.c_str()) &&
-               format_value(fu, zel::kAclSize, "%d#entry#%s#[All Attributes Rights]", zel::db::kAttributeRead,
+               format_text(fu, zel::kAclSize, "%d#entry#%s#[All Attributes Rights]", zel::access::kAttributeRead,
                             p.fu.c_str()) &&
-               format_value(anonymous, zel::kAclSize, "%d#subtree#%s#[Entry Rights]", zel::db::kEntrySupervisor,
+               format_text(anonymous, zel::kAclSize, "%d#subtree#%s#[Entry Rights]", zel::access::kEntrySupervisor,
                             "[Root]");
         p.metadata = {{LDAP_MOD_ADD, "ACL", {anonymous}}};
         break;

@@ -1,12 +1,15 @@
 // Per-user access control of first-generation profiles, in each directory
 // product's own dialect, and the names every user routine shares.
 #include "ZelUserAccess.h"
+#include "ZelAccessText.h"
 
 #include <cstdarg>
 #include <cstring>
 #include <cstdio>
 
 namespace {
+
+using namespace zel::access;
 
 // Rights strings of the Orv directory server: the Tessan and Kelmar hosts
 // know a further "restricted" access class.
@@ -34,29 +37,19 @@ constexpr const char *kDenyOthersAci =
 constexpr const char *kDenyAuthenticatedAci =
     "(target = \"ldap:///%s\")(targetattr = *)(version 3.0; acl \"Deny authenticated others\"; "
     "%s(userdn != \"ldap:///%s\") and (groupdn != \"ldap:///%s\") and (groupdn != \"ldap:///%s\");)";
-constexpr const char *kAllowAll = "allow (all)";
-constexpr const char *kAllowRead = "allow(read, search, compare)";
-constexpr const char *kAllowWrite = "allow(add, read, write, search, compare)";
-constexpr const char *kDenyAll = "deny (all)";
 
-// eDirectory ACLs: privileges#scope#subject#protected attribute.
-constexpr int kEntrySupervisor = 16;
-constexpr int kAttributeRead = 3;
 
 // Appends a formatted value that fits a buffer of `size` bytes; false when
 // it would not.
 bool append_value(std::vector<std::string> &values, size_t size, const char *fmt, ...)
     ZEL_PRINTF(3, 4);
 bool append_value(std::vector<std::string> &values, size_t size, const char *fmt, ...) {
-    std::string text(size, '\0');
+    std::string text;
     va_list ap;
     va_start(ap, fmt);
-    bool fits = zel::vformat_into(text.data(), size, fmt, ap);
+    bool fits = zel::vformat_text(text, size, fmt, ap);
     va_end(ap);
-    if (fits) {
-        text.resize(std::strlen(text.c_str()));
-        values.push_back(std::move(text));
-    }
+    if (fits) values.push_back(std::move(text));
     return fits;
 }
 

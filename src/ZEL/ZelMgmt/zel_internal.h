@@ -128,6 +128,10 @@ inline CText zeroed_buffer(size_t n) { return CText(static_cast<char *>(std::cal
 bool copy_into(char *dst, size_t size, const char *text);
 bool format_into(char *dst, size_t size, const char *fmt, ...) ZEL_PRINTF(3, 4);
 bool vformat_into(char *dst, size_t size, const char *fmt, va_list ap) ZEL_PRINTF(3, 0);
+// The same into a string: `out` holds the text when it fits a buffer of
+// `size` bytes, and is left as it was when not.
+bool format_text(std::string &out, size_t size, const char *fmt, ...) ZEL_PRINTF(3, 4);
+bool vformat_text(std::string &out, size_t size, const char *fmt, va_list ap) ZEL_PRINTF(3, 0);
 
 // Replaces a record field with a private copy of value (not null); the
 // earlier copy is released.  1012 when memory runs out, the field unchanged.
