@@ -45,6 +45,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     (void)zel::member_service_name(text.c_str(), member);
     std::free(member);
 
+    std::string name, realm, group;
+    if (zel::split_principal(text.c_str(), name, realm)) {
+        if (name.find('@') != std::string::npos || realm.find('@') != std::string::npos) abort();
+        if (text.find(name) == std::string::npos || text.find(realm) == std::string::npos) abort();
+    }
+    if (zel::credential_group(text.c_str(), group) == 0 && group.find(':') != std::string::npos) abort();
+
     size_t from = 0;
     for (int i = 0; i < 3; ++i) {
         const std::string word = zel::token(text.c_str(), ':', i);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "ZelIdentifierText.h"
 #include "ZelTargetRecord.h"
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
@@ -69,20 +70,11 @@ ZelRC group_holds(ZelSession *s, const std::string &group, const Query &q, int32
     return group_matches(s, "cn=" + name + ",cn=Zel Domains," + s->database_dn, q.location_filter, member);
 }
 
-// The group a "G:<group>" record is for: the second ":" word of its first
-// RDN value; "" when there is none.
 ZelRC group_of(LDAP *ld, LDAPMessage *entry, std::string &group) {
     group.clear();
     zel::LdapText dn(ldap_get_dn(ld, entry));
     if (!dn) return ZEL_RC_SYSTEM_ERROR;
-    LDAPDN raw = nullptr;
-    if (ldap_str2dn(dn.get(), &raw, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) return ZEL_RC_SYSTEM_ERROR;
-    ParsedDn parsed(raw);
-    if (!parsed || !parsed.get()[0] || !parsed.get()[0][0]) return ZEL_RC_SYSTEM_ERROR;
-    const struct berval &value = parsed.get()[0][0]->la_value;
-    std::string id(value.bv_val, value.bv_len);
-    group = zel::token(id.c_str(), ':', 1);
-    return 0;
+    return zel::credential_group(dn.get(), group);
 }
 
 // The first group record, in directory order, whose group holds the resource.
@@ -186,6 +178,22 @@ ZelRC get_credential(ZelSession *s, const char *user, const ZelCredentialRequest
 }
 
 }  // namespace
+
+namespace zel {
+
+ZelRC credential_group(const char *dn, std::string &group) {
+    group.clear();
+    LDAPDN raw = nullptr;
+    if (ldap_str2dn(dn, &raw, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) return ZEL_RC_SYSTEM_ERROR;
+    ParsedDn parsed(raw);
+    if (!parsed || !parsed.get()[0] || !parsed.get()[0][0]) return ZEL_RC_SYSTEM_ERROR;
+    const struct berval &value = parsed.get()[0][0]->la_value;
+    std::string id(value.bv_val, value.bv_len);
+    group = token(id.c_str(), ':', 1);
+    return 0;
+}
+
+}  // namespace zel
 
 extern "C" {
 

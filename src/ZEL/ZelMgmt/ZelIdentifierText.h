@@ -1,6 +1,9 @@
-// Splitting stored text into names: service identifiers, first-generation
-// domain members and member DNs.  Shared with the fuzz targets.
+// Splitting outside text into names: service identifiers, first-generation
+// domain members, member DNs, Kerberos principals and group credential DNs.
+// Shared with the fuzz targets.
 #pragma once
+
+#include <string>
 
 #include "zelmgmt.h"
 
@@ -21,5 +24,14 @@ ZelRC split_target_location(const char *stored, ZelDomainLocation *loc);
 // RDN, unescaped.  A value that is no DN is cut as text: after the first
 // '=', up to the next ','.  `out` stays null when there is no name.
 ZelRC member_service_name(const char *member, char *&out);
+
+// "name@realm": at signs before the name and before the realm are skipped,
+// anything after a further at sign is ignored; no realm leaves `realm`
+// empty.  False when there is no name.
+bool split_principal(const char *principal, std::string &name, std::string &realm);
+
+// The group a "G:<group>" record's DN is for: the second ":" word of its
+// first RDN value, "" when there is none; 1000 for text that is no DN.
+ZelRC credential_group(const char *dn, std::string &group);
 
 }  // namespace zel

@@ -2,6 +2,7 @@
 // the account), and which person a Kerberos principal stands for.
 #include <cstring>
 
+#include "ZelIdentifierText.h"
 #include "platform/filter_format.h"
 #include "zel_internal.h"
 
@@ -48,6 +49,26 @@ private:
 };
 
 }  // namespace
+
+namespace zel {
+
+bool split_principal(const char *principal, std::string &name, std::string &realm) {
+    const char *p = principal;
+    while (*p == '@') ++p;
+    const char *start = p;
+    while (*p != '\0' && *p != '@') ++p;
+    name.assign(start, p);
+    realm.clear();
+    if (*p == '@') {
+        while (*p == '@') ++p;
+        start = p;
+        while (*p != '\0' && *p != '@') ++p;
+        realm.assign(start, p);
+    }
+    return !name.empty();
+}
+
+}  // namespace zel
 
 extern "C" {
 
@@ -121,24 +142,10 @@ ZelRC locate_krb_ePerson(ZelSession *s, const char *principal, ZelSuffixNode *su
     return rc = zel::guarded([&]() -> ZelRC {
         if (principal == nullptr || dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
-        zel::CText copy(strdup(principal));
-        if (!filter || !copy) return rc = ZEL_RC_NO_MEMORY;
-
-        // name@realm; at signs before the name and before the realm are skipped,
-        // anything after a further at sign is ignored.
-        char *p = copy.get();
-        while (*p == '@') ++p;
-        char *name = p;
-        while (*p != '\0' && *p != '@') ++p;
-        if (p == name) return rc = ZEL_RC_INVALID_ARGUMENT;
-        const char *realm = "";  // no realm part: a realm filter that finds nothing
-        if (*p == '@') {
-            *p++ = '\0';
-            while (*p == '@') ++p;
-            realm = p;
-            while (*p != '\0' && *p != '@') ++p;
-            *p = '\0';
-        }
+        if (!filter) return rc = ZEL_RC_NO_MEMORY;
+        std::string name_text, realm_text;
+        if (!zel::split_principal(principal, name_text, realm_text)) return rc = ZEL_RC_INVALID_ARGUMENT;
+        const char *realm = realm_text.c_str();  // none: a realm filter that finds nothing
 
         if (!zel::format_filter(filter.get(), kRealmFilter, realm))
             return rc = ZEL_RC_INVALID_ARGUMENT;
