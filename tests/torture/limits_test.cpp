@@ -17,6 +17,12 @@ ZelRC read(ZelRC (*get)(ZelSession *, const char *, T **), void (*release)(T *),
     return rc;
 }
 
+ZelRC credential(ZelSession *s, const char *resource) {
+    ZelCredentialRequest req{nullptr, nullptr, const_cast<char *>(resource)};
+    ZelCredential c{};
+    return Zel_getCredential(s, "jo", &req, &c);
+}
+
 struct Limit {
     const char *what;
     uint32_t version;
@@ -43,6 +49,8 @@ struct Limit {
      [](ZelSession *s, const char *n) { return Zel_removeTargetRecord(s, "jo", ("T:" + std::string(n)).c_str()); },
      ZEL_RC_TR_NOT_FOUND},
     {"user", 1, "(&(objectClass=eZelUser)(cn=))", 600, Zel_removeZelUser, ZEL_RC_USER_NOT_FOUND},
+    {"credential", 1, "T:", 512, credential, ZEL_RC_TR_NOT_FOUND},
+    {"credential", 2, "T:", 512, credential, ZEL_RC_TR_NOT_FOUND},
 };
 
 TEST_F(RecordTest, NamesAtAndPastTheirBuffer) {
