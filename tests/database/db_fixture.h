@@ -19,18 +19,16 @@ inline std::string below(const char *rdn) { return std::string(rdn) + "," + kDb;
 inline std::string group(const char *cn) { return std::string("cn=") + cn + ",cn=Access Groups," + kDb; }
 
 template <Kind K = Kind::Generic>
-class DatabaseTestAs : public DirectoryTest {
+class DatabaseTestAs : public VersionedSessionTest {
 protected:
     Profile profile() const override { return Profile().kind_is(K); }
     void SetUp() override {
-        DirectoryTest::SetUp();
-        s = open_session(*dir, 1);
-        ASSERT_TRUE(s);
-        fault::reset();
+        VersionedSessionTest::SetUp();
+        open(1);
     }
     void TearDown() override {
         s.reset();
-        DirectoryTest::TearDown();
+        VersionedSessionTest::TearDown();
     }
     ZelRC create(unsigned char flags = 0, const char *admin = nullptr, const char *suffix = "o=acme") {
         return Zel_createDatabase(s.get(), suffix, admin, nullptr, nullptr, flags);
@@ -45,7 +43,6 @@ protected:
     std::vector<std::string> values(const std::string &dn, const char *attr) const {
         return dir->entry(dn).values(attr);
     }
-    Session s;
 };
 using DatabaseTest = DatabaseTestAs<>;
 using OrvDatabase = DatabaseTestAs<Kind::Orv>;

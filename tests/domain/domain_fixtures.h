@@ -84,15 +84,9 @@ inline std::string read_domain(ZelSession *s, const char *name) {
     return out;
 }
 
-class DomainTest : public DirectoryTest {
+class DomainTest : public VersionedSessionTest {
 protected:
     Profile profile() const override { return seeded(); }
-    void open(uint32_t version) {
-        s = open_session(*dir, version);
-        ASSERT_TRUE(s);
-        fault::reset();
-    }
-    Session s;
 };
 
 }  // namespace domaintest

@@ -43,6 +43,18 @@ protected:
     Session s;
 };
 
+// A fresh directory per test; open() gives it a session of the storage form
+// asked for, with the calls made by opening cleared from the record.
+class VersionedSessionTest : public DirectoryTest {
+protected:
+    void open(uint32_t version) {
+        s = open_session(*dir, version);
+        ASSERT_TRUE(s);
+        fault::reset();
+    }
+    Session s;
+};
+
 // Seed LDIF of a first-generation Zel database entry under the suffix:
 // systemName=ORVZEL,<suffix> with the containers the library expects.
 std::string database_ldif(const std::string &suffix);

@@ -54,14 +54,9 @@ inline Profile seeded(Kind kind = Kind::Generic, int domain_version = 5) {
 }
 
 // A fresh seeded directory per test; `version` picks the storage form.
-class UserTest : public DirectoryTest {
+class UserTest : public VersionedSessionTest {
 protected:
     Profile profile() const override { return seeded(); }
-    void open(uint32_t version) {
-        s = open_session(*dir, version);
-        ASSERT_TRUE(s);
-        fault::reset();
-    }
     std::vector<std::string> members(const char *cn) const {
         std::vector<std::string> out;
         Entry e = dir->entry(group(cn));
@@ -69,7 +64,6 @@ protected:
             if (m != kDb) out.push_back(m);  // the seed's placeholder member
         return out;
     }
-    Session s;
 };
 
 // The same tree on another directory kind or security domain version.
