@@ -35,6 +35,7 @@ rootdn "$admin"
 rootpw $password
 directory $work/db
 maxsize 33554432
+include $here/schema/zel-indexes.conf
 CONF
 
 echo "== starting a private directory on 127.0.0.1:$port"
