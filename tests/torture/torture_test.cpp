@@ -149,10 +149,20 @@ struct Case {
     const char *name;
     std::vector<Scenario> (*family)(Fixtures &);
     uint32_t version;
+    // Only where a directory kind or domain version takes its own path.
+    Kind kind = Kind::Generic;
+    int domain_version = 5;
 };
 void PrintTo(const Case &c, std::ostream *os) { *os << c.name; }
 
-class Torture : public RecordTest, public testing::WithParamInterface<Case> {};
+class Torture : public RecordTest, public testing::WithParamInterface<Case> {
+protected:
+    Profile profile() const override {
+        Profile p = record_profile(GetParam().kind);
+        p.domain_version = GetParam().domain_version;
+        return p;
+    }
+};
 
 TEST_P(Torture, EveryFaultIsReportedAndHandsNothingOut) {
     const Case &c = GetParam();
@@ -183,7 +193,11 @@ INSTANTIATE_TEST_SUITE_P(Families, Torture,
                          testing::Values(Case{"users1", users, 1}, Case{"users2", users, 2},
                                          Case{"records1", records, 1}, Case{"records2", records, 2},
                                          Case{"domains1", domains, 1}, Case{"domains2", domains, 2},
-                                         Case{"services1", services, 1}, Case{"services2", services, 2}),
+                                         Case{"services1", services, 1}, Case{"services2", services, 2},
+                                         // eDirectory: profile ACLs and membership kept on the person too.
+                                         Case{"users1edir", users, 1, Kind::EDirectory},
+                                         // Domain version 6: removal releases the entry, adding claims it back.
+                                         Case{"users2v6", users, 2, Kind::Generic, 6}),
                          [](const testing::TestParamInfo<Case> &i) { return std::string(i.param.name); });
 
 // Opening a session: every fault on the way gives no handle.
