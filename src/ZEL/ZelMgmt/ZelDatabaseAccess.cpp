@@ -133,17 +133,8 @@ ZelRC create_access_group(ZelSession *s, const char *dn, const char *name, const
             if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
         }
         // eDirectory keeps membership on the member as well; a group that
-        // already exists still gets its member's side, and that decides.  A
-        // member already recording it (a database made again over the same
-        // administrator) has nothing left to do; a group that could not be
-        // written keeps its own failure.
-        if (kind == ZEL_DIR_EDIRECTORY) {
-            ZelRC member_rc = internal_nds_member_add(s, dn, member);
-            if (member_rc == LDAP_TYPE_OR_VALUE_EXISTS) member_rc = 0;
-            if (member_rc != 0 && member_rc != ZEL_RC_NO_MEMORY)
-                member_rc = check_LDAP_rc(s, member_rc, 0, "ldap_modify_s()");
-            if (rc == 0 || rc == ZEL_RC_ALREADY_EXISTS) rc = member_rc;
-        }
+        // already exists still gets its member's side, and that decides.
+        if (kind == ZEL_DIR_EDIRECTORY) rc = internal_nds_member_add(s, dn, member);
         return rc;
     });
 }

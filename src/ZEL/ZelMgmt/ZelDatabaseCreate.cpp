@@ -223,28 +223,24 @@ ZelRC add_groups(ZelSession *s, const Plan &p, const char *admin_dn) {
 }
 
 // Owners and access-control lists: a directory that refuses one of them
-// still has a usable database, so their statuses do not count.  Running out
-// of memory on the way does: the database is then not what was asked for.
-ZelRC add_access_control(ZelSession *s, const Plan &p, const char *admin_dn, unsigned char flags) {
+// still has a usable database, so their statuses do not count.
+void add_access_control(ZelSession *s, const Plan &p, const char *admin_dn, unsigned char flags) {
     const char *sa = p.subject(p.sa_subject), *ad = p.subject(p.ad_subject);
-    bool out_of_memory = false;
-    auto step = [&out_of_memory](ZelRC rc) { out_of_memory = out_of_memory || rc == ZEL_RC_NO_MEMORY; };
     if (flags & ZEL_CREATEDB_XR_DEFAULTS) {
-        step(create_xr_defaults(s));
-        step(set_owner(s, p.service_type("Web Resource").c_str(), ad, 0, 0));
-        step(set_owner(s, p.service_type("Resource Group").c_str(), ad, 0, 0));
+        (void)create_xr_defaults(s);
+        (void)set_owner(s, p.service_type("Web Resource").c_str(), ad, 0, 0);
+        (void)set_owner(s, p.service_type("Resource Group").c_str(), ad, 0, 0);
     }
-    step(set_nds_sradmin_acl(s, admin_dn, p.ad.c_str(), p.mts.c_str()));
-    step(set_nds_group_acl(s, p.sa.c_str(), sa));
-    step(set_nds_group_acl(s, p.ad.c_str(), sa));
-    step(set_nds_group_acl(s, p.mts.c_str(), sa));
-    if (flags & ZEL_CREATEDB_EXTENDED) step(set_nds_group_acl(s, p.fu.c_str(), ad));
-    step(set_nds_group_acl(s, p.us.c_str(), ad));
-    step(set_owner(s, p.container(zel::db::kAccessGroups).c_str(), ad, 1, 1));
-    step(set_owner(s, p.container(zel::db::kZelDomains).c_str(), ad, 1, 0));
-    step(set_owner(s, p.container(zel::db::kServiceTypes).c_str(), ad, 1, 0));
-    step(set_owner(s, p.db.c_str(), ad, 0, 0));
-    return out_of_memory ? ZEL_RC_NO_MEMORY : 0;
+    (void)set_nds_sradmin_acl(s, admin_dn, p.ad.c_str(), p.mts.c_str());
+    (void)set_nds_group_acl(s, p.sa.c_str(), sa);
+    (void)set_nds_group_acl(s, p.ad.c_str(), sa);
+    (void)set_nds_group_acl(s, p.mts.c_str(), sa);
+    if (flags & ZEL_CREATEDB_EXTENDED) (void)set_nds_group_acl(s, p.fu.c_str(), ad);
+    (void)set_nds_group_acl(s, p.us.c_str(), ad);
+    (void)set_owner(s, p.container(zel::db::kAccessGroups).c_str(), ad, 1, 1);
+    (void)set_owner(s, p.container(zel::db::kZelDomains).c_str(), ad, 1, 0);
+    (void)set_owner(s, p.container(zel::db::kServiceTypes).c_str(), ad, 1, 0);
+    (void)set_owner(s, p.db.c_str(), ad, 0, 0);
 }
 
 ZelRC create_database(ZelSession *s, const char *suffix, const char *admin, const char *admin_uid,
@@ -284,7 +280,8 @@ ZelRC create_database(ZelSession *s, const char *suffix, const char *admin, cons
         return rc;
     if (!vendor_kind(s->dir_kind)) return 0;
     if ((rc = add_groups(s, plan, admin_dn.get())) != 0) return rc;
-    return add_access_control(s, plan, admin_dn.get(), flags);
+    add_access_control(s, plan, admin_dn.get(), flags);
+    return 0;
 }
 
 }  // namespace
