@@ -82,10 +82,8 @@ struct Limit {
 using S = ZelSession *;
 using N = const char *;
 
-// Reaching no fixed buffer, so without a limit: descriptions, sn, passwords,
-// record accounts and kinds, identifier and location types, the type's
-// identifier names, an administrator's uid, open's host and key files, and
-// Zel_verifyZelUser's person DN.
+// No fixed buffer, no limit: descriptions, sn, passwords, accounts, kinds and types, identifier names,
+// the administrator's uid, open's host and key files, Zel_verifyZelUser's person DN.
 const Limit kLimits[] = {
     {"service", 1, "(&(objectClass=eTargetService)(tsName=))", 600,
      [](S s, N n) { return read(Zel_getTargetService, Zel_freeTargetService, s, n); }, ZEL_RC_TS_NOT_FOUND},
