@@ -220,8 +220,6 @@ ZelRC create_update(ZelSession *s, const char *user, const ZelTargetRecord *r, i
 
     StoredValues v;
     if ((rc = check_target_service(s, r, v.stored_kind)) != 0) return rc;
-    v.target_service = std::string("tsName") + "=" + r->targetServiceName;
-    if (v.target_service.size() >= zel::kShortValueSize) return ZEL_RC_INVALID_ARGUMENT;
 
     if (op == kUpdate && !first_gen && s->database_dn) {
         // A record known only in the first-generation form is updated there.
@@ -233,6 +231,9 @@ ZelRC create_update(ZelSession *s, const char *user, const ZelTargetRecord *r, i
             if ((rc = resolve_user(s, user, zel::kFirstGenerationMode, user_dn)) != 0) return rc;
         }
     }
+    // Only the first-generation form stores the service as "tsName=<name>".
+    v.target_service = std::string("tsName") + "=" + r->targetServiceName;
+    if (first_gen && v.target_service.size() >= zel::kShortValueSize) return ZEL_RC_INVALID_ARGUMENT;
 
     bool description = r->description != nullptr, uid = r->userId != nullptr, password = r->password != nullptr;
     zel::ModList mods(first_gen ? 6 + description + uid + password : 5 + description + uid + 3 * password);
