@@ -74,16 +74,19 @@ TEST_F(Helpers, NovellMembershipEdits) {
     });
 }
 
-TEST(Locale, RoundTripAndRelease) {
+// The client keeps its own copy; each get hands out a fresh one.
+TEST(Locale, SetKeepsACopyAndEachGetHandsOutItsOwn) {
     Zel_memfree(nullptr);
-    char *before = Zel_get_locale();  // null until someone sets one
-    Zel_memfree(before);
-    EXPECT_EQ(Zel_set_locale("de_DE.UTF-8"), 0);
-    char *now = Zel_get_locale();
-    ASSERT_NE(now, nullptr);
-    EXPECT_STREQ(now, "de_DE.UTF-8");
-    Zel_memfree(now);
-    EXPECT_NE(Zel_set_locale(nullptr), 0);
+    char name[] = "de_DE.UTF-8";
+    ASSERT_EQ(Zel_set_locale(name), 0);
+    name[0] = 'X';
+    EXPECT_EQ(Zel_set_locale(nullptr), 89) << "and the setting stays";
+    char *first = Zel_get_locale(), *second = Zel_get_locale();
+    ASSERT_TRUE(first && second);
+    EXPECT_STREQ(first, "de_DE.UTF-8");
+    EXPECT_NE(first, second);
+    Zel_memfree(first);
+    Zel_memfree(second);
 }
 
 // Names and values compare ignoring case; the in-place ASCII comparison hands

@@ -1,4 +1,5 @@
-// Finding one entry across several suffixes, and the lookups built on it.
+// Finding one entry across several suffixes, the lookups built on it, and
+// what a session hands out of what it learnt.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -96,4 +97,18 @@ TEST_F(Resolve, PersonLookupsAndProfileParents) {
     EXPECT_STREQ(person, "");
     EXPECT_EQ(construct_ePersonDN_from_UP(s.get(), "not a dn", person), ZEL_RC_INVALID_ARGUMENT);
     EXPECT_TRUE(all_zero(person, sizeof person));
+}
+
+// What the session learnt, handed out as the caller's own copy.
+TEST_F(Resolve, SessionInfoIsACopy) {
+    ZelSessionInfo *info = nullptr;
+    EXPECT_EQ(Zel_getSessionInfo(nullptr, &info), ZEL_RC_INVALID_HANDLE);
+    EXPECT_EQ(Zel_getSessionInfo(s.get(), nullptr), ZEL_RC_INVALID_ARGUMENT);
+    Zel_freeSessionInfo(nullptr);
+    ASSERT_EQ(Zel_getSessionInfo(s.get(), &info), 0u);
+    EXPECT_EQ(std::vector<std::string>(info->suffixes, info->suffixes + info->suffixCount),
+              (std::vector<std::string>{"o=a", "o=b"}));
+    EXPECT_NE(info->suffixes[0], s->suffixes->suffix) << "the caller gets copies";
+    EXPECT_EQ(info->apiVersion, 2u);
+    Zel_freeSessionInfo(info);
 }
