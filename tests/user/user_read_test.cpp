@@ -1,4 +1,6 @@
-// A Zel user's profile read back as stored, in either storage form.
+// A Zel user's profile read back as stored, in either storage form, and a
+// released domain user.
+#include "support/alloc_faults.h"
 #include "user/user_fixture.h"
 
 using namespace usertest;
@@ -33,14 +35,22 @@ TEST_F(UserTest, ReadsAProfileBackInEitherStorageForm) {
     EXPECT_EQ(Zel_getZelUser(s.get(), "jo", nullptr), ZEL_RC_INVALID_ARGUMENT);
 }
 
-// Domain version 6 keeps a removed user's entry, released: no profile any more.
-using ReadDomainV6 = SeededAs<Kind::Generic, 6>;
+// Domain version 6 releases a removed user's entry instead of deleting it:
+// the profile ends, the entry stays without its credentials container.
+using DomainV6 = SeededAs<Kind::Generic, 6>;
 
-TEST_F(ReadDomainV6, AReleasedEntryIsNoProfile) {
+TEST_F(DomainV6, AReleasedEntryIsNoProfileAndEachAllocationFailureLeavesItWhole) {
     open(2);
     ZelUser jo = user_record("jo", "User", kJo);
     ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
-    ASSERT_EQ(Zel_removeZelUser(s.get(), "jo"), 0u);
-    ASSERT_TRUE(dir->exists("principalName=jo," + kDomainUsers));
+    const std::string dn = "principalName=jo," + kDomainUsers;
+    // Each attempt starts from a live profile with its container.
+    each_allocation_fails("remove", 0, [&] { return Zel_removeZelUser(s.get(), dn.c_str()); }, [&] {
+        dir->modify("dn: " + dn + "\nchangetype: modify\nreplace: secAuthority\nsecAuthority: Default:\n");
+        (void)dir->try_add("dn: cn=ResCreds," + dn + "\nobjectClass: container\ncn: ResCreds\n");
+    });
+    EXPECT_EQ(dir->entry(dn).first("secAuthority"), "Default");
+    EXPECT_FALSE(dir->exists("cn=ResCreds," + dn));
+    EXPECT_EQ(verify(s.get(), kJo).first, 0u);
     EXPECT_EQ(read_back(s.get(), "jo"), "status 19");
 }
