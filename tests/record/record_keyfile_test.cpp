@@ -93,23 +93,25 @@ TEST_F(RecordTest, RekeyRewritesOnceAndLeavesWhatItCannotRead) {
     }
 }
 
-TEST_F(RecordTest, ZelctlMakesKeyFilesAndRekeys) {
-    const std::string file = testing::TempDir() + "zelctl-keys";
-    std::remove(file.c_str());
+// zelctl makes key files, and keeps record passwords off its command line and
+// out of sight.
+TEST_F(RecordTest, ZelctlKeysRecordsAndCredentials) {
+    const std::string keys = testing::TempDir() + "zelctl-keys";
+    std::remove(keys.c_str());
     auto key = [&](std::vector<std::string> args) {
         args.insert(args.begin(), {ZELCTL_PATH, "key", "generate"});
         return run_command(args);
     };
-    CommandResult r = key({file});
+    CommandResult r = key({keys});
     ASSERT_EQ(r.status, 0) << r.err;
     struct stat st {};
-    ASSERT_EQ(stat(file.c_str(), &st), 0);
+    ASSERT_EQ(stat(keys.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
     std::string first;
-    std::getline(std::ifstream(file), first);
-    EXPECT_EQ(key({file}).status, 2) << "never overwrites";
-    ASSERT_EQ(key({"--add", file}).status, 0);
-    std::ifstream in(file);
+    std::getline(std::ifstream(keys), first);
+    EXPECT_EQ(key({keys}).status, 2) << "never overwrites";
+    ASSERT_EQ(key({"--add", keys}).status, 0);
+    std::ifstream in(keys);
     Strings lines;
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     ASSERT_EQ(lines.size(), 2u);
@@ -117,23 +119,10 @@ TEST_F(RecordTest, ZelctlMakesKeyFilesAndRekeys) {
     EXPECT_EQ(lines[1].substr(lines[1].size() - 7), " active");
 
     open_with_jo(2);
-    ZelTargetRecord rec = record("T:app", "app", "jdoe", "pa55word");
-    ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &rec), 0u);
-    Strings argv = {ZELCTL_PATH, "-H", dir->uri(), "-D", dir->admin_dn(), "-w", Directory::admin_password(),
-                    "record", "rekey", "--all"};
-    r = run_command(argv);
-    EXPECT_EQ(r.status, 2) << "no key file named";
-    r = run_command(argv, "", {{"ZEL_KEYFILE", file}});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "1 stored passwords rewritten under the active key\n");
-}
-
-TEST_F(RecordTest, ZelctlKeepsRecordPasswordsOffTheCommandLineAndOutOfSight) {
-    open_with_jo(2);
     const std::string file = testing::TempDir() + "record-password";
     std::ofstream(file) << "file-pw\n";
-    CommandResult r = zelctl(*dir, {"record", "add", "jo", "T:app", "--service", "app", "--account", "jdoe",
-                                    "--password-file", file}, "2");
+    r = zelctl(*dir, {"record", "add", "jo", "T:app", "--service", "app", "--account", "jdoe", "--password-file", file},
+               "2");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "target record T:app added\n");
     r = run_command({ZELCTL_PATH, "-H", dir->uri(), "-D", dir->admin_dn(), "-w", Directory::admin_password(), "record",
@@ -164,5 +153,13 @@ TEST_F(RecordTest, ZelctlKeepsRecordPasswordsOffTheCommandLineAndOutOfSight) {
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "zelctl: no credential of jo for nothing: ZEL_RC_TR_NOT_FOUND: target record not found (status 24)\n");
     EXPECT_EQ(zelctl(*dir, {"record", "add", "jo", "T:mail", "--service", "mail", "--password", "x"}, "2").status, 2);
+
+    // Rekey under a key file zelctl made.
+    Strings argv = {ZELCTL_PATH, "-H", dir->uri(), "-D", dir->admin_dn(), "-w", Directory::admin_password(),
+                    "record", "rekey", "--all"};
+    EXPECT_EQ(run_command(argv).status, 2) << "no key file named";
+    r = run_command(argv, "", {{"ZEL_KEYFILE", keys}});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "2 stored passwords rewritten under the active key\n");
     EXPECT_EQ(zelctl(*dir, {"record", "remove", "jo", "T:app"}, "2").out, "target record T:app removed\n");
 }

@@ -32,22 +32,7 @@ std::map<std::string, const ZelTargetService *> by_name(const ZelTargetServiceLi
     return out;
 }
 
-class TargetServiceV1Read : public zeltest::DirectoryTest {
-protected:
-    void SetUp() override {
-        zeltest::DirectoryTest::SetUp();
-        dir->add(zeltest::database_ldif(dir->suffix()) + type_ldif(*dir, "Web", {"host"}) +
-                 type_ldif(*dir, "Host", {}) + service_ldif(*dir, "Web", "portal", "The portal", {"host=portal.acme"}) +
-                 service_ldif(*dir, "Host", "mainframe") + service_ldif(*dir, "Host", "twin") +
-                 service_ldif(*dir, "Web", "twin") +
-                 service_ldif(*dir, "Web", "odd", "", {"plain=value", "==lead==double", "name=first=second", "alone"}));
-        s = zeltest::open_session(*dir, 1);
-        ASSERT_TRUE(s);
-    }
-    zeltest::Session s;
-};
-
-TEST_F(TargetServiceV1Read, ListsAndGetsRecords) {
+TEST_F(TargetServiceV1, ListsAndGetsRecords) {
     ZelTargetServiceList *raw = nullptr;
     ASSERT_EQ(Zel_getAllTargetService(s.get(), &raw), 0u);
     List list(raw);
@@ -77,9 +62,7 @@ TEST_F(TargetServiceV1Read, ListsAndGetsRecords) {
     EXPECT_EQ(Zel_getAllTargetService(s.get(), nullptr), ZEL_RC_INVALID_ARGUMENT);
 }
 
-class TargetServiceDomainRead : public zeltest::DirectoryTest {};
-
-TEST_F(TargetServiceDomainRead, ListsResourcesAndReadsAMissingContainerAsEmpty) {
+TEST_F(TargetServiceDomain, ListsResourcesAndReadsAMissingContainerAsEmpty) {
     auto s = zeltest::open_session(*dir, 2);
     ASSERT_TRUE(s);
     ZelTargetServiceList *raw = nullptr;
@@ -102,7 +85,7 @@ TEST_F(TargetServiceDomainRead, ListsResourcesAndReadsAMissingContainerAsEmpty) 
     EXPECT_EQ(fault::calls(Fn::Search)[0].filter, "(objectClass=secResource)");
 }
 
-TEST_F(TargetServiceDomainRead, KnownDatabaseAddsFirstGenerationEntries) {
+TEST_F(TargetServiceDomain, KnownDatabaseAddsFirstGenerationEntries) {
     dir->add(zeltest::database_ldif(dir->suffix()) + type_ldif(*dir, "Web", {}) +
              service_ldif(*dir, "Web", "legacy", "Old", {"url=http://old"}));
     auto s = zeltest::open_session(*dir, 2);
