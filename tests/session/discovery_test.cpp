@@ -144,9 +144,5 @@ TEST(Discovery, SecurityDomainMustExistOnceAndGivesItsVersion) {
                       "dn: secAuthority=Default,ou=copy,o=acme\nobjectClass: secAuthorityInfo\nsecAuthority: Default\n\n";
         Directory dir(p);
         EXPECT_EQ(try_open(dir, 2, &s), ZEL_RC_SECURITY_DOMAIN_NOT_FOUND) << "two domain entries count as none";
-        ZelSession *other = nullptr;
-        EXPECT_EQ(Zel_open_sec_domain(nullptr, dir.admin_dn().c_str(), Directory::admin_password(), Directory::host(),
-                                      dir.port(), ZEL_OPEN_NONSSL, nullptr, nullptr, nullptr, "Elsewhere", &other, 2),
-                  ZEL_RC_SECURITY_DOMAIN_NOT_FOUND);
     }
 }
