@@ -56,15 +56,6 @@ TEST_F(UserTest, FirstGenerationProfilesAndGroupsFollowTheUserType) {
     EXPECT_EQ(dir->entry("cn=other," + kJo).first("userState"), "Active");
 }
 
-TEST_F(UserTest, XrUserJoinsNoGroup) {
-    open(1);
-    ZelUser xr = user_record("jo", "XR User", kJo);
-    ASSERT_EQ(Zel_addZelUser(s.get(), &xr), 0u);
-    EXPECT_EQ(fault::count(Fn::Modify), 0);
-    ASSERT_EQ(Zel_removeZelUser(s.get(), "jo"), 0u);
-    EXPECT_EQ(fault::count(Fn::Modify), 0);
-}
-
 // Input that would outgrow a fixed size is refused before anything is
 // written: no membership is left behind by a profile that cannot exist.
 TEST_F(UserTest, OversizedNamesWriteNothing) {
