@@ -84,17 +84,6 @@ TEST(Discovery, LastMarkReturnedWins) {
     EXPECT_EQ(s->dir_kind, ns < ad ? ZEL_DIR_ACTIVE_DIRECTORY : ZEL_DIR_NETSCAPE);
 }
 
-TEST(Discovery, SuffixesKeepServerOrderAndSkipExcludedNames) {
-    Profile p;
-    p.suffixes = {"o=acme", "o=beta"};
-    p.root_dse = {{"namingContexts", "CN=Schema"}, {"namingContexts", "cn=Deleted Objects"},
-                  {"namingContexts", "cn=localhost"}};
-    Directory dir(p);
-    Session s = open_session(dir, 2);
-    ASSERT_TRUE(s);
-    EXPECT_EQ(suffix_list(s.get()), (std::vector<std::string>{"o=acme", "o=beta"}));
-}
-
 TEST(Discovery, RefusedRootDse) {
     Directory dir;
     ZelSession *s = nullptr;
