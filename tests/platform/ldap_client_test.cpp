@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "support/alloc_faults.h"
 #include "support/directory.h"
 #include "support/fault_injection.h"
 #include "support/session.h"
@@ -268,22 +269,13 @@ TEST(LdapServerLocate, OversizedSuffixIsRefusedNotWidened) {
 TEST(LdapServerLocate, AllocationFailureFreesPartialList) {
     ClientDefaults restore;
     ClientDefaults::set("ldap://h1 ldaps://h2 ldap://h3", "o=acme");
-    for (long nth = 1;; ++nth) {
-        ASSERT_LT(nth, 50);
-        fault::reset();
-        fault::fail_allocation(nth);
+    zeltest::each_allocation_fails("locate", 0, [] {
         zp::ServerInfo *list = nullptr;
         int rc = zp::ldap_server_locate(nullptr, &list);
-        bool failed = fault::allocation_failed();
-        fault::reset();
-        if (!failed) {
-            EXPECT_EQ(rc, 0);
-            zp::ldap_server_free_list(list);
-            break;
-        }
-        EXPECT_EQ(rc, 90) << nth;
-        EXPECT_EQ(list, nullptr) << nth;
-    }
+        EXPECT_TRUE(rc == 0 || list == nullptr) << "handed out after " << rc;
+        zp::ldap_server_free_list(list);
+        return rc == 90 ? ZEL_RC_NO_MEMORY : static_cast<ZelRC>(rc);  // the client's "no memory"
+    });
 }
 
 }  // namespace
