@@ -1,11 +1,8 @@
 // Database removal: the schema probe decides, then only the database's own
 // subtree goes.  Person entries, registered as Zel users on request.  zelctl
 // db and person end to end.
-#include <unistd.h>
-
-#include <cstdio>
-
 #include "database/db_fixture.h"
+#include "support/key_files.h"
 #include "support/zelctl.h"
 
 using namespace dbtest;
@@ -97,14 +94,9 @@ TEST_F(OrvDatabase, PersonsAndTheirZelProfiles) {
 }
 
 TEST_F(DatabaseTest, ZelctlCreatesAndRemovesTheDatabase) {
-    char path[] = "/tmp/zeltest-pw-XXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(write(fd, "pw-jo\n", 6), 6);
-    close(fd);
+    const std::string path = key_file("pw-jo\n");  // any file of the caller's alone
     CommandResult r = zelctl(
         *dir, {"person", "add", "o=acme", "--cn", "Jo", "--sn", "Ex", "--uid", "jo", "--password-file", path});
-    std::remove(path);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "Person Jo added\n");
     EXPECT_EQ(dir->entry("cn=Jo,o=acme").values("userPassword"), std::vector<std::string>{"pw-jo"});

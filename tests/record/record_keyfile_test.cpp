@@ -119,8 +119,7 @@ TEST_F(RecordTest, ZelctlKeysRecordsAndCredentials) {
     EXPECT_EQ(lines[1].substr(lines[1].size() - 7), " active");
 
     open_with_jo(2);
-    const std::string file = testing::TempDir() + "record-password";
-    std::ofstream(file) << "file-pw\n";
+    const std::string file = key_file("file-pw\n");
     r = zelctl(*dir, {"record", "add", "jo", "T:app", "--service", "app", "--account", "jdoe", "--password-file", file},
                "2");
     ASSERT_EQ(r.status, 0) << r.err;
