@@ -50,8 +50,7 @@ std::vector<std::string> dns(const std::vector<zeltest::Entry> &entries) {
 // zel.ldif, as an operator of such a server would load it, listening on a
 // socket in its own folder.
 TEST(SchemaFiles, LdifAndSchemaFormsPublishTheSameDefinitions) {
-    std::string dir = (fs::temp_directory_path() / "zeltest-cnconfig-XXXXXX").string();
-    ASSERT_NE(mkdtemp(dir.data()), nullptr);
+    const std::string dir = zeltest::make_temp_dir("cnconfig");
     struct Cleanup {
         std::string dir;
         ~Cleanup() {
