@@ -22,11 +22,9 @@ TEST_F(UserTest, FirstGenerationProfilesAndGroupsFollowTheUserType) {
     EXPECT_EQ(dir->entry("cn=ann," + kAnn).first("associatedName"), kAnn);
     EXPECT_EQ(dir->entry("cn=max," + kMax).first("userState"), "Inactive");
 
-    EXPECT_EQ(members("Users"), Strings{kJo});
-    EXPECT_EQ(members("Administrators"), Strings{kAnn});
-    EXPECT_EQ(members("Senior Administrators"), Strings{kAnn});
-    EXPECT_EQ(members("Middle Tier Servers"), Strings{kMax});
-    EXPECT_TRUE(members("Full Users").empty());
+    EXPECT_EQ((std::vector<Strings>{members("Users"), members("Administrators"), members("Senior Administrators"),
+                                    members("Middle Tier Servers"), members("Full Users")}),
+              (std::vector<Strings>{{kJo}, {kAnn}, {kAnn}, {kMax}, {}}));
 
     EXPECT_EQ(verify(s.get(), kMax), std::make_pair(1u, "cn=max," + kMax)) << "a disabled profile counts";
 
