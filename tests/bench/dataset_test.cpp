@@ -3,10 +3,11 @@
 #include <map>
 
 #include "dataset.h"
+#include "domain/domain_fixtures.h"
 #include "platform/password_mask.h"
-#include "support/session.h"
+#include "record/record_fixture.h"
 
-using namespace zeltest;
+using namespace recordtest;
 
 namespace {
 
@@ -40,39 +41,27 @@ TEST(BenchDataset, TemplatesMatchWhatTheLibraryWrites) {
     Directory by_library(bench_profile(""));
     Session s = open_session(by_library, 2);
     ASSERT_TRUE(s);
-    ZelUser user{};
-    user.userName = const_cast<char *>("u0");
-    user.userType = const_cast<char *>("User");
-    user.enabled = 1;
-    std::string person = zelbench::person_dn(0);
-    user.personDN = person.data();
+    const std::string person = zelbench::person_dn(0);
+    ZelUser user = user_record("u0", "User", person);
     ASSERT_EQ(Zel_addZelUser(s.get(), &user), 0u);
 
-    std::vector<std::string> names;
-    for (int j = 0; j < zelbench::kServicesPerGroup; ++j) names.push_back(zelbench::service_name(j));
-    names.push_back(zelbench::group_name(0));
-    std::vector<ZelDomainLocation> locations;
-    for (std::string &name : names) {
-        ZelTargetService ts{};
-        ts.name = name.data();
-        ts.type = const_cast<char *>(name == names.back() ? "Resource Group" : "Web Resource");
+    std::vector<std::string> services;
+    for (int j = 0; j < zelbench::kServicesPerGroup; ++j) services.push_back(zelbench::service_name(j));
+    const std::string group_name = zelbench::group_name(0);
+    auto add_service = [&](const std::string &name, const char *type) {
+        ZelTargetService ts{const_cast<char *>(name.c_str()), const_cast<char *>(type), nullptr, 0, nullptr};
         ASSERT_EQ(Zel_addTargetService(s.get(), &ts), 0u) << name;
-        if (name != names.back()) locations.push_back({const_cast<char *>("resourceName"), name.data()});
-    }
-    std::vector<ZelDomainLocation *> location_list;
-    for (ZelDomainLocation &l : locations) location_list.push_back(&l);
-    ZelDomain group{names.back().data(), nullptr, static_cast<int32_t>(location_list.size()), location_list.data()};
-    ASSERT_EQ(Zel_addZelDomain(s.get(), &group), 0u);
+    };
+    for (const std::string &name : services) add_service(name, "Web Resource");
+    add_service(group_name, "Resource Group");
+    domaintest::DomainRecord group(group_name.c_str(), nullptr, domaintest::services(services));
+    ASSERT_EQ(Zel_addZelDomain(s.get(), &group.d), 0u);
 
     struct { const char *id, *service, *account, *password; } records[] = {
         {"T:svc0", "svc0", "u0", "pw-u0"}, {"G:grp0", "grp0", "gu0", "gpw-u0"}};
     std::string templated;
     for (const auto &r : records) {
-        ZelTargetRecord tr{};
-        tr.targetRecordId = const_cast<char *>(r.id);
-        tr.targetServiceName = const_cast<char *>(r.service);
-        tr.userId = const_cast<char *>(r.account);
-        tr.password = const_cast<char *>(r.password);
+        ZelTargetRecord tr = record(r.id, r.service, r.account, r.password);
         ASSERT_EQ(Zel_addTargetRecord(s.get(), "u0", &tr), 0u) << r.id;
         templated += zelbench::record_ldif(0, r.id, r.account, r.password);
     }

@@ -1,6 +1,9 @@
 // Database removal: the schema probe decides, then only the database's own
-// subtree goes.
+// subtree goes.  Person entries, registered as Zel users on request.  zelctl
+// db and person end to end.
 #include "database/db_fixture.h"
+#include "support/key_files.h"
+#include "support/zelctl.h"
 
 using namespace dbtest;
 
@@ -49,4 +52,91 @@ TEST_F(OrvDatabase, SchemaProbeDecides) {
     EXPECT_EQ(probe[1].mods[0].op, LDAP_MOD_DELETE);
     EXPECT_FALSE(dir->exists(kDb));
     EXPECT_TRUE(dir->exists(kAdmin));
+}
+
+namespace {
+
+ZelPerson person(const char *cn, const char *uid = nullptr, const char *password = nullptr) {
+    ZelPerson p{};
+    p.parentDN = const_cast<char *>("o=acme");
+    p.cn = p.sn = const_cast<char *>(cn);
+    p.uid = const_cast<char *>(uid);
+    p.password = const_cast<char *>(password);
+    return p;
+}
+
+}  // namespace
+
+TEST_F(OrvDatabase, PersonsAndTheirZelProfiles) {
+    ASSERT_EQ(create(), 0u);
+    fault::reset();
+    ZelPerson jo = person("Jo, Jr.", "jo", "pw");
+    ZelPerson no_sn = jo;
+    no_sn.sn = nullptr;
+    struct Case {
+        const ZelPerson *p;
+        const char *type;
+        ZelRC rc;
+    } refusals[] = {{nullptr, nullptr, ZEL_RC_INVALID_ARGUMENT},
+                    {&no_sn, nullptr, ZEL_RC_INVALID_ARGUMENT},
+                    {&jo, "Janitor", ZEL_RC_INVALID_ARGUMENT}};
+    for (const Case &c : refusals) EXPECT_EQ(Zel_create_ePerson(s.get(), c.p, c.type), c.rc);
+    EXPECT_EQ(fault::count(Fn::Add), 0);
+
+    // The comma in the name stays inside the RDN; an existing person is kept.
+    ASSERT_EQ(Zel_create_ePerson(s.get(), &jo, nullptr), 0u);
+    ASSERT_EQ(Zel_create_ePerson(s.get(), &jo, "User"), 0u);
+    Entry e = dir->entry("cn=Jo\\2C Jr.,o=acme");
+    EXPECT_EQ(e.values("objectClass"),
+              (std::vector<std::string>{"top", "person", "organizationalPerson", "inetOrgPerson", "ePerson"}));
+    EXPECT_EQ(dir->entry("cn=jo,cn=Jo\\2C Jr.,o=acme").first("userType"), "User");
+    EXPECT_EQ(values(group("Users"), "member"), (std::vector<std::string>{kDb, "cn=Jo\\2C Jr.,o=acme"}));
+}
+
+TEST_F(DatabaseTest, ZelctlCreatesAndRemovesTheDatabase) {
+    const std::string path = key_file("pw-jo\n");  // any file of the caller's alone
+    CommandResult r = zelctl(
+        *dir, {"person", "add", "o=acme", "--cn", "Jo", "--sn", "Ex", "--uid", "jo", "--password-file", path});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "Person Jo added\n");
+    EXPECT_EQ(dir->entry("cn=Jo,o=acme").values("userPassword"), std::vector<std::string>{"pw-jo"});
+
+    // Without --api-version the db commands open a first-generation session.
+    r = run_command({ZELCTL_PATH, "-H", dir->uri(), "-D", dir->admin_dn(), "-w", Directory::admin_password(), "db",
+                     "create", "o=acme", "--admin", "Jo", "--extended"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "Zel database under o=acme created\n");
+    EXPECT_TRUE(dir->exists("cn=Jo,cn=Jo,o=acme"));
+    EXPECT_TRUE(dir->exists(below("cn=Password Generators")));
+
+    struct Case {
+        std::vector<std::string> args;
+        const char *api_version;
+        int status;
+        std::string err;
+    } cases[] = {
+        {{"db", "create", "o=acme"},
+         "1",
+         1,
+         "zelctl: cannot create a Zel database under o=acme: " +
+             std::string(Zel_strerror(ZEL_RC_DATABASE_EXISTS)) + " (status 901)\n"},
+        {{"db", "remove"},
+         "1",
+         2,
+         "zelctl: db remove: not on a terminal; give --yes to remove the Zel database\n"},
+        {{"db", "remove", "--yes"},
+         "2",
+         1,
+         "zelctl: cannot remove the Zel database: " + std::string(Zel_strerror(ZEL_RC_UNSUPPORTED_VERSION)) +
+             " (status 1011)\n"},
+        {{"person", "add", "o=acme", "--cn", "Ann"}, "1", 2, "zelctl: person add: --cn and --sn are required\n"},
+        {{"db", "remove", "--yes", "--json"}, "1", 0, ""},
+    };
+    for (const Case &c : cases) {
+        r = zelctl(*dir, c.args, c.api_version);
+        EXPECT_EQ(r.status, c.status) << c.args[1];
+        EXPECT_EQ(r.err, c.err);
+    }
+    EXPECT_EQ(r.out, "{\"database\":true,\"removed\":true}\n");
+    EXPECT_FALSE(dir->exists(kDb));
 }

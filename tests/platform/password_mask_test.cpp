@@ -1,82 +1,130 @@
+// Stored passwords: the built-in mask, and encryption under an operator's key file.
 #include "platform/password_mask.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
+
+#include "support/env.h"
+#include "support/key_files.h"
 
 namespace {
 
-using zel::platform::util_decode;
-using zel::platform::util_encode;
+namespace plat = zel::platform;
+using zeltest::key_file;
+using zeltest::kKeyLineA;
+using zeltest::kKeyLineB;
+using zeltest::ScopedEnv;
 
 struct FreeText {
     void operator()(char *p) const { free(p); }
 };
 using Text = std::unique_ptr<char, FreeText>;
 
-std::string masked(const std::string &clear) {
-    Text text(util_encode(clear.c_str()));
-    return text ? std::string(text.get()) : std::string("encode failed");
+std::string encode(const std::string &clear) {
+    Text text(plat::util_encode(clear.c_str()));
+    return text ? text.get() : "(null)";
 }
 
-bool decodes(const std::string &text) {
-    return Text(util_decode(text.c_str())) != nullptr;
+std::string decode(const std::string &stored) {
+    Text text(plat::util_decode(stored.c_str()));
+    return text ? text.get() : "(null)";
 }
 
-TEST(PasswordMask, RoundTrips) {
+TEST(PasswordMask, RoundTripsFreshEachTime) {
+    ScopedEnv none("ZEL_KEYFILE", nullptr);
     for (const std::string &clear :
-         {std::string(), std::string("secret"), std::string(1000, 'p'),
-          std::string("p\xC3\xA4sswort \xE2\x9C\x93")}) {
+         {std::string(), std::string("secret"), std::string(1000, 'p'), std::string("p\xC3\xA4sswort \xE2\x9C\x93")}) {
         SCOPED_TRACE(clear.size());
-        std::string text = masked(clear);
+        std::string text = encode(clear);
         EXPECT_EQ(text.rfind("{ZM1}", 0), 0u) << text;
-        if (!clear.empty()) {
-            EXPECT_EQ(text.find(clear), std::string::npos);
-        }
-        Text back(util_decode(text.c_str()));
-        ASSERT_NE(back, nullptr);
-        EXPECT_EQ(std::string(back.get()), clear);
+        EXPECT_TRUE(clear.empty() || text.find(clear) == std::string::npos) << text;
+        EXPECT_NE(encode(clear), text) << "a fresh encoding each time";
+        EXPECT_EQ(decode(text), clear);
     }
 }
 
-TEST(PasswordMask, EachEncodingIsFresh) {
-    std::string first = masked("secret");
-    std::string second = masked("secret");
-    EXPECT_NE(first, second);
-    EXPECT_TRUE(decodes(first));
-    EXPECT_TRUE(decodes(second));
-}
-
 TEST(PasswordMask, DecodeRefusesWhatEncodeDidNotProduce) {
-    const std::string good = masked("secret");
-    ASSERT_TRUE(decodes(good));
+    ScopedEnv none("ZEL_KEYFILE", nullptr);
+    const std::string good = encode("secret");
+    ASSERT_EQ(decode(good), "secret");
     const std::string body = good.substr(5);
 
-    EXPECT_EQ(util_encode(nullptr), nullptr);
-    EXPECT_EQ(util_decode(nullptr), nullptr);
-    EXPECT_FALSE(decodes("secret"));
-    EXPECT_FALSE(decodes("{ZM1}"));
-    EXPECT_FALSE(decodes("{ZM1}not base64 at all!"));
-    EXPECT_FALSE(decodes("{ZM1}AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA"));   // right size, no tag
-    EXPECT_FALSE(decodes("{ZM1}AAAA"));                                       // too short
-    EXPECT_FALSE(decodes("{ZM2}" + body));
-    EXPECT_FALSE(decodes("{zm1}" + body));
-    EXPECT_FALSE(decodes(body));
-    EXPECT_FALSE(decodes(good + "\n"));
-    EXPECT_FALSE(decodes(good.substr(0, good.size() - 1)));
-    EXPECT_FALSE(decodes(good.substr(0, good.size() - 4)));
-
+    EXPECT_EQ(plat::util_encode(nullptr), nullptr);
+    EXPECT_EQ(plat::util_decode(nullptr), nullptr);
+    std::vector<std::string> refused = {"secret", "{ZM1}", "{ZM1}not base64 at all!",
+                                        "{ZM1}AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA",  // right size, no tag
+                                        "{ZM1}AAAA", "{ZM2}" + body, "{zm1}" + body, body, good + "\n",
+                                        good.substr(0, good.size() - 1), good.substr(0, good.size() - 4)};
     // Any changed character, padding bits included, is caught.
-    for (size_t i = 5; i < good.size() && good[i] != '='; ++i) {
-        for (char replacement : {'A', 'B', '+'}) {
-            if (good[i] == replacement) continue;
-            std::string changed = good;
-            changed[i] = replacement;
-            EXPECT_FALSE(decodes(changed)) << "position " << i << ": " << changed;
-        }
+    for (size_t i = 5; i < good.size() && good[i] != '='; ++i)
+        for (char replacement : {'A', 'B', '+'})
+            if (good[i] != replacement) refused.push_back(good.substr(0, i) + replacement + good.substr(i + 1));
+    for (const std::string &text : refused) EXPECT_EQ(decode(text), "(null)") << text;
+}
+
+TEST(KeyFile, EncryptsUnderTheActiveKeyAndReadsEveryKeyOfTheFile) {
+    ScopedEnv env("ZEL_KEYFILE", nullptr);
+    std::string masked = encode("pw");
+    setenv("ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str(), 1);
+    std::string under_a = encode("pw");
+    EXPECT_EQ(under_a.rfind("{ZK1}a:", 0), 0u) << under_a;
+    EXPECT_NE(encode("pw"), under_a) << "a fresh nonce each time";
+    EXPECT_TRUE(plat::util_is_current(under_a.c_str()));
+    EXPECT_FALSE(plat::util_is_current(masked.c_str()));
+
+    // A second active key: both read, the new one writes.
+    setenv("ZEL_KEYFILE", key_file("# rotated\n" + kKeyLineA + "\n\n" + kKeyLineB + " active\n").c_str(), 1);
+    std::string under_b = encode("pw");
+    EXPECT_EQ(under_b.rfind("{ZK1}b:", 0), 0u) << under_b;
+    EXPECT_FALSE(plat::util_is_current(under_a.c_str()));
+
+    std::string tampered = under_b;
+    tampered[tampered.size() - 3] ^= 1;
+    std::string relabelled = under_b;
+    relabelled[5] = 'a';
+    EXPECT_EQ((std::vector<std::string>{decode(masked), decode(under_a), decode(under_b), decode(tampered),
+                                        decode(relabelled)}),
+              (std::vector<std::string>{"pw", "pw", "pw", "(null)", "(null)"}));
+
+    // Key a removed, then no key file at all.
+    setenv("ZEL_KEYFILE", key_file(kKeyLineB + " active\n").c_str(), 1);
+    EXPECT_EQ(decode(under_a), "(null)");
+    unsetenv("ZEL_KEYFILE");
+    EXPECT_EQ((std::vector<std::string>{decode(masked), decode(under_b)}), (std::vector<std::string>{"pw", "(null)"}));
+}
+
+TEST(KeyFile, AnUnusableKeyFileRefusesToEncrypt) {
+    const std::string good = kKeyLineA + " active\n";
+    struct Case {
+        const char *why;
+        std::string path;
+    };
+    const Case cases[] = {
+        {"group may read", key_file(good, 0640)},
+        {"others may write", key_file(good, 0602)},
+        {"missing", testing::TempDir() + "no-such-key-file"},
+        {"a directory", testing::TempDir()},
+        {"empty", key_file("")},
+        {"no active key", key_file(kKeyLineA + "\n")},
+        {"two active keys", key_file(good + kKeyLineB + " active\n")},
+        {"an id twice", key_file(good + "zelkey1 a" + kKeyLineB.substr(9) + "\n")},
+        {"short key", key_file("zelkey1 a QUFB active\n")},
+        {"bad id", key_file("zelkey1 a/b " + kKeyLineA.substr(10) + " active\n")},
+        {"unknown version", key_file("zelkey2" + kKeyLineA.substr(7) + " active\n")},
+        {"extra word", key_file(kKeyLineA + " active now\n")},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.why);
+        ScopedEnv env("ZEL_KEYFILE", c.path.c_str());
+        bool required = false;
+        Text text(plat::util_encode_checked("pw", required));
+        EXPECT_EQ(text, nullptr);
+        EXPECT_TRUE(required);
+        EXPECT_EQ(plat::util_key_file_state(), plat::KeyFileState::refused);
     }
 }
 

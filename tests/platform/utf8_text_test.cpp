@@ -19,43 +19,34 @@ void expect_order(const char *a, const char *b, int expected_sign) {
     EXPECT_EQ(sign(zstricmp(zgetUTF8Handle(), b, a)), -expected_sign);
 }
 
-TEST(Utf8Compare, AsciiIgnoresCase) {
+// ASCII ignores case; past ASCII, full case folding; invalid UTF-8 compares
+// bytes (ASCII letters still folded); null sorts before any text.
+TEST(Utf8Compare, OrdersIgnoringCase) {
     ASSERT_NE(zgetUTF8Handle(), nullptr);
-    expect_order("objectClass", "OBJECTCLASS", 0);
-    expect_order("abc", "ABD", -1);
-    expect_order("ab", "ABC", -1);
-    expect_order("", "a", -1);
-    // Letters fold to lower case, as full folding does: '[' sorts before
-    // 'a' whether or not the rest of the text is ASCII.
-    expect_order("[", "A", -1);
-    expect_order("[\xC3\xA9", "A\xC3\xA9", -1);
-}
-
-TEST(Utf8Compare, NonAsciiUsesFullCaseFolding) {
-    expect_order("stra\xC3\x9F" "e", "STRASSE", 0);                  // straße
-    expect_order("\xC3\x84rger", "\xC3\xA4RGER", 0);                  // Ärger, äRGER
-    expect_order("\xCE\xA3\xCE\x99\xCE\xA3", "\xCF\x83\xCE\xB9\xCF\x82", 0);   // ΣΙΣ, σις
-    expect_order("\xC3\xA4", "b", 1);                                 // ä after b
-    expect_order("\xC3\x84", "\xC3\xA5", -1);                         // Ä before å
     // Longer than the stack buffers.
-    std::string lower = std::string(300, 'x') + "stra\xC3\x9F" "e";
-    std::string upper = std::string(300, 'X') + "STRASSE";
-    expect_order(lower.c_str(), upper.c_str(), 0);
-    expect_order(lower.c_str(), (upper + "!").c_str(), -1);
-}
-
-TEST(Utf8Compare, InvalidUtf8ComparesBytes) {
-    expect_order("\xFF", "\xFF", 0);
-    expect_order("A\xFF", "a\xFF", 0);
-    expect_order("\xC3", "\xC3", 0);             // truncated sequence
-    expect_order("\xC3", "\xC3\xA4", -1);
-    expect_order("\xC0\xAF", "/", 1);            // overlong '/' is not '/'
-    expect_order("\xC3\x84\xFF", "\xC3\xA4\xFF", -1);   // no Unicode folding
-}
-
-TEST(Utf8Compare, NullSortsBeforeText) {
-    expect_order(nullptr, nullptr, 0);
-    expect_order(nullptr, "", -1);
+    const std::string lower = std::string(300, 'x') + "stra\xC3\x9F" "e", upper = std::string(300, 'X') + "STRASSE";
+    const std::string upper_more = upper + "!";
+    struct Case {
+        const char *a, *b;
+        int sign;
+    } cases[] = {
+        {"objectClass", "OBJECTCLASS", 0}, {"abc", "ABD", -1}, {"ab", "ABC", -1}, {"", "a", -1},
+        // Letters fold to lower case, as full folding does: '[' sorts before
+        // 'a' whether or not the rest of the text is ASCII.
+        {"[", "A", -1}, {"[\xC3\xA9", "A\xC3\xA9", -1},
+        {"stra\xC3\x9F" "e", "STRASSE", 0},                          // straße
+        {"\xC3\x84rger", "\xC3\xA4RGER", 0},                          // Ärger, äRGER
+        {"\xCE\xA3\xCE\x99\xCE\xA3", "\xCF\x83\xCE\xB9\xCF\x82", 0},   // ΣΙΣ, σις
+        {"\xC3\xA4", "b", 1},                                         // ä after b
+        {"\xC3\x84", "\xC3\xA5", -1},                                 // Ä before å
+        {lower.c_str(), upper.c_str(), 0}, {lower.c_str(), upper_more.c_str(), -1},
+        {"\xFF", "\xFF", 0}, {"A\xFF", "a\xFF", 0},
+        {"\xC3", "\xC3", 0}, {"\xC3", "\xC3\xA4", -1},                // truncated sequence
+        {"\xC0\xAF", "/", 1},                                          // overlong '/' is not '/'
+        {"\xC3\x84\xFF", "\xC3\xA4\xFF", -1},                         // invalid: no Unicode folding
+        {nullptr, nullptr, 0}, {nullptr, "", -1},
+    };
+    for (const Case &c : cases) expect_order(c.a, c.b, c.sign);
 }
 
 TEST(Utf8Search, FindsSubstringIgnoringCase) {

@@ -54,6 +54,23 @@ TEST_F(RecordTest, CredentialsResolveDirectThenFirstMatchingGroup) {
     EXPECT_EQ(credential(s.get(), "max", "app"), "status 24") << "max is no Zel user";
 }
 
+// A membership search that finds no group does not end the query (other
+// failures do: the torture runner); the second pass finds it again.
+TEST_F(RecordTest, AMissingGroupIsPassedOver) {
+    open_with_jo(2);
+    add_records(s.get(), {{"G:Sales", "Sales", "sales"}});
+    fault::reset();
+    ASSERT_EQ(credential(s.get(), "jo", "shop"), "sales/sales-pw");
+    const std::vector<fault::Call> searches = fault::calls(Fn::Search);
+    int nth = 1;
+    while (nth <= static_cast<int>(searches.size()) && searches[nth - 1].dn.rfind("secResGroupID=Sales,", 0)) ++nth;
+    ASSERT_LE(nth, static_cast<int>(searches.size()));
+    fault::reset();
+    fault::fail_call(Fn::Search, nth, LDAP_NO_SUCH_OBJECT);
+    EXPECT_EQ(credential(s.get(), "jo", "shop"), "sales/sales-pw");
+    EXPECT_EQ(fault::calls(Fn::Search)[nth - 1].result, LDAP_NO_SUCH_OBJECT);
+}
+
 TEST_F(RecordTest, FirstGenerationCredentialsAndInactiveUsers) {
     open_with_jo(1);
     add_records(s.get(), {{"G:Old", "Old", "old"}});

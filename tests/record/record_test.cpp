@@ -1,4 +1,5 @@
-// Target records in both storage forms: what is written, what reads back.
+// Target records in both storage forms: what is written, what reads back,
+// and what each directory kind changes in it.
 #include "record/record_fixture.h"
 
 using namespace recordtest;
@@ -34,6 +35,13 @@ Strings types_sent(const fault::Call &call) {
     for (const fault::Mod &m : call.mods) out.push_back(m.type);
     return out;
 }
+
+// The record tree on another directory kind.
+template <Kind K>
+class RecordAs : public RecordTest {
+protected:
+    Profile profile() const override { return record_profile(K); }
+};
 
 }  // namespace
 
@@ -159,4 +167,41 @@ TEST_F(RecordTest, RefusalsAndDamagedValues) {
                 "\nchangetype: modify\nreplace: secAuthnData\nsecAuthnData: plain\n");
     EXPECT_EQ(get(s.get(), "jo", "T:app"), (Strings{"status 1013", ""}));
     EXPECT_EQ(credential(s.get(), "jo", "app"), "status 1013");
+}
+
+// What each directory kind changes: Orv keeps first-generation passwords in clear (without a NUL), Netscape
+// names the account principalName.
+using OrvRecords = RecordAs<Kind::Orv>;
+using NetscapeRecords = RecordAs<Kind::Netscape>;
+using AdRecords = RecordAs<Kind::ActiveDirectory>;
+
+TEST_F(OrvRecords, FirstGenerationSecretKeyIsStoredAsGiven) {
+    open_with_jo(1);
+    ZelTargetRecord r = record("T:legacy", "legacy", "jdoe", "pa55");
+    ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &r), 0u);
+    Entry e = dir->entry("cn=T:legacy," + kJoProfile);
+    EXPECT_EQ(std::make_tuple(e.first("secretKey"), e.first("uid")), std::make_tuple(std::string("pa55"), std::string("jdoe")));
+    EXPECT_EQ(credential(s.get(), "jo", "legacy"), "jdoe/pa55");
+}
+
+TEST_F(NetscapeRecords, FirstGenerationAccountIsPrincipalName) {
+    open(1);  // slapd does not take every access dialect: the profile is seeded
+    dir->add("dn: " + kJoProfile + "\nobjectClass: eZelUser\ncn: jo\nassociatedName: " + kJo +
+             "\nuserType: User\nuserState: Active\n");
+    ZelTargetRecord r = record("T:legacy", "legacy", "jdoe", "pa55");
+    ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &r), 0u);
+    Entry e = dir->entry("cn=T:legacy," + kJoProfile);
+    EXPECT_EQ(std::make_tuple(e.first("principalName"), e.has("uid")), std::make_tuple(std::string("jdoe"), false));
+    EXPECT_EQ(credential(s.get(), "jo", "legacy"), "jdoe/pa55");
+}
+
+TEST_F(AdRecords, EmptyValuesAreLeftOutOrDeleted) {
+    open_with_jo(2);
+    const std::string dn = "secResCredsId=T:app,cn=ResCreds," + kJoDomainUser;
+    ZelTargetRecord r = record("T:app", "app", "jdoe", "pa55", "");
+    ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &r), 0u);
+    EXPECT_FALSE(dir->entry(dn).has("description"));
+    r.userId = const_cast<char *>("");
+    ASSERT_EQ(Zel_updateTargetRecord(s.get(), "jo", &r), 0u);
+    EXPECT_FALSE(dir->entry(dn).has("secUid"));
 }

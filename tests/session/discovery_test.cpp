@@ -84,17 +84,6 @@ TEST(Discovery, LastMarkReturnedWins) {
     EXPECT_EQ(s->dir_kind, ns < ad ? ZEL_DIR_ACTIVE_DIRECTORY : ZEL_DIR_NETSCAPE);
 }
 
-TEST(Discovery, SuffixesKeepServerOrderAndSkipExcludedNames) {
-    Profile p;
-    p.suffixes = {"o=acme", "o=beta"};
-    p.root_dse = {{"namingContexts", "CN=Schema"}, {"namingContexts", "cn=Deleted Objects"},
-                  {"namingContexts", "cn=localhost"}};
-    Directory dir(p);
-    Session s = open_session(dir, 2);
-    ASSERT_TRUE(s);
-    EXPECT_EQ(suffix_list(s.get()), (std::vector<std::string>{"o=acme", "o=beta"}));
-}
-
 TEST(Discovery, RefusedRootDse) {
     Directory dir;
     ZelSession *s = nullptr;
@@ -144,9 +133,5 @@ TEST(Discovery, SecurityDomainMustExistOnceAndGivesItsVersion) {
                       "dn: secAuthority=Default,ou=copy,o=acme\nobjectClass: secAuthorityInfo\nsecAuthority: Default\n\n";
         Directory dir(p);
         EXPECT_EQ(try_open(dir, 2, &s), ZEL_RC_SECURITY_DOMAIN_NOT_FOUND) << "two domain entries count as none";
-        ZelSession *other = nullptr;
-        EXPECT_EQ(Zel_open_sec_domain(nullptr, dir.admin_dn().c_str(), Directory::admin_password(), Directory::host(),
-                                      dir.port(), ZEL_OPEN_NONSSL, nullptr, nullptr, nullptr, "Elsewhere", &other, 2),
-                  ZEL_RC_SECURITY_DOMAIN_NOT_FOUND);
     }
 }

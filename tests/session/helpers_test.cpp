@@ -1,14 +1,121 @@
-// Modification lists, subtree deletion, the Novell membership edits and the
-// locale calls.
+// The session layer's own routines: finding one entry across several
+// suffixes and the lookups built on it, what a session hands out of what it
+// learnt, subtree deletion, the Novell membership edits (under faults: the
+// torture runner's eDirectory users), the locale calls and text helpers.
 #include <gtest/gtest.h>
 
 #include <cstring>
 
-#include "support/alloc_faults.h"
 #include "support/session.h"
 
 using namespace zeltest;
 using fault::Fn;
+
+namespace {
+
+class Resolve : public SessionTest {
+protected:
+    Profile profile() const override {
+        Profile p;
+        p.suffixes = {"o=a", "o=b"};
+        // Naming contexts the library leaves out of its suffixes.
+        p.root_dse = {{"namingContexts", "CN=Schema"}, {"namingContexts", "cn=Deleted Objects"},
+                      {"namingContexts", "cn=localhost"}};
+        p.seed_ldif = person_ldif("o=a", "Ann", "ann") + person_ldif("o=b", "Bob", "bob") +
+                      person_ldif("o=b", "Ann Two", "ann") + person_ldif("o=a", "Twin One", "twin") +
+                      person_ldif("o=a", "Twin Two", "twin");
+        return p;
+    }
+    ZelRC find(ZelRC (*fn)(ZelSession *, ZelSuffixNode *, const char *, char *, LDAPMessage **),
+               const char *uid, LDAPMessage **res = nullptr) {
+        std::memset(dn, 'x', sizeof dn);
+        std::string filter = std::string("(uid=") + uid + ")";
+        return fn(s.get(), s->suffixes, filter.c_str(), dn, res);
+    }
+    char dn[1000];
+};
+
+bool all_zero(const char *buf, size_t n) {
+    for (size_t i = 0; i < n; ++i)
+        if (buf[i]) return false;
+    return true;
+}
+
+}  // namespace
+
+TEST_F(Resolve, FirstSuffixWithOneMatchWinsUniqueNeedsExactlyOne) {
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(find(determine_DN, "ann", &res), 0u);
+    EXPECT_STREQ(dn, "cn=Ann,o=a");
+    ASSERT_NE(res, nullptr);
+    EXPECT_EQ(ldap_count_entries(s->ld, res), 1);
+    ldap_msgfree(res);
+
+    EXPECT_EQ(find(determine_unique_DN, "ann", &res), ZEL_RC_NOT_UNIQUE);
+    EXPECT_TRUE(all_zero(dn, sizeof dn));
+    EXPECT_EQ(res, nullptr);
+
+    EXPECT_EQ(find(determine_unique_DN, "bob", &res), 0u);
+    EXPECT_STREQ(dn, "cn=Bob,o=b");
+    ldap_msgfree(res);
+
+    // Two matches under one suffix: not found for both walks.
+    EXPECT_EQ(find(determine_DN, "twin"), ZEL_RC_ENTRY_NOT_FOUND);
+    EXPECT_EQ(find(determine_unique_DN, "twin"), ZEL_RC_ENTRY_NOT_FOUND);
+    EXPECT_EQ(find(determine_DN, "nobody"), ZEL_RC_ENTRY_NOT_FOUND);
+    EXPECT_EQ(determine_DN(s.get(), nullptr, "(uid=ann)", dn, nullptr), ZEL_RC_ENTRY_NOT_FOUND);
+}
+
+TEST_F(Resolve, SomeResultsSkipASuffixOthersStopTheWalk) {
+    fault::fail_call(Fn::Search, 1, LDAP_NO_SUCH_OBJECT);
+    EXPECT_EQ(find(determine_DN, "ann"), 0u);
+    EXPECT_STREQ(dn, "cn=Ann Two,o=b");
+
+    fault::reset();
+    fault::fail_call(Fn::Search, 1, LDAP_SERVER_DOWN);
+    EXPECT_EQ(find(determine_DN, "bob"), ZEL_RC_DIRECTORY_ERROR);
+    EXPECT_EQ(fault::count(Fn::Search), 1) << "o=b must not be searched";
+
+    fault::reset();
+    fault::fail_call(Fn::Search, 1, LDAP_SERVER_DOWN);
+    char db[1000];
+    EXPECT_EQ(locate_ZEL_database(s.get(), s->suffixes, db), ZEL_RC_DIRECTORY_ERROR);
+    fault::reset();
+    fault::fail_call(Fn::Search, 1, LDAP_TIMEOUT);
+    EXPECT_EQ(locate_ZEL_database(s.get(), s->suffixes, db), ZEL_RC_DATABASE_NOT_FOUND);
+    EXPECT_EQ(fault::calls(Fn::Search)[0].filter, "(&(objectClass=eApplicationSystem)(systemName=ORVZEL))");
+}
+
+TEST_F(Resolve, PersonLookupsAndProfileParents) {
+    char person[1000];
+    EXPECT_EQ(locate_ePerson(s.get(), "bob", s->suffixes, person), 0u);
+    EXPECT_STREQ(person, "cn=Bob,o=b");
+    EXPECT_EQ(locate_ePerson(s.get(), "twin", s->suffixes, person), ZEL_RC_EPERSON_NOT_FOUND);
+    EXPECT_EQ(locate_ePerson(s.get(), std::string(700, 'x').c_str(), s->suffixes, person), ZEL_RC_INVALID_ARGUMENT)
+        << "a filter that would not fit is refused";
+
+    EXPECT_EQ(construct_ePersonDN_from_UP(s.get(), "cn=prof, uid=jo, o=acme", person), 0u);
+    EXPECT_STREQ(person, "uid=jo,o=acme");
+    EXPECT_EQ(construct_ePersonDN_from_UP(s.get(), "cn=alone", person), 0u);
+    EXPECT_STREQ(person, "");
+    EXPECT_EQ(construct_ePersonDN_from_UP(s.get(), "not a dn", person), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_TRUE(all_zero(person, sizeof person));
+}
+
+// What the session learnt, handed out as the caller's own copy: the suffixes
+// in the server's order, without the excluded names.
+TEST_F(Resolve, SessionInfoIsACopy) {
+    ZelSessionInfo *info = nullptr;
+    EXPECT_EQ(Zel_getSessionInfo(nullptr, &info), ZEL_RC_INVALID_HANDLE);
+    EXPECT_EQ(Zel_getSessionInfo(s.get(), nullptr), ZEL_RC_INVALID_ARGUMENT);
+    Zel_freeSessionInfo(nullptr);
+    ASSERT_EQ(Zel_getSessionInfo(s.get(), &info), 0u);
+    EXPECT_EQ(std::vector<std::string>(info->suffixes, info->suffixes + info->suffixCount),
+              (std::vector<std::string>{"o=a", "o=b"}));
+    EXPECT_NE(info->suffixes[0], s->suffixes->suffix) << "the caller gets copies";
+    EXPECT_EQ(info->apiVersion, 2u);
+    Zel_freeSessionInfo(info);
+}
 
 class Helpers : public SessionTest {
 protected:
@@ -29,13 +136,8 @@ TEST_F(Helpers, DeleteTreeRemovesChildrenFirst) {
     EXPECT_EQ(delete_tree(s.get(), "ou=leaf1,ou=left,ou=top,o=acme"), 0u);
     EXPECT_EQ(fault::count(Fn::Delete), 1) << "a leaf goes with one call";
 
-    fault::reset();
+    // A parent deleted before its children would be refused by the server.
     EXPECT_EQ(delete_tree(s.get(), "ou=top,o=acme"), 0u);
-    std::vector<std::string> order;
-    for (const auto &c : fault::calls(Fn::Delete))
-        if (c.result == LDAP_SUCCESS) order.push_back(c.dn);
-    ASSERT_EQ(order.size(), 4u);
-    EXPECT_EQ(order.back(), "ou=top,o=acme");
     EXPECT_FALSE(dir->exists("ou=top,o=acme"));
     EXPECT_TRUE(dir->exists("o=acme"));
 
@@ -59,31 +161,21 @@ TEST_F(Helpers, NovellMembershipEdits) {
     e = dir->entry(member);
     EXPECT_FALSE(e.has("securityEquals"));
     EXPECT_FALSE(e.has("groupMembership"));
-    auto mods = fault::calls(Fn::ModifyS).back().mods;
-    ASSERT_EQ(mods.size(), 2u);
-    EXPECT_EQ(mods[0].op, LDAP_MOD_DELETE);
-    EXPECT_TRUE(mods[0].values.empty());
-
-    each_allocation_fails("membership add", 0, [&] {
-        int modifies = fault::count(Fn::ModifyS);
-        ZelRC rc = internal_nds_member_add(s.get(), "cn=A,o=acme", member);
-        if (rc == ZEL_RC_NO_MEMORY) {
-            EXPECT_EQ(fault::count(Fn::ModifyS), modifies) << "no modify after a failed allocation";
-        }
-        return rc;
-    });
 }
 
-TEST(Locale, RoundTripAndRelease) {
+// The client keeps its own copy; each get hands out a fresh one.
+TEST(Locale, SetKeepsACopyAndEachGetHandsOutItsOwn) {
     Zel_memfree(nullptr);
-    char *before = Zel_get_locale();  // null until someone sets one
-    Zel_memfree(before);
-    EXPECT_EQ(Zel_set_locale("de_DE.UTF-8"), 0);
-    char *now = Zel_get_locale();
-    ASSERT_NE(now, nullptr);
-    EXPECT_STREQ(now, "de_DE.UTF-8");
-    Zel_memfree(now);
-    EXPECT_NE(Zel_set_locale(nullptr), 0);
+    char name[] = "de_DE.UTF-8";
+    ASSERT_EQ(Zel_set_locale(name), 0);
+    name[0] = 'X';
+    EXPECT_EQ(Zel_set_locale(nullptr), 89) << "and the setting stays";
+    char *first = Zel_get_locale(), *second = Zel_get_locale();
+    ASSERT_TRUE(first && second);
+    EXPECT_STREQ(first, "de_DE.UTF-8");
+    EXPECT_NE(first, second);
+    Zel_memfree(first);
+    Zel_memfree(second);
 }
 
 // Names and values compare ignoring case; the in-place ASCII comparison hands

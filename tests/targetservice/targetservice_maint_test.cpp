@@ -1,9 +1,11 @@
-// Adding and removing target services and their types in both storage forms.
+// Adding and removing target services and their types in both storage forms,
+// directly and through zelctl.
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "support/alloc_faults.h"
+#include "support/zelctl.h"
 #include "targetservice/ts_fixtures.h"
 
 namespace {
@@ -12,6 +14,7 @@ using namespace tstest;
 using zeltest::fault::Fn;
 namespace fault = zeltest::fault;
 using Values = std::vector<std::string>;
+using zeltest::zelctl;
 
 // A caller's record with its identifier pairs.
 struct Record {
@@ -36,22 +39,7 @@ std::string traced(ZelSession *s, const std::function<void()> &fn) {
     return testing::internal::GetCapturedStdout();
 }
 
-class TargetServiceV1Maint : public zeltest::DirectoryTest {
-protected:
-    void SetUp() override {
-        zeltest::DirectoryTest::SetUp();
-        dir->add(zeltest::database_ldif(dir->suffix()) + type_ldif(*dir, "Web", {"host", "port"}) +
-                 type_ldif(*dir, "Open", {}));
-        s = zeltest::open_session(*dir, 1);
-        ASSERT_TRUE(s);
-        // Locates the database, so the tests see only their own calls and traces.
-        ASSERT_EQ(Zel_removeTargetService(s.get(), "none"), ZEL_RC_TS_NOT_FOUND);
-        fault::reset();
-    }
-    zeltest::Session s;
-};
-
-TEST_F(TargetServiceV1Maint, ServiceIdentifiersMustMatchItsTypeAndFitTheirBuffer) {
+TEST_F(TargetServiceV1, ServiceIdentifiersMustMatchItsTypeAndFitTheirBuffer) {
     Record missing("a", "web", nullptr, {{"host", "h"}});
     Record other("b", "Web", nullptr, {{"host", "h"}, {"path", "/"}});
     Record extra("c", "Web", nullptr, {{"host", "h"}, {"port", "1"}, {"path", "/"}});
@@ -97,7 +85,7 @@ TEST_F(TargetServiceV1Maint, ServiceIdentifiersMustMatchItsTypeAndFitTheirBuffer
     EXPECT_EQ(dir->entry("tsName=svc," + type_dn(*dir, "Open")).first("reqidentifier"), "key=" + exact);
 }
 
-TEST_F(TargetServiceV1Maint, TypesAreAddedAndRemovedAsLeaves) {
+TEST_F(TargetServiceV1, TypesAreAddedAndRemovedAsLeaves) {
     std::vector<char *> names{const_cast<char *>("user"), const_cast<char *>("realm")};
     ZelTargetServiceType t{const_cast<char *>("Kerberos"), 2, names.data()};
     std::string out = traced(s.get(), [&] { EXPECT_EQ(Zel_addTargetServiceType(s.get(), &t), 0u); });
@@ -137,7 +125,7 @@ TEST_F(TargetServiceV1Maint, TypesAreAddedAndRemovedAsLeaves) {
 // Every allocation failure answers 1012, except one that hits an identifier
 // pair's modification: the remaining pairs are left out, the add goes on
 // with complete modifications only, and its result is the answer.
-TEST_F(TargetServiceV1Maint, AllocationFailuresAreReported) {
+TEST_F(TargetServiceV1, AllocationFailuresAreReported) {
     Record r("box", "Open", "Box", {{"a", "1"}, {"b", "2"}});
     // No add reaches the directory, so every round starts from the same tree.
     for (int n = 1; n <= 500; ++n) fault::fail_call(Fn::Add, n, LDAP_SUCCESS);
@@ -157,9 +145,7 @@ TEST_F(TargetServiceV1Maint, AllocationFailuresAreReported) {
     EXPECT_GT(pairs_left_out, 0);
 }
 
-class TargetServiceDomainMaint : public zeltest::DirectoryTest {};
-
-TEST_F(TargetServiceDomainMaint, WithoutDatabaseWritesIntoAnExistingContainerOnly) {
+TEST_F(TargetServiceDomain, WithoutDatabaseWritesIntoAnExistingContainerOnly) {
     auto s = zeltest::open_session(*dir, 2);
     auto v1 = zeltest::open_session(*dir, 1);
     ASSERT_TRUE(s && v1);
@@ -210,7 +196,7 @@ TEST_F(TargetServiceDomainMaint, WithoutDatabaseWritesIntoAnExistingContainerOnl
     EXPECT_EQ(fault::count(Fn::Add), 0);
 }
 
-TEST_F(TargetServiceDomainMaint, WithDatabaseAddsTheContainerAndChecksBothForms) {
+TEST_F(TargetServiceDomain, WithDatabaseAddsTheContainerAndChecksBothForms) {
     dir->add(zeltest::database_ldif(dir->suffix()) + type_ldif(*dir, "Web", {}) + service_ldif(*dir, "Web", "legacy"));
     auto s = zeltest::open_session(*dir, 2);
     ASSERT_TRUE(s);
@@ -235,6 +221,39 @@ TEST_F(TargetServiceDomainMaint, WithDatabaseAddsTheContainerAndChecksBothForms)
     EXPECT_FALSE(dir->exists("tsName=legacy," + type_dn(*dir, "Web")));
     // Types are entries of the database: a known database lets them go.
     EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "Web"), 0u);
+}
+
+TEST_F(TargetServiceDomain, ZelctlInBothStorageFormsAndUsageErrors) {
+    dir->add(zeltest::database_ldif(dir->suffix()) + resources_ldif(*dir));
+    zeltest::CommandResult r = zelctl(*dir, {"service-type", "add", "Web", "--id", "host"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "target service type Web added\n");
+    r = zelctl(*dir,
+               {"service", "add", "portal", "--type", "Web", "--description", "The portal", "--id", "host=p.acme"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = zelctl(*dir, {"--json", "service", "get", "portal"});
+    EXPECT_EQ(r.out, "{\"name\":\"portal\",\"type\":\"Web\",\"description\":\"The portal\","
+                     "\"identifiers\":[{\"name\":\"host\",\"value\":\"p.acme\"}]}\n");
+    EXPECT_EQ(zelctl(*dir, {"service", "list"}).out, "portal\tWeb\tThe portal\n");
+
+    r = zelctl(*dir, {"service", "add", "other", "--type", "Web"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "zelctl: cannot add target service other: " + std::string(Zel_strerror(ZEL_RC_CONFLICT)) +
+                         " (status 17)\n");
+    ASSERT_EQ(zelctl(*dir, {"service", "remove", "portal"}).status, 0);
+    r = zelctl(*dir, {"--json", "service-type", "remove", "Web"});
+    EXPECT_EQ(r.out, "{\"serviceType\":\"Web\",\"removed\":true}\n");
+
+    // A security domain session: an empty listing is no error.
+    EXPECT_EQ(zelctl(*dir, {"--json", "service", "list"}, "2").out, "[]\n");
+    ASSERT_EQ(zelctl(*dir, {"service", "add", "site", "--type", "Web Resource"}, "2").status, 0);
+    EXPECT_EQ(zelctl(*dir, {"--json", "service", "list"}, "2").out,
+              "[{\"name\":\"site\",\"type\":\"Web Resource\",\"description\":null,\"identifiers\":[]}]\n");
+
+    EXPECT_EQ(zelctl(*dir, {"service", "add", "x"}).status, 2) << "the type is required";
+    EXPECT_EQ(zelctl(*dir, {"service", "add", "x", "--type", "Web Resource", "--description"}).status, 2);
+    EXPECT_EQ(zelctl(*dir, {"service", "add", "x", "--type", "Web Resource", "--id", "novalue"}).status, 2);
+    EXPECT_EQ(zelctl(*dir, {"service", "rename", "site"}).status, 2);
 }
 
 }  // namespace

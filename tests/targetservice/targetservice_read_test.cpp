@@ -32,29 +32,7 @@ std::map<std::string, const ZelTargetService *> by_name(const ZelTargetServiceLi
     return out;
 }
 
-// A non-null output, to see that a failing call clears it.
-template <class T>
-T *stale() {
-    static char junk[64];
-    return reinterpret_cast<T *>(junk);
-}
-
-class TargetServiceV1Read : public zeltest::DirectoryTest {
-protected:
-    void SetUp() override {
-        zeltest::DirectoryTest::SetUp();
-        dir->add(zeltest::database_ldif(dir->suffix()) + type_ldif(*dir, "Web", {"host"}) +
-                 type_ldif(*dir, "Host", {}) + service_ldif(*dir, "Web", "portal", "The portal", {"host=portal.acme"}) +
-                 service_ldif(*dir, "Host", "mainframe") + service_ldif(*dir, "Host", "twin") +
-                 service_ldif(*dir, "Web", "twin") +
-                 service_ldif(*dir, "Web", "odd", "", {"plain=value", "==lead==double", "name=first=second", "alone"}));
-        s = zeltest::open_session(*dir, 1);
-        ASSERT_TRUE(s);
-    }
-    zeltest::Session s;
-};
-
-TEST_F(TargetServiceV1Read, ListsAndGetsRecords) {
+TEST_F(TargetServiceV1, ListsAndGetsRecords) {
     ZelTargetServiceList *raw = nullptr;
     ASSERT_EQ(Zel_getAllTargetService(s.get(), &raw), 0u);
     List list(raw);
@@ -72,28 +50,23 @@ TEST_F(TargetServiceV1Read, ListsAndGetsRecords) {
     ASSERT_EQ(Zel_getTargetService(s.get(), "odd", &one), 0u);
     EXPECT_EQ(fields(Service(one).get()), "odd|Web|(null)|plain=value|lead=double|name=first|alone=(null)");
 
-    // One name below two types is ambiguous.
+    // One name below two types is ambiguous.  (That a failure hands nothing
+    // out is the torture runner's.)
     fault::reset();
-    one = stale<ZelTargetService>();
     EXPECT_EQ(Zel_getTargetService(s.get(), "twin", &one), ZEL_RC_TS_NOT_FOUND);
-    EXPECT_EQ(one, nullptr);
     ASSERT_EQ(fault::count(Fn::Search), 1);
     EXPECT_EQ(fault::calls(Fn::Search)[0].filter, "(&(objectClass=eTargetService)(tsName=twin))");
     EXPECT_EQ(fault::calls(Fn::Search)[0].sizelimit, 2);
 
-    EXPECT_EQ(Zel_getTargetService(s.get(), "nothing", &one), ZEL_RC_TS_NOT_FOUND);
     EXPECT_EQ(Zel_getTargetService(s.get(), nullptr, &one), ZEL_RC_INVALID_ARGUMENT);
     EXPECT_EQ(Zel_getAllTargetService(s.get(), nullptr), ZEL_RC_INVALID_ARGUMENT);
 }
 
-class TargetServiceDomainRead : public zeltest::DirectoryTest {};
-
-TEST_F(TargetServiceDomainRead, ListsResourcesAndReadsAMissingContainerAsEmpty) {
+TEST_F(TargetServiceDomain, ListsResourcesAndReadsAMissingContainerAsEmpty) {
     auto s = zeltest::open_session(*dir, 2);
     ASSERT_TRUE(s);
-    ZelTargetServiceList *raw = stale<ZelTargetServiceList>();
+    ZelTargetServiceList *raw = nullptr;
     EXPECT_EQ(Zel_getAllTargetService(s.get(), &raw), ZEL_RC_TS_NOT_FOUND);
-    EXPECT_EQ(raw, nullptr);
     dir->add(resources_ldif(*dir));
     EXPECT_EQ(Zel_getAllTargetService(s.get(), &raw), ZEL_RC_TS_NOT_FOUND);
 
@@ -112,7 +85,7 @@ TEST_F(TargetServiceDomainRead, ListsResourcesAndReadsAMissingContainerAsEmpty) 
     EXPECT_EQ(fault::calls(Fn::Search)[0].filter, "(objectClass=secResource)");
 }
 
-TEST_F(TargetServiceDomainRead, KnownDatabaseAddsFirstGenerationEntries) {
+TEST_F(TargetServiceDomain, KnownDatabaseAddsFirstGenerationEntries) {
     dir->add(zeltest::database_ldif(dir->suffix()) + type_ldif(*dir, "Web", {}) +
              service_ldif(*dir, "Web", "legacy", "Old", {"url=http://old"}));
     auto s = zeltest::open_session(*dir, 2);

@@ -48,5 +48,29 @@ inline std::vector<std::vector<std::string>> sent_values(const zeltest::fault::C
     return out;
 }
 
+// A first-generation session on a Zel database with the service types Web
+// (identifiers host and port), Host and Open (none), and services below Web
+// and Host; the calls made on the way are cleared from the record.
+class TargetServiceV1 : public zeltest::DirectoryTest {
+protected:
+    void SetUp() override {
+        zeltest::DirectoryTest::SetUp();
+        dir->add(zeltest::database_ldif(dir->suffix()) + type_ldif(*dir, "Web", {"host", "port"}) +
+                 type_ldif(*dir, "Host", {}) + type_ldif(*dir, "Open", {}) +
+                 service_ldif(*dir, "Web", "portal", "The portal", {"host=portal.acme"}) +
+                 service_ldif(*dir, "Host", "mainframe") + service_ldif(*dir, "Host", "twin") +
+                 service_ldif(*dir, "Web", "twin") +
+                 service_ldif(*dir, "Web", "odd", "", {"plain=value", "==lead==double", "name=first=second", "alone"}));
+        s = zeltest::open_session(*dir, 1);
+        ASSERT_TRUE(s);
+        // Locates the database, so the tests see only their own calls and traces.
+        ASSERT_EQ(Zel_removeTargetService(s.get(), "none"), ZEL_RC_TS_NOT_FOUND);
+        zeltest::fault::reset();
+    }
+    zeltest::Session s;
+};
+
+// A fresh directory for the security domain cases, which seed what they need.
+class TargetServiceDomain : public zeltest::DirectoryTest {};
 
 }  // namespace tstest

@@ -1,8 +1,7 @@
 // zelctl user list and the bash completion that reads names through it.
-#include <sys/stat.h>
+#include <sstream>
 
-#include <fstream>
-
+#include "support/key_files.h"
 #include "support/zelctl.h"
 #include "user/user_fixture.h"
 
@@ -34,9 +33,7 @@ TEST_F(UserTest, UserListFeedsCompletionOfUserNames) {
     EXPECT_EQ(r.out, "[{\"name\":\"ann\",\"type\":null,\"enabled\":false,\"person\":\"" + kAnn +
                          "\"},{\"name\":\"jo\",\"type\":\"User\",\"enabled\":true,\"person\":\"" + kJo + "\"}]\n");
 
-    std::string pwfile = make_temp_dir("completion") + "/pw";
-    std::ofstream(pwfile) << Directory::admin_password();
-    chmod(pwfile.c_str(), 0600);
+    const std::string pwfile = key_file(Directory::admin_password());
     EXPECT_EQ(complete(*dir, pwfile, "user remove"), (std::vector<std::string>{"ann", "jo"}));
     EXPECT_EQ(complete(*dir, pwfile, "--api-version 1 user remove"), (std::vector<std::string>{"jo"}));
     EXPECT_EQ(complete(*dir, "/nonexistent", "user remove"), std::vector<std::string>{})

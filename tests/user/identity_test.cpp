@@ -66,9 +66,7 @@ TEST_F(Identity, ProfileStateAndTheOrderOfTheStorageForms) {
 
     open(2);
     EXPECT_EQ(verify_user(s.get(), kJo, 2).first, 0u);
-    searches = fault::calls(Fn::Search);
-    ASSERT_EQ(searches.size(), 1u) << "mode 2 makes no fallback search";
-    EXPECT_EQ(searches[0].filter, "(&(objectClass=secUser)(secDN=" + kJo + ")(secAuthority=Default:))");
+    EXPECT_EQ(fault::count(Fn::Search), 1) << "mode 2 makes no fallback search";
 
     fault::reset();
     EXPECT_EQ(verify_user(s.get(), kJo, 0), std::make_pair(1u, "cn=jo," + kJo));
@@ -86,12 +84,17 @@ TEST_F(Identity, PrincipalsResolveThroughRealmsAliasesAndMappedIdentities) {
     dir->modify(kKerberos);
     open(2);
 
-    EXPECT_EQ(principal("ann@ACME.COM"), 0u);
-    EXPECT_STREQ(dn, kAnn.c_str());
-    EXPECT_EQ(principal("jo@ACME.COM"), 0u);
-    EXPECT_STREQ(dn, kJo.c_str()) << "an alias stands for the entry it names";
-    EXPECT_EQ(principal("max@OTHER.NET"), 0u);
-    EXPECT_STREQ(dn, kMax.c_str()) << "no realm entry: mapped identity";
+    // The person's DN, or the status.
+    auto resolved = [&](const std::string &name) {
+        ZelRC rc = principal(name.c_str());
+        return rc ? "status " + std::to_string(rc) : std::string(dn);
+    };
+    // jo's entry is an alias; OTHER.NET has no realm entry: Max's mapped identity.
+    EXPECT_EQ((std::vector<std::string>{resolved("ann@ACME.COM"), resolved("jo@ACME.COM"), resolved("max@OTHER.NET"),
+                                        resolved("nobody@ACME.COM"), resolved("nobody@NOWHERE.NET"), resolved("@"),
+                                        resolved("@@"), resolved(std::string(700, 'a') + "@ACME.COM")}),
+              (std::vector<std::string>{kAnn, kJo, kMax, "status 28", "status 28", "status 1005", "status 1005",
+                                        "status 1005"}));  // the last: a filter that would not fit
 
     fault::reset();
     EXPECT_EQ(principal("@@ann@@ACME.COM@rest"), ZEL_RC_EPERSON_NOT_FOUND)
@@ -101,12 +104,6 @@ TEST_F(Identity, PrincipalsResolveThroughRealmsAliasesAndMappedIdentities) {
     fault::reset();
     EXPECT_EQ(principal("nobody@EMPTY.ORG"), ZEL_RC_EPERSON_NOT_FOUND) << "realm without principal subtrees";
     EXPECT_EQ(fault::count(Fn::Search), 1) << "nothing is searched beyond the realm";
-    EXPECT_EQ(principal("nobody@ACME.COM"), ZEL_RC_EPERSON_NOT_FOUND);
-    EXPECT_EQ(principal("nobody@NOWHERE.NET"), ZEL_RC_EPERSON_NOT_FOUND);
-    EXPECT_EQ(principal("@"), ZEL_RC_INVALID_ARGUMENT);
-    EXPECT_EQ(principal("@@"), ZEL_RC_INVALID_ARGUMENT);
-    EXPECT_EQ(principal(std::string(700, 'a').append("@ACME.COM").c_str()), ZEL_RC_INVALID_ARGUMENT)
-        << "a filter that would not fit is refused";
 
     each_allocation_fails("principal", 0, [&] {
         ZelRC rc = principal("jo@ACME.COM");

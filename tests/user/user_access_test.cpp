@@ -98,7 +98,6 @@ std::string case_name(const ::testing::TestParamInfo<AccessCase> &info) {
     return name + "_" + std::to_string(info.index);
 }
 
-using NetscapeUsers = SeededAs<Kind::Netscape>;
 using EDirectoryUsers = SeededAs<Kind::EDirectory>;
 using ActiveDirectoryUsers = SeededAs<Kind::ActiveDirectory>;
 
@@ -157,12 +156,4 @@ TEST_F(ActiveDirectoryUsers, RemovalLeavesTheAccessGroupsAlone) {
     ASSERT_EQ(Zel_removeZelUser(s.get(), "jo"), 0u);
     EXPECT_FALSE(dir->exists(kProfile));
     EXPECT_EQ(members("Users"), Strings{kJo});
-}
-
-// The profile's two ACI modifications reach the entry as one attribute.
-TEST_F(NetscapeUsers, ProfileWithBothAciModificationsIsAdded) {
-    open(1);
-    ZelUser jo = user_record("jo", "User", kJo);
-    ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
-    EXPECT_EQ(dir->entry(kProfile).values("aci").size(), 5u);
 }
