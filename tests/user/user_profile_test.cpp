@@ -54,19 +54,6 @@ TEST_F(UserTest, FirstGenerationProfilesAndGroupsFollowTheUserType) {
     EXPECT_EQ(dir->entry("cn=other," + kJo).first("userState"), "Active");
 }
 
-// Input that would outgrow a fixed size is refused before anything is
-// written: no membership is left behind by a profile that cannot exist.
-TEST_F(UserTest, OversizedNamesWriteNothing) {
-    const std::string long_name(990, 'j');
-    for (uint32_t version : {1u, 2u}) {
-        open(version);
-        ZelUser jo = user_record(long_name.c_str(), "User", kJo);
-        EXPECT_EQ(Zel_addZelUser(s.get(), &jo), ZEL_RC_INVALID_ARGUMENT) << version;
-        EXPECT_EQ(fault::count(Fn::Modify) + fault::count(Fn::Add), 0) << version;
-    }
-    EXPECT_TRUE(members("Users").empty());
-}
-
 // Without a Zel database a first-generation profile cannot exist.
 TEST(UserWithoutDatabase, RemovalAnswersUserNotFound) {
     Directory dir;
