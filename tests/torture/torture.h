@@ -1,7 +1,8 @@
 // One runner that puts a public call through every failure it can meet:
 // each allocation in turn, and each directory call of each kind in turn
 // answering "server down" or a refusal.  A faulted run must answer a status
-// the call documents, hand nothing out, and (sanitizer build) leak nothing.
+// the call documents, hand nothing out, and (sanitizer build) leak nothing;
+// a failed look-up ahead of the first write must stop the call writing.
 #pragma once
 
 #include <gtest/gtest.h>
