@@ -24,6 +24,9 @@ def test_a_day_at_the_console(console, browser):
     assert SCRIPT in text(browser) and browser.driver.title != "owned"
     assert "&lt;script&gt;" in browser.driver.page_source
     browser.fill("/services/add", name="office", type="Resource Group", description="Office")
+    browser.open("/services/edit?name=wiki")
+    browser.fill("/services/edit", description="Team wiki")
+    assert "Team wiki" in text(browser) and SCRIPT not in text(browser)
 
     browser.open("/groups")
     browser.fill("/groups/add", name="office", description="Office tools")
@@ -50,8 +53,11 @@ def test_a_day_at_the_console(console, browser):
     browser.fill("/credential", user="ann", resource="mail")
     assert any("ZEL_RC_TR_NOT_FOUND" in n for n in browser.notices())
 
-    # Only the explicit action shows the password, and only on its own answer.
+    # An update with the password left empty keeps the stored one.
     browser.open("/records?user=ann")
+    browser.fill("/records/update", account="ann.o2")
+    assert "Record G:office updated." in browser.notices()
+    # Only the explicit action shows the password, and only on its own answer.
     browser.fill("/records/reveal")
     assert browser.driver.find_element(By.ID, "revealed").text == RECORD_PASSWORD
     browser.open("/records?user=ann")

@@ -113,12 +113,14 @@ def create_app(uri: str, *, ca_file: Optional[str] = None, domain: str = "Defaul
                     raise zelmgmt.Error(1004, "cannot sign in")
             zel = zelmgmt.Session(uri, dn, password=password, domain=domain, ca_file=ca_file)
         except zelmgmt.Error as e:
-            log.info("sign-in of %r from %s refused: status %d", login, request.remote_addr, e.status)
+            # Not the text typed as the login: a password typed into the wrong field must not reach the log.
+            log.info("sign-in from %s refused: status %d", request.remote_addr, e.status)
             notice("error", str(e))
             return render_template("signin.html", login=login), 401
         finally:
             password = None
-        store.end(g.console)  # a new key at sign-in: a key known before it is worth nothing after
+        with g.console.lock:  # a new key at sign-in: a key known before it is worth nothing after
+            store.end(g.console)
         g.console = store.start(zel, dn)
         g.new_key = g.console.key
         log.info("signed in: %r from %s", dn, request.remote_addr)
