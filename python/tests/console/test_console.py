@@ -2,6 +2,8 @@
 import pytest
 from selenium.webdriver.common.by import By
 
+import zelmgmt
+
 from zelmgmt.console.sessions import SessionStore
 
 SCRIPT = "<script>document.title='owned'</script>"
@@ -100,18 +102,13 @@ def test_sign_in(console, browser, login, password, signed_in, shown):
     assert browser.driver.current_url.endswith("/signin") != signed_in
 
 
-def test_idle_sessions_end_and_close_their_directory_session():
+def test_idle_sessions_end_and_close_their_directory_session(console):
+    d = console.directory
     now = [0.0]
     store = SessionStore(idle_seconds=15 * 60, clock=lambda: now[0])
-
-    class Zel:
-        closed = False
-
-        def close(self):
-            self.closed = True
-    zel = Zel()
-    s = store.start(zel, "cn=x")
+    zel = zelmgmt.Session(d.uri, d.admin, password=d.admin_password)
+    s = store.start(zel, d.admin)
     now[0] += 15 * 60 - 1
     assert store.get(s.key) is s  # use restarts the idle clock
     now[0] += 15 * 60 + 1
-    assert store.get(s.key) is None and zel.closed
+    assert store.get(s.key) is None and "closed" in repr(zel)
