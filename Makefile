@@ -8,7 +8,7 @@ FUZZ_TIME  ?= 600
 FUZZ_TARGETS = filter dn decode keyfile hosts split
 JOBS       ?= $(shell nproc)
 
-.PHONY: all deps build build-asan tsan build-fuzz fuzz fuzz-smoke test demo bench bench-deps bench-instructions clean
+.PHONY: all deps build build-asan tsan build-fuzz fuzz fuzz-smoke test demo console bench bench-deps bench-instructions clean
 
 all: build
 
@@ -59,6 +59,11 @@ test: build build-asan
 # The main job against a private directory it starts and stops itself.
 demo: build
 	bash scripts/demo.sh $(BUILD)
+
+# The web console on 127.0.0.1 (CONSOLE_PORT, default 8080) over a private
+# directory with sample data; Ctrl-C stops both.
+console: build
+	bash scripts/console.sh $(BUILD)
 
 # Timings of the read paths against raw searches, per directory size
 # (BENCH_SIZES, default 1000 10000 100000).  Not part of make test.

@@ -8,69 +8,9 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 zelctl="$here/$build/tools/zelctl/zelctl"
 [ -x "$zelctl" ] || { echo "demo: build first (make demo does)" >&2; exit 1; }
 
-work=$(mktemp -d /tmp/zeldemo-XXXXXX)
-pid=""
-cleanup() {
-  [ -n "$pid" ] && kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
-suffix="o=example"
-admin="cn=Manager,$suffix"
-password="demo-secret"
-mkdir -p "$work/db"
-cat > "$work/slapd.conf" <<CONF
-include /etc/ldap/schema/core.schema
-include /etc/ldap/schema/cosine.schema
-include /etc/ldap/schema/inetorgperson.schema
-include $here/schema/zel.schema
-pidfile $work/slapd.pid
-modulepath /usr/lib/ldap
-moduleload back_mdb
-database mdb
-suffix "$suffix"
-rootdn "$admin"
-rootpw $password
-directory $work/db
-maxsize 33554432
-include $here/schema/zel-indexes.conf
-CONF
-
-echo "== starting a private directory on 127.0.0.1:$port"
-slapd -f "$work/slapd.conf" -h "ldap://127.0.0.1:$port/" -d 0 >"$work/slapd.log" 2>&1 &
-pid=$!
-for _ in $(seq 200); do
-  ldapsearch -x -H "ldap://127.0.0.1:$port" -b "" -s base >/dev/null 2>&1 && break
-  kill -0 "$pid" 2>/dev/null || { cat "$work/slapd.log" >&2; exit 1; }
-  sleep 0.05
-done
-
-# The password goes to the tools in a file (no newline: ldapadd -y reads it
-# whole), never on a command line.
-pwfile="$work/password"
-( umask 077; printf '%s' "$password" > "$pwfile" )
-ldap() { LDAPNOINIT=1 "$@" -x -H "ldap://127.0.0.1:$port" -D "$admin" -y "$pwfile"; }
+# shellcheck source=scripts/private-directory.sh
+. "$here/scripts/private-directory.sh"
 dns() { ldap ldapsearch -LLL -o ldif-wrap=no -b "$suffix" dn | sed -n 's/^dn: //p' | sort; }
-
-# Only the suffix and the security domain with its users' container: the
-# domain belongs to the access-control product, not to the Zel library.
-# Everything of the Zel database is written through zelctl.
-ldap ldapadd >/dev/null <<LDIF
-dn: $suffix
-objectClass: organization
-o: example
-
-dn: secAuthority=Default,$suffix
-objectClass: secAuthorityInfo
-secAuthority: Default
-version: 6
-
-dn: cn=Users,secAuthority=Default,$suffix
-objectClass: container
-cn: Users
-LDIF
 z() { printf '$ zelctl'; printf ' %q' "$@"; echo; "$zelctl" -H "ldap://127.0.0.1:$port" -D "$admin" -y "$pwfile" "$@"; }
 
 echo "== the directory before: the suffix and the security domain"

@@ -5,6 +5,8 @@ set -euo pipefail
 packages=(cmake g++ make pkg-config libldap-dev libsasl2-dev libicu-dev libsodium-dev
           slapd ldap-utils openssl libgtest-dev libbenchmark-dev groff-base
           python3 python3-pytest clang libclang-rt-14-dev
+          # the web console, and the headless browser its tests drive
+          python3-flask python3-waitress python3-selenium chromium chromium-driver fonts-dejavu-core
           # the peer directories the tests run against: 389 Directory Server,
           # and an MIT Kerberos realm for GSSAPI sign-on
           389-ds-base krb5-kdc krb5-user krb5-admin-server libsasl2-modules-gssapi-mit)

@@ -1,5 +1,6 @@
 """A private slapd for the binding's tests, started the way the C tests start
 theirs: a temp folder, a free loopback port, the Zel schema, seeded LDIF."""
+import contextlib
 import os
 import shutil
 import socket
@@ -14,6 +15,7 @@ SOURCE = Path(os.environ.get("ZEL_SOURCE_DIR", Path(__file__).resolve().parents[
 SUFFIX = "o=example"
 ADMIN = f"cn=Manager,{SUFFIX}"
 ADMIN_PASSWORD = "py-secret"
+ANN_PASSWORD = "ann-secret"
 
 SEED = f"""dn: {SUFFIX}
 objectClass: organization
@@ -42,6 +44,7 @@ objectClass: ePerson
 cn: Ann
 sn: Lee
 uid: ann
+userPassword: {ANN_PASSWORD}
 """
 
 
@@ -52,6 +55,8 @@ def _free_port():
 
 
 class Directory:
+    suffix, admin, admin_password, ann_password = SUFFIX, ADMIN, ADMIN_PASSWORD, ANN_PASSWORD
+
     def __init__(self, work: Path):
         self.work = work
         self.port = _free_port()
@@ -90,8 +95,8 @@ class Directory:
         self.proc.wait()
 
 
-@pytest.fixture
-def directory():
+@contextlib.contextmanager
+def private_directory():
     work = Path(tempfile.mkdtemp(prefix="zelpy-"))
     d = Directory(work)
     try:
@@ -99,3 +104,16 @@ def directory():
     finally:
         d.stop()
         shutil.rmtree(work, ignore_errors=True)
+
+
+@pytest.fixture
+def directory():
+    with private_directory() as d:
+        yield d
+
+
+@pytest.fixture(scope="module")
+def module_directory():
+    """One directory for a module whose tests build on each other's data."""
+    with private_directory() as d:
+        yield d

@@ -1,0 +1,109 @@
+"""The console as a person meets it: `python3 -m zelmgmt.console` served by
+waitress on a free loopback port, over the module's private directory, and
+a headless Chromium driving it."""
+import os
+import subprocess
+import sys
+import tempfile
+import urllib.parse
+import urllib.request
+from pathlib import Path
+
+import pytest
+from selenium import webdriver
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+from selenium.webdriver.support import expected_conditions
+from selenium.webdriver.support.ui import WebDriverWait
+
+
+class Console:
+    def __init__(self, directory):
+        self.directory = directory
+        self.log_file = tempfile.TemporaryFile(mode="w+")
+        self.proc = subprocess.Popen(
+            [sys.executable, "-m", "zelmgmt.console", "--uri", directory.uri, "--port", "0"],
+            stdout=subprocess.PIPE, stderr=self.log_file, text=True)
+        line = self.proc.stdout.readline()
+        if "serving" not in line:
+            self.stop()
+            raise RuntimeError("the console did not start: " + self.log())
+        self.url = line.split("serving ", 1)[1].strip().rstrip("/")
+
+    def log(self) -> str:
+        self.log_file.seek(0)
+        return self.log_file.read()
+
+    def post(self, path, fields, cookie=None):
+        """A form sent outside the browser: (status, body)."""
+        req = urllib.request.Request(self.url + path, data=urllib.parse.urlencode(fields).encode())
+        if cookie:
+            req.add_header("Cookie", cookie)
+        try:
+            with urllib.request.urlopen(req) as r:
+                return r.status, r.read().decode()
+        except urllib.error.HTTPError as e:
+            return e.code, e.read().decode()
+
+    def stop(self):
+        self.proc.terminate()
+        self.proc.wait(timeout=10)
+
+
+@pytest.fixture(scope="module")
+def console(module_directory):
+    c = Console(module_directory)
+    yield c
+    c.stop()
+
+
+class Browser:
+    def __init__(self, console):
+        options = webdriver.ChromeOptions()
+        options.binary_location = "/usr/bin/chromium"
+        for arg in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--window-size=1100,760"):
+            options.add_argument(arg)
+        self.console = console
+        self.driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+
+    def open(self, path):
+        self.driver.get(self.console.url + path)
+
+    def fill(self, form_action, **fields):
+        """Fills the form posting to `form_action` and sends it."""
+        form = self.driver.find_element(By.CSS_SELECTOR, f'form[action="{form_action}"]')
+        for name, value in fields.items():
+            element = form.find_element(By.NAME, name)
+            if element.tag_name == "select":
+                element.find_element(By.XPATH, f'.//option[normalize-space()="{value}" or @value="{value}"]').click()
+            else:
+                element.clear()
+                element.send_keys(value)
+        page = self.driver.find_element(By.TAG_NAME, "html")
+        form.find_element(By.CSS_SELECTOR, "button[type=submit]").click()
+        WebDriverWait(self.driver, 30).until(expected_conditions.staleness_of(page))
+
+    def sign_in(self, login, password):
+        self.driver.delete_all_cookies()
+        self.open("/signin")
+        self.fill("/signin", login=login, password=password)
+
+    def notices(self):
+        return [e.text for e in self.driver.find_elements(By.CSS_SELECTOR, ".notice")]
+
+    def cookie(self):
+        c = self.driver.get_cookie("zelconsole")
+        return f"zelconsole={c['value']}" if c else None
+
+    def shoot(self, name):
+        """Screenshots for the README, when ZEL_CONSOLE_SCREENSHOTS names a folder."""
+        folder = os.environ.get("ZEL_CONSOLE_SCREENSHOTS")
+        if folder:
+            self.driver.save_screenshot(str(Path(folder) / f"console-{name}.png"))
+
+
+@pytest.fixture(scope="module")
+def browser(console):
+    b = Browser(console)
+    yield b
+    b.driver.quit()
