@@ -34,8 +34,9 @@ ZelRC form_credential_query(const ZelSession *s, const char *resource, Credentia
                               (s->domain_dn ? s->domain_dn : "");
     if (resource_dn.size() >= kDnSize) return ZEL_RC_INVALID_ARGUMENT;
     q.member_filter = "(member=" + plat::escape_filter_value(resource_dn) + ")";
+    q.id_assertion = plat::escape_filter_value(q.credential_id);
     q.location_filter = std::string("(&(") + "objectClass" + "=" + "eZelDomain" + ")(" + "targetLocation" + "=" +
-                        plat::escape_filter_value(q.credential_id) + "))";
+                        q.id_assertion + "))";
     if (q.member_filter.size() >= kFilterSize || q.location_filter.size() >= kFilterSize)
         return ZEL_RC_INVALID_ARGUMENT;
     return 0;
@@ -48,18 +49,39 @@ void clear_credential(ZelCredential *out) {
     out->userId = out->password = nullptr;
 }
 
+namespace {
+
+enum class CredentialField { None, Account, Password, SecretKey };
+
+// What an attribute of the answering record fills.  Every read walks all of
+// the record's attributes: the name's length picks the one name worth
+// comparing.
+CredentialField field_of(const char *attr) {
+    switch (std::strlen(attr)) {
+    case 3: return same_text(attr, "uid") ? CredentialField::Account : CredentialField::None;
+    case 6: return same_text(attr, "secUid") ? CredentialField::Account : CredentialField::None;
+    case 9: return same_text(attr, "secretKey") ? CredentialField::SecretKey : CredentialField::None;
+    case 12: return same_text(attr, "secAuthnData") ? CredentialField::Password : CredentialField::None;
+    case 13: return same_text(attr, "principalName") ? CredentialField::Account : CredentialField::None;
+    default: return CredentialField::None;
+    }
+}
+
+}  // namespace
+
 ZelRC read_credential(ZelSession *s, LDAPMessage *entry, ZelCredential *out) {
     ZelRC rc = walk_attributes(s->ld, entry, [&](const char *attr, char **, struct berval **values) -> ZelRC {
-        bool secret_key = same_text(attr, "secretKey");
-        bool secret = secret_key || same_text(attr, "secAuthnData");
-        bool account = same_text(attr, "uid") || same_text(attr, "principalName") || same_text(attr, "secUid");
-        for (struct berval **v = values; *v && (secret || account); ++v) {
+        const CredentialField field = field_of(attr);
+        if (field == CredentialField::None) return 0;
+        const bool account = field == CredentialField::Account;
+        const bool as_stored = account || (field == CredentialField::SecretKey && clear_secret_key(s));
+        for (struct berval **v = values; *v; ++v) {
             char *text = nullptr;
-            if (ZelRC rc = clear_password(s, *v, account || (secret_key && clear_secret_key(s)), text)) return rc;
-            char *&field = account ? out->userId : out->password;
-            if (!account && field) std::memset(field, 0, std::strlen(field));
-            std::free(field);
-            field = text;
+            if (ZelRC rc = clear_password(s, *v, as_stored, text)) return rc;
+            char *&target = account ? out->userId : out->password;
+            if (!account && target) std::memset(target, 0, std::strlen(target));
+            std::free(target);
+            target = text;
         }
         return 0;
     });

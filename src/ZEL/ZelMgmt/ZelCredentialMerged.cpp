@@ -5,6 +5,8 @@
 // first generation; then the first group record, in directory order, whose
 // group holds the resource.  Group records come from the session's form, or
 // from the first generation when the user has none there.
+#include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <vector>
 
@@ -26,6 +28,7 @@ using ParsedDn = std::unique_ptr<LDAPRDN, DnFree>;
 using Rdns = std::vector<std::pair<std::string, std::string>>;
 bool split_dn(const char *dn, Rdns &out) {
     out.clear();
+    out.reserve(8);
     LDAPDN raw = nullptr;
     if (ldap_str2dn(dn, &raw, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) return false;
     ParsedDn parsed(raw);
@@ -68,7 +71,7 @@ ZelRC search_form_records(ZelSession *s, const std::string &user_dn, int32_t mod
                           FormRecords &out) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "locate_ZEL_TR", rc);
-    const std::string id = plat::escape_filter_value(q.credential_id);
+    const std::string &id = q.id_assertion;
     const std::string filter = mode == zel::kFirstGenerationMode
                                    ? "(&(objectClass=eTargetRecord)(|(cn=" + id + ")(cn=G:*)))"
                                    : "(|(secResCredsID=" + id + ")(secResCredsID=G:*))";
@@ -89,25 +92,28 @@ ZelRC search_form_records(ZelSession *s, const std::string &user_dn, int32_t mod
 struct FormAsk {
     int32_t mode = 0;
     Rdns container;
+    std::string container_dn;
     const char *naming = nullptr;     // the groups' naming attribute
     std::string filter;               // holds the resource and is one of the candidates
-    std::vector<bool> fits;           // whether the group's DN fits a DN buffer
-    std::vector<bool> held;
+    std::vector<unsigned char> fits;  // whether the group's DN fits a DN buffer
+    std::vector<unsigned char> held;
     bool needed = false;
 };
 
+// `in_dn`: each group's name escaped for a DN, measured against the limit.
 void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const char *naming,
-                 const std::string &holds, const std::vector<std::string> &groups) {
+                 const std::string &holds, const std::vector<std::string> &groups,
+                 const std::vector<std::string> &in_dn) {
     ask.mode = mode;
     ask.naming = naming;
+    ask.container_dn = container;
     ask.needed = split_dn(container.c_str(), ask.container);
     ask.fits.assign(groups.size(), false);
     ask.held.assign(groups.size(), false);
     std::string any;
     for (size_t i = 0; i < groups.size(); ++i) {
         if (groups[i].empty()) continue;
-        std::string base = std::string(naming) + "=" + plat::escape_dn_value(groups[i]) + "," + container;
-        if (!(ask.fits[i] = base.size() < zel::kDnSize)) continue;
+        if (!(ask.fits[i] = std::strlen(naming) + 1 + in_dn[i].size() + 1 + container.size() < zel::kDnSize)) continue;
         any += std::string("(") + naming + "=" + plat::escape_filter_value(groups[i]) + ")";
     }
     ask.needed = ask.needed && !any.empty();
@@ -130,8 +136,12 @@ std::string common_base(const Rdns &a, const Rdns &b) {
            zel::same_text(a[a.size() - 1 - n].second.c_str(), b[b.size() - 1 - n].second.c_str()))
         ++n;
     std::string base;
-    for (size_t i = a.size() - n; i < a.size(); ++i)
-        base += (base.empty() ? "" : ",") + a[i].first + "=" + plat::escape_dn_value(a[i].second);
+    for (size_t i = a.size() - n; i < a.size(); ++i) {
+        const std::string &v = a[i].second;
+        bool plain = !v.empty() && v.front() != ' ' && v.back() != ' ' &&
+                     std::all_of(v.begin(), v.end(), [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == ' '; });
+        base += (base.empty() ? "" : ",") + a[i].first + "=" + (plain ? v : plat::escape_dn_value(v));
+    }
     return base;
 }
 
@@ -152,8 +162,7 @@ ZelRC ask_groups(ZelSession *s, std::vector<FormAsk *> asks, const std::vector<s
         if (ZelRC rc = ask_groups(s, {needed[0]}, groups)) return rc;
         return ask_groups(s, {needed[1]}, groups);
     } else {
-        Rdns &c = needed[0]->container;
-        for (const auto &rdn : c) base += (base.empty() ? "" : ",") + rdn.first + "=" + plat::escape_dn_value(rdn.second);
+        base = needed[0]->container_dn;
         filter = needed[0]->filter;
     }
     char *attrs[] = {const_cast<char *>(LDAP_NO_ATTRS), nullptr};
@@ -175,11 +184,12 @@ ZelRC ask_groups(ZelSession *s, std::vector<FormAsk *> asks, const std::vector<s
 // database's group of that name; first-generation records at the latter.
 ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, FormRecords &records,
                        LDAPMessage *&answer, CredentialTrail *trail) {
-    std::vector<std::string> groups(records.groups.size());
+    std::vector<std::string> groups(records.groups.size()), in_dn(groups.size());
     for (size_t i = 0; i < groups.size(); ++i) {
         zel::LdapText dn(ldap_get_dn(s->ld, records.groups[i]));
         if (!dn) return ZEL_RC_SYSTEM_ERROR;
         if (ZelRC rc = zel::credential_group(dn.get(), groups[i])) return rc;
+        if (!groups[i].empty()) in_dn[i] = plat::escape_dn_value(groups[i]);
     }
     // A security domain record held in no domain: without a domain DN there
     // is nothing to ask.
@@ -188,10 +198,10 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
     FormAsk in_domain, in_database;
     if (domain)
         prepare_ask(in_domain, zel::kDomainMode, std::string("cn=ResourceGroups,") + s->domain_dn, "secResGroupID",
-                    q.member_filter, groups);
+                    q.member_filter, groups, in_dn);
     if (first_gen)
         prepare_ask(in_database, zel::kFirstGenerationMode, std::string("cn=Zel Domains,") + s->database_dn, "cn",
-                    q.location_filter, groups);
+                    q.location_filter, groups, in_dn);
     if (ZelRC rc = ask_groups(s, {&in_domain, &in_database}, groups)) return rc;
 
     for (size_t i = 0; i < groups.size(); ++i) {

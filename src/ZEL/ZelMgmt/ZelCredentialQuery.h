@@ -15,6 +15,7 @@ namespace zel {
 struct CredentialQuery {
     const char *resource = nullptr;
     std::string credential_id;    // "T:<resource>"
+    std::string id_assertion;     // credential_id escaped for a filter
     std::string member_filter;    // "(member=<resource DN>)"
     std::string location_filter;  // first-generation domains list "T:<resource>" as a location
 };
