@@ -281,10 +281,10 @@ typedef struct ZelSessionInfo {
 ZEL_API ZelRC Zel_getSessionInfo(ZelSession *s, ZelSessionInfo **out);
 ZEL_API void Zel_freeSessionInfo(ZelSessionInfo *info);
 
-/* The session's cache of user look-ups: a credential query resolves its
- * user (person, Zel user entry in each storage form) from the cache for
- * `seconds` after it was first asked, so a repeated query sends only the
- * record and group searches.  0 turns it off and empties it; ZEL_CACHE_TTL
+/* The session's cache of user look-ups: a credential query or a record read
+ * resolves its user (person, Zel user entry in each storage form) from the
+ * cache for `seconds` after it was first asked, so a repeated query sends
+ * only the record and group searches (a record removal always asks).  0 turns it off and empties it; ZEL_CACHE_TTL
  * gives every new session its default.  The session's own writes that touch
  * a user empty it at once; another process's change shows after at most
  * `seconds`.  1010 for a bad handle, 1012 when memory runs out. */
