@@ -23,6 +23,28 @@ std::string resource_dn(const std::string &id) {
     return "secResourceID=" + id + ",cn=Resources," + kDomainDn;
 }
 
+std::string resource_ldif(const std::string &id, const char *type) {
+    return "dn: " + resource_dn(id) + "\nobjectClass: top\nobjectClass: secResource\nsecResourceID: " + id +
+           "\nsecType: " + type + "\nsecValid: TRUE\n\n";
+}
+
+}  // namespace
+
+std::string base64(const std::string &bytes) {
+    static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    for (size_t i = 0; i < bytes.size(); i += 3) {
+        uint32_t n = static_cast<uint8_t>(bytes[i]) << 16;
+        if (i + 1 < bytes.size()) n |= static_cast<uint8_t>(bytes[i + 1]) << 8;
+        if (i + 2 < bytes.size()) n |= static_cast<uint8_t>(bytes[i + 2]);
+        out += alphabet[(n >> 18) & 63];
+        out += alphabet[(n >> 12) & 63];
+        out += i + 1 < bytes.size() ? alphabet[(n >> 6) & 63] : '=';
+        out += i + 2 < bytes.size() ? alphabet[n & 63] : '=';
+    }
+    return out;
+}
+
 // Base64 of the masked password with its terminating NUL, as stored.
 std::string masked_value(const std::string &password, int32_t &length) {
     char *masked = nullptr;
@@ -30,26 +52,8 @@ std::string masked_value(const std::string &password, int32_t &length) {
         throw std::runtime_error("cannot mask a password");
     std::string raw(masked, std::strlen(masked) + 1);
     std::free(masked);
-    static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    for (size_t i = 0; i < raw.size(); i += 3) {
-        uint32_t n = static_cast<uint8_t>(raw[i]) << 16;
-        if (i + 1 < raw.size()) n |= static_cast<uint8_t>(raw[i + 1]) << 8;
-        if (i + 2 < raw.size()) n |= static_cast<uint8_t>(raw[i + 2]);
-        out += alphabet[(n >> 18) & 63];
-        out += alphabet[(n >> 12) & 63];
-        out += i + 1 < raw.size() ? alphabet[(n >> 6) & 63] : '=';
-        out += i + 2 < raw.size() ? alphabet[n & 63] : '=';
-    }
-    return out;
+    return base64(raw);
 }
-
-std::string resource_ldif(const std::string &id, const char *type) {
-    return "dn: " + resource_dn(id) + "\nobjectClass: top\nobjectClass: secResource\nsecResourceID: " + id +
-           "\nsecType: " + type + "\nsecValid: TRUE\n\n";
-}
-
-}  // namespace
 
 std::string user_name(int i) { return "u" + std::to_string(i); }
 std::string person_dn(int i) { return "cn=" + user_name(i) + ",ou=People," + kSuffix; }
@@ -66,6 +70,16 @@ std::string base_ldif() {
     return container("cn=Users," + domain, "Users") + container("cn=Resources," + domain, "Resources") +
            container("cn=ResourceGroups," + domain, "ResourceGroups") + "dn: ou=People," + kSuffix +
            "\nobjectClass: organizationalUnit\nou: People\n\n";
+}
+
+std::string database_ldif() {
+    const std::string db = std::string("systemName=ORVZEL,") + kSuffix;
+    std::string out = "dn: " + db +
+                      "\nobjectClass: top\nobjectClass: cimManagedElement\nobjectClass: cimManagedSystemElement"
+                      "\nobjectClass: cimLogicalElement\nobjectClass: eSystem\nobjectClass: eApplicationSystem"
+                      "\nsystemName: ORVZEL\n\n";
+    for (const char *cn : {"Access Groups", "Zel Domains", "Target Service Types"}) out += container("cn=" + std::string(cn) + "," + db, cn);
+    return out;
 }
 
 std::string person_ldif(int i) {
@@ -107,7 +121,7 @@ std::string record_ldif(int i, const std::string &id, const std::string &account
 }
 
 void write_directory_ldif(std::ostream &out, const Layout &layout) {
-    out << root_ldif() << base_ldif();
+    out << root_ldif() << base_ldif() << database_ldif();
     for (int j = 0; j < layout.services(); ++j) out << service_ldif(j);
     for (int k = 0; k < layout.groups(); ++k) out << group_ldif(k);
     for (int i = 0; i < layout.users; ++i) {

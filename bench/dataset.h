@@ -2,13 +2,14 @@
 // entries the library itself writes, so a bulk load looks like a directory
 // filled through the library.
 //
-// Layout for n users: persons cn=u<i>,ou=People,o=acme, each a Zel user of
+// Layout for n users, beside an empty Zel database: persons cn=u<i>,ou=People,o=acme, each a Zel user of
 // the Default security domain with a direct record "T:svc<i % services>" and
 // a group record "G:grp<i % groups>"; web resources svc<j>, and resource
 // groups grp<k> holding svc<k*10> .. svc<k*10+9>.
 #pragma once
 
 #include <ostream>
+#include <cstdint>
 #include <string>
 
 namespace zelbench {
@@ -44,12 +45,20 @@ std::string group_name(int k);
 std::string root_ldif();
 // The domain's containers and ou=People.
 std::string base_ldif();
+// A Zel database beside the domain, as every deployment has one: sessions
+// then look at first-generation records too.
+std::string database_ldif();
 std::string person_ldif(int i);
 // Person i's Zel user with the user's credentials container.
 std::string zel_user_ldif(int i);
 // A web resource, or a resource group's service entry and group entry.
 std::string service_ldif(int j);
 std::string group_ldif(int k);
+// Bytes in base64, as an LDIF "::" line holds them.
+std::string base64(const std::string &bytes);
+// A password as a stored value holds it: masked, with its NUL, in base64
+// for an LDIF "::" line.  Throws std::runtime_error when masking fails.
+std::string masked_value(const std::string &password, int32_t &length);
 // A target record of user i; `id` is "T:<service>" or "G:<group>".
 std::string record_ldif(int i, const std::string &id, const std::string &account, const std::string &password);
 // Everything for the layout's users.  Throws std::runtime_error when masking fails.

@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "delay_proxy.h"
 #include "operations.h"
 
 using namespace zelbench;
@@ -173,6 +174,51 @@ double writes_per_second(ZelSession *s, const Layout &layout) {
 
 const char *mark(bool met) { return met ? "ok" : "MISSED"; }
 
+// Microseconds per call of one credential operation over the samples, and
+// the searches each call sent.
+std::pair<double, double> per_call(ZelSession *s, int op, const std::vector<Sample> &xs, int passes) {
+    int n = static_cast<int>(xs.size());
+    if (bench_measured_lib(s, op, xs.data(), n, n)) fail(std::string(operations()[op].name) + " failed");  // warm
+    long before = searches_made();
+    Clock::time_point start = Clock::now();
+    if (bench_measured_lib(s, op, xs.data(), n, n * passes)) fail(std::string(operations()[op].name) + " failed");
+    double calls = static_cast<double>(n) * passes;
+    return {seconds_since(start) * 1e6 / calls, static_cast<double>(searches_made() - before) / calls};
+}
+
+// The credential queries on each path: step by step (ZEL_CREDENTIAL_PATH),
+// merged, and merged with a warm user cache; on loopback and through a
+// relay that holds each message 1 ms each way, as a network would.
+void credential_paths(int port, const Layout &layout, const std::vector<Sample> &xs, std::ofstream &out) {
+    struct Path {
+        const char *name;
+        bool stepwise;
+        uint32_t ttl;
+    } paths[] = {{"stepwise", true, 0}, {"merged", false, 0}, {"cached", false, 3600}};
+    DelayProxy relay(port, 1000);
+    std::printf("%-9s %-18s %9s %9s %16s\n", "path", "operation", "searches", "us/call", "us/call +1ms/way");
+    for (const Path &p : paths) {
+        if (p.stepwise)
+            setenv("ZEL_CREDENTIAL_PATH", "stepwise", 1);
+        else
+            unsetenv("ZEL_CREDENTIAL_PATH");
+        ZelSession *local = open_session(port), *remote = open_session(relay.port());
+        if (!local || !remote) fail("cannot reach the directory");
+        if (Zel_setSessionCacheTTL(local, p.ttl) || Zel_setSessionCacheTTL(remote, p.ttl)) fail("cache");
+        for (int op = 0; op < 3; ++op) {
+            auto [us, searches] = per_call(local, op, xs, 4);
+            auto [relayed_us, relayed_searches] = per_call(remote, op, xs, 1);
+            (void)relayed_searches;
+            std::printf("%-9s %-18s %9.2f %9.1f %16.1f\n", p.name, operations()[op].name, searches, us, relayed_us);
+            out << layout.users << ',' << operations()[op].name << '/' << p.name << ',' << us << ',' << relayed_us
+                << ",,,," << searches << ",\n";
+        }
+        Zel_close(local, 1);
+        Zel_close(remote, 1);
+    }
+    unsetenv("ZEL_CREDENTIAL_PATH");
+}
+
 int run(int port, const Layout &layout, const char *csv, int rounds) {
     ZelSession *s = open_session(port);
     LDAP *ld = open_raw(port);
@@ -189,6 +235,7 @@ int run(int port, const Layout &layout, const char *csv, int rounds) {
         out << layout.users << ',' << r.op << ',' << r.lib_us << ',' << r.raw_us << ',' << r.ratio << ','
             << r.ratio_min << ',' << r.ratio_max << ',' << r.searches << ',' << r.required << '\n';
     }
+    credential_paths(port, layout, xs, out);
     double lib_rate = throughput(port, true, xs), raw_rate = throughput(port, false, xs);
     std::printf("%d threads, credential-direct: library %.0f/s, raw %.0f/s, ratio %.3f (>=0.9 %s)\n", kThreads,
                 lib_rate, raw_rate, lib_rate / raw_rate, mark(lib_rate / raw_rate >= 0.9));

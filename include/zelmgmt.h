@@ -281,6 +281,51 @@ typedef struct ZelSessionInfo {
 ZEL_API ZelRC Zel_getSessionInfo(ZelSession *s, ZelSessionInfo **out);
 ZEL_API void Zel_freeSessionInfo(ZelSessionInfo *info);
 
+/* The session's cache of user look-ups: a credential query or a record read
+ * resolves its user (person, Zel user entry in each storage form) from the
+ * cache for `seconds` after it was first asked, so a repeated query sends
+ * only the record and group searches (a record removal always asks).  0 turns it off and empties it; ZEL_CACHE_TTL
+ * gives every new session its default.  The session's own writes that touch
+ * a user empty it at once; another process's change shows after at most
+ * `seconds`.  1010 for a bad handle, 1012 when memory runs out. */
+ZEL_API ZelRC Zel_setSessionCacheTTL(ZelSession *s, uint32_t seconds);
+
+/* How Zel_getCredential answers a question, step by step: the user resolved
+ * in each storage form, the direct record looked for, each group record in
+ * the order considered, and the record that answers (or why none does).  An
+ * explanation never holds a password. */
+#define ZEL_FORM_FIRST_GENERATION 1
+#define ZEL_FORM_SECURITY_DOMAIN  2
+#define ZEL_STEP_USER   1   /* the user's Zel user entry in one form */
+#define ZEL_STEP_DIRECT 2   /* the user's "T:<resource>" record in one form */
+#define ZEL_STEP_GROUP  3   /* one "G:<group>" record */
+typedef struct ZelExplainStep {
+    int32_t kind;           /* ZEL_STEP_* */
+    int32_t form;           /* ZEL_FORM_* the step looked in */
+    char *dn;               /* the user entry or the record; null when none was found */
+    char *name;             /* direct: "T:<resource>"; group: the group named ("" for none) */
+    int32_t outcome;        /* user: 0 active, 33 inactive, 19 no Zel user here, else the failure;
+                               direct: 1 found, 0 not; group: the ZEL_FORM_* in which its group
+                               holds the resource, 0 in none */
+} ZelExplainStep;
+typedef struct ZelCredentialExplanation {
+    ZelRC status;           /* what Zel_getCredential answers to the same question */
+    char *userName;
+    char *resourceName;
+    int32_t stepCount;
+    ZelExplainStep **steps;
+    int32_t answerStep;     /* the step whose record answers; -1 when none does */
+    char *reason;           /* one sentence */
+} ZelCredentialExplanation;
+
+/* 0 with an explanation whenever the query got an answer from the directory
+ * (its status: 0, 24, 19, 33, 13, 1013, or no such person); otherwise the
+ * query's failure (1010, 1005, 1012, a server failure ...) and nothing is
+ * handed out. */
+ZEL_API ZelRC Zel_explainCredential(ZelSession *s, const char *user, const ZelCredentialRequest *req,
+                                    ZelCredentialExplanation **out);
+ZEL_API void Zel_freeCredentialExplanation(ZelCredentialExplanation *e);
+
 /* The profile of the Zel user `name` as stored: the security domain's first
  * in a version 2 session, else the Zel database's.  userType is null where
  * the storage form keeps none.  19 when there is no such user. */

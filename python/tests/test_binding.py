@@ -59,6 +59,12 @@ def test_the_sign_on_question(session):
     assert e.value.status == 24
     assert sorted(r.id for r in session.get_all_target_records("ann")) == ["G:office", "T:payroll"]
     assert session.rekey_target_records("ann") == (0, [])  # no key file: nothing to rewrite to
+    # The explanation names the group record that answers, and no password.
+    session.set_cache_ttl(60)
+    why = session.explain_credential("ann", "wiki")
+    assert why.status == 0 and why.steps[why.answer].kind == "group" and why.steps[why.answer].name == "office"
+    assert "group-pw" not in repr(why)
+    assert session.explain_credential("ann", "*").answer is None
 
 
 def test_the_readme_example_runs(directory, capsys):

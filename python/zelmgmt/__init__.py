@@ -23,7 +23,7 @@ from . import _c
 
 __all__ = [
     "Error", "Session", "SessionInfo", "TargetService", "ServiceType", "User", "TargetRecord",
-    "Credential", "Domain", "Person", "strerror",
+    "Credential", "Explanation", "ExplainStep", "Domain", "Person", "strerror",
     "OPEN_NONSSL", "OPEN_SSL", "OPEN_GSSAPI",
     "CREATEDB_SUFFIX", "CREATEDB_XR_DEFAULTS", "CREATEDB_EXTENDED",
 ]
@@ -110,6 +110,25 @@ class TargetRecord:
 class Credential:
     account: Optional[str]
     password: Optional[str] = field(repr=False)
+
+
+@dataclass
+class ExplainStep:
+    kind: str                 # "user", "direct" or "group"
+    form: int                 # 1 Zel database, 2 security domain
+    dn: Optional[str]         # the user entry or the record; None when none was found
+    name: Optional[str]       # direct: "T:<resource>"; group: the group named
+    outcome: int              # user: 0, 33 or 19; direct: 1 found; group: form holding the resource, 0 none
+
+
+@dataclass
+class Explanation:
+    status: int               # what get_credential answers (0: a credential)
+    user: str
+    resource: str
+    steps: List[ExplainStep]
+    answer: Optional[int]     # index of the answering step
+    reason: str
 
 
 @dataclass
@@ -375,6 +394,26 @@ class Session:
         finally:
             _lib.Zel_memfree(out.userId)
             _lib.Zel_memfree(out.password)
+
+    def explain_credential(self, user: str, resource: str) -> Explanation:
+        """How get_credential answers for user and resource; never a password."""
+        req = _c.CredentialRequest(None, None, _b(resource))
+        out = ctypes.POINTER(_c.CredentialExplanation)()
+        _check(_lib.Zel_explainCredential(self._h, _b(user), ctypes.byref(req), ctypes.byref(out)),
+               f"no explanation for {user} and {resource}")
+        try:
+            e = out.contents
+            kinds = {1: "user", 2: "direct", 3: "group"}
+            steps = [ExplainStep(kinds.get(s.kind, "?"), s.form, _s(s.dn), _s(s.name), s.outcome)
+                     for s in (e.steps[i].contents for i in range(e.stepCount))]
+            return Explanation(e.status, _s(e.userName), _s(e.resourceName), steps,
+                               e.answerStep if e.answerStep >= 0 else None, _s(e.reason))
+        finally:
+            _lib.Zel_freeCredentialExplanation(out)
+
+    def set_cache_ttl(self, seconds: int) -> None:
+        """Caches user look-ups of this session for seconds (0: off)."""
+        _check(_lib.Zel_setSessionCacheTTL(self._h, seconds), "cannot set the cache lifetime")
 
     def rekey_target_records(self, user: Optional[str] = None) -> Tuple[int, List[str]]:
         """Rewrites stored passwords under ZEL_KEYFILE's active key (every user's

@@ -52,6 +52,15 @@ class CredentialRequest(ctypes.Structure):
     _fields_ = [("reserved1", c_char_p), ("reserved2", c_char_p), ("resourceName", c_char_p)]
 
 
+class ExplainStep(ctypes.Structure):
+    _fields_ = [("kind", c_int32), ("form", c_int32), ("dn", c_char_p), ("name", c_char_p), ("outcome", c_int32)]
+
+
+class CredentialExplanation(ctypes.Structure):
+    _fields_ = [("status", c_uint32), ("userName", c_char_p), ("resourceName", c_char_p), ("stepCount", c_int32),
+                ("steps", P(P(ExplainStep))), ("answerStep", c_int32), ("reason", c_char_p)]
+
+
 class DomainLocation(ctypes.Structure):
     _fields_ = [("type", c_char_p), ("value", c_char_p)]
 
@@ -117,6 +126,9 @@ _PROTOTYPES = {
     "Zel_addTargetRecord": (c_uint32, [_S, c_char_p, P(TargetRecord)]),
     "Zel_updateTargetRecord": (c_uint32, [_S, c_char_p, P(TargetRecord)]),
     "Zel_getCredential": (c_uint32, [_S, c_char_p, P(CredentialRequest), P(Credential)]),
+    "Zel_explainCredential": (c_uint32, [_S, c_char_p, P(CredentialRequest), P(P(CredentialExplanation))]),
+    "Zel_freeCredentialExplanation": (None, [P(CredentialExplanation)]),
+    "Zel_setSessionCacheTTL": (c_uint32, [_S, c_uint32]),
     "Zel_getZelDomain": (c_uint32, [_S, c_char_p, P(P(Domain))]),
     "Zel_getAllZelDomain": (c_uint32, [_S, P(P(DomainList))]),
     "Zel_freeZelDomain": (None, [P(Domain)]),

@@ -139,6 +139,12 @@ TEST_F(RecordTest, ZelctlKeysRecordsAndCredentials) {
         {{"credential", "get", "jo", "app", "--reveal"}, "account:  jdoe\npassword: file-pw\n"},
         {{"--json", "credential", "get", "jo", "shop", "--reveal"},
          "{\"user\":\"jo\",\"resource\":\"shop\",\"account\":\"team\",\"password\":\"stdin-pw\"}\n"},
+        {{"credential", "explain", "jo", "shop"},
+         "user (security domain): principalName=jo,cn=Users,secAuthority=Default,o=acme, active\n"
+         "direct record T:shop (security domain): not found\n"
+         "user (Zel database): -, no Zel user\n"
+         "group record G:Sales (security domain): group holds the resource in the security domain  <- answers\n"
+         "answer: the first group record whose group holds the resource answers (status 0)\n"},
     };
     for (const auto &[args, want] : reads) {
         r = zelctl(*dir, args, "2");

@@ -89,6 +89,10 @@ std::vector<Scenario> records(Fixtures &f) {
                        [&f](ZelSession *s) { return Zel_addTargetRecord(s, "ann", &f.record); }});
         out.push_back({"group credential", [&f](ZelSession *s) { (void)Zel_addTargetRecord(s, "jo", &f.group); },
                        [](ZelSession *s) { return credential_of(s, "jo", "shop"); }});
+        out.push_back({"explain credential", [&f](ZelSession *s) { (void)Zel_addTargetRecord(s, "jo", &f.group); },
+                       hands_out<ZelCredentialExplanation>([](ZelSession *s, ZelCredentialExplanation **e) {
+                           ZelCredentialRequest req{nullptr, nullptr, text("shop")};
+                           return Zel_explainCredential(s, "jo", &req, e); }, Zel_freeCredentialExplanation)});
         // Stored masked first, so the key file's key has work to do.
         out.push_back({"rekey", [&f](ZelSession *s) {
                            ScopedEnv none("ZEL_KEYFILE", nullptr);

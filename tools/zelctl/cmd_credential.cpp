@@ -1,5 +1,6 @@
 // zelctl credential get: the account (and, with --reveal, the clear
-// password) a sign-on agent would present for a user and a resource.
+// password) a sign-on agent would present for a user and a resource;
+// credential explain: which record answers, and why.
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -35,10 +36,80 @@ int credential_get(const Options &opts, Args args) {
     return 0;
 }
 
+const char *form_name(int32_t form) {
+    return form == ZEL_FORM_SECURITY_DOMAIN ? "security domain" : form == ZEL_FORM_FIRST_GENERATION ? "Zel database" : "none";
+}
+
+const char *user_state(int32_t outcome) {
+    return outcome == 0 ? "active" : outcome == ZEL_RC_ACCOUNT_INVALID ? "inactive"
+                                   : outcome == ZEL_RC_USER_NOT_FOUND ? "no Zel user" : Zel_strerror(outcome);
+}
+
+std::string step_json(const ZelExplainStep &step, bool answers) {
+    static const char *kinds[] = {"", "user", "direct", "group"};
+    std::string out = std::string("{\"step\":\"") + kinds[step.kind] + "\",\"form\":\"" + form_name(step.form) +
+                      "\",\"dn\":" + (step.dn ? json_string(step.dn) : "null");
+    if (step.kind == ZEL_STEP_USER) out += std::string(",\"state\":") + json_string(user_state(step.outcome));
+    if (step.kind == ZEL_STEP_DIRECT)
+        out += ",\"record\":" + json_string(step.name) + ",\"found\":" + (step.outcome ? "true" : "false");
+    if (step.kind == ZEL_STEP_GROUP)
+        out += ",\"group\":" + json_string(step.name) + ",\"heldIn\":" +
+               (step.outcome ? json_string(form_name(step.outcome)) : "null");
+    return out + ",\"answers\":" + (answers ? "true" : "false") + "}";
+}
+
+void print_step(const ZelExplainStep &step, bool answers) {
+    const char *mark = answers ? "  <- answers" : "";
+    switch (step.kind) {
+    case ZEL_STEP_USER:
+        std::printf("user (%s): %s, %s\n", form_name(step.form), step.dn ? step.dn : "-", user_state(step.outcome));
+        break;
+    case ZEL_STEP_DIRECT:
+        std::printf("direct record %s (%s): %s%s\n", step.name, form_name(step.form),
+                    step.outcome ? "found" : "not found", mark);
+        break;
+    default:
+        std::printf("group record G:%s (%s): %s%s%s\n", step.name, form_name(step.form),
+                    step.outcome ? "group holds the resource in the " : "no group holds the resource",
+                    step.outcome ? form_name(step.outcome) : "", mark);
+    }
+}
+
+int credential_explain(const Options &opts, Args args) {
+    int status = 0;
+    bool json = take_flag(args, "--json") || opts.json;
+    std::vector<std::string> operands;
+    if (!take_operands(args, "credential explain", {"USER", "RESOURCE"}, operands, status)) return status;
+    Session s(open_session(opts));
+    if (!s) return 1;
+    ZelCredentialRequest request{nullptr, nullptr, operands[1].data()};
+    ZelCredentialExplanation *e = nullptr;
+    ZelRC rc = Zel_explainCredential(s.get(), operands[0].c_str(), &request, &e);
+    if (rc != 0) return fail("no explanation for " + operands[0] + " and " + operands[1], rc);
+    if (json) {
+        std::string out = "{\"user\":" + json_string(e->userName) + ",\"resource\":" + json_string(e->resourceName) +
+                          ",\"status\":" + std::to_string(e->status) + ",\"reason\":" + json_string(e->reason) +
+                          ",\"steps\":[";
+        for (int32_t i = 0; i < e->stepCount; ++i) out += (i ? "," : "") + step_json(*e->steps[i], i == e->answerStep);
+        std::printf("%s]}\n", out.c_str());
+    } else {
+        for (int32_t i = 0; i < e->stepCount; ++i) print_step(*e->steps[i], i == e->answerStep);
+        std::printf("answer: %s (status %u)\n", e->reason, static_cast<unsigned>(e->status));
+    }
+    int exit_status = e->status == 0 ? 0 : 1;
+    Zel_freeCredentialExplanation(e);
+    return exit_status;
+}
+
 }  // namespace
 
 int run_credential(const Options &opts, Args args) {
-    if (args.empty() || args.front() != "get") return usage("credential: expected get USER RESOURCE");
+    if (!args.empty() && args.front() == "explain") {
+        args.erase(args.begin());
+        return credential_explain(opts, args);
+    }
+    if (args.empty() || args.front() != "get")
+        return usage("credential: expected get USER RESOURCE or explain USER RESOURCE");
     args.erase(args.begin());
     return credential_get(opts, args);
 }

@@ -38,7 +38,8 @@ const Command kCommands[] = {
      "     | rekey USER... | rekey --all    stored passwords rewritten under ZEL_KEYFILE's active key\n"},
     {"key", run_key, "key generate FILE [--add]   a new key file (mode 0600), or a new active key in FILE\n"},
     {"credential", run_credential,
-     "credential get USER RESOURCE [--reveal]    the account a sign-on agent presents\n"},
+     "credential get USER RESOURCE [--reveal]    the account a sign-on agent presents\n"
+     "credential explain USER RESOURCE [--json]  which record answers, and why\n"},
     {"db", run_db,
      "db create SUFFIX [--admin DN|CN] [--admin-uid U] [--admin-password-file F]\n"
      "          [--create-suffix] [--default-types] [--extended] | remove [--yes]\n"

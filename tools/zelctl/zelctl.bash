@@ -73,7 +73,7 @@ _zelctl() {
             user) subs="list add update verify remove" ;;
             record) subs="list get add update remove rekey" ;;
             key) subs="generate" ;;
-            credential) subs="get" ;;
+            credential) subs="get explain" ;;
             domain) subs="list get add update remove add-member remove-member" ;;
             db) subs="create remove" ;;
             person) subs="add" ;;
@@ -90,6 +90,7 @@ _zelctl() {
         "user add") opts="--type --person --description --disabled" ;;
         "user update") opts="--person --description --enabled --disabled" ;;
         "record get"|"record list"|"credential get") opts="--reveal" ;;
+        "credential explain") opts="--json" ;;
         "record add"|"record update") opts="--service --type --account --description --password-file --password-stdin" ;;
         "record rekey") opts="--all" ;;
         "key generate") opts="--add" ;;
@@ -113,7 +114,7 @@ _zelctl() {
         "domain get"|"domain update"|"domain remove"|"domain add-member"|"domain remove-member")
             if ((nargs == 0)); then COMPREPLY=($(compgen -W "$(_zelctl_query domain list)" -- "$cur"))
             else COMPREPLY=($(compgen -W "$(_zelctl_query service list)" -- "$cur")); fi ;;
-        "credential get")
+        "credential get"|"credential explain")
             if ((nargs == 0)); then COMPREPLY=($(compgen -W "$(_zelctl_query user list)" -- "$cur"))
             else COMPREPLY=($(compgen -W "$(_zelctl_query service list)" -- "$cur")); fi ;;
     esac

@@ -167,6 +167,7 @@ ZelRC determine_initial_ZelAdmin(ZelSession *s, const char *admin, const char *s
 
 ZEL_API ZelRC Zel_create_ePerson(ZelSession *s, const ZelPerson *p, const char *userType) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    zel::forget_users(s);
     return zel::guarded([&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "Zel_create_ePerson", rc);

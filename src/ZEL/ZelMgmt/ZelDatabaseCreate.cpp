@@ -385,6 +385,7 @@ ZelRC create_xr_defaults(ZelSession *s) {
 ZEL_API ZelRC Zel_createDatabase(ZelSession *s, const char *suffix, const char *admin, const char *adminUid,
                                  const char *adminPassword, unsigned char flags) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    zel::forget_users(s);
     return zel::guarded([&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "Zel_createDatabase", rc);

@@ -65,6 +65,7 @@ extern "C" {
 
 ZEL_API ZelRC Zel_removeDatabase(ZelSession *s) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    zel::forget_users(s);
     return zel::guarded([&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "Zel_removeDatabase", rc);

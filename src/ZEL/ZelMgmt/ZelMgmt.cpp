@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ZelUserLookup.h"
 #include "zel_internal.h"
 
 namespace {
@@ -72,6 +73,7 @@ ZelRC zelOpen(const char *name, LDAP *ld, const char *user, const char *password
                     }
                 }
             }
+            if (stage == 0) stage = zel::configure_reads(s);
             return stage;
         });
         if (rc == 0) {
@@ -354,6 +356,7 @@ ZEL_API ZelRC Zel_close(ZelSession *s, unsigned char unbind) {
         std::free(s->schema_dn);
         std::free(s->domain_dn);
         std::free(s->domain_name);
+        zel::free_user_cache(s);
         std::memset(s->tag, 0, sizeof s->tag);
         pthread_mutex_destroy(&s->mutex);
         zel::tracef(s, zel::kTraceFlow, "zelmgmt:%s:Exited...rc=%d\n", "Zel_close", 0);

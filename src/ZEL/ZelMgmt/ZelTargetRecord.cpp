@@ -141,39 +141,46 @@ ZelRC clear_password(ZelSession *s, const struct berval *stored, bool as_stored,
     return out ? 0 : ZEL_RC_NO_MEMORY;
 }
 
+ZelRC search_user_records(ZelSession *s, const UserForm &user, const char *assertion, const char *shown,
+                          int32_t mode, Message &out) {
+    out.reset();
+    // An inactive user's records are still found; the caller decides.
+    if (user.rc != 0 && user.rc != ZEL_RC_ACCOUNT_INVALID) return user.rc;
+    CText filter = zeroed_buffer(kFilterSize);
+    if (!filter) return ZEL_RC_NO_MEMORY;
+    bool fits = mode == kFirstGenerationMode
+                    ? format_into(filter.get(), kFilterSize, "(&(objectClass=eTargetRecord)(cn=%s))", assertion)
+                    : format_into(filter.get(), kFilterSize, "secResCredsID=%s", assertion);
+    if (!fits) return ZEL_RC_INVALID_ARGUMENT;
+    if (shown)
+        tracef(s, kTraceProgress, "zelmgmt:Target being looked for: %s\n", shown);
+    else
+        trace_line(s, kTraceProgress, "zelmgmt:All target records being retrieved.");
+    if (user.dn.empty()) return ZEL_RC_USER_NOT_FOUND;
+    if (ZelRC rc = search_mapped(s, user.dn.c_str(), LDAP_SCOPE_SUBTREE, filter.get(), nullptr, 0, 0, 0, out))
+        return rc;
+    return user.rc;
+}
+
+ZelRC find_user_records(ZelSession *s, const UserForm &user, const char *target, int32_t mode, Message &out) {
+    ZelRC rc = 0;
+    RoutineTrace trace(s, "locate_ZEL_TR", rc);
+    if (target == nullptr) return rc = search_user_records(s, user, "*", nullptr, mode, out);
+    std::string assertion = plat::escape_filter_value(target);
+    return rc = search_user_records(s, user, assertion.c_str(), target, mode, out);
+}
+
 ZelRC search_records(ZelSession *s, const char *assertion, const char *shown, const char *user, int32_t mode,
                      Message &out) {
     ZelRC rc = 0;
     RoutineTrace trace(s, "locate_ZEL_TR", rc);
     out.reset();
     char *raw_dn = nullptr;
-    ZelRC verified = get_verify_User_Profile(s, user, &raw_dn, mode);
+    UserForm form;
+    form.rc = get_verify_User_Profile(s, user, &raw_dn, mode);
     CText user_dn(raw_dn);
-    // An inactive user's records are still found; the caller decides.
-    if (verified != 0 && verified != ZEL_RC_ACCOUNT_INVALID) return rc = verified;
-
-    CText filter = zeroed_buffer(kFilterSize);
-    if (!filter) return rc = ZEL_RC_NO_MEMORY;
-    bool fits = mode == kFirstGenerationMode
-                    ? format_into(filter.get(), kFilterSize, "(&(objectClass=eTargetRecord)(cn=%s))", assertion)
-                    : format_into(filter.get(), kFilterSize, "secResCredsID=%s", assertion);
-    if (!fits) return rc = ZEL_RC_INVALID_ARGUMENT;
-    if (shown)
-        tracef(s, kTraceProgress, "zelmgmt:Target being looked for: %s\n", shown);
-    else
-        trace_line(s, kTraceProgress, "zelmgmt:All target records being retrieved.");
-    if (!user_dn) return rc = ZEL_RC_USER_NOT_FOUND;
-
-    struct timeval tv = no_time_limit();
-    LDAPMessage *raw = nullptr;
-    int lrc = plat::ldap_search_ext_s(s->ld, user_dn.get(), LDAP_SCOPE_SUBTREE, filter.get(), nullptr, 0, nullptr,
-                                      nullptr, &tv, 0, &raw);
-    out.reset(raw);
-    if (lrc != LDAP_SUCCESS) {
-        out.reset();
-        return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
-    }
-    return rc = verified;
+    if (user_dn) form.dn = user_dn.get();
+    return rc = search_user_records(s, form, assertion, shown, mode, out);
 }
 
 ZelRC find_records(ZelSession *s, const char *target, const char *user, int32_t mode, Message &out) {

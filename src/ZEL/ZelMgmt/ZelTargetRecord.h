@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "ZelUserLookup.h"
 #include "zel_internal.h"
 
 namespace zel {
@@ -31,6 +32,12 @@ inline int32_t session_mode(const ZelSession *s) { return first_generation(s) ? 
 // every record).  What was found lands in `out`.
 ZelRC search_records(ZelSession *s, const char *assertion, const char *shown, const char *user, int32_t mode,
                      Message &out);
+
+// The same search for a user already resolved (see UserLookup).
+ZelRC search_user_records(ZelSession *s, const UserForm &user, const char *assertion, const char *shown,
+                          int32_t mode, Message &out);
+// locate_ZEL_TR for a resolved user: `target` escaped, null for every record.
+ZelRC find_user_records(ZelSession *s, const UserForm &user, const char *target, int32_t mode, Message &out);
 
 // locate_ZEL_TR into an owned result.
 ZelRC find_records(ZelSession *s, const char *target, const char *user, int32_t mode, Message &out);

@@ -14,12 +14,16 @@ using RecordListHolder = std::unique_ptr<ZelTargetRecordList, RecordListFree>;
 // The user's one record for `target`, in the session's form and then, where
 // the Zel database is known, among the first-generation records.  Two
 // records for one target are as good as none.
-ZelRC find_one_record(ZelSession *s, const char *user, const char *target, zel::Message &res, LDAPMessage *&entry) {
+// The user is resolved once for both forms; a removal asks the directory,
+// never the session's cache.
+ZelRC find_one_record(ZelSession *s, const char *user, const char *target, zel::Message &res, LDAPMessage *&entry,
+                      bool cached = true) {
     entry = nullptr;
-    ZelRC rc = zel::find_records(s, target, user, zel::session_mode(s), res);
+    zel::UserLookup users(s, user, cached);
+    ZelRC rc = zel::find_user_records(s, users.form(zel::session_mode(s)), target, zel::session_mode(s), res);
     if (!zel::search_made(rc)) return rc;
     if (!zel::first_generation(s) && s->database_dn && zel::entry_count(s->ld, res.get()) == 0) {
-        rc = zel::find_records(s, target, user, zel::kFirstGenerationMode, res);
+        rc = zel::find_user_records(s, users.form(zel::kFirstGenerationMode), target, zel::kFirstGenerationMode, res);
         if (rc != 0 && rc != ZEL_RC_ACCOUNT_INVALID) return rc;
     }
     if (zel::entry_count(s->ld, res.get()) != 1) return ZEL_RC_TR_NOT_FOUND;
@@ -46,8 +50,8 @@ ZelRC get_target_record(ZelSession *s, const char *user, const char *target, Zel
 
 // Every record of one form, or none: a user who is not (yet) a Zel user in
 // that form has no records there.
-ZelRC search_all(ZelSession *s, const char *user, int32_t mode, zel::Message &res) {
-    ZelRC rc = zel::find_records(s, nullptr, user, mode, res);
+ZelRC search_all(ZelSession *s, zel::UserLookup &users, int32_t mode, zel::Message &res) {
+    ZelRC rc = zel::find_user_records(s, users.form(mode), nullptr, mode, res);
     return zel::search_made(rc) ? 0 : rc;
 }
 
@@ -72,8 +76,9 @@ ZelRC get_all_target_records(ZelSession *s, const char *user, ZelTargetRecordLis
 
     bool v1 = zel::first_generation(s);
     zel::Message first_gen, domain;
-    if ((v1 || s->database_dn) && (rc = search_all(s, user, zel::kFirstGenerationMode, first_gen)) != 0) return rc;
-    if (!v1 && (rc = search_all(s, user, zel::kDomainMode, domain)) != 0) return rc;
+    zel::UserLookup users(s, user);
+    if ((v1 || s->database_dn) && (rc = search_all(s, users, zel::kFirstGenerationMode, first_gen)) != 0) return rc;
+    if (!v1 && (rc = search_all(s, users, zel::kDomainMode, domain)) != 0) return rc;
 
     int total = zel::entry_count(s->ld, first_gen.get()) + zel::entry_count(s->ld, domain.get());
     if (total < 1) return rc = ZEL_RC_TR_NOT_FOUND;
@@ -97,7 +102,7 @@ ZelRC remove_target_record(ZelSession *s, const char *user, const char *target) 
 
     zel::Message res;
     LDAPMessage *entry = nullptr;
-    if ((rc = find_one_record(s, user, target, res, entry)) != 0) return rc;
+    if ((rc = find_one_record(s, user, target, res, entry, false)) != 0) return rc;
     zel::LdapText dn(ldap_get_dn(s->ld, entry));
     if (!dn) return rc = ZEL_RC_TR_NOT_FOUND;
     int lrc = plat::ldap_delete_ext_s(s->ld, dn.get(), nullptr, nullptr);

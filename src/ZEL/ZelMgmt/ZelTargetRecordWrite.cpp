@@ -289,11 +289,13 @@ ZelRC create_update_TargetRecord(ZelSession *s, const char *user, const ZelTarge
 
 ZEL_API ZelRC Zel_addTargetRecord(ZelSession *s, const char *user, const ZelTargetRecord *r) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    zel::forget_users(s);
     return zel::guarded([&] { return write_record(s, "Zel_addTargetRecord", user, r, kAdd); });
 }
 
 ZEL_API ZelRC Zel_updateTargetRecord(ZelSession *s, const char *user, const ZelTargetRecord *r) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    zel::forget_users(s);
     return zel::guarded([&] { return write_record(s, "Zel_updateTargetRecord", user, r, kUpdate); });
 }
 

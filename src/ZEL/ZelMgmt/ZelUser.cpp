@@ -244,6 +244,7 @@ ZelRC create_update_ZelUser(ZelSession *s, const ZelUser *user, const char *pers
 
 ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    zel::forget_users(s);
     return zel::guarded([&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "Zel_addZelUser", rc);
@@ -272,6 +273,7 @@ ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u) {
 
 ZelRC Zel_updateZelUser(ZelSession *s, const ZelUser *u) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    zel::forget_users(s);
     return zel::guarded([&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "Zel_updateZelUser", rc);

@@ -211,6 +211,7 @@ ZelRC Zel_verifyZelUser(ZelSession *s, const char *personDN, char **userDN_out) 
 
 ZelRC Zel_removeZelUser(ZelSession *s, const char *nameOrDN) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    zel::forget_users(s);
     return zel::guarded([&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "Zel_removeZelUser", rc);

@@ -35,6 +35,8 @@ struct ZelSuffixNode {
 };
 
 // Field order is fixed: the tag must be the first four bytes.
+namespace zel { class UserCache; }
+
 struct ZelSession {
     char tag[4];               // "ZEL" and NUL while the handle is live
     uint32_t version;          // API version: below 2 first-generation, 2 security domain
@@ -50,6 +52,8 @@ struct ZelSession {
     char *domain_dn;           // 1000-byte buffer or null
     char *domain_name;
     int32_t domain_version;
+    zel::UserCache *user_cache;     // null while the session caches no users
+    bool stepwise_credentials;      // ZEL_CREDENTIAL_PATH=stepwise at open
 };
 
 namespace zel {
@@ -71,6 +75,8 @@ constexpr int kTraceFlow = 19;
 constexpr const char *kMaskedPassword = "XXXXXXXX";
 
 bool valid_handle(const ZelSession *s);
+// The session changed a user (or may have): what it cached about users goes.
+void forget_users(ZelSession *s);
 bool tracing(const ZelSession *s, int above);
 // Formatted trace; the format carries its own newline where it has one.
 void tracef(const ZelSession *s, int above, const char *fmt, ...) ZEL_PRINTF(3, 4);

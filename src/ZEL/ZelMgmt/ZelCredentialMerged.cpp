@@ -1,0 +1,278 @@
+// The credential query with each search its answer needs sent once: the
+// user resolved once per form, the direct and the group records of a form in
+// one search, and the candidate groups asked about together.  The answer is
+// the step-by-step one: the direct record of the session's form, then of the
+// first generation; then the first group record, in directory order, whose
+// group holds the resource.  Group records come from the session's form, or
+// from the first generation when the user has none there.
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <vector>
+
+#include "ZelCredentialQuery.h"
+#include "ZelIdentifierText.h"
+#include "platform/dn_escape.h"
+#include "platform/filter_format.h"
+
+namespace {
+
+using zel::CredentialQuery;
+using zel::CredentialTrail;
+
+struct DnFree { void operator()(LDAPDN dn) const { if (dn) ldap_dnfree(dn); } };
+using ParsedDn = std::unique_ptr<LDAPRDN, DnFree>;
+
+// A DN as (type, value) pairs, first RDN first; false for text that is no DN
+// or an RDN of several values, which none of the entries asked for has.
+using Rdns = std::vector<std::pair<std::string, std::string>>;
+bool split_dn(const char *dn, Rdns &out) {
+    out.clear();
+    out.reserve(8);
+    LDAPDN raw = nullptr;
+    if (ldap_str2dn(dn, &raw, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) return false;
+    ParsedDn parsed(raw);
+    for (LDAPRDN *rdn = parsed.get(); rdn && *rdn; ++rdn) {
+        if (!(*rdn)[0] || (*rdn)[1]) return false;
+        const LDAPAVA *ava = (*rdn)[0];
+        out.emplace_back(std::string(ava->la_attr.bv_val, ava->la_attr.bv_len),
+                         std::string(ava->la_value.bv_val, ava->la_value.bv_len));
+    }
+    return true;
+}
+
+bool same_rdns(const Rdns &a, size_t a_from, const Rdns &b) {
+    if (a.size() - a_from != b.size()) return false;
+    for (size_t i = 0; i < b.size(); ++i)
+        if (!zel::same_text(a[a_from + i].first.c_str(), b[i].first.c_str()) ||
+            !zel::same_text(a[a_from + i].second.c_str(), b[i].second.c_str()))
+            return false;
+    return true;
+}
+
+// A user's records of one form: the direct one (the first found) and the
+// group records in directory order.
+struct FormRecords {
+    zel::Message result;
+    LDAPMessage *direct = nullptr;
+    std::vector<LDAPMessage *> groups;
+};
+
+// A group record's identifier starts "G:"; neither character is ever
+// escaped in a DN, so the text after the first '=' tells.
+bool names_group(LDAP *ld, LDAPMessage *entry) {
+    zel::LdapText dn(ldap_get_dn(ld, entry));
+    const char *value = dn ? std::strchr(dn.get(), '=') : nullptr;
+    return value && (value[1] == 'G' || value[1] == 'g') && value[2] == ':';
+}
+
+// One search for the direct record and the group records below the user.
+ZelRC search_form_records(ZelSession *s, const std::string &user_dn, int32_t mode, const CredentialQuery &q,
+                          FormRecords &out) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "locate_ZEL_TR", rc);
+    const std::string &id = q.id_assertion;
+    const std::string filter = mode == zel::kFirstGenerationMode
+                                   ? "(&(objectClass=eTargetRecord)(|(cn=" + id + ")(cn=G:*)))"
+                                   : "(|(secResCredsID=" + id + ")(secResCredsID=G:*))";
+    zel::tracef(s, zel::kTraceProgress, "zelmgmt:Target being looked for: %s\n", q.credential_id.c_str());
+    if ((rc = zel::search_mapped(s, user_dn.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), nullptr, 0, 0, 0,
+                                 out.result)) != 0)
+        return rc;
+    for (LDAPMessage *e = ldap_first_entry(s->ld, out.result.get()); e; e = ldap_next_entry(s->ld, e)) {
+        if (names_group(s->ld, e))
+            out.groups.push_back(e);
+        else if (!out.direct)
+            out.direct = e;
+    }
+    return rc;
+}
+
+// Which of the candidate groups hold the resource in one storage form.
+struct FormAsk {
+    int32_t mode = 0;
+    Rdns container;
+    std::string container_dn;
+    const char *naming = nullptr;     // the groups' naming attribute
+    std::string filter;               // holds the resource and is one of the candidates
+    std::vector<unsigned char> fits;  // whether the group's DN fits a DN buffer
+    std::vector<unsigned char> held;
+    bool needed = false;
+};
+
+// `in_dn`: each group's name escaped for a DN, measured against the limit.
+void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const char *naming,
+                 const std::string &holds, const std::vector<std::string> &groups,
+                 const std::vector<std::string> &in_dn) {
+    ask.mode = mode;
+    ask.naming = naming;
+    ask.container_dn = container;
+    ask.needed = split_dn(container.c_str(), ask.container);
+    ask.fits.assign(groups.size(), false);
+    ask.held.assign(groups.size(), false);
+    std::string any;
+    for (size_t i = 0; i < groups.size(); ++i) {
+        if (groups[i].empty()) continue;
+        if (!(ask.fits[i] = std::strlen(naming) + 1 + in_dn[i].size() + 1 + container.size() < zel::kDnSize)) continue;
+        any += std::string("(") + naming + "=" + plat::escape_filter_value(groups[i]) + ")";
+    }
+    ask.needed = ask.needed && !any.empty();
+    ask.filter = "(&" + holds + "(|" + any + "))";
+}
+
+// Marks the candidates an entry of the answer names, if it is a child of
+// the ask's container.
+void mark_held(FormAsk &ask, const Rdns &entry, const std::vector<std::string> &groups) {
+    if (entry.empty() || !zel::same_text(entry[0].first.c_str(), ask.naming) || !same_rdns(entry, 1, ask.container))
+        return;
+    for (size_t i = 0; i < groups.size(); ++i)
+        if (ask.fits[i] && zel::same_text(groups[i].c_str(), entry[0].second.c_str())) ask.held[i] = true;
+}
+
+// The deepest DN both containers lie below, as text; empty when none.
+std::string common_base(const Rdns &a, const Rdns &b) {
+    size_t n = 0;
+    while (n < a.size() && n < b.size() && zel::same_text(a[a.size() - 1 - n].first.c_str(), b[b.size() - 1 - n].first.c_str()) &&
+           zel::same_text(a[a.size() - 1 - n].second.c_str(), b[b.size() - 1 - n].second.c_str()))
+        ++n;
+    std::string base;
+    for (size_t i = a.size() - n; i < a.size(); ++i) {
+        const std::string &v = a[i].second;
+        bool plain = !v.empty() && v.front() != ' ' && v.back() != ' ' &&
+                     std::all_of(v.begin(), v.end(), [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == ' '; });
+        base += (base.empty() ? "" : ",") + a[i].first + "=" + (plain ? v : plat::escape_dn_value(v));
+    }
+    return base;
+}
+
+// One search over the asks' containers: one level below a single container,
+// the subtree of the common base of two (the entries outside the containers
+// are passed over), one search each when the two share no base.
+ZelRC ask_groups(ZelSession *s, std::vector<FormAsk *> asks, const std::vector<std::string> &groups) {
+    std::vector<FormAsk *> needed;
+    for (FormAsk *a : asks)
+        if (a->needed) needed.push_back(a);
+    if (needed.empty()) return 0;
+    std::string base, filter;
+    int scope = LDAP_SCOPE_ONELEVEL;
+    if (needed.size() == 2 && !(base = common_base(needed[0]->container, needed[1]->container)).empty()) {
+        scope = LDAP_SCOPE_SUBTREE;
+        filter = "(|" + needed[0]->filter + needed[1]->filter + ")";
+    } else if (needed.size() == 2) {
+        if (ZelRC rc = ask_groups(s, {needed[0]}, groups)) return rc;
+        return ask_groups(s, {needed[1]}, groups);
+    } else {
+        base = needed[0]->container_dn;
+        filter = needed[0]->filter;
+    }
+    char *attrs[] = {const_cast<char *>(LDAP_NO_ATTRS), nullptr};
+    zel::Message res;
+    int lrc = zel::search(s, base.c_str(), scope, filter.c_str(), attrs, 0, 0, res);
+    if (lrc == LDAP_NO_SUCH_OBJECT) return 0;  // no such container: its groups hold nothing
+    if (lrc != LDAP_SUCCESS) return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+    for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e; e = ldap_next_entry(s->ld, e)) {
+        zel::LdapText dn(ldap_get_dn(s->ld, e));
+        Rdns rdns;
+        if (!dn || !split_dn(dn.get(), rdns)) continue;
+        for (FormAsk *a : needed) mark_held(*a, rdns, groups);
+    }
+    return 0;
+}
+
+// The first group record whose group holds the resource.  Records of the
+// security domain form look at the domain's group and then at the Zel
+// database's group of that name; first-generation records at the latter.
+ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, FormRecords &records,
+                       LDAPMessage *&answer, CredentialTrail *trail) {
+    std::vector<std::string> groups(records.groups.size()), in_dn(groups.size());
+    for (size_t i = 0; i < groups.size(); ++i) {
+        zel::LdapText dn(ldap_get_dn(s->ld, records.groups[i]));
+        if (!dn) return ZEL_RC_SYSTEM_ERROR;
+        if (ZelRC rc = zel::credential_group(dn.get(), groups[i])) return rc;
+        if (!groups[i].empty()) in_dn[i] = plat::escape_dn_value(groups[i]);
+    }
+    // A security domain record held in no domain: without a domain DN there
+    // is nothing to ask.
+    bool domain = mode == zel::kDomainMode && s->domain_dn;
+    bool first_gen = s->database_dn && (mode == zel::kFirstGenerationMode || domain);
+    FormAsk in_domain, in_database;
+    if (domain)
+        prepare_ask(in_domain, zel::kDomainMode, std::string("cn=ResourceGroups,") + s->domain_dn, "secResGroupID",
+                    q.member_filter, groups, in_dn);
+    if (first_gen)
+        prepare_ask(in_database, zel::kFirstGenerationMode, std::string("cn=Zel Domains,") + s->database_dn, "cn",
+                    q.location_filter, groups, in_dn);
+    if (ZelRC rc = ask_groups(s, {&in_domain, &in_database}, groups)) return rc;
+
+    for (size_t i = 0; i < groups.size(); ++i) {
+        int32_t held_in = 0;
+        if (!groups[i].empty()) {
+            if (domain && !in_domain.fits[i]) return ZEL_RC_LIMIT_EXCEEDED;
+            if (domain && in_domain.held[i]) {
+                held_in = zel::kDomainMode;
+            } else if (first_gen) {
+                if (!in_database.fits[i]) return ZEL_RC_LIMIT_EXCEEDED;
+                if (in_database.held[i]) held_in = zel::kFirstGenerationMode;
+            }
+        }
+        if (trail) trail->group(mode, records.groups[i], groups[i], held_in);
+        if (held_in) {
+            answer = records.groups[i];
+            return 0;
+        }
+    }
+    return 0;
+}
+
+// The user's records in one form; a user who is no Zel user there has none.
+ZelRC form_records(ZelSession *s, const zel::UserForm &user, int32_t mode, const CredentialQuery &q,
+                   FormRecords &out, CredentialTrail *trail) {
+    if (!user.dn.empty())
+        if (ZelRC rc = search_form_records(s, user.dn, mode, q, out)) return rc;
+    if (trail && !user.dn.empty()) trail->direct(mode, out.direct);
+    return 0;
+}
+
+ZelRC answer_with(FormRecords &records, int32_t mode, LDAPMessage *entry, zel::CredentialAnswer &answer) {
+    answer.result = std::move(records.result);
+    answer.entry = entry;
+    answer.mode = mode;
+    return 0;
+}
+
+}  // namespace
+
+namespace zel {
+
+ZelRC merged_credential(ZelSession *s, const char *user, const CredentialQuery &q, CredentialAnswer &answer,
+                        CredentialTrail *trail) {
+    UserLookup users(s, user);
+    const int32_t own = session_mode(s);
+    const UserForm &mine = users.form(own);
+    if (trail) trail->user(own, mine);
+    // First generation: a user who is no Zel user, or an inactive one, gets nothing.
+    if (first_generation(s) ? mine.rc != 0 : !search_made(mine.rc)) return mine.rc;
+    FormRecords records;
+    if (ZelRC rc = form_records(s, mine, own, q, records, trail)) return rc;
+    if (records.direct) return answer_with(records, own, records.direct, answer);
+
+    // A security domain session also sees the Zel database's records.
+    FormRecords older;
+    if (!first_generation(s) && s->database_dn) {
+        const UserForm &first_gen = users.form(kFirstGenerationMode);
+        if (trail) trail->user(kFirstGenerationMode, first_gen);
+        if (!search_made(first_gen.rc)) return first_gen.rc;
+        if (ZelRC rc = form_records(s, first_gen, kFirstGenerationMode, q, older, trail)) return rc;
+        if (older.direct) return answer_with(older, kFirstGenerationMode, older.direct, answer);
+    }
+
+    bool own_groups = !records.groups.empty() || first_generation(s) || !s->database_dn;
+    FormRecords &candidates = own_groups ? records : older;
+    const int32_t mode = own_groups ? own : kFirstGenerationMode;
+    LDAPMessage *entry = nullptr;
+    if (ZelRC rc = first_held_group(s, q, mode, candidates, entry, trail)) return rc;
+    if (entry) answer_with(candidates, mode, entry, answer);
+    return 0;
+}
+
+}  // namespace zel

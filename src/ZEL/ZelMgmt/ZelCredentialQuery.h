@@ -1,0 +1,60 @@
+// The sign-on question and the two ways of answering it: step by step, as
+// each record and group is asked for in turn (kept as the reference, and for
+// operators who set ZEL_CREDENTIAL_PATH=stepwise), and merged, where each
+// search the answer needs is sent once.  Both give the same answer.
+#pragma once
+
+#include <string>
+
+#include "ZelTargetRecord.h"
+#include "ZelUserLookup.h"
+
+namespace zel {
+
+// Names of one credential query, formed and measured before any search.
+struct CredentialQuery {
+    const char *resource = nullptr;
+    std::string credential_id;    // "T:<resource>"
+    std::string id_assertion;     // credential_id escaped for a filter
+    std::string member_filter;    // "(member=<resource DN>)"
+    std::string location_filter;  // first-generation domains list "T:<resource>" as a location
+};
+
+// 1005 for a resource whose names would not fit the fixed sizes.
+ZelRC form_credential_query(const ZelSession *s, const char *resource, CredentialQuery &q);
+
+// The record that answers, alive as long as its search result.
+struct CredentialAnswer {
+    Message result;
+    LDAPMessage *entry = nullptr;
+    int32_t mode = 0;  // storage form of the record
+};
+
+// What the merged path saw on its way to the answer, for explanations.
+class CredentialTrail {
+public:
+    virtual ~CredentialTrail() = default;
+    virtual void user(int32_t mode, const UserForm &form) = 0;
+    // The direct record looked for in one form; null when there is none.
+    virtual void direct(int32_t mode, LDAPMessage *record) = 0;
+    // A group record considered: the group it names and the form in which
+    // that group holds the resource (0: in none).
+    virtual void group(int32_t mode, LDAPMessage *record, const std::string &group, int32_t held_in) = 0;
+};
+
+// Fill `answer` or leave its entry null (no record answers: the caller says 24).
+ZelRC stepwise_credential(ZelSession *s, const char *user, const CredentialQuery &q, CredentialAnswer &answer);
+ZelRC merged_credential(ZelSession *s, const char *user, const CredentialQuery &q, CredentialAnswer &answer,
+                        CredentialTrail *trail);
+
+// The account and clear password of the answering record.
+ZelRC read_credential(ZelSession *s, LDAPMessage *entry, ZelCredential *out);
+// Frees both fields, the password overwritten first.
+void clear_credential(ZelCredential *out);
+
+// The whole query as Zel_getCredential answers it, on the session's path
+// (or the merged one when a trail is given).
+ZelRC query_credential(ZelSession *s, const char *user, const ZelCredentialRequest *req, ZelCredential *out,
+                       CredentialTrail *trail, CredentialAnswer &answer);
+
+}  // namespace zel

@@ -1,0 +1,169 @@
+// Resolving a user name once per call, and the session's cache of what it
+// resolved to.  The cache keeps only answers the directory gave (a user, an
+// inactive user, no Zel user), never a failure, and lets an entry live for
+// the session's TTL at most: another process's change shows after that.
+#include "ZelUserLookup.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <list>
+#include <new>
+#include <unordered_map>
+
+#include "ZelTargetRecord.h"
+
+namespace zel {
+
+class UserCache {
+public:
+    using Clock = std::chrono::steady_clock;
+    explicit UserCache(uint32_t ttl) : ttl_(std::chrono::seconds(ttl)) {}
+
+    bool find(const std::string &user, ResolvedUser &out) {
+        auto it = index_.find(user);
+        if (it == index_.end()) return false;
+        if (Clock::now() >= it->second->expires) {
+            order_.erase(it->second);
+            index_.erase(it);
+            return false;
+        }
+        order_.splice(order_.begin(), order_, it->second);  // most recently used first
+        out = it->second->resolved;
+        return true;
+    }
+
+    // A refreshed entry keeps the expiry of its first resolution: the TTL
+    // bounds how old an answer may be, not how long since it was last used.
+    void store(const std::string &user, const ResolvedUser &resolved) {
+        auto it = index_.find(user);
+        if (it != index_.end()) {
+            it->second->resolved = resolved;
+            order_.splice(order_.begin(), order_, it->second);
+            return;
+        }
+        order_.push_front(Entry{user, resolved, Clock::now() + ttl_});
+        index_.emplace(user, order_.begin());
+        if (order_.size() > kCapacity) {
+            index_.erase(order_.back().user);
+            order_.pop_back();
+        }
+    }
+
+    void clear() {
+        index_.clear();
+        order_.clear();
+    }
+
+private:
+    static constexpr size_t kCapacity = 4096;
+    struct Entry {
+        std::string user;
+        ResolvedUser resolved;
+        Clock::time_point expires;
+    };
+    std::chrono::seconds ttl_;
+    std::list<Entry> order_;
+    std::unordered_map<std::string, std::list<Entry>::iterator> index_;
+};
+
+namespace {
+
+// Only what the directory answered is worth keeping.
+bool cacheable(const ResolvedUser &r) {
+    if (!r.person_known || r.person_rc != 0) return false;
+    for (const UserForm &f : r.forms)
+        if (f.known && f.rc != 0 && f.rc != ZEL_RC_ACCOUNT_INVALID && f.rc != ZEL_RC_USER_NOT_FOUND) return false;
+    return true;
+}
+
+uint32_t ttl_from_environment() {
+    const char *text = std::getenv("ZEL_CACHE_TTL");
+    if (text == nullptr || *text == '\0') return 0;
+    char *end = nullptr;
+    unsigned long value = std::strtoul(text, &end, 10);
+    // Anything but a plain number of seconds leaves the cache off.
+    if (*end != '\0' || text[0] == '-' || value > 86400UL * 365) return 0;
+    return static_cast<uint32_t>(value);
+}
+
+}  // namespace
+
+ZelRC resolve_person(ZelSession *s, const char *user, std::string &person_dn) {
+    person_dn.clear();
+    CText buffer = zeroed_buffer(kDnSize);
+    if (!buffer) return ZEL_RC_NO_MEMORY;
+    ZelRC rc;
+    if (contains(user, "="))
+        rc = construct_ePersonDN_from_UP(s, user, buffer.get());
+    else if (contains(user, "@"))
+        rc = locate_krb_ePerson(s, user, s->suffixes, buffer.get());
+    else
+        rc = locate_ePerson(s, user, s->suffixes, buffer.get());
+    if (rc == 0) person_dn = buffer.get();
+    return rc;
+}
+
+ZelRC verify_form(ZelSession *s, const std::string &person_dn, int32_t mode, std::string &user_dn) {
+    user_dn.clear();
+    char *raw = nullptr;
+    ZelRC rc = verify_ZEL_user(s, person_dn.c_str(), &raw, mode);
+    CText dn(raw);
+    if (dn) user_dn = dn.get();
+    if (rc == 1) return 0;
+    return rc == 0 ? ZEL_RC_USER_NOT_FOUND : rc;
+}
+
+UserLookup::UserLookup(ZelSession *s, const char *user, bool cached) : s_(s), user_(user), cached_(cached) {
+    if (cached_ && s->user_cache) s->user_cache->find(user, resolved_);
+}
+
+const UserForm &UserLookup::form(int32_t mode) {
+    UserForm &f = resolved_.forms[mode];
+    if (f.known) return f;
+    ZelRC rc = 0;
+    RoutineTrace trace(s_, "get_verify_User_profile", rc);
+    if (!resolved_.person_known) {
+        resolved_.person_rc = resolve_person(s_, user_, resolved_.person_dn);
+        resolved_.person_known = true;
+    }
+    f.rc = resolved_.person_rc != 0 ? resolved_.person_rc : verify_form(s_, resolved_.person_dn, mode, f.dn);
+    f.known = true;
+    if (f.rc != 0 && f.rc != ZEL_RC_ACCOUNT_INVALID) f.dn.clear();
+    rc = f.rc;
+    if (cached_ && s_->user_cache && cacheable(resolved_)) s_->user_cache->store(user_, resolved_);
+    return f;
+}
+
+ZelRC configure_reads(ZelSession *s) {
+    const char *path = std::getenv("ZEL_CREDENTIAL_PATH");
+    s->stepwise_credentials = path != nullptr && std::strcmp(path, "stepwise") == 0;
+    return set_cache_ttl(s, ttl_from_environment());
+}
+
+ZelRC set_cache_ttl(ZelSession *s, uint32_t seconds) {
+    free_user_cache(s);
+    if (seconds == 0) return 0;
+    s->user_cache = new (std::nothrow) UserCache(seconds);
+    return s->user_cache ? 0 : ZEL_RC_NO_MEMORY;
+}
+
+void free_user_cache(ZelSession *s) {
+    delete s->user_cache;
+    s->user_cache = nullptr;
+}
+
+void forget_users(ZelSession *s) {
+    if (s->user_cache) s->user_cache->clear();
+}
+
+}  // namespace zel
+
+extern "C" {
+
+ZEL_API ZelRC Zel_setSessionCacheTTL(ZelSession *s, uint32_t seconds) {
+    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
+    return zel::guarded([&] { return zel::set_cache_ttl(s, seconds); });
+}
+
+}  // extern "C"

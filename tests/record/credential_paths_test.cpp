@@ -1,0 +1,231 @@
+// The merged credential query against the step-by-step one over random
+// directories: both storage forms, with and without a Zel database, inactive
+// users, up to 20 group records in random order, groups that hold the
+// resource or not (or do not exist), missing services and names that need
+// escaping.  Every answer must agree in status, account and password; the
+// cached path and the explanation must agree with them.
+#include <algorithm>
+#include <cstdlib>
+#include <random>
+
+#include "dataset.h"
+#include "platform/dn_escape.h"
+#include "record/record_fixture.h"
+
+using namespace recordtest;
+
+namespace {
+
+const std::vector<std::string> kResources = {"app", "mail", "we*b", "a(b)", "c,d", "e+f", "x\\y", "#h", "S\xc3\xa9", "sp ace"};
+const std::string kPeople = "ou=People,o=acme";
+
+// LDIF with every value in base64: names here hold what plain lines cannot.
+struct Ldif {
+    std::string text;
+    Ldif &dn(const std::string &dn) { return line("dn", dn); }
+    Ldif &line(const std::string &attr, const std::string &value) {
+        text += attr + ":: " + zelbench::base64(value) + "\n";
+        return *this;
+    }
+    Ldif &raw(const std::string &attr, const std::string &b64value) {
+        text += attr + ":: " + b64value + "\n";
+        return *this;
+    }
+    Ldif &end() {
+        text += "\n";
+        return *this;
+    }
+};
+
+std::string esc(const std::string &value) { return plat::escape_dn_value(value); }
+std::string domain_resource(const std::string &r) { return "secResourceID=" + esc(r) + ",cn=Resources," + kDomain; }
+
+std::string group_name(int k) {
+    static const char *odd[] = {"g*", "g(", "g,", "g=", "g+", "g\\", "#g", "G\xc3\xa9"};
+    return k % 3 == 1 ? std::string(odd[(k / 3) % 8]) + std::to_string(k) : "g" + std::to_string(k);
+}
+
+std::string user_name(int i) {
+    static const char *odd[] = {"u(", "u,", "u\\", "u*", "\xc3\xbc"};
+    return i % 4 == 1 ? std::string(odd[(i / 4) % 5]) + std::to_string(i) : "u" + std::to_string(i);
+}
+
+// A record's account names it: "<form>/<id>", so an answer shows its record.
+void add_record(Ldif &l, std::mt19937 &rng, int form, const std::string &parent, const std::string &id) {
+    int32_t length = 0;
+    std::string password = "secret-" + std::to_string(rng());
+    if (form == 2) {
+        l.dn("secResCredsID=" + esc(id) + ",cn=ResCreds," + parent)
+            .line("objectClass", "secResCreds").line("secResCredsID", id).line("secType", id[0] == 'G' ? "2" : "1")
+            .line("secUid", "2/" + id).raw("secAuthnData", zelbench::masked_value(password, length)).end();
+    } else {
+        l.dn("cn=" + esc(id) + "," + parent)
+            .line("objectClass", "cimManagedElement").line("objectClass", "cimSetting").line("objectClass", "eTargetRecord").line("cn", id)
+            .line("targetService", "tsName=x").line("tsType", "Web Application").line("launchable", "false")
+            .line("uid", "1/" + id).raw("secretKey", zelbench::masked_value(password, length)).end();
+    }
+}
+
+std::string random_directory(uint32_t seed, bool with_database, int users) {
+    std::mt19937 rng(seed);
+    auto chance = [&](int percent) { return static_cast<int>(rng() % 100) < percent; };
+    Ldif l;
+    for (const char *cn : {"Users", "Resources", "ResourceGroups"})
+        l.dn(std::string("cn=") + cn + "," + kDomain).line("objectClass", "container").line("cn", cn).end();
+    l.dn(kPeople).line("objectClass", "organizationalUnit").line("ou", "People").end();
+    // "gone" is asked for and exists nowhere.
+    for (const std::string &r : kResources)
+        l.dn(domain_resource(r)).line("objectClass", "secResource").line("secResourceID", r).line("secType", "1").end();
+    const int groups = 24;
+    for (int k = 0; k < groups; ++k) {
+        const std::string g = group_name(k);
+        if (chance(60)) {
+            l.dn("secResGroupID=" + esc(g) + ",cn=ResourceGroups," + kDomain).line("objectClass", "secResGroup")
+                .line("secResGroupID", g).line("secType", "2").line("member", kDomain);
+            for (const std::string &r : kResources)
+                if (chance(25)) l.line("member", domain_resource(r));
+            l.end();
+        }
+        if (with_database && chance(50)) {
+            l.dn("cn=" + esc(g) + ",cn=Zel Domains," + kDb).line("objectClass", "eZelDomain").line("cn", g);
+            for (const std::string &r : kResources)
+                if (chance(25)) l.line("targetLocation", "T:" + r);
+            l.end();
+        }
+    }
+    auto records = [&](int form, const std::string &parent) {
+        std::vector<std::string> ids;
+        for (const std::string &r : kResources)
+            if (chance(20)) ids.push_back("T:" + r);
+        std::vector<int> order(groups + 2);
+        for (size_t k = 0; k < order.size(); ++k) order[k] = static_cast<int>(k);
+        std::shuffle(order.begin(), order.end(), rng);
+        int count = static_cast<int>(rng() % 21);
+        for (int k = 0; k < count; ++k)
+            ids.push_back(order[k] == groups ? "G:" : order[k] == groups + 1 ? "G:missing" : "G:" + group_name(order[k]));
+        std::shuffle(ids.begin(), ids.end(), rng);
+        for (const std::string &id : ids) add_record(l, rng, form, parent, id);
+    };
+    for (int i = 0; i < users; ++i) {
+        const std::string name = user_name(i), person = "cn=P" + std::to_string(i) + "," + kPeople;
+        l.dn(person).line("objectClass", "person").line("objectClass", "organizationalPerson")
+            .line("objectClass", "inetOrgPerson").line("objectClass", "ePerson").line("cn", "P" + std::to_string(i))
+            .line("sn", "P").line("uid", name).end();
+        if (chance(75)) {
+            const std::string dn = "principalName=" + esc(name) + "," + kDomainUsers;
+            l.dn(dn).line("objectClass", "cimManagedElement").line("objectClass", "eUser").line("objectClass", "secUser").line("principalName", name)
+                .line("secDN", person).line("secAuthority", "Default:").line("secLoginType", "Default:LDAP")
+                .line("secAcctValid", chance(20) ? "FALSE" : "TRUE").end();
+            l.dn("cn=ResCreds," + dn).line("objectClass", "container").line("cn", "ResCreds").end();
+            records(2, dn);
+        }
+        if (with_database && chance(50)) {
+            const std::string dn = "cn=" + esc(name) + "," + person;
+            l.dn(dn).line("objectClass", "cimManagedElement").line("objectClass", "eUser").line("objectClass", "eZelUser").line("cn", name)
+                .line("associatedName", person).line("userType", "User")
+                .line("userState", chance(20) ? "Inactive" : "Active").end();
+            records(1, dn);
+        }
+    }
+    return l.text;
+}
+
+uint32_t chosen_seed() {
+    const char *given = std::getenv("ZEL_CREDENTIAL_SEED");
+    return given ? static_cast<uint32_t>(std::strtoul(given, nullptr, 10)) : std::random_device{}();
+}
+
+struct Answer {
+    ZelRC rc = 0;
+    std::string account, password;
+    bool operator==(const Answer &o) const { return rc == o.rc && account == o.account && password == o.password; }
+};
+
+std::ostream &operator<<(std::ostream &os, const Answer &a) {
+    return os << "status " << a.rc << " " << a.account << (a.password.empty() ? "" : " (password)");
+}
+
+Answer ask(ZelSession *s, const std::string &user, const std::string &resource) {
+    ZelCredentialRequest req{nullptr, nullptr, const_cast<char *>(resource.c_str())};
+    ZelCredential c{};
+    Answer a;
+    a.rc = Zel_getCredential(s, user.c_str(), &req, &c);
+    if (c.userId) a.account = c.userId;
+    if (c.password) a.password = c.password;
+    Zel_memfree(c.userId);
+    Zel_memfree(c.password);
+    return a;
+}
+
+// The explanation names the record whose account came back, and no password.
+void expect_explained(ZelSession *s, const std::string &user, const std::string &resource, const Answer &got) {
+    ZelCredentialRequest req{nullptr, nullptr, const_cast<char *>(resource.c_str())};
+    ZelCredentialExplanation *e = nullptr;
+    ZelRC rc = Zel_explainCredential(s, user.c_str(), &req, &e);
+    if (rc != 0) {
+        EXPECT_EQ(rc, got.rc);
+        EXPECT_EQ(e, nullptr);
+        return;
+    }
+    EXPECT_EQ(e->status, got.rc);
+    std::string answered;
+    if (e->answerStep >= 0) {
+        const ZelExplainStep *step = e->steps[e->answerStep];
+        answered = std::to_string(step->form) + "/" +
+                   (step->kind == ZEL_STEP_DIRECT ? std::string(step->name) : "G:" + std::string(step->name));
+    }
+    // A record without a password answers with 13 and no account handed out.
+    if (got.rc == 0) {
+        EXPECT_EQ(answered, got.account);
+    } else if (got.rc == ZEL_RC_TR_NOT_FOUND) {
+        EXPECT_EQ(e->answerStep, -1);
+    }
+    for (int32_t i = 0; i < e->stepCount; ++i)
+        for (const char *text : {e->steps[i]->dn, e->steps[i]->name})
+            EXPECT_TRUE(text == nullptr || std::string(text).find("secret-") == std::string::npos);
+    Zel_freeCredentialExplanation(e);
+}
+
+class CredentialPaths : public DirectoryTest, public ::testing::WithParamInterface<bool> {
+protected:
+    Profile profile() const override {
+        Profile p;
+        p.seed_ldif = (GetParam() ? database_ldif("o=acme") : "") + random_directory(seed_, GetParam(), kUsers);
+        return p;
+    }
+    static constexpr int kUsers = 24;
+    uint32_t seed_ = chosen_seed();
+};
+
+TEST_P(CredentialPaths, MergedAnswersAsStepwise) {
+    SCOPED_TRACE("ZEL_CREDENTIAL_SEED=" + std::to_string(seed_));
+    std::vector<std::string> users{"nobody", "u*"};
+    for (int i = 0; i < kUsers; ++i) users.push_back(user_name(i));
+    std::vector<std::string> resources = kResources;
+    resources.push_back("gone");
+    int answered = 0;
+    for (uint32_t version : GetParam() ? std::vector<uint32_t>{2, 1} : std::vector<uint32_t>{2}) {
+        Session plain = open_session(*dir, version), cached = open_session(*dir, version);
+        ASSERT_TRUE(plain && cached);
+        ASSERT_EQ(Zel_setSessionCacheTTL(cached.get(), 3600), 0u);
+        for (const std::string &user : users) {
+            for (const std::string &resource : resources) {
+                SCOPED_TRACE("version " + std::to_string(version) + " user " + user + " resource " + resource);
+                plain->stepwise_credentials = true;
+                Answer reference = ask(plain.get(), user, resource);
+                plain->stepwise_credentials = false;
+                ASSERT_EQ(ask(plain.get(), user, resource), reference);
+                ASSERT_EQ(ask(cached.get(), user, resource), reference);
+                expect_explained(plain.get(), user, resource, reference);
+                answered += reference.rc == 0;
+            }
+        }
+    }
+    // The directory is worth comparing over only if many questions have answers.
+    EXPECT_GT(answered, 20);
+}
+
+INSTANTIATE_TEST_SUITE_P(Database, CredentialPaths, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool> &i) { return i.param ? "With" : "Without"; });
+
+}  // namespace
