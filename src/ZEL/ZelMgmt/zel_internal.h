@@ -28,6 +28,8 @@
 #define ZEL_PRINTF(f, a)
 #endif
 
+namespace zel { class Failover; }
+
 // One suffix of the directory, in discovery order.
 struct ZelSuffixNode {
     char *suffix;
@@ -50,6 +52,7 @@ struct ZelSession {
     char *domain_dn;           // 1000-byte buffer or null
     char *domain_name;
     int32_t domain_version;
+    zel::Failover *failover;   // null on a caller's own connection
 };
 
 namespace zel {
