@@ -66,13 +66,7 @@ void ReplicatedPair::write_config(int n) {
     const std::string d = dir_ + "/s" + std::to_string(n);
     std::filesystem::create_directories(d + "/db");
     std::ostringstream conf;
-    conf << "include /etc/ldap/schema/core.schema\n"
-         << "include /etc/ldap/schema/cosine.schema\n"
-         << "include /etc/ldap/schema/inetorgperson.schema\n"
-         << "include " << src << "/schema/zel.schema\n"
-         << "include " << src << "/tests/support/profile.schema\n"
-         << "pidfile " << d << "/slapd.pid\nargsfile " << d << "/slapd.args\n"
-         << "modulepath /usr/lib/ldap\nmoduleload back_mdb\nmoduleload syncprov\n"
+    conf << server_config_head(d) << "moduleload syncprov\n"
          << "serverID " << n << "\n"
          << "access to * by dn.exact=\"" << admin_dn() << "\" manage by * read\n"
          << "database mdb\nsuffix \"" << suffix() << "\"\n"

@@ -54,7 +54,7 @@ TEST(ZelctlOptions, AttachedAndSeparateValues) {
         {{"-Hldap://h:65536"}, "-H wants ldap://HOST[:PORT] or ldaps://HOST[:PORT]"},
         {{"-Hhttp://h"}, "-H wants ldap://HOST[:PORT] or ldaps://HOST[:PORT]"},
         {{"-H", "ldap://a:1  ldaps://b", "--timeout=2", "--network-timeout", "0", "info"},
-         "ldap://a:1  ldaps://b||||||Default|2||info "},
+         "ldap://a:1  ldaps://b|||||Default|2||info "},
         {{"-H", "ldap://a b"}, "-H wants ldap://HOST[:PORT] or ldaps://HOST[:PORT]"},
         {{"-H", " "}, "-H wants ldap://HOST[:PORT] or ldaps://HOST[:PORT]"},
         {{"--timeout", "-1"}, "--timeout wants whole seconds (0: no limit)"},
