@@ -20,6 +20,12 @@ for users in "${sizes[@]}"; do
   stop_directory
 done
 
+# Failing over on a replicated pair.
+if [ -x "$build/bench/zel_failover_bench" ]; then
+  echo
+  "$build/bench/zel_failover_bench"
+fi
+
 # Per-call time against directory size, and how it grows from the smallest size.
 awk -F, -v first="${sizes[0]}" -v last="${sizes[${#sizes[@]}-1]}" '
   NR > 1 && $8 != "" { t[$1 "," $2] = $3; ops[$2] = 1 }

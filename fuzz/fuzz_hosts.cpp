@@ -1,5 +1,6 @@
-// A classic host list: accepted only as plain "scheme://host:port" URIs, one
-// per host, that carry no DN, attributes, scope, filter or extension.
+// A classic host list (bare hosts or ldap:// and ldaps:// URIs): accepted only
+// as plain "scheme://host:port" URIs, one per host, that carry no DN,
+// attributes, scope, filter or extension.
 #include <ldap.h>
 
 #include <cstdint>
@@ -24,7 +25,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (ldap_url_parse(uri.c_str(), &url) != LDAP_URL_SUCCESS) abort();
         bool plain = (url->lud_dn == nullptr || *url->lud_dn == '\0') && url->lud_attrs == nullptr &&
                      url->lud_filter == nullptr && url->lud_exts == nullptr && url->lud_port > 0 &&
-                     url->lud_port <= 65535 && std::string(url->lud_scheme) == (ssl ? "ldaps" : "ldap");
+                     url->lud_port <= 65535 &&
+                     (std::string(url->lud_scheme) == "ldap" || std::string(url->lud_scheme) == "ldaps");
         ldap_free_urldesc(url);
         if (!plain) abort();
     }

@@ -190,7 +190,14 @@ typedef struct ZelPerson {
     char *password;
 } ZelPerson;
 
-/* Sessions. */
+/* Sessions.  `host` may name several servers separated by blanks, each
+ * "host[:port]" (`port` applies to those without one) or an "ldap://" or
+ * "ldaps://" URI.  An open tries them in order and takes the first that
+ * answers.  Later, a request that fails on the client side (server down,
+ * time-out, connect error) moves a session the library connected to the
+ * next server (round to the first), bound as the same identity: a read is
+ * sent once more there, a write never is (it returns its status).  A session
+ * on the caller's own `ld` never reconnects. */
 ZEL_API ZelRC Zel_open(struct ldap *ld, const char *user, const char *password, const char *host,
                        uint16_t port, int32_t flags, const char *keyring, const char *keyring_pw,
                        const char *cert_label, ZelSession **session_out, uint32_t version);
@@ -275,6 +282,8 @@ typedef struct ZelSessionInfo {
     int32_t securityDomainVersion;
     char *databaseDN;              /* null until the session has located it */
     uint32_t apiVersion;
+    char *server;                  /* the server the session is on now, as a URI;
+                                      null when unknown */
 } ZelSessionInfo;
 
 /* 1010 for a bad handle, 1005 for a null out, 1012 when memory runs out. */
@@ -325,6 +334,13 @@ typedef struct ZelCredentialExplanation {
 ZEL_API ZelRC Zel_explainCredential(ZelSession *s, const char *user, const ZelCredentialRequest *req,
                                     ZelCredentialExplanation **out);
 ZEL_API void Zel_freeCredentialExplanation(ZelCredentialExplanation *e);
+/* Time-outs, in whole seconds, of the connections opened from now on in this
+ * process: connecting to a server, and each request (its reply included).
+ * 0 means no limit; -1 hands the choice back to the environment
+ * (ZEL_NETWORK_TIMEOUT, ZEL_TIMEOUT), else to the client's ldap.conf, else
+ * to the defaults of 5 s to connect and 30 s per request.  1005 for anything
+ * else. */
+ZEL_API ZelRC Zel_setTimeouts(int32_t networkSeconds, int32_t requestSeconds);
 
 /* The profile of the Zel user `name` as stored: the security domain's first
  * in a version 2 session, else the Zel database's.  userType is null where

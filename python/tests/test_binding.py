@@ -19,9 +19,24 @@ def test_bad_bind_raises_with_status_and_text(directory):
     assert "wrong" not in str(e.value)
 
 
-def test_session_info(session):
+def test_session_info(session, directory):
     info = session.info()
     assert (info.suffixes, info.security_domain, info.api_version) == ([SUFFIX], "Default", 2)
+    assert info.server == directory.uri
+
+
+def test_a_server_list_and_time_outs(directory):
+    zelmgmt.set_timeouts(request=5, network=2)
+    try:
+        # Port 1 refuses: the open moves on to the next server.
+        with zelmgmt.Session(f"ldap://127.0.0.1:1 {directory.uri}", ADMIN,
+                             password_file=str(directory.password_file)) as s:
+            assert s.info().server == directory.uri
+        with pytest.raises(zelmgmt.Error) as e:
+            zelmgmt.set_timeouts(request=-2)
+        assert e.value.status == 1005
+    finally:
+        zelmgmt.set_timeouts()
 
 
 def test_services_round_trip(session):

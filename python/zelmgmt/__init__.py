@@ -23,7 +23,7 @@ from . import _c
 
 __all__ = [
     "Error", "Session", "SessionInfo", "TargetService", "ServiceType", "User", "TargetRecord",
-    "Credential", "Explanation", "ExplainStep", "Domain", "Person", "strerror",
+    "Credential", "Explanation", "ExplainStep", "Domain", "Person", "strerror", "set_timeouts",
     "OPEN_NONSSL", "OPEN_SSL", "OPEN_GSSAPI",
     "CREATEDB_SUFFIX", "CREATEDB_XR_DEFAULTS", "CREATEDB_EXTENDED",
 ]
@@ -79,6 +79,7 @@ class SessionInfo:
     security_domain_version: int
     database_dn: Optional[str]
     api_version: int
+    server: Optional[str] = None   # the URI of the server the session is on now
 
 
 @dataclass
@@ -196,10 +197,21 @@ def _parse_uri(uri: str) -> Tuple[str, int, bool]:
     return host, int(port) if port else 0, ssl
 
 
+def set_timeouts(request: Optional[int] = None, network: Optional[int] = None) -> None:
+    """Time-outs, in whole seconds, of the sessions this process opens from now
+    on: each request, and connecting to a server.  0 means no limit; None
+    leaves the choice to ZEL_TIMEOUT / ZEL_NETWORK_TIMEOUT, else ldap.conf,
+    else 30 s per request and 5 s to connect."""
+    _check(_lib.Zel_setTimeouts(-1 if network is None else network, -1 if request is None else request),
+           "cannot set the time-outs")
+
+
 class Session:
     """One library session; use it as a context manager or call close().
 
-    uri: "ldap://host[:port]" or "ldaps://host[:port]"; or host and port.
+    uri: "ldap://host[:port]" or "ldaps://host[:port]", or several of them
+    separated by blanks (a replicated set: the first that answers is used,
+    the next when it fails); or host and port.
     Without either, the directory client's configured default server.
     password or password_file authenticate bind_dn; version 2 (the default)
     opens on the security domain `domain`, 0 or 1 the first-generation form.
@@ -214,7 +226,11 @@ class Session:
                  gssapi: bool = False):
         if password_file is not None:
             password = Path(password_file).read_text(encoding="utf-8").rstrip("\r\n")
-        if uri is not None:
+        if uri is not None and len(uri.split()) > 1:
+            for one in uri.split():
+                _parse_uri(one)   # each must be a URI; the library reads the list
+            host, port = " ".join(uri.split()), 0
+        elif uri is not None:
             host, port, uri_ssl = _parse_uri(uri)
             ssl = uri_ssl if ssl is None else ssl
         flags = 0
@@ -264,7 +280,7 @@ class Session:
             i = out.contents
             return SessionInfo(i.dirKind, i.hostKind, [_s(i.suffixes[k]) for k in range(i.suffixCount)],
                                _s(i.securityDomain), _s(i.securityDomainDN), i.securityDomainVersion,
-                               _s(i.databaseDN), i.apiVersion)
+                               _s(i.databaseDN), i.apiVersion, _s(i.server))
         finally:
             _lib.Zel_freeSessionInfo(out)
 

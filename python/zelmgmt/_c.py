@@ -82,7 +82,7 @@ class Person(ctypes.Structure):
 class SessionInfo(ctypes.Structure):
     _fields_ = [("dirKind", c_int32), ("hostKind", c_int32), ("suffixCount", c_int32), ("suffixes", P(c_char_p)),
                 ("securityDomain", c_char_p), ("securityDomainDN", c_char_p), ("securityDomainVersion", c_int32),
-                ("databaseDN", c_char_p), ("apiVersion", c_uint32)]
+                ("databaseDN", c_char_p), ("apiVersion", c_uint32), ("server", c_char_p)]
 
 
 class RekeyReport(ctypes.Structure):
@@ -117,6 +117,7 @@ _PROTOTYPES = {
     "Zel_rekeyTargetRecords": (c_uint32, [_S, c_char_p, P(P(RekeyReport))]),
     "Zel_freeRekeyReport": (None, [P(RekeyReport)]),
     "Zel_getSessionInfo": (c_uint32, [_S, P(P(SessionInfo))]),
+    "Zel_setTimeouts": (c_uint32, [c_int32, c_int32]),
     "Zel_freeSessionInfo": (None, [P(SessionInfo)]),
     "Zel_getTargetRecord": (c_uint32, [_S, c_char_p, c_char_p, P(P(TargetRecord))]),
     "Zel_getAllTargetRecord": (c_uint32, [_S, c_char_p, P(P(TargetRecordList))]),

@@ -12,8 +12,11 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -27,6 +30,9 @@ namespace {
 
 constexpr int kParamError = 89;   // classic LDAP_PARAM_ERROR
 constexpr int kNoMemory = 90;     // classic LDAP_NO_MEMORY
+constexpr int kServerDown = 81;   // classic LDAP_SERVER_DOWN
+constexpr int kTimeout = 85;      // classic LDAP_TIMEOUT
+constexpr int kConnectError = 91; // classic LDAP_CONNECT_ERROR
 
 constexpr int kLdapPort = 389;
 constexpr int kLdapsPort = 636;
@@ -103,24 +109,57 @@ bool append_uri(std::string &uris, const char *scheme, std::string_view token, i
     return true;
 }
 
+// Calls fn(entry) for each blank-separated entry of a host list.
+template <class Fn>
+bool each_entry(std::string_view rest, Fn &&fn) {
+    while (!rest.empty()) {
+        size_t start = rest.find_first_not_of(" \t");
+        if (start == std::string_view::npos) break;
+        rest.remove_prefix(start);
+        std::string_view token = rest.substr(0, rest.find_first_of(" \t"));
+        if (!fn(token)) return false;
+        rest.remove_prefix(token.size());
+    }
+    return true;
+}
+
+bool starts_with_folded(std::string_view text, std::string_view prefix) {
+    return text.size() >= prefix.size() && strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;
+}
+
 }  // namespace
+
+EntrySecurity entry_security(std::string_view entry) {
+    if (starts_with_folded(entry, "ldaps://")) return EntrySecurity::Ssl;
+    if (starts_with_folded(entry, "ldap://")) return EntrySecurity::Plain;
+    return EntrySecurity::FromFlags;
+}
+
+std::vector<std::string> host_entries(const char *host) {
+    std::vector<std::string> entries;
+    if (host != nullptr) each_entry(host, [&](std::string_view token) {
+        entries.emplace_back(token);
+        return true;
+    });
+    return entries;
+}
 
 bool build_uris(const char *host, int port, bool ssl, std::string &uris) {
     if (host == nullptr) return false;
     if (port <= 0) port = ssl ? kLdapsPort : kLdapPort;
     if (port > 65535) return false;
-    const char *scheme = ssl ? "ldaps" : "ldap";
-    std::string_view rest(host);
-    while (!rest.empty()) {
-        size_t start = rest.find_first_not_of(" \t");
-        if (start == std::string_view::npos) break;
-        rest.remove_prefix(start);
-        size_t end = rest.find_first_of(" \t");
-        std::string_view token = rest.substr(0, end);
-        if (!append_uri(uris, scheme, token, port)) return false;
-        rest.remove_prefix(token.size());
-    }
-    return !uris.empty();
+    bool ok = each_entry(host, [&](std::string_view token) {
+        EntrySecurity security = entry_security(token);
+        if (security == EntrySecurity::FromFlags) return append_uri(uris, ssl ? "ldaps" : "ldap", token, port);
+        // A URI names a host and a port and nothing else: no DN, scope or
+        // filter of a caller's may reach the connection.
+        bool uri_ssl = security == EntrySecurity::Ssl;
+        token.remove_prefix(uri_ssl ? 8 : 7);
+        if (!token.empty() && token.back() == '/') token.remove_suffix(1);
+        if (token.empty()) return false;
+        return append_uri(uris, uri_ssl ? "ldaps" : "ldap", token, uri_ssl ? kLdapsPort : kLdapPort);
+    });
+    return ok && !uris.empty();
 }
 
 namespace {
@@ -262,7 +301,88 @@ struct UrlDesc {
     }
 };
 
+// Handles with a recovery attached.  Looked at only when a request failed on
+// the client side, so a healthy connection never takes the lock.
+struct RecoveryRegistry {
+    std::mutex mutex;
+    std::unordered_map<LDAP *, Recovery *> attached;
+};
+
+RecoveryRegistry &recoveries() {
+    static RecoveryRegistry registry;
+    return registry;
+}
+
+Recovery *recovery_of(LDAP *ld) {
+    RecoveryRegistry &registry = recoveries();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    auto found = registry.attached.find(ld);
+    return found == registry.attached.end() ? nullptr : found->second;
+}
+
+// Runs call(handle) and, when it failed on the client side on a handle with
+// a recovery, lets the recovery connect again; a read is sent once more on
+// the new handle.  `before_resend` drops what the failed attempt left.
+template <class Call, class Drop>
+int with_recovery(LDAP *ld, bool resend, Call &&call, Drop &&before_resend) {
+    int rc = call(ld);
+    if (!connection_lost(rc)) return rc;
+    Recovery *recovery = recovery_of(ld);
+    if (recovery == nullptr) return rc;
+    LDAP *fresh = recovery->recover(ld, rc);   // ld may be gone from here on
+    if (fresh == nullptr || !resend) return rc;
+    before_resend();
+    return call(fresh);
+}
+
+template <class Call>
+int write_with_recovery(LDAP *ld, Call &&call) {
+    return with_recovery(ld, false, call, [] {});
+}
+
 }  // namespace
+
+bool connection_lost(int classic_rc) {
+    // Classic numbers: OpenLDAP's own names for these stand for negative codes.
+    return classic_rc == kServerDown || classic_rc == kTimeout || classic_rc == kConnectError;
+}
+
+void set_recovery(LDAP *ld, Recovery *recovery) {
+    RecoveryRegistry &registry = recoveries();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    if (recovery == nullptr) registry.attached.erase(ld);
+    else registry.attached[ld] = recovery;
+}
+
+int ldap_set_timeouts(LDAP *ld, int network_seconds, int request_seconds) {
+    if (ld == nullptr) return kParamError;
+    const std::pair<int, int> limits[] = {{LDAP_OPT_NETWORK_TIMEOUT, network_seconds},
+                                          {LDAP_OPT_TIMEOUT, request_seconds}};
+    for (const auto &[option, seconds] : limits) {
+        if (seconds < 0) continue;
+        // No limit is "no time-out structure": a zero one would mean "do not wait".
+        struct timeval tv = {seconds, 0};
+        int rc = ::ldap_set_option(ld, option, seconds == 0 ? nullptr : &tv);
+        if (rc != LDAP_OPT_SUCCESS) return classic_result(rc);
+    }
+    return LDAP_SUCCESS;
+}
+
+std::string connection_uri(LDAP *ld) {
+    LdapText uri;
+    if (ld == nullptr || ::ldap_get_option(ld, LDAP_OPT_URI, &uri.text) != LDAP_OPT_SUCCESS || uri.text == nullptr)
+        return {};
+    return uri.text;
+}
+
+void configured_timeouts(bool &network, bool &request) {
+    struct timeval *tv = nullptr;
+    network = ::ldap_get_option(nullptr, LDAP_OPT_NETWORK_TIMEOUT, &tv) == LDAP_OPT_SUCCESS && tv != nullptr;
+    ::ldap_memfree(tv);
+    tv = nullptr;
+    request = ::ldap_get_option(nullptr, LDAP_OPT_TIMEOUT, &tv) == LDAP_OPT_SUCCESS && tv != nullptr;
+    ::ldap_memfree(tv);
+}
 
 int classic_result(int rc) {
     if (rc >= 0) return rc;
@@ -280,46 +400,61 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
     if (ld == nullptr) return kParamError;
     // A zero time-out means "no limit"; OpenLDAP would refuse it.
     if (timeout != nullptr && timeout->tv_sec == 0 && timeout->tv_usec == 0) timeout = nullptr;
-    int rc = classic_result(::ldap_search_ext_s(ld, base, scope, filter, attrs, attrsonly, serverctrls,
-                                                clientctrls, timeout, sizelimit, res));
-    // The library asks for a size limit of 2 to tell one match from several
-    // and counts what arrived; a search cut at that limit is not a failure.
-    // One cut shorter by the server's own limit stays a failure: two matches
-    // arriving as one must not read as a unique match.
-    if (rc == LDAP_SIZELIMIT_EXCEEDED && sizelimit > 0 && res != nullptr && *res != nullptr &&
-        ldap_count_entries(ld, *res) == sizelimit)
-        rc = LDAP_SUCCESS;
-    return rc;
+    auto once = [&](LDAP *handle) {
+        int rc = classic_result(::ldap_search_ext_s(handle, base, scope, filter, attrs, attrsonly, serverctrls,
+                                                    clientctrls, timeout, sizelimit, res));
+        // The library asks for a size limit of 2 to tell one match from several
+        // and counts what arrived; a search cut at that limit is not a failure.
+        // One cut shorter by the server's own limit stays a failure: two matches
+        // arriving as one must not read as a unique match.
+        if (rc == LDAP_SIZELIMIT_EXCEEDED && sizelimit > 0 && res != nullptr && *res != nullptr &&
+            ldap_count_entries(handle, *res) == sizelimit)
+            rc = LDAP_SUCCESS;
+        return rc;
+    };
+    return with_recovery(ld, true, once, [&] {
+        if (res != nullptr && *res != nullptr) {
+            ::ldap_msgfree(*res);
+            *res = nullptr;
+        }
+    });
 }
 
 int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
                    LDAPControl **clientctrls) {
     if (ld == nullptr) return kParamError;
-    if (mods == nullptr) return classic_result(::ldap_add_ext_s(ld, dn, mods, serverctrls, clientctrls));
-    MergedAdd merged(mods);
-    return classic_result(::ldap_add_ext_s(ld, dn, merged.get(), serverctrls, clientctrls));
+    std::optional<MergedAdd> merged;
+    if (mods != nullptr) merged.emplace(mods);
+    LDAPMod **sent = merged ? merged->get() : mods;
+    return write_with_recovery(ld, [&](LDAP *handle) {
+        return classic_result(::ldap_add_ext_s(handle, dn, sent, serverctrls, clientctrls));
+    });
 }
 
 int ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
                       LDAPControl **clientctrls) {
     if (ld == nullptr) return kParamError;
-    return classic_result(::ldap_modify_ext_s(ld, dn, mods, serverctrls, clientctrls));
+    return write_with_recovery(ld, [&](LDAP *handle) {
+        return classic_result(::ldap_modify_ext_s(handle, dn, mods, serverctrls, clientctrls));
+    });
 }
 
 int ldap_modify_s(LDAP *ld, const char *dn, LDAPMod **mods) {
     if (ld == nullptr) return kParamError;
-    return classic_result(::ldap_modify_s(ld, dn, mods));
+    return write_with_recovery(ld, [&](LDAP *handle) { return classic_result(::ldap_modify_s(handle, dn, mods)); });
 }
 
 int ldap_delete_ext_s(LDAP *ld, const char *dn, LDAPControl **serverctrls,
                       LDAPControl **clientctrls) {
     if (ld == nullptr) return kParamError;
-    return classic_result(::ldap_delete_ext_s(ld, dn, serverctrls, clientctrls));
+    return write_with_recovery(ld, [&](LDAP *handle) {
+        return classic_result(::ldap_delete_ext_s(handle, dn, serverctrls, clientctrls));
+    });
 }
 
 int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *password) {
     if (ld == nullptr) return kParamError;
-    return classic_result(::ldap_simple_bind_s(ld, dn, password));
+    return write_with_recovery(ld, [&](LDAP *handle) { return classic_result(::ldap_simple_bind_s(handle, dn, password)); });
 }
 
 // ---- GSSAPI sign-on ------------------------------------------------------
@@ -341,25 +476,28 @@ int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mechanism, struct ber
                      LDAPControl **serverctrls, LDAPControl **clientctrls,
                      struct berval **servercredp) {
     if (ld == nullptr) return kParamError;
-    int rc = ::ldap_sasl_bind_s(ld, dn, mechanism, cred, serverctrls, clientctrls, servercredp);
-    // A GSSAPI bind without a token of the caller's only opens the exchange
-    // (the server answers "in progress" and waits for the ticket): carry it
-    // through with the SASL library and the caller's Kerberos credentials.
-    if (rc == LDAP_SASL_BIND_IN_PROGRESS && cred == nullptr && mechanism != nullptr &&
-        strcasecmp(mechanism, "GSSAPI") == 0) {
-        if (servercredp && *servercredp) {
-            ber_bvfree(*servercredp);
-            *servercredp = nullptr;
+    return write_with_recovery(ld, [&](LDAP *handle) {
+        int rc = ::ldap_sasl_bind_s(handle, dn, mechanism, cred, serverctrls, clientctrls, servercredp);
+        // A GSSAPI bind without a token of the caller's only opens the exchange
+        // (the server answers "in progress" and waits for the ticket): carry it
+        // through with the SASL library and the caller's Kerberos credentials.
+        if (rc == LDAP_SASL_BIND_IN_PROGRESS && cred == nullptr && mechanism != nullptr &&
+            strcasecmp(mechanism, "GSSAPI") == 0) {
+            if (servercredp && *servercredp) {
+                ber_bvfree(*servercredp);
+                *servercredp = nullptr;
+            }
+            rc = ::ldap_sasl_interactive_bind_s(handle, dn, mechanism, serverctrls, clientctrls, LDAP_SASL_QUIET,
+                                                take_sasl_defaults, nullptr);
         }
-        rc = ::ldap_sasl_interactive_bind_s(ld, dn, mechanism, serverctrls, clientctrls, LDAP_SASL_QUIET,
-                                            take_sasl_defaults, nullptr);
-    }
-    return classic_result(rc);
+        return classic_result(rc);
+    });
 }
 // ---- end of GSSAPI sign-on -----------------------------------------------
 
 int ldap_unbind(LDAP *ld) {
     if (ld == nullptr) return kParamError;
+    set_recovery(ld, nullptr);   // the address may come back for another handle
     return classic_result(::ldap_unbind_ext(ld, nullptr, nullptr));
 }
 

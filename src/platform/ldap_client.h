@@ -25,7 +25,8 @@
 //
 // ldap_init and ldap_ssl_init take the classic host argument: one host or a
 // blank-separated list, each a name, an IPv4 address or an IPv6 address
-// (bare or in brackets), optionally followed by ":port" of its own.  A port
+// (bare or in brackets), optionally followed by ":port" of its own, or an
+// "ldap://" / "ldaps://" URI naming a host and a port only.  A port
 // of 0 or less means 389 (636 for SSL).  A null host or one with characters
 // that do not belong in a host name gives null.
 //
@@ -56,6 +57,8 @@
 #define LDAP_DEPRECATED 1
 #endif
 #include <ldap.h>
+
+#include <string>
 
 namespace zel::platform {
 
@@ -115,6 +118,40 @@ struct ServerRequest;   // no request fields are used: library defaults
 // server is configured (LDAP_NO_SUCH_OBJECT) or the list cannot be read.
 int ldap_server_locate(ServerRequest *request, ServerInfo **list);
 void ldap_server_free_list(ServerInfo *list);
+
+// ---- Failing servers ----
+//
+// Client-side results that a new connection may cure: server down (81),
+// time-out (85) and connect error (91).
+bool connection_lost(int classic_rc);
+
+// The connect time-out and the per-request time-out of a handle, in whole
+// seconds: 0 means no limit, a negative value leaves the handle as the
+// client's configuration made it.  The request limit bounds each synchronous
+// call (its reply included), the connect limit each TCP connect.
+int ldap_set_timeouts(LDAP *ld, int network_seconds, int request_seconds);
+// Whether the client's own configuration (ldap.conf, .ldaprc, LDAPTIMEOUT,
+// LDAPNETWORK_TIMEOUT) sets each time-out.
+void configured_timeouts(bool &network, bool &request);
+
+// What a handle falls back on when one of its requests fails on the client
+// side.  The adapter calls recover() with the handle and the classic result;
+// it answers the handle to use from now on, or null when none is at hand.
+// A search is then sent once more on that handle; a write or a bind never is
+// (a write may have been applied), the caller gets the first result.
+class Recovery {
+public:
+    virtual LDAP *recover(LDAP *failed, int classic_rc) = 0;
+
+protected:
+    ~Recovery() = default;
+};
+// The URI list a handle was made for ("" when it has none).
+std::string connection_uri(LDAP *ld);
+
+// Attaches a recovery to a handle, or detaches it (null).  ldap_unbind
+// detaches whatever is attached.
+void set_recovery(LDAP *ld, Recovery *recovery);
 
 // Locale: the name is copied; null is refused.  get returns a copy for
 // ldap_memfree, or null when no locale was set.

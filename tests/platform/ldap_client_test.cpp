@@ -91,7 +91,9 @@ TEST(LdapInit, BuildsUrisFromClassicHostArgument) {
                           Case{"ldap.example.com", 0, "ldap://ldap.example.com:389"},
                           Case{"::1", 389, "ldap://[::1]:389"},
                           Case{"[::1]:1389", 389, "ldap://[::1]:1389"},
-                          Case{" h1  h2:1389 ", 389, "ldap://h1:389 ldap://h2:1389"}}) {
+                          Case{" h1  h2:1389 ", 389, "ldap://h1:389 ldap://h2:1389"},
+                          // URIs keep their scheme and default port; bare hosts take the argument's.
+                          Case{"LDAPS://h1/ ldap://h2:1 h3", 1389, "ldaps://h1:636 ldap://h2:1 ldap://h3:1389"}}) {
         fault::reset();
         LDAP *ld = zp::ldap_init(c.host, c.port);
         EXPECT_NE(ld, nullptr) << c.host;
@@ -102,7 +104,8 @@ TEST(LdapInit, BuildsUrisFromClassicHostArgument) {
     }
     fault::reset();
     for (const char *bad : {"", "  ", "a/b", "h?x", "h#x", "user@h", "host:99999", "host:", "[::1",
-                            "[::1]x", "h\xC3\xA4"}) {
+                            "[::1]x", "h\xC3\xA4", "ldap://", "ldap://h/o=x", "ldap://h:1/??sub", "ldapi://h",
+                            "ldap://h1 ldap://u@h2"}) {
         EXPECT_EQ(zp::ldap_init(bad, 389), nullptr) << bad;
     }
     EXPECT_EQ(zp::ldap_init(nullptr, 389), nullptr);

@@ -341,14 +341,7 @@ void Directory::write_config() {
     for (const auto &[attr, value] : profile_.root_dse) root_dse += attr + ": " + value + "\n";
 
     std::ostringstream conf;
-    conf << "include /etc/ldap/schema/core.schema\n"
-         << "include /etc/ldap/schema/cosine.schema\n"
-         << "include /etc/ldap/schema/inetorgperson.schema\n"
-         << "include " << src << "/schema/zel.schema\n"
-         << "include " << src << "/tests/support/profile.schema\n"
-         << "pidfile " << dir_ << "/slapd.pid\n"
-         << "argsfile " << dir_ << "/slapd.args\n"
-         << "modulepath /usr/lib/ldap\nmoduleload back_mdb\n"
+    conf << server_config_head(dir_)
          << "allow bind_v2\n"  // lets the protocol-2 fallback reach a real server
          << "TLSCACertificateFile " << ca.ca << "\n"
          << "TLSCertificateFile " << ca.cert << "\n"
@@ -369,6 +362,17 @@ void Directory::write_config() {
         if (i == 0) conf << "rootdn \"" << admin_dn() << "\"\nrootpw " << admin_password() << "\n";
     }
     write_file(dir_ + "/slapd.conf", conf.str());
+}
+
+std::string server_config_head(const std::string &dir) {
+    const std::string src = ZEL_SOURCE_DIR;
+    return "include /etc/ldap/schema/core.schema\n"
+           "include /etc/ldap/schema/cosine.schema\n"
+           "include /etc/ldap/schema/inetorgperson.schema\n"
+           "include " + src + "/schema/zel.schema\n"
+           "include " + src + "/tests/support/profile.schema\n"
+           "pidfile " + dir + "/slapd.pid\nargsfile " + dir + "/slapd.args\n"
+           "modulepath /usr/lib/ldap\nmoduleload back_mdb\n";
 }
 
 void Directory::start() {

@@ -112,6 +112,10 @@ private:
 std::string suffix_entry_ldif(const std::string &suffix);
 
 // Pieces the other server fixtures share.
+// The first lines of a test slapd.conf: the schema files (the Zel schema and
+// the profiles' root DSE attributes included), pid and args files in `dir`,
+// and back_mdb.
+std::string server_config_head(const std::string &dir);
 void write_file(const std::string &path, const std::string &text);
 std::string make_temp_dir(const char *what);
 std::pair<uint16_t, uint16_t> free_ports();  // two distinct free loopback ports

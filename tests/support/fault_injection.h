@@ -47,6 +47,14 @@ void reset();
 // reaching the directory.  A search then hands back no message.
 void fail_call(Fn fn, int nth, int result);
 
+// The nth search fails with a client-side result (server down, time-out),
+// and so does the search a session of the library's re-sends after it has
+// connected again.
+inline void lose_connection_at_search(int nth, int result) {
+    fail_call(Fn::Search, nth, result);
+    fail_call(Fn::Search, nth + 1, result);
+}
+
 std::vector<Call> calls();
 std::vector<Call> calls(Fn fn);
 int count(Fn fn);

@@ -36,10 +36,12 @@ TEST_F(ZelctlInfo, PrintsWhatOpenLearnt) {
                              "security domain:   Default (secAuthority=Default,o=acme), version 6\n",
                              "Zel database:      systemName=ORVZEL,o=acme\n"})
         EXPECT_NE(r.out.find(line), std::string::npos) << line << r.out;
+    EXPECT_NE(r.out.find("server:            " + dir->uri() + "\n"), std::string::npos) << r.out;
     EXPECT_EQ(zeltest::zelctl(*dir, {"--json", "info"}, "2").out,
               "{\"vendor\":\"orv\",\"host\":\"tessan\",\"suffixes\":[\"o=acme\",\"o=beta\"],"
               "\"securityDomain\":\"Default\",\"securityDomainDN\":\"secAuthority=Default,o=acme\","
-              "\"securityDomainVersion\":6,\"database\":\"systemName=ORVZEL,o=acme\"}\n");
+              "\"securityDomainVersion\":6,\"database\":\"systemName=ORVZEL,o=acme\",\"server\":\"" +
+                  dir->uri() + "\"}\n");
 }
 
 TEST_F(ZelctlInfo, LocatedServerAndClearErrors) {
@@ -54,6 +56,12 @@ TEST_F(ZelctlInfo, LocatedServerAndClearErrors) {
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "zelctl: cannot open a session on ldap://127.0.0.1:1: " +
                          std::string(Zel_strerror(ZEL_RC_DIRECTORY_ERROR)) + " (status 2)\n");
+
+    // A replicated set: the first server refuses, the second answers.
+    args[1] = "ldap://127.0.0.1:1 " + dir->uri();
+    r = zelctl(args);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("server:            " + dir->uri() + "\n"), std::string::npos) << r.out;
 
     r = zelctl({"-H", dir->uri(), "-D", dir->admin_dn(), "-w", "wrong", "info"});
     EXPECT_NE(r.err.find("(status 4)"), std::string::npos) << r.err;

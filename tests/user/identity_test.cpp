@@ -61,7 +61,7 @@ TEST_F(Identity, ProfileStateAndTheOrderOfTheStorageForms) {
     EXPECT_EQ(verify_user(s.get(), kAnn, 0).first, 0u);
     EXPECT_EQ(verify_user(s.get(), "cn=Nobody,o=acme", 0).first, 0u) << "a missing person is no user";
     fault::reset();
-    fault::fail_call(Fn::Search, 1, LDAP_SERVER_DOWN);
+    fault::lose_connection_at_search(1, LDAP_SERVER_DOWN);
     EXPECT_EQ(verify_user(s.get(), kAnn, 0).first, ZEL_RC_DIRECTORY_ERROR);
 
     open(2);

@@ -34,10 +34,10 @@ void print_json(const ZelSessionInfo &info) {
     std::string suffixes;
     for (int32_t i = 0; i < info.suffixCount; ++i) suffixes += (i ? "," : "") + json_string(info.suffixes[i]);
     std::printf("{\"vendor\":%s,\"host\":%s,\"suffixes\":[%s],\"securityDomain\":%s,\"securityDomainDN\":%s,"
-                "\"securityDomainVersion\":%d,\"database\":%s}\n",
+                "\"securityDomainVersion\":%d,\"database\":%s,\"server\":%s}\n",
                 json_string(dir_kind_name(info.dirKind)).c_str(), json_string(host_kind_name(info.hostKind)).c_str(),
                 suffixes.c_str(), json_string(info.securityDomain).c_str(), json_string(info.securityDomainDN).c_str(),
-                info.securityDomainVersion, json_string(info.databaseDN).c_str());
+                info.securityDomainVersion, json_string(info.databaseDN).c_str(), json_string(info.server).c_str());
 }
 
 void print_text(const ZelSessionInfo &info) {
@@ -56,6 +56,7 @@ void print_text(const ZelSessionInfo &info) {
     // needs it, so not knowing it yet does not mean there is none.
     const char *none = info.apiVersion < 2 ? "not looked up (API version below 2)" : "none";
     std::printf("Zel database:      %s\n", info.databaseDN ? info.databaseDN : none);
+    std::printf("server:            %s\n", info.server ? info.server : "unknown");
 }
 
 }  // namespace

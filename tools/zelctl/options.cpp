@@ -1,6 +1,7 @@
 // The options before the command, after OpenLDAP's own tools: each option
 // that takes a value also takes it attached (-wVALUE, --name=VALUE).
 #include <cstring>
+#include <sstream>
 #include <string>
 
 #include "zelctl.h"
@@ -8,7 +9,8 @@
 namespace zelctl {
 namespace {
 
-enum class Opt { Uri, BindDn, Password, PasswordFile, Prompt, Ca, Domain, ApiVersion, Json, SimpleBind, StartTls, Help, Version, Count };
+enum class Opt { Uri, BindDn, Password, PasswordFile, Prompt, Ca, Domain, ApiVersion, Json, SimpleBind, StartTls, Help, Version,
+                 Timeout, NetworkTimeout, Count };
 
 struct OptionSpec {
     const char *name;
@@ -29,6 +31,8 @@ const OptionSpec kOptions[] = {
     {"--domain", true, Opt::Domain},
     {"--api-version", true, Opt::ApiVersion},
     {"--json", false, Opt::Json},
+    {"--timeout", true, Opt::Timeout},
+    {"--network-timeout", true, Opt::NetworkTimeout},
     {"-h", false, Opt::Help},
     {"--help", false, Opt::Help},
     {"--version", false, Opt::Version},
@@ -71,7 +75,18 @@ bool apply(const OptionSpec &o, const char *value, CommandLine &line, std::strin
         std::string host;
         uint16_t port = 0;
         bool ssl = false;
-        if (!parse_uri(value, host, port, ssl)) {
+        // One server or several, separated by blanks, each a URI.
+        std::istringstream servers(value);
+        std::string server;
+        bool any = false;
+        while (servers >> server) {
+            if (!parse_uri(server, host, port, ssl)) {
+                error = "-H wants ldap://HOST[:PORT] or ldaps://HOST[:PORT]";
+                return false;
+            }
+            any = true;
+        }
+        if (!any) {
             error = "-H wants ldap://HOST[:PORT] or ldaps://HOST[:PORT]";
             return false;
         }
@@ -95,6 +110,16 @@ bool apply(const OptionSpec &o, const char *value, CommandLine &line, std::strin
         opts.api_version_given = true;
         break;
     case Opt::Json: opts.json = true; break;
+    case Opt::Timeout:
+    case Opt::NetworkTimeout: {
+        uint32_t seconds = 0;
+        if (!parse_number(value, kMaxTimeoutSeconds, seconds)) {
+            error = std::string(o.name) + " wants whole seconds (0: no limit)";
+            return false;
+        }
+        (o.id == Opt::Timeout ? opts.timeout : opts.network_timeout) = static_cast<int32_t>(seconds);
+        break;
+    }
     case Opt::SimpleBind: break;  // the only bind there is
     case Opt::StartTls:
         error = std::string(o.name) + ": StartTLS is not offered; use -H ldaps://HOST for an encrypted connection";

@@ -29,13 +29,13 @@ _zelctl() {
     cur=${COMP_WORDS[COMP_CWORD]}
     prev=${COMP_WORDS[COMP_CWORD - 1]}
     local commands="info service service-type user record credential domain db person key help"
-    local global_opts="-H -D -w -W -y -x --ca --domain --api-version --json --help --version"
+    local global_opts="-H -D -w -W -y -x --ca --domain --api-version --timeout --network-timeout --json --help --version"
 
     case $prev in
         -y|--ca|--password-file|--admin-password-file)
             COMPREPLY=($(compgen -f -- "$cur")); return ;;
         -H) COMPREPLY=($(compgen -W "ldap:// ldaps://" -- "$cur")); return ;;
-        -D|-w|--domain|--api-version|--description|--account|--cn|--sn|--uid|--admin|--admin-uid|--id)
+        -D|-w|--domain|--api-version|--timeout|--network-timeout|--description|--account|--cn|--sn|--uid|--admin|--admin-uid|--id)
             return ;;
         --type)
             COMPREPLY=()
@@ -52,7 +52,7 @@ _zelctl() {
     for ((i = 1; i < COMP_CWORD; i++)); do
         w=${COMP_WORDS[i]}
         case $w in
-            -H|-D|-w|-y|--ca|--domain|--api-version) ((i++)) ;;
+            -H|-D|-w|-y|--ca|--domain|--api-version|--timeout|--network-timeout) ((i++)) ;;
             -*) ;;
             *) if [[ -z $cmd ]]; then cmd=$w
                elif [[ -z $sub ]]; then sub=$w

@@ -22,7 +22,11 @@ struct Options {
     bool api_version_given = false;  // commands of one storage form choose theirs otherwise
     bool json = false;               // --json
     std::string ca_file;             // --ca: CA certificates for ldaps://
+    int32_t timeout = -1;            // --timeout: seconds per request; -1: the library's choice
+    int32_t network_timeout = -1;    // --network-timeout: seconds to connect
 };
+
+constexpr uint32_t kMaxTimeoutSeconds = 1000000;
 
 using Args = std::vector<std::string>;
 
@@ -46,7 +50,7 @@ bool parse_command_line(int argc, char **argv, CommandLine &line, std::string &e
 bool parse_number(const std::string &text, uint32_t max, uint32_t &value);
 
 // ldap://HOST[:PORT] or ldaps://HOST[:PORT] (IPv6 hosts in brackets); port 0
-// when none is given.
+// when none is given.  -H takes one or several, separated by blanks.
 bool parse_uri(const std::string &uri, std::string &host, uint16_t &port, bool &ssl);
 
 // Opens a session as the options say; on failure prints the error and

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "ZelUserLookup.h"
+#include "ZelFailover.h"
 #include "zel_internal.h"
 
 namespace {
@@ -55,10 +56,11 @@ ZelRC zelOpen(const char *name, LDAP *ld, const char *user, const char *password
             ZelRC stage = 0;
             if (ld == nullptr) {
                 s->owns_connection = 1;
-                stage = connect_to_LDAP(s, host, port, flags, keyring, keyring_pw, cert_label);
-            }
-            if (stage == 0 && (user != nullptr || (flags & ZEL_OPEN_GSSAPI)))
+                stage = zel::connect_and_bind(s, host, port, flags, keyring, keyring_pw, cert_label, user, password,
+                                              credentials, &bind_dn);
+            } else if (user != nullptr || (flags & ZEL_OPEN_GSSAPI)) {
                 stage = bind_to_LDAP(s, (flags & ZEL_OPEN_GSSAPI) ? nullptr : user, password, &bind_dn, credentials);
+            }
             if (stage == 0) stage = determine_suffixes(s);
             if (stage == 0 && domain != nullptr) {
                 stage = get_domain(s, domain);
@@ -131,7 +133,8 @@ ZelRC connect_to_LDAP(ZelSession *s, const char *host, uint16_t port, int32_t fl
                 zel::trace_line(s, zel::kTraceProgress, "zelmgmt:ldap_init() failed.");
                 rc = ZEL_RC_CONNECT_FAILED;
             } else {
-                rc = set_LDAP_options(s, LDAP_VERSION3);
+                rc = zel::apply_timeouts(s);
+                if (rc == 0) rc = set_LDAP_options(s, LDAP_VERSION3);
             }
         } else {
             zel::trace_line(s, zel::kTraceProgress, "zelmgmt:About to issue ldap_ssl_client_init() with:");
@@ -152,7 +155,8 @@ ZelRC connect_to_LDAP(ZelSession *s, const char *host, uint16_t port, int32_t fl
                     zel::trace_line(s, zel::kTraceProgress, "zelmgmt:ldap_ssl_init() failed.");
                     rc = ZEL_RC_CONNECT_FAILED;
                 } else {
-                    rc = set_LDAP_options(s, LDAP_VERSION3);
+                    rc = zel::apply_timeouts(s);
+                    if (rc == 0) rc = set_LDAP_options(s, LDAP_VERSION3);
                 }
             }
         }
@@ -351,6 +355,7 @@ ZEL_API ZelRC Zel_close(ZelSession *s, unsigned char unbind) {
     return zel::guarded([&]() -> ZelRC {
         zel::tracef(s, zel::kTraceFlow, "zelmgmt:%s:Entered...\n", "Zel_close");
         if (s->ld != nullptr && (unbind == 1 || s->owns_connection == 1)) plat::ldap_unbind(s->ld);
+        delete s->failover;   // wipes the password it kept
         zel::free_suffixes(s->suffixes);
         std::free(s->database_dn);
         std::free(s->schema_dn);

@@ -53,6 +53,8 @@ ZEL_API ZelRC Zel_getSessionInfo(ZelSession *s, ZelSessionInfo **out) {
         if (!copy_suffixes(s, info.get()) || !copy_text(info->securityDomain, s->domain_name) ||
             !copy_text(info->securityDomainDN, domain_dn) || !copy_text(info->databaseDN, s->database_dn))
             return rc = ZEL_RC_NO_MEMORY;
+        const std::string server = plat::connection_uri(s->ld);
+        if (!copy_text(info->server, server.empty() ? nullptr : server.c_str())) return rc = ZEL_RC_NO_MEMORY;
         *out = info.release();
         return rc;
     });
@@ -65,6 +67,7 @@ ZEL_API void Zel_freeSessionInfo(ZelSessionInfo *info) {
     std::free(info->securityDomain);
     std::free(info->securityDomainDN);
     std::free(info->databaseDN);
+    std::free(info->server);
     std::free(info);
 }
 

@@ -28,6 +28,8 @@
 #define ZEL_PRINTF(f, a)
 #endif
 
+namespace zel { class Failover; }
+
 // One suffix of the directory, in discovery order.
 struct ZelSuffixNode {
     char *suffix;
@@ -54,6 +56,7 @@ struct ZelSession {
     int32_t domain_version;
     zel::UserCache *user_cache;     // null while the session caches no users
     bool stepwise_credentials;      // ZEL_CREDENTIAL_PATH=stepwise at open
+    zel::Failover *failover;   // null on a caller's own connection
 };
 
 namespace zel {
