@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "ZelUserLookup.h"
+#include "ZelAudit.h"
 #include "zel_internal.h"
 
 namespace {
@@ -74,6 +75,7 @@ ZelRC zelOpen(const char *name, LDAP *ld, const char *user, const char *password
                 }
             }
             if (stage == 0) stage = zel::configure_reads(s);
+            if (stage == 0) stage = zel::audit::attach(s, bind_dn);
             return stage;
         });
         if (rc == 0) {
@@ -357,6 +359,7 @@ ZEL_API ZelRC Zel_close(ZelSession *s, unsigned char unbind) {
         std::free(s->domain_dn);
         std::free(s->domain_name);
         zel::free_user_cache(s);
+        zel::audit::detach(s);
         std::memset(s->tag, 0, sizeof s->tag);
         pthread_mutex_destroy(&s->mutex);
         zel::tracef(s, zel::kTraceFlow, "zelmgmt:%s:Exited...rc=%d\n", "Zel_close", 0);

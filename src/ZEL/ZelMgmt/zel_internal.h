@@ -34,6 +34,9 @@ struct ZelSuffixNode {
     ZelSuffixNode *next;
 };
 
+// A session's audit trail (ZelAudit.h); null unless ZEL_AUDIT is set.
+struct ZelAuditTrail;
+
 // Field order is fixed: the tag must be the first four bytes.
 namespace zel { class UserCache; }
 
@@ -54,6 +57,7 @@ struct ZelSession {
     int32_t domain_version;
     zel::UserCache *user_cache;     // null while the session caches no users
     bool stepwise_credentials;      // ZEL_CREDENTIAL_PATH=stepwise at open
+    ZelAuditTrail *audit;           // null unless ZEL_AUDIT is set
 };
 
 namespace zel {
