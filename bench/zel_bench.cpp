@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include <unistd.h>
+
 #include "delay_proxy.h"
 #include "operations.h"
 
@@ -91,35 +93,73 @@ struct Row {
     int required;
 };
 
-// Library and raw interleaved in rounds of one call per sample and side.
+// Two sides timed in rounds of one call per sample and side: `call(first,
+// i)` makes sample i's call of the first side (or the second) and answers
+// whether it failed.  The row holds the medians and the spread of the
+// per-round ratios; `sides` name the two in a failure.
+template <class Call>
+Row interleaved(int n, int rounds, Call &&call, const std::string &what, const char *const (&sides)[2]) {
+    std::vector<double> first, second, ratios;
+    for (int r = 0; r < rounds; ++r) {
+        // Call by call, the side that goes first alternating: a burst of load
+        // on the machine falls on both sides alike.
+        double t_first = 0, t_second = 0;
+        for (int i = 0; i < n; ++i) {
+            for (int side = 0; side < 2; ++side) {
+                bool is_first = (side == 0) == ((r + i) % 2 == 0);
+                Clock::time_point start = Clock::now();
+                bool failed = call(is_first, i);
+                (is_first ? t_first : t_second) += seconds_since(start) * 1e6 / n;
+                if (failed) fail(what + ": " + sides[is_first ? 0 : 1] + " call failed");
+            }
+        }
+        first.push_back(t_first);
+        second.push_back(t_second);
+        ratios.push_back(t_first / t_second);
+    }
+    double a = median(first), b = median(second);
+    return {what, a, b, a / b, *std::min_element(ratios.begin(), ratios.end()),
+            *std::max_element(ratios.begin(), ratios.end()), 0, 0};
+}
+
+// Library and raw interleaved.
 Row time_reads(ZelSession *s, LDAP *ld, int op, const std::vector<Sample> &xs, int rounds) {
     Prepared p = prepare(s, op, xs, std::getenv("ZEL_BENCH_SHOW") != nullptr);
     int n = static_cast<int>(xs.size());
     // Recording warmed the library's side; one untimed pass warms the raw one.
     if (bench_measured_raw(ld, p.replays.data(), n, n)) fail(std::string(operations()[op].name) + ": raw call failed");
-    std::vector<double> lib, raw, ratios;
-    for (int r = 0; r < rounds; ++r) {
-        // Call by call, the side that goes first alternating: a burst of load
-        // on the machine falls on both sides alike.
-        double t_lib = 0, t_raw = 0;
-        for (int i = 0; i < n; ++i) {
-            for (int side = 0; side < 2; ++side) {
-                bool library = (side == 0) == ((r + i) % 2 == 0);
-                Clock::time_point start = Clock::now();
-                int failed = library ? bench_measured_lib(s, op, xs.data() + i, 1, 1)
-                                     : bench_measured_raw(ld, p.replays.data() + i, 1, 1);
-                (library ? t_lib : t_raw) += seconds_since(start) * 1e6 / n;
-                if (failed)
-                    fail(std::string(operations()[op].name) + (library ? ": library" : ": raw") + " call failed");
-            }
-        }
-        lib.push_back(t_lib);
-        raw.push_back(t_raw);
-        ratios.push_back(t_lib / t_raw);
-    }
-    double l = median(lib), w = median(raw);
-    return {operations()[op].name, l, w, l / w, *std::min_element(ratios.begin(), ratios.end()),
-            *std::max_element(ratios.begin(), ratios.end()), p.searches_per_call, operations()[op].required_searches};
+    Row row = interleaved(
+        n, rounds,
+        [&](bool library, int i) {
+            return library ? bench_measured_lib(s, op, xs.data() + i, 1, 1) != 0
+                           : bench_measured_raw(ld, p.replays.data() + i, 1, 1) != 0;
+        },
+        operations()[op].name, {"library", "raw"});
+    row.searches = p.searches_per_call;
+    row.required = operations()[op].required_searches;
+    return row;
+}
+
+// credential-direct on a session with the audit trail on (the first side),
+// against the same calls on the plain session.
+Row time_audit_trail(int port, ZelSession *plain, const std::vector<Sample> &xs, int rounds) {
+    char folder[] = "/tmp/zel-bench-audit-XXXXXX";
+    if (!mkdtemp(folder)) fail("no folder for the audit trail");
+    const std::string trail = std::string(folder) + "/trail";
+    setenv("ZEL_AUDIT", trail.c_str(), 1);
+    ZelSession *audited = open_session(port);
+    unsetenv("ZEL_AUDIT");
+    if (!audited) fail("no session");
+    int n = static_cast<int>(xs.size());
+    if (bench_measured_lib(audited, 0, xs.data(), n, n)) fail("credential-direct with the trail on failed");
+    Row row = interleaved(
+        n, rounds,
+        [&](bool trailed, int i) { return bench_measured_lib(trailed ? audited : plain, 0, xs.data() + i, 1, 1) != 0; },
+        "credential-direct-audit", {"trailed", "plain"});
+    Zel_close(audited, 1);
+    unlink(trail.c_str());
+    rmdir(folder);
+    return row;
 }
 
 // Calls per second of kThreads threads, each on its own session or connection.
@@ -236,6 +276,11 @@ int run(int port, const Layout &layout, const char *csv, int rounds) {
             << r.ratio_min << ',' << r.ratio_max << ',' << r.searches << ',' << r.required << '\n';
     }
     credential_paths(port, layout, xs, out);
+    Row a = time_audit_trail(port, s, xs, rounds);
+    std::printf("credential-direct, audit trail on %.1f us, off %.1f us: ratio %.3f (%.2f-%.2f) (<=1.15 %s)\n",
+                a.lib_us, a.raw_us, a.ratio, a.ratio_min, a.ratio_max, mark(a.ratio <= 1.15));
+    out << layout.users << ',' << a.op << ',' << a.lib_us << ',' << a.raw_us << ',' << a.ratio << ',' << a.ratio_min
+        << ',' << a.ratio_max << ",,\n";
     double lib_rate = throughput(port, true, xs), raw_rate = throughput(port, false, xs);
     std::printf("%d threads, credential-direct: library %.0f/s, raw %.0f/s, ratio %.3f (>=0.9 %s)\n", kThreads,
                 lib_rate, raw_rate, lib_rate / raw_rate, mark(lib_rate / raw_rate >= 0.9));

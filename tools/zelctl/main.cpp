@@ -37,6 +37,7 @@ const Command kCommands[] = {
      "       [--password-file F | --password-stdin]        (else a prompt on a terminal)\n"
      "     | rekey USER... | rekey --all    stored passwords rewritten under ZEL_KEYFILE's active key\n"},
     {"key", run_key, "key generate FILE [--add]   a new key file (mode 0600), or a new active key in FILE\n"},
+    {"audit", run_audit, "audit verify FILE    the first changed, removed or inserted line of a ZEL_AUDIT trail\n"},
     {"credential", run_credential,
      "credential get USER RESOURCE [--reveal]    the account a sign-on agent presents\n"
      "credential explain USER RESOURCE [--json]  which record answers, and why\n"},
@@ -155,8 +156,8 @@ int run(CommandLine &line) {
     const Command *command = find_command(name);
     if (!command) return usage("unknown command " + name + " (zelctl --help lists them)");
     if (take_flag(rest, "--json")) line.opts.json = true;
-    // Key files are local: no directory, so no bind.
-    if (name == "key") return command->run(line.opts, rest);
+    // Key files and audit trails are local: no directory, so no bind.
+    if (name == "key" || name == "audit") return command->run(line.opts, rest);
     if (!read_password(line)) return 2;
     if (line.opts.bind_dn.empty() || !line.opts.have_password)
         return usage("a bind DN (-D) and a password (-w, -W or -y) are needed");

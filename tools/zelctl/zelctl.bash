@@ -28,7 +28,7 @@ _zelctl() {
     local cur prev
     cur=${COMP_WORDS[COMP_CWORD]}
     prev=${COMP_WORDS[COMP_CWORD - 1]}
-    local commands="info service service-type user record credential domain db person key help"
+    local commands="info service service-type user record credential domain db person key audit help"
     local global_opts="-H -D -w -W -y -x --ca --domain --api-version --timeout --network-timeout --json --help --version"
 
     case $prev in
@@ -73,6 +73,7 @@ _zelctl() {
             user) subs="list add update verify remove" ;;
             record) subs="list get add update remove rekey" ;;
             key) subs="generate" ;;
+            audit) subs="verify" ;;
             credential) subs="get explain" ;;
             domain) subs="list get add update remove add-member remove-member" ;;
             db) subs="create remove" ;;

@@ -115,4 +115,7 @@ int run_person(const Options &opts, Args args);
 int run_key(const Options &opts, Args args);
 int run_record_rekey(const Options &opts, Args args);
 
+// The chain of a ZEL_AUDIT trail file.
+int run_audit(const Options &opts, Args args);
+
 }  // namespace zelctl

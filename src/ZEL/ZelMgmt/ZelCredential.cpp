@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "ZelAudit.h"
 #include "ZelCredentialQuery.h"
 #include "ZelIdentifierText.h"
 #include "platform/dn_escape.h"
@@ -105,6 +106,7 @@ ZelRC query_credential(ZelSession *s, const char *user, const ZelCredentialReque
     if (rc != 0) return rc;
     if (!answer.entry) return ZEL_RC_TR_NOT_FOUND;
     if ((rc = read_credential(s, answer.entry, out)) != 0) return rc;
+    audit::note_answer(s, answer.entry);
     trace_line(s, kTraceProgress, "zelmgmt:Were able add to retrieve Zel user's target credentials successfully!");
     return 0;
 }
@@ -128,7 +130,8 @@ extern "C" {
 ZEL_API ZelRC Zel_getCredential(ZelSession *s, const char *user, const ZelCredentialRequest *req, ZelCredential *out) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     if (out) out->userId = out->password = nullptr;
-    ZelRC rc = zel::guarded([&] { return get_credential(s, user, req, out); });
+    ZelRC rc = zel::audit::read(s, "Zel_getCredential", {user, req ? req->resourceName : nullptr},
+                                [&] { return get_credential(s, user, req, out); }, [] {});  // cleared below
     // Whatever failed, nothing half-filled is handed out.
     if (rc != 0 && out) zel::clear_credential(out);
     return rc;

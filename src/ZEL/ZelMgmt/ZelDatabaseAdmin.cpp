@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "ZelAudit.h"
 #include "ZelDatabase.h"
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
@@ -168,7 +169,7 @@ ZelRC determine_initial_ZelAdmin(ZelSession *s, const char *admin, const char *s
 ZEL_API ZelRC Zel_create_ePerson(ZelSession *s, const ZelPerson *p, const char *userType) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::forget_users(s);
-    return zel::guarded([&]() -> ZelRC {
+    return zel::audit::write(s, "Zel_create_ePerson", {p ? p->cn : nullptr, p ? p->parentDN : nullptr}, [&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "Zel_create_ePerson", rc);
         return rc = add_person(s, p, userType);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "ZelAudit.h"
 #include "ZelAccessText.h"
 #include "ZelDatabase.h"
 
@@ -386,7 +387,7 @@ ZEL_API ZelRC Zel_createDatabase(ZelSession *s, const char *suffix, const char *
                                  const char *adminPassword, unsigned char flags) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::forget_users(s);
-    return zel::guarded([&]() -> ZelRC {
+    return zel::audit::write(s, "Zel_createDatabase", {admin, suffix}, [&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "Zel_createDatabase", rc);
         // A security domain session has no first-generation tree to build.

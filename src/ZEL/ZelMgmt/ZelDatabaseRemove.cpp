@@ -2,6 +2,7 @@
 // the directory's schema.
 #include <cstring>
 
+#include "ZelAudit.h"
 #include "ZelDatabase.h"
 
 namespace {
@@ -66,7 +67,7 @@ extern "C" {
 ZEL_API ZelRC Zel_removeDatabase(ZelSession *s) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::forget_users(s);
-    return zel::guarded([&]() -> ZelRC {
+    return zel::audit::write(s, "Zel_removeDatabase", {}, [&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "Zel_removeDatabase", rc);
         if (s->version > 1) return rc = ZEL_RC_UNSUPPORTED_VERSION;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "ZelAudit.h"
 #include "ZelDomain.h"
 #include "ZelIdentifierText.h"
 #include "platform/dn_escape.h"
@@ -307,7 +308,7 @@ ZEL_API ZelRC Zel_removeZelDomain(ZelSession *s, const char *name) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "Zel_removeZelDomain", rc);
-    return rc = zel::guarded([&] { return remove_domain(s, name); });
+    return rc = zel::audit::write(s, "Zel_removeZelDomain", {nullptr, name}, [&] { return remove_domain(s, name); });
 }
 
 ZEL_API void Zel_freeZelDomain(ZelDomain *d) {

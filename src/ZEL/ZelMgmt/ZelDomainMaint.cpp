@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "ZelAudit.h"
 #include "ZelDomain.h"
 #include "platform/dn_escape.h"
 
@@ -207,7 +208,7 @@ ZEL_API ZelRC Zel_addZelDomain(ZelSession *s, const ZelDomain *d) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "Zel_addZelDomain", rc);
-    return rc = zel::guarded([&] {
+    return rc = zel::audit::write(s, "Zel_addZelDomain", {nullptr, d ? d->name : nullptr}, [&] {
         return add_or_update(s, d, kAdd, "zelmgmt:Were able to add Zel Domain successfully!",
                              "zelmgmt:Were unable to add Zel Domain. Return Code: x%x\n");
     });
@@ -217,7 +218,7 @@ ZEL_API ZelRC Zel_updateZelDomain(ZelSession *s, const ZelDomain *d) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "Zel_updateZelDomain", rc);
-    return rc = zel::guarded([&] {
+    return rc = zel::audit::write(s, "Zel_updateZelDomain", {nullptr, d ? d->name : nullptr}, [&] {
         return add_or_update(s, d, kUpdate, "zelmgmt:Were able to update Zel Domain successfully!",
                              "zelmgmt:Were unable to update Zel Domain. Return Code: x%x\n");
     });
@@ -229,7 +230,7 @@ ZEL_API ZelRC Zel_addLocationToDomain(ZelSession *s, const char *domain, const c
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "Zel_addLocationToDomain", rc);
     if (domain == nullptr || locType == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    return rc = zel::guarded([&] {
+    return rc = zel::audit::write(s, "Zel_addLocationToDomain", {nullptr, domain, locName}, [&] {
         return reported(s, add_remove_Location(s, domain, locType, locName, kAddLocation),
                         "zelmgmt:Were able to add Location to Zel Domain successfully!",
                         "zelmgmt:Were unable to add Location to Zel Domain. Return Code: x%x\n");
@@ -242,7 +243,7 @@ ZEL_API ZelRC Zel_removeLocationFromDomain(ZelSession *s, const char *domain, co
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "Zel_removeLocationFromDomain", rc);
     if (domain == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    return rc = zel::guarded([&] {
+    return rc = zel::audit::write(s, "Zel_removeLocationFromDomain", {nullptr, domain, locName}, [&] {
         return reported(s, add_remove_Location(s, domain, locType, locName, kRemoveLocation),
                         "zelmgmt:Were able to remove Location from Zel Domain successfully!",
                         "zelmgmt:Were unable to remove Location from Zel Domain. Return Code: x%x\n");

@@ -5,6 +5,7 @@
 
 #include "ZelUserLookup.h"
 #include "ZelFailover.h"
+#include "ZelAudit.h"
 #include "zel_internal.h"
 
 namespace {
@@ -76,6 +77,7 @@ ZelRC zelOpen(const char *name, LDAP *ld, const char *user, const char *password
                 }
             }
             if (stage == 0) stage = zel::configure_reads(s);
+            if (stage == 0) stage = zel::audit::attach(s, bind_dn);
             return stage;
         });
         if (rc == 0) {
@@ -362,6 +364,7 @@ ZEL_API ZelRC Zel_close(ZelSession *s, unsigned char unbind) {
         std::free(s->domain_dn);
         std::free(s->domain_name);
         zel::free_user_cache(s);
+        zel::audit::detach(s);
         std::memset(s->tag, 0, sizeof s->tag);
         pthread_mutex_destroy(&s->mutex);
         zel::tracef(s, zel::kTraceFlow, "zelmgmt:%s:Exited...rc=%d\n", "Zel_close", 0);

@@ -2,6 +2,7 @@
 // that knows the Zel database also sees the user's first-generation records.
 #include <cstring>
 
+#include "ZelAudit.h"
 #include "ZelTargetRecord.h"
 
 namespace {
@@ -121,17 +122,28 @@ extern "C" {
 
 ZEL_API ZelRC Zel_getTargetRecord(ZelSession *s, const char *user, const char *target, ZelTargetRecord **out) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&] { return get_target_record(s, user, target, out); });
+    return zel::audit::read(
+        s, "Zel_getTargetRecord", {user, target}, [&] { return get_target_record(s, user, target, out); },
+        [&] {
+            Zel_freeTargetRecord(*out);
+            *out = nullptr;
+        });
 }
 
 ZEL_API ZelRC Zel_getAllTargetRecord(ZelSession *s, const char *user, ZelTargetRecordList **out) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&] { return get_all_target_records(s, user, out); });
+    return zel::audit::read(
+        s, "Zel_getAllTargetRecord", {user}, [&] { return get_all_target_records(s, user, out); },
+        [&] {
+            Zel_freeTargetRecords(*out);
+            *out = nullptr;
+        });
 }
 
 ZEL_API ZelRC Zel_removeTargetRecord(ZelSession *s, const char *user, const char *target) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&] { return remove_target_record(s, user, target); });
+    return zel::audit::write(s, "Zel_removeTargetRecord", {user, target},
+                             [&] { return remove_target_record(s, user, target); });
 }
 
 }  // extern "C"

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "ZelAudit.h"
 #include "ZelTargetRecord.h"
 #include "platform/password_mask.h"
 
@@ -167,7 +168,8 @@ extern "C" {
 
 ZEL_API ZelRC Zel_rekeyTargetRecords(ZelSession *s, const char *user, ZelRekeyReport **out) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&] { return rekey_target_records(s, user, out); });
+    return zel::audit::write(s, "Zel_rekeyTargetRecords", {user},
+                             [&] { return rekey_target_records(s, user, out); });
 }
 
 ZEL_API void Zel_freeRekeyReport(ZelRekeyReport *report) {

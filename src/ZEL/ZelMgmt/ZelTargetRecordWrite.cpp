@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "ZelAudit.h"
 #include "ZelTargetRecord.h"
 #include "platform/dn_escape.h"
 
@@ -290,13 +291,15 @@ ZelRC create_update_TargetRecord(ZelSession *s, const char *user, const ZelTarge
 ZEL_API ZelRC Zel_addTargetRecord(ZelSession *s, const char *user, const ZelTargetRecord *r) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::forget_users(s);
-    return zel::guarded([&] { return write_record(s, "Zel_addTargetRecord", user, r, kAdd); });
+    return zel::audit::write(s, "Zel_addTargetRecord", {user, r ? r->targetRecordId : nullptr},
+                             [&] { return write_record(s, "Zel_addTargetRecord", user, r, kAdd); });
 }
 
 ZEL_API ZelRC Zel_updateTargetRecord(ZelSession *s, const char *user, const ZelTargetRecord *r) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::forget_users(s);
-    return zel::guarded([&] { return write_record(s, "Zel_updateTargetRecord", user, r, kUpdate); });
+    return zel::audit::write(s, "Zel_updateTargetRecord", {user, r ? r->targetRecordId : nullptr},
+                             [&] { return write_record(s, "Zel_updateTargetRecord", user, r, kUpdate); });
 }
 
 }  // extern "C"

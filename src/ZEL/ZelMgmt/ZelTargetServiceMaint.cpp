@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "ZelAudit.h"
 #include "zel_internal.h"
 
 namespace {
@@ -278,22 +279,26 @@ extern "C" {
 
 ZEL_API ZelRC Zel_addTargetService(ZelSession *s, const ZelTargetService *ts) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&] { return add_target_service(s, ts); });
+    return zel::audit::write(s, "Zel_addTargetService", {nullptr, ts ? ts->name : nullptr},
+                             [&] { return add_target_service(s, ts); });
 }
 
 ZEL_API ZelRC Zel_addTargetServiceType(ZelSession *s, const ZelTargetServiceType *t) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&] { return add_target_service_type(s, t); });
+    return zel::audit::write(s, "Zel_addTargetServiceType", {nullptr, t ? t->typeName : nullptr},
+                             [&] { return add_target_service_type(s, t); });
 }
 
 ZEL_API ZelRC Zel_removeTargetService(ZelSession *s, const char *name) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&] { return remove_target_service(s, name); });
+    return zel::audit::write(s, "Zel_removeTargetService", {nullptr, name},
+                             [&] { return remove_target_service(s, name); });
 }
 
 ZEL_API ZelRC Zel_removeTargetServiceType(ZelSession *s, const char *typeName) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&] { return remove_target_service_type(s, typeName); });
+    return zel::audit::write(s, "Zel_removeTargetServiceType", {nullptr, typeName},
+                             [&] { return remove_target_service_type(s, typeName); });
 }
 
 }  // extern "C"

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "ZelAudit.h"
 #include "ZelUserAccess.h"
 #include "zel_internal.h"
 
@@ -245,7 +246,7 @@ ZelRC create_update_ZelUser(ZelSession *s, const ZelUser *user, const char *pers
 ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::forget_users(s);
-    return zel::guarded([&]() -> ZelRC {
+    return zel::audit::write(s, "Zel_addZelUser", {u ? u->userName : nullptr}, [&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "Zel_addZelUser", rc);
         if (u == nullptr || u->userType == nullptr || !zel::known_user_type(u->userType) ||
@@ -274,7 +275,7 @@ ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u) {
 ZelRC Zel_updateZelUser(ZelSession *s, const ZelUser *u) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::forget_users(s);
-    return zel::guarded([&]() -> ZelRC {
+    return zel::audit::write(s, "Zel_updateZelUser", {u ? u->userName : nullptr}, [&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "Zel_updateZelUser", rc);
         if (u == nullptr || u->userName == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "ZelAudit.h"
 #include "ZelUserAccess.h"
 #include "zel_internal.h"
 
@@ -212,7 +213,7 @@ ZelRC Zel_verifyZelUser(ZelSession *s, const char *personDN, char **userDN_out) 
 ZelRC Zel_removeZelUser(ZelSession *s, const char *nameOrDN) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::forget_users(s);
-    return zel::guarded([&]() -> ZelRC {
+    return zel::audit::write(s, "Zel_removeZelUser", {nameOrDN}, [&]() -> ZelRC {
         ZelRC rc = 0;
         zel::RoutineTrace trace(s, "Zel_removeZelUser", rc);
         if (nameOrDN == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;

@@ -36,6 +36,9 @@ struct ZelSuffixNode {
     ZelSuffixNode *next;
 };
 
+// A session's audit trail (ZelAudit.h); null unless ZEL_AUDIT is set.
+struct ZelAuditTrail;
+
 // Field order is fixed: the tag must be the first four bytes.
 namespace zel { class UserCache; }
 
@@ -57,6 +60,7 @@ struct ZelSession {
     zel::UserCache *user_cache;     // null while the session caches no users
     bool stepwise_credentials;      // ZEL_CREDENTIAL_PATH=stepwise at open
     zel::Failover *failover;   // null on a caller's own connection
+    ZelAuditTrail *audit;           // null unless ZEL_AUDIT is set
 };
 
 namespace zel {
