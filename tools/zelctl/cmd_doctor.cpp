@@ -309,6 +309,10 @@ int run_doctor(const Options &opts, Args args) {
     if (!take_operands(args, "doctor", {}, none, status)) return status;
     if (user_given != file_given) return usage("doctor: --user and --user-password-file go together");
     std::string user_password;
+    struct Wipe {
+        std::string &secret;
+        ~Wipe() { forget_secret(secret); }
+    } wipe{user_password};
     if (file_given && !read_secret_file(user_password_file, user_password))
         return usage("cannot read the password file " + user_password_file);
 
@@ -324,7 +328,6 @@ int run_doctor(const Options &opts, Args args) {
     std::string error;
     Ldap ld = connect_as(opts, opts.bind_dn, opts.password, error);
     if (!ld) {
-        forget_secret(user_password);
         std::fprintf(stderr, "zelctl: doctor: cannot bind as %s: %s\n", opts.bind_dn.c_str(), error.c_str());
         return 1;
     }
@@ -343,7 +346,6 @@ int run_doctor(const Options &opts, Args args) {
         findings.push_back(user ? read_check("user-read", who.c_str(), view_records(user.get(), suffixes), false)
                                 : bind_refused("user-read", who.c_str(), error, false));
     }
-    forget_secret(user_password);
 
     RecordView own = view_records(ld.get(), suffixes);
     findings.push_back(storage_check(own));
