@@ -8,6 +8,8 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 zelctl="$here/$build/tools/zelctl/zelctl"
 [ -x "$zelctl" ] || { echo "demo: build first (make demo does)" >&2; exit 1; }
 
+# Who may read the Zel data: the shipped rules, before the site's own.
+ZEL_ACCESS_RULES=1
 # shellcheck source=scripts/private-directory.sh
 . "$here/scripts/private-directory.sh"
 dns() { ldap ldapsearch -LLL -o ldif-wrap=no -b "$suffix" dn | sed -n 's/^dn: //p' | sort; }
@@ -21,6 +23,11 @@ adminpw="$work/admin-password"
 z db create "$suffix" --admin-password-file "$adminpw" --default-types
 echo "== a person for the demo user"
 z person add "$suffix" --cn Jo --sn Example --uid jo
+echo "== a sign-on agent: a person in the Middle Tier Servers group, by its first-generation profile"
+agentpw="$work/agent-password"
+( umask 077; printf '%s' "agent-secret" > "$agentpw" )
+z --api-version 1 person add "$suffix" --cn Agent --sn Agent --uid agent --password-file "$agentpw" \
+  --type "Middle Tier Server"
 echo "== what the library learns at open"
 z info
 echo "== the same, for scripts"
@@ -59,6 +66,18 @@ z credential get jo intranet
 z --json credential get jo mail --reveal
 z credential get jo payroll || echo "(exit status $?)"
 # ---- end of target records ----------------------------------------------------
+# ---- who may read the passwords --------------------------------------------------
+echo "== an anonymous search for stored passwords finds nothing under the shipped rules"
+printf '$ ldapsearch -x -H ldap://127.0.0.1:%s -b %s "(|(secAuthnData=*)(secretKey=*))"\n' "$port" "$suffix"
+found=$(ldapsearch -x -LLL -H "ldap://127.0.0.1:$port" -b "$suffix" "(|(secAuthnData=*)(secretKey=*))" dn \
+  2>/dev/null | grep -c '^dn:' || true)
+echo "entries found: $found (the site's own rules hide even the suffix from anonymous callers)"
+echo "== the sign-on agent, bound as itself, gets jo's credential"
+printf '$ zelctl -D cn=Agent,%s -y agent-password credential get jo mail --reveal\n' "$suffix"
+"$zelctl" -H "ldap://127.0.0.1:$port" -D "cn=Agent,$suffix" -y "$agentpw" credential get jo mail --reveal
+echo "== zelctl doctor: what a client of this deployment sees (exit status 3 if anything is dangerous)"
+z doctor
+# ---- end of who may read the passwords ---------------------------------------------
 # ---- passwords encrypted under an operator's key ------------------------------
 echo "== a key file; a record written under it reads back, and the directory holds ciphertext"
 keys="$work/keys"
@@ -84,10 +103,11 @@ z domain remove Sales
 z domain remove staff
 for service in intranet mail Sales; do z service remove "$service"; done
 z user remove jo
+z --api-version 1 user remove agent
 echo "== the Zel database removed again"
 z db remove --yes
 echo "== the directory after, beside the one before: the Zel data is gone; the persons"
-echo "   (the demo's and the first administrator), the domain's containers and its released user entry stay"
+echo "   (the demo's, the agent's and the first administrator), the domain's containers and its released user entry stay"
 dns > "$work/after"
 diff "$work/before" "$work/after" || true
 echo "== done; the private directory is stopped"

@@ -2,6 +2,8 @@
 # port with the Zel schema, a suffix and a security domain with its users'
 # container, stopped and removed again when the sourcing script exits.
 # Sets: here work port uri suffix admin password pwfile; defines ldap().
+# With ZEL_ACCESS_RULES=1 the shipped access rules guard the Zel data, followed
+# by a site's usual rules (binds by password, everything else for those signed on).
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 work=$(mktemp -d "/tmp/${ZEL_WORK_PREFIX:-zeldemo}-XXXXXX")
 pid=""
@@ -33,6 +35,14 @@ directory $work/db
 maxsize 33554432
 include $here/schema/zel-indexes.conf
 CONF
+if [ "${ZEL_ACCESS_RULES:-}" = 1 ]; then
+  sed "s/@SUFFIX@/$suffix/g" "$here/schema/zel-access.conf" > "$work/zel-access.conf"
+  cat >> "$work/slapd.conf" <<CONF
+include $work/zel-access.conf
+access to attrs=userPassword by self write by anonymous auth by * none
+access to * by users read by * none
+CONF
+fi
 
 echo "== starting a private directory on 127.0.0.1:$port"
 slapd -f "$work/slapd.conf" -h "$uri/" -d 0 >"$work/slapd.log" 2>&1 &

@@ -14,6 +14,8 @@ fail() { echo "install check: $*" >&2; exit 1; }
 for f in include/zelmgmt.h lib/pkgconfig/zelmgmt.pc bin/zelctl lib/cmake/zelmgmt/zelmgmtConfig.cmake \
          share/man/man1/zelctl.1 share/man/man3/zelmgmt.3 share/man/man5/zelmgmt-schema.5 \
          share/zelmgmt/schema/zel.schema share/zelmgmt/schema/zel.ldif share/zelmgmt/schema/99zel.ldif \
+         share/zelmgmt/schema/zel-access.conf share/zelmgmt/schema/zel-access.ldif \
+         share/zelmgmt/schema/zel-access-389.ldif \
          lib/libzelmgmt.a; do
   [ -e "$prefix/$f" ] || fail "missing $f"
 done

@@ -137,6 +137,11 @@ TEST_F(PeerDs389, AcisProtectRecords) {
     ASSERT_EQ(people.status, 0) << people.err;
     add_domain_record();
     ASSERT_EQ(server->search(kSuffix, "(secAuthnData=*)", {"1.1"}).size(), 1u);
+    // Below the security domain the library writes no ACI: the shipped ones.
+    CommandResult shipped = run_command({"sed", "-e", "s/@SUFFIX@/" + kSuffix + "/g", "-e", "s/@DOMAIN@/Default/g",
+                                         ZEL_SOURCE_DIR "/schema/zel-access-389.ldif"});
+    ASSERT_EQ(server->modify(shipped.out).status, 0) << shipped.out;
+    const std::string jo_domain_record = server->search(kSuffix, "(objectClass=secResCreds)", {"1.1"}).front().dn;
 
     const std::string jo_record = "cn=T:mail,cn=Jo," + person("Jo"), ann_record = "cn=T:mail,cn=Ann," + person("Ann");
     const std::string service = "tsName=mail,tsType=Web Resource,cn=Target Service Types," + kDb,
@@ -156,6 +161,11 @@ TEST_F(PeerDs389, AcisProtectRecords) {
         {"Xr", "(|(objectClass=eTargetService)(objectClass=eZelDomain))", {}},
         {"", "(|(objectClass=eTargetService)(objectClass=eZelDomain))", {}},
         {"", "(|(secretKey=*)(secAuthnData=*))", {}},
+        // The security domain under the shipped ACIs: the same roles.
+        {"Agent", "(secAuthnData=*)", {jo_domain_record}},
+        {"Jo", "(objectClass=secResCreds)", {}},  // no per-user ACI in this form
+        {"Ann", "(objectClass=secResCreds)", {}},
+        {"", "(objectClass=secResCreds)", {}},
     };
     for (const Seen &c : seen) {
         CommandResult r =

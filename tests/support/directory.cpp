@@ -288,6 +288,7 @@ Directory::Directory(Profile profile) : profile_(std::move(profile)) {
     ldaps_port_ = p2;
     write_config();
     start();
+    if (profile_.access_rules == AccessRules::CnConfig) load_access_rules();
     seed();
     if (profile_.kind == Kind::EDirectory) {
         // slapd refuses a one-level search of the root DSE; a Novell server
@@ -353,6 +354,11 @@ void Directory::write_config() {
     }
     if (profile_.server_size_limit > 0) conf << "sizelimit " << profile_.server_size_limit << "\n";
     conf << "access to * by dn.exact=\"" << admin_dn() << "\" manage by * read\n";
+    if (profile_.access_rules == AccessRules::SlapdConf)
+        write_file(dir_ + "/zel-access.conf", shipped_access_rules("zel-access.conf", suffix()));
+    // Written live through cn=config, as an operator of such a server would.
+    if (profile_.access_rules == AccessRules::CnConfig)
+        conf << "database config\nrootpw " << admin_password() << "\n";
     for (size_t i = 0; i < profile_.suffixes.size(); ++i) {
         std::string db = dir_ + "/db" + std::to_string(i);
         fs::create_directory(db);
@@ -360,6 +366,8 @@ void Directory::write_config() {
              << "directory " << db << "\nmaxsize 33554432\n"
              << "include " << src << "/schema/zel-indexes.conf\n";
         if (i == 0) conf << "rootdn \"" << admin_dn() << "\"\nrootpw " << admin_password() << "\n";
+        if (i == 0 && profile_.access_rules == AccessRules::SlapdConf)
+            conf << "include " << dir_ << "/zel-access.conf\n";
     }
     write_file(dir_ + "/slapd.conf", conf.str());
 }
@@ -430,6 +438,32 @@ void Directory::seed() {
     ldif += profile_.seed_ldif;
     CommandResult r = try_add(ldif);
     if (r.status != 0) throw std::runtime_error("seeding failed: " + r.err + r.out);
+}
+
+std::string shipped_access_rules(const std::string &form, const std::string &suffix) {
+    const std::string src = std::string(ZEL_SOURCE_DIR) + "/schema/";
+    std::string text;
+    if (form == "zel-access.conf") {
+        std::ifstream f(src + form);
+        std::stringstream ss;
+        ss << f.rdbuf();
+        text = ss.str();
+    } else {  // the cn=config form is written at build time; the same here
+        CommandResult r = run_command({"awk", "-f", src + "to-olc.awk", src + "zel-access.conf"});
+        if (r.status != 0) throw std::runtime_error("to-olc.awk failed: " + r.err);
+        text = r.out;
+    }
+    if (text.empty()) throw std::runtime_error("no access rules in " + form);
+    for (size_t at; (at = text.find("@SUFFIX@")) != std::string::npos;) text.replace(at, 8, suffix);
+    return text;
+}
+
+void Directory::load_access_rules() {
+    std::string ldif = shipped_access_rules("zel-access.ldif", suffix());
+    // The config database comes first, so the first data database is {1}.
+    ldif.replace(ldif.find("dn: @DATABASE@") + 4, 10, "olcDatabase={1}mdb,cn=config");
+    CommandResult r = run_command({"ldapmodify", "-x", "-H", uri(), "-D", "cn=config", "-w", admin_password()}, ldif);
+    if (r.status != 0) throw std::runtime_error("loading the access rules failed: " + r.err + r.out);
 }
 
 CommandResult Directory::try_add(const std::string &ldif) const {

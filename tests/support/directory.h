@@ -18,6 +18,9 @@
 namespace zeltest {
 
 enum class Kind { Generic, Orv, OrvTessan, OrvKelmar, Netscape, EDirectory, ActiveDirectory };
+// The shipped access rules for the Zel data, filled in for the first suffix:
+// none, included in slapd.conf, or added to cn=config once slapd runs.
+enum class AccessRules { None, SlapdConf, CnConfig };
 const char *kind_name(Kind kind);
 
 struct Profile {
@@ -34,6 +37,7 @@ struct Profile {
     std::vector<std::pair<std::string, std::string>> root_dse;
     // Further slapd.conf lines, placed before the databases (e.g. SASL settings).
     std::string extra_config;
+    AccessRules access_rules = AccessRules::None;
 
     Profile &kind_is(Kind k) { kind = k; return *this; }
     Profile &seeded(std::string ldif) { seed_ldif += std::move(ldif); return *this; }
@@ -98,6 +102,7 @@ private:
     void write_config();
     void start();
     void seed();
+    void load_access_rules();
 
     Profile profile_;
     std::string dir_;
@@ -107,6 +112,10 @@ private:
     bool default_server_ = false;
     std::string saved_uri_, saved_base_;
 };
+
+// The shipped access rules in one form ("zel-access.conf" or
+// "zel-access.ldif") with the suffix filled in.
+std::string shipped_access_rules(const std::string &form, const std::string &suffix);
 
 // The LDIF of an entry that makes a suffix exist (by its first RDN's type).
 std::string suffix_entry_ldif(const std::string &suffix);

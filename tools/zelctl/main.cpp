@@ -45,6 +45,9 @@ const Command kCommands[] = {
      "db create SUFFIX [--admin DN|CN] [--admin-uid U] [--admin-password-file F]\n"
      "          [--create-suffix] [--default-types] [--extended] | remove [--yes]\n"
      "   (a first-generation session unless --api-version says otherwise)\n"},
+    {"doctor", run_doctor,
+     "doctor [--user DN --user-password-file F]   a read-only check of the deployment;\n"
+     "       exit status 3 when a finding is dangerous\n"},
     {"person", run_person,
      "person add PARENT_DN --cn CN --sn SN [--uid U] [--description D] [--password-file F]\n"
      "           [--type T]\n"},

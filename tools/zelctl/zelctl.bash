@@ -28,7 +28,7 @@ _zelctl() {
     local cur prev
     cur=${COMP_WORDS[COMP_CWORD]}
     prev=${COMP_WORDS[COMP_CWORD - 1]}
-    local commands="info service service-type user record credential domain db person key audit help"
+    local commands="info service service-type user record credential domain db person key audit doctor help"
     local global_opts="-H -D -w -W -y -x --ca --domain --api-version --timeout --network-timeout --json --help --version"
 
     case $prev in

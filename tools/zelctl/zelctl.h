@@ -110,6 +110,8 @@ int run_credential(const Options &opts, Args args);
 // Database provisioning.
 int run_db(const Options &opts, Args args);
 int run_person(const Options &opts, Args args);
+// Who can read the stored passwords, and the rest of a deployment's health.
+int run_doctor(const Options &opts, Args args);
 
 // The operator's key file, and stored passwords rewritten under its active key.
 int run_key(const Options &opts, Args args);

@@ -279,8 +279,10 @@ ZelRC create_database(ZelSession *s, const char *suffix, const char *admin, cons
 
     if ((rc = add_metadata(s, plan)) != 0 || (rc = add_containers(s, plan, (flags & ZEL_CREATEDB_EXTENDED) != 0)))
         return rc;
-    if (!vendor_kind(s->dir_kind)) return 0;
+    // Every kind gets the access groups: membership (and access rules that
+    // name the groups) must find them whatever the directory.
     if ((rc = add_groups(s, plan, admin_dn.get())) != 0) return rc;
+    if (!vendor_kind(s->dir_kind)) return 0;
     add_access_control(s, plan, admin_dn.get(), flags);
     return 0;
 }
