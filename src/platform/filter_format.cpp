@@ -1,12 +1,6 @@
 // The filter-quoting formatter.  See filter_format.h.
 #include "platform/filter_format.h"
 
-#ifndef LDAP_DEPRECATED
-#define LDAP_DEPRECATED 1
-#endif
-#include <lber.h>
-#include <ldap.h>
-
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -16,12 +10,6 @@
 namespace zel::platform {
 
 namespace {
-
-// Frees OpenLDAP's result whatever path leaves the scope.
-struct BerText {
-    berval value{0, nullptr};
-    ~BerText() { ::ber_memfree(value.bv_val); }
-};
 
 void append_number(std::string &out, const char *format, unsigned value) {
     char digits[16];
@@ -91,14 +79,21 @@ bool format_text(std::string &out, const char *format, va_list args) {
 }  // namespace
 
 std::string escape_filter_value(std::string_view value) {
-    if (value.empty()) return std::string();
-    berval in{value.size(), const_cast<char *>(value.data())};
-    BerText escaped;
-    // Its only failure is an allocation failure.
-    if (::ldap_bv2escaped_filter_value(&in, &escaped.value) != 0 || escaped.value.bv_val == nullptr) {
-        throw std::bad_alloc();
+    static const char hex[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(value.size());
+    for (char c : value) {
+        // Only what the filter syntax itself reserves; UTF-8 stands as it is,
+        // so a name's filter is as long as the name.
+        if (c == '\0' || c == '*' || c == '(' || c == ')' || c == '\\') {
+            out += '\\';
+            out += hex[static_cast<unsigned char>(c) >> 4];
+            out += hex[c & 0x0F];
+        } else {
+            out += c;
+        }
     }
-    return std::string(escaped.value.bv_val, escaped.value.bv_len);
+    return out;
 }
 
 char *ku_mbs_sprintf(const char *format, ...) {

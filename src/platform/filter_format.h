@@ -5,11 +5,10 @@
 // unsigned), %c (a NUL character gives null) and %%.  Anything else, flags
 // and widths included, or an allocation failure, gives null.
 //
-// Quoting is OpenLDAP's (ldap_bv2escaped_filter_value): '*', '(', ')', '\'
-// and NUL become \2A \28 \29 \5C \00, and so do every other control byte,
-// DEL and every byte from 0x80 up ("ä" = C3 A4 becomes \C3\A4).  Hex digits
-// are upper case.  Escaping a byte never changes what a filter matches: the
-// server compares the unescaped octets, so UTF-8 values match as themselves.
+// Quoting (RFC 4515): '*', '(', ')', '\' and NUL become \2A \28 \29 \5C \00
+// (hex digits upper case); every other byte, UTF-8 included, stands as it
+// is, so a value's quoted form is as long as the value unless it holds one
+// of those five.  The server compares the unescaped octets either way.
 #pragma once
 
 #include <string>

@@ -154,6 +154,22 @@ std::vector<KindCase> kind_cases() {
     };
 }
 
+// A creation after a removal answers as the first one did: what the removal
+// leaves outside the database (eDirectory keeps membership on the member as
+// well) never stands in its way.
+TEST_P(CreatesOn, AgainAfterRemoval) {
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(create(GetParam().flags), 0u) << round;
+        fault::reset();
+        // slapd takes no schema over LDAP: a probing kind's probe is answered for it.
+        fault::fail_call(Fn::ModifyS, 1, LDAP_SUCCESS);
+        fault::fail_call(Fn::ModifyS, 2, LDAP_SUCCESS);
+        ASSERT_EQ(Zel_removeDatabase(s.get()), 0u) << round;
+        fault::reset();
+    }
+    EXPECT_EQ(create(GetParam().flags), 0u);
+}
+
 INSTANTIATE_TEST_SUITE_P(Kinds, CreatesOn, testing::ValuesIn(kind_cases()),
                          [](const testing::TestParamInfo<KindCase> &i) { return std::string(i.param.name); });
 

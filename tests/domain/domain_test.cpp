@@ -101,6 +101,27 @@ TEST(EmptyDescription, ByDirectoryKind) {
     fault::reset();
 }
 
+// Clearing a description that is not there is no error; the other changes
+// of the same update still go.
+TEST_F(DomainTest, ClearingAnAbsentDescription) {
+    for (uint32_t version : {1u, 2u}) {
+        open(version);
+        const char *first = version == 1 ? "payroll" : "mail", *then = version == 1 ? "payroll" : "wiki";
+        DomainRecord plain("plain", nullptr, services({first})), cleared("plain", ""),
+            moved("plain", "", services({then}));
+        ASSERT_EQ(Zel_addZelDomain(s.get(), &plain.d), 0u);
+        EXPECT_EQ(Zel_updateZelDomain(s.get(), &cleared.d), 0u) << version;
+        EXPECT_EQ(Zel_updateZelDomain(s.get(), &moved.d), 0u) << version;
+        ZelDomain *d = nullptr;
+        ASSERT_EQ(Zel_getZelDomain(s.get(), "plain", &d), 0u);
+        ASSERT_EQ(d->locationCount, 1) << version;
+        EXPECT_STREQ(d->locations[0]->value, then);
+        EXPECT_EQ(d->description, nullptr);
+        Zel_freeZelDomain(d);
+        ASSERT_EQ(Zel_removeZelDomain(s.get(), "plain"), 0u);
+    }
+}
+
 TEST_F(DomainTest, MembersOneByOne) {
     open(2);
     DomainRecord team("team", "Team", services({"mail"}));

@@ -17,16 +17,16 @@ struct FreeText {
 };
 using Text = std::unique_ptr<char, FreeText>;
 
-// Bytes from 0x80 up are escaped one octet at a time; the server unescapes
-// before matching, so "Jürgen" still matches itself.
-TEST(FilterQuoting, EscapesFilterSyntaxNulAndNonAsciiOctets) {
+// Only the filter syntax and NUL are escaped: UTF-8 and control bytes stand
+// as they are, so a name's filter is no longer than the name.
+TEST(FilterQuoting, EscapesFilterSyntaxAndNulOnly) {
     EXPECT_EQ(escape_filter_value("*"), "\\2A");
     EXPECT_EQ(escape_filter_value("a(b)c"), "a\\28b\\29c");
     EXPECT_EQ(escape_filter_value("back\\slash"), "back\\5Cslash");
     EXPECT_EQ(escape_filter_value(std::string_view("a\0b", 3)), "a\\00b");
     EXPECT_EQ(escape_filter_value("plain value=1,o=acme"), "plain value=1,o=acme");
     EXPECT_EQ(escape_filter_value(""), "");
-    EXPECT_EQ(escape_filter_value("J\xC3\xBCrgen"), "J\\C3\\BCrgen");
+    EXPECT_EQ(escape_filter_value("J\xC3\xBCrgen\t\x7F"), "J\xC3\xBCrgen\t\x7F");
 }
 
 // A DN value keeps its text but can never add an RDN or end early.

@@ -117,22 +117,61 @@ TEST_F(RecordTest, DomainSessionReachesFirstGenerationRecordsAndRegistersUsers) 
     EXPECT_EQ(get(s.get(), "jo", "T:legacy")[3], "fresh-pw");
     EXPECT_FALSE(dir->exists(kJoDomainUser));
 
-    // jo has a first-generation profile only, ann no Zel user at all.
-    for (const char *user : {"jo", "ann"}) {
-        ZelTargetRecord app = record("T:app", "app", user, "pw");
-        ASSERT_EQ(Zel_addTargetRecord(s.get(), user, &app), 0u) << user;
-        std::string user_dn = std::string("principalName=") + user + "," + kDomainUsers;
-        EXPECT_TRUE(dir->exists("secResCredsId=T:app,cn=ResCreds," + user_dn)) << user;
-    }
+    // jo has a first-generation profile only and is registered; ann has no
+    // Zel profile at all and gets nothing.
+    ZelTargetRecord app = record("T:app", "app", "jo", "pw");
+    ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &app), 0u);
+    EXPECT_TRUE(dir->exists("secResCredsId=T:app,cn=ResCreds," + kJoDomainUser));
     EXPECT_EQ(all_ids(s.get(), "jo"), (Strings{"T:legacy", "T:app"}));
-    EXPECT_EQ(all_ids(s.get(), "ann"), Strings{"T:app"});
+    fault::reset();
+    EXPECT_EQ(Zel_addTargetRecord(s.get(), "ann", &app), ZEL_RC_USER_NOT_FOUND);
+    EXPECT_EQ(fault::count(Fn::Add), 0);
 
-    // Inactive users keep reading and writing their records.
+    // Inactive users, in either form, keep reading and writing their records.
     ZelUser off = user_record("jo", "User", kJo, nullptr, 0);
     ASSERT_EQ(Zel_updateZelUser(s.get(), &off), 0u);
+    dir->modify("dn: " + kJoProfile + "\nchangetype: modify\nreplace: userState\nuserState: Inactive\n");
     EXPECT_EQ(get(s.get(), "jo", "T:app")[3], "pw");
-    ZelTargetRecord app = record("T:app", "app", "jo2", nullptr);
-    EXPECT_EQ(Zel_updateTargetRecord(s.get(), "jo", &app), 0u);
+    ZelTargetRecord changed = record("T:app", "app", "jo2", nullptr);
+    EXPECT_EQ(Zel_updateTargetRecord(s.get(), "jo", &changed), 0u);
+    EXPECT_EQ(Zel_updateTargetRecord(s.get(), "jo", &legacy), 0u) << "first-generation record";
+}
+
+// An update enables a disabled account again, and its credentials answer
+// again, in both storage forms.
+TEST_F(RecordTest, DisabledUserIsEnabledAgain) {
+    std::vector<std::string> got;
+    for (uint32_t version : {1u, 2u}) {
+        open_with_jo(version);
+        const char *service = version == 1 ? "legacy" : "app";
+        const std::string id = std::string("T:") + service;
+        ZelTargetRecord r = record(id.c_str(), service, "jdoe", "pw");
+        ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &r), 0u);
+        for (unsigned char enabled : {0, 1}) {
+            ZelUser jo = user_record("jo", "User", kJo, nullptr, enabled);
+            const ZelRC rc = Zel_updateZelUser(s.get(), &jo);
+            got.push_back(std::to_string(rc) + " " + credential(s.get(), "jo", service));
+        }
+    }
+    // A first-generation session refuses an inactive user's credentials; a domain session does not.
+    EXPECT_EQ(got, (std::vector<std::string>{"0 status 33", "0 jdoe/pw", "0 jdoe/pw", "0 jdoe/pw"}));
+    EXPECT_EQ(dir->entry(kJoDomainUser).first("secAcctValid"), "TRUE");
+}
+
+// The record add's retry under a newly registered user is measured before
+// anything is written: an identifier that fits only under the shorter
+// first-generation profile leaves no user behind.
+TEST_F(RecordTest, RegistrationRetryIsMeasuredFirst) {
+    open_with_jo(1);
+    open(2);
+    // jo's record DN under cn=jo,cn=Jo,o=acme is shorter than under the domain's Users.
+    const size_t room = 1000 - 1 - std::string("secResCredsId=,cn=ResCreds,").size();
+    const std::string id(room - kJoProfile.size(), 'x');
+    ZelTargetRecord r = record(id.c_str(), "app", "jo", "pw");
+    fault::reset();
+    EXPECT_EQ(Zel_addTargetRecord(s.get(), "jo", &r), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(fault::count(Fn::Add), 0);
+    EXPECT_FALSE(dir->exists(kJoDomainUser));
 }
 
 TEST_F(RecordTest, RefusalsAndDamagedValues) {
@@ -141,17 +180,27 @@ TEST_F(RecordTest, RefusalsAndDamagedValues) {
     ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &ok), 0u);
     ZelTargetRecord no_service = record("T:app", nullptr, "jdoe", "pw");
     ZelTargetRecord wrong_kind = record("T:mail", "mail", "jdoe", "pw", nullptr, "Resource Group");
+    ZelTargetRecord unknown_kind = record("T:mail", "mail", "jdoe", "pw", nullptr, "Foo");
     ZelTargetRecord unknown = record("T:x", "x", "jdoe", "pw");
     ZelTargetRecord pattern = record("T:x", "*", "jdoe", "pw");
     const std::string long_id(1000, 'x');
     ZelTargetRecord too_long = record(long_id.c_str(), "app", "jdoe", "pw");
+    // A service is named by any value of its naming attribute.
+    dir->add("dn: " + resource_dn("r1") + "\nobjectClass: secResource\nsecResourceID: r1\nsecResourceID: alias1\n"
+             "secType: 1\n\n");
+    ZelTargetRecord by_alias = record("T:alias1", "alias1", "jdoe", "pw");
+    // The domain knows two types only: another is answered without a search.
+    ZelTargetService foo{const_cast<char *>("x1"), const_cast<char *>("Foo"), nullptr, 0, nullptr};
     struct Case {
         const char *what;
         ZelRC got, want;
     } cases[] = {
         {"no service", Zel_addTargetRecord(s.get(), "jo", &no_service), ZEL_RC_INVALID_ARGUMENT},
         {"kind differs", Zel_addTargetRecord(s.get(), "jo", &wrong_kind), ZEL_RC_CONFLICT},
+        {"kind unknown", Zel_addTargetRecord(s.get(), "jo", &unknown_kind), ZEL_RC_CONFLICT},
         {"unknown service", Zel_addTargetRecord(s.get(), "jo", &unknown), ZEL_RC_TS_NOT_FOUND},
+        {"second name", Zel_addTargetRecord(s.get(), "jo", &by_alias), 0},
+        {"unknown type", Zel_addTargetService(s.get(), &foo), ZEL_RC_TST_NOT_FOUND},
         {"service pattern", Zel_addTargetRecord(s.get(), "jo", &pattern), ZEL_RC_TS_NOT_FOUND},
         {"DN too long", Zel_addTargetRecord(s.get(), "jo", &too_long), ZEL_RC_INVALID_ARGUMENT},
         // Not found in the domain; jo has no first-generation profile to fall back to.
@@ -161,6 +210,7 @@ TEST_F(RecordTest, RefusalsAndDamagedValues) {
     };
     for (const Case &c : cases) EXPECT_EQ(c.got, c.want) << c.what;
     EXPECT_EQ(fault::count(Fn::Delete), 0);
+    for (const fault::Call &c : fault::calls(Fn::Search)) EXPECT_NE(c.filter, "") << "no empty filter is sent";
 
     // A stored value the library did not mask fails the whole read.
     dir->modify("dn: secResCredsId=T:app,cn=ResCreds," + kJoDomainUser +

@@ -149,6 +149,9 @@ TEST_F(UserTest, ZelctlRegistersVerifiesUpdatesAndRemoves) {
     r = zelctl(*dir, {"--json", "user", "verify", kAnn});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "{\"person\":\"" + kAnn + "\",\"zelUser\":false,\"profile\":null}\n");
+    r = zelctl(*dir, {"user", "verify", "jo"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("user verify expects a person DN, for example"), std::string::npos) << r.err;
 
     r = zelctl(*dir, {"user", "update", "jo", "--disabled"});
     ASSERT_EQ(r.status, 0) << r.err;

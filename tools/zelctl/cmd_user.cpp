@@ -102,6 +102,9 @@ int user_verify(const Options &opts, Args args) {
     std::vector<std::string> operands;
     if (!take_operands(args, "user verify", {"PERSON_DN"}, operands, status)) return status;
     const std::string &person = operands[0];
+    // A user name is no DN: say what is expected instead of a directory error.
+    if (person.find('=') == std::string::npos)
+        return usage("user verify expects a person DN, for example \"cn=Ann Lee,o=example\"");
     Session session(open_session(opts));
     if (!session) return 1;
     char *profile = nullptr;

@@ -31,15 +31,18 @@ ZelRC form_credential_query(const ZelSession *s, const char *resource, Credentia
     q.resource = resource;
     q.credential_id = std::string("T:") + resource;
     if (q.credential_id.size() >= kCredentialIdSize) return ZEL_RC_INVALID_ARGUMENT;
-    std::string resource_dn = "secResourceID=" + plat::escape_dn_value(resource) + ",cn=Resources," +
-                              (s->domain_dn ? s->domain_dn : "");
-    if (resource_dn.size() >= kDnSize) return ZEL_RC_INVALID_ARGUMENT;
+    const std::string domain = s->domain_dn ? s->domain_dn : "";
+    // Measured as the fixed buffers hold these texts, with the resource as
+    // given: its escaping never refuses a name that fits.
+    size_t dn_size = std::strlen("secResourceID=,cn=Resources,") + std::strlen(resource) + domain.size();
+    if (dn_size >= kDnSize || std::strlen("(member=)") + dn_size >= kFilterSize ||
+        std::strlen("(&(objectClass=eZelDomain)(targetLocation=))") + q.credential_id.size() >= kFilterSize)
+        return ZEL_RC_INVALID_ARGUMENT;
+    std::string resource_dn = "secResourceID=" + plat::escape_dn_value(resource) + ",cn=Resources," + domain;
     q.member_filter = "(member=" + plat::escape_filter_value(resource_dn) + ")";
     q.id_assertion = plat::escape_filter_value(q.credential_id);
     q.location_filter = std::string("(&(") + "objectClass" + "=" + "eZelDomain" + ")(" + "targetLocation" + "=" +
                         q.id_assertion + "))";
-    if (q.member_filter.size() >= kFilterSize || q.location_filter.size() >= kFilterSize)
-        return ZEL_RC_INVALID_ARGUMENT;
     return 0;
 }
 

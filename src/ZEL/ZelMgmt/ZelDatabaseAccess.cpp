@@ -109,9 +109,9 @@ ZelRC owner_changes(int32_t kind, const char *database_dn, const char *dn, const
 extern "C" {
 
 ZelRC create_access_group(ZelSession *s, const char *dn, const char *name, const char *member, const char *owner) {
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "create_access_group", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "create_access_group", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         if (dn == nullptr || name == nullptr || member == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         const int32_t kind = s->dir_kind;
         const bool owned =
@@ -137,17 +137,22 @@ ZelRC create_access_group(ZelSession *s, const char *dn, const char *name, const
             if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
         }
         // eDirectory keeps membership on the member as well; a group that
-        // already exists still gets its member's side, and that decides.
-        if (kind == ZEL_DIR_EDIRECTORY) rc = internal_nds_member_add(s, dn, member);
+        // already exists still gets its member's side, and that decides.  A
+        // member that names the group already (a database of this place made
+        // and removed before) is a member: the creation goes on.
+        if (kind == ZEL_DIR_EDIRECTORY) {
+            rc = internal_nds_member_add(s, dn, member);
+            if (rc == LDAP_TYPE_OR_VALUE_EXISTS) rc = 0;
+        }
         return rc;
     });
 }
 
 ZelRC set_owner(ZelSession *s, const char *dn, const char *subject, unsigned char deny,
                 unsigned char deny_variant) {
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "set_owner", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "set_owner", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         if (dn == nullptr || subject == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         std::vector<zel::db::Change> changes;
         if ((rc = zel::db::owner_changes(s->dir_kind, s->database_dn, dn, subject, deny != 0, deny_variant != 0,
@@ -161,9 +166,9 @@ ZelRC set_owner(ZelSession *s, const char *dn, const char *subject, unsigned cha
 
 // The failure is reported as an add: the modify adds a value.
 ZelRC set_nds_group_acl(ZelSession *s, const char *dn, const char *subject) {
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "set_nds_group_acl", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "set_nds_group_acl", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         if (subject == nullptr) return rc;
         if (dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         std::string acl;
@@ -176,9 +181,9 @@ ZelRC set_nds_group_acl(ZelSession *s, const char *dn, const char *subject) {
 // middle tier may read it, but not its secret key.
 ZelRC set_nds_sradmin_acl(ZelSession *s, const char *person_dn, const char *admins_dn,
                           const char *middle_tier_dn) {
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "set_nds_sradmin_acl", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "set_nds_sradmin_acl", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         if (admins_dn == nullptr) return rc;
         if (person_dn == nullptr || middle_tier_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         std::string entry_rights, secret_key, read_all;

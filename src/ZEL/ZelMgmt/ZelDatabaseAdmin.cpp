@@ -20,6 +20,11 @@ std::string person_dn(const char *cn, const char *parent) {
     return "cn=" + plat::escape_dn_value(cn) + "," + parent;
 }
 
+// Whether that DN fits a DN buffer, measured with the cn as given.
+bool person_dn_fits(const char *cn, const char *parent) {
+    return zel::db::fits_dn("cn=" + std::string(cn) + "," + parent);
+}
+
 // The profile Zel_addZelUser will write for a person must fit before the
 // person is written: nothing is left half-made.
 ZelRC check_profile_fits(ZelSession *s, const char *user_name, const std::string &dn) {
@@ -36,8 +41,8 @@ ZelRC check_profile_fits(ZelSession *s, const char *user_name, const std::string
 ZelRC add_person(ZelSession *s, const ZelPerson *p, const char *user_type) {
     if (p == nullptr || p->parentDN == nullptr || p->cn == nullptr || p->sn == nullptr)
         return ZEL_RC_INVALID_ARGUMENT;
+    if (!person_dn_fits(p->cn, p->parentDN)) return ZEL_RC_INVALID_ARGUMENT;
     const std::string dn = person_dn(p->cn, p->parentDN);
-    if (!zel::db::fits_dn(dn)) return ZEL_RC_INVALID_ARGUMENT;
     const char *user_name = p->uid ? p->uid : p->cn;
     ZelRC rc = 0;
     if (user_type != nullptr) {
@@ -84,13 +89,10 @@ ZelRC check_admin_exists(ZelSession *s, const char *admin) {
 // new person of that name directly below the suffix (`dn` holds that DN).
 ZelRC find_or_add_admin(ZelSession *s, const char *name, const char *suffix, const char *uid, const char *password,
                         char *dn) {
-    zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
-    if (!filter) return ZEL_RC_NO_MEMORY;
-    if (!zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=ePerson)(cn=%s))",
-                          plat::escape_filter_value(name).c_str()))
-        return ZEL_RC_INVALID_ARGUMENT;
+    std::string filter;
+    if (!zel::format_filter(filter, "(&(objectClass=ePerson)(cn=%s))", name)) return ZEL_RC_INVALID_ARGUMENT;
     std::string new_dn = dn;
-    ZelRC rc = determine_DN(s, s->suffixes, filter.get(), dn, nullptr);
+    ZelRC rc = determine_DN(s, s->suffixes, filter.c_str(), dn, nullptr);
     if (rc != ZEL_RC_ENTRY_NOT_FOUND) return rc;
 
     std::strcpy(dn, new_dn.c_str());
@@ -139,9 +141,9 @@ extern "C" {
 
 ZelRC determine_initial_ZelAdmin(ZelSession *s, const char *admin, const char *suffix, const char *uid,
                                  const char *password, char **uid_out, char **dn_out) {
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "determine_initial_ZelAdmin", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "determine_initial_ZelAdmin", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         if (uid_out == nullptr || dn_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         *uid_out = *dn_out = nullptr;
         if (suffix == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
@@ -169,9 +171,9 @@ ZelRC determine_initial_ZelAdmin(ZelSession *s, const char *admin, const char *s
 ZEL_API ZelRC Zel_create_ePerson(ZelSession *s, const ZelPerson *p, const char *userType) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::forget_users(s);
-    return zel::audit::write(s, "Zel_create_ePerson", {p ? p->cn : nullptr, p ? p->parentDN : nullptr}, [&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "Zel_create_ePerson", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_create_ePerson", rc);
+    return rc = zel::audit::write(s, "Zel_create_ePerson", {p ? p->cn : nullptr, p ? p->parentDN : nullptr}, [&]() -> ZelRC {
         return rc = add_person(s, p, userType);
     });
 }

@@ -224,24 +224,27 @@ ZelRC add_groups(ZelSession *s, const Plan &p, const char *admin_dn) {
 }
 
 // Owners and access-control lists: a directory that refuses one of them
-// still has a usable database, so their statuses do not count.
+// still has a usable database, so their statuses do not count.  Each is
+// tried on its own: memory running out while one is built (its DN texts)
+// leaves the others still to be tried, and the database stays made.
 void add_access_control(ZelSession *s, const Plan &p, const char *admin_dn, unsigned char flags) {
+    auto attempt = [](auto &&step) noexcept { (void)zel::guarded([&]() -> ZelRC { return step(); }); };
     const char *sa = p.subject(p.sa_subject), *ad = p.subject(p.ad_subject);
     if (flags & ZEL_CREATEDB_XR_DEFAULTS) {
-        (void)create_xr_defaults(s);
-        (void)set_owner(s, p.service_type("Web Resource").c_str(), ad, 0, 0);
-        (void)set_owner(s, p.service_type("Resource Group").c_str(), ad, 0, 0);
+        attempt([&] { return create_xr_defaults(s); });
+        attempt([&] { return set_owner(s, p.service_type("Web Resource").c_str(), ad, 0, 0); });
+        attempt([&] { return set_owner(s, p.service_type("Resource Group").c_str(), ad, 0, 0); });
     }
-    (void)set_nds_sradmin_acl(s, admin_dn, p.ad.c_str(), p.mts.c_str());
-    (void)set_nds_group_acl(s, p.sa.c_str(), sa);
-    (void)set_nds_group_acl(s, p.ad.c_str(), sa);
-    (void)set_nds_group_acl(s, p.mts.c_str(), sa);
-    if (flags & ZEL_CREATEDB_EXTENDED) (void)set_nds_group_acl(s, p.fu.c_str(), ad);
-    (void)set_nds_group_acl(s, p.us.c_str(), ad);
-    (void)set_owner(s, p.container(zel::db::kAccessGroups).c_str(), ad, 1, 1);
-    (void)set_owner(s, p.container(zel::db::kZelDomains).c_str(), ad, 1, 0);
-    (void)set_owner(s, p.container(zel::db::kServiceTypes).c_str(), ad, 1, 0);
-    (void)set_owner(s, p.db.c_str(), ad, 0, 0);
+    attempt([&] { return set_nds_sradmin_acl(s, admin_dn, p.ad.c_str(), p.mts.c_str()); });
+    attempt([&] { return set_nds_group_acl(s, p.sa.c_str(), sa); });
+    attempt([&] { return set_nds_group_acl(s, p.ad.c_str(), sa); });
+    attempt([&] { return set_nds_group_acl(s, p.mts.c_str(), sa); });
+    if (flags & ZEL_CREATEDB_EXTENDED) attempt([&] { return set_nds_group_acl(s, p.fu.c_str(), ad); });
+    attempt([&] { return set_nds_group_acl(s, p.us.c_str(), ad); });
+    attempt([&] { return set_owner(s, p.container(zel::db::kAccessGroups).c_str(), ad, 1, 1); });
+    attempt([&] { return set_owner(s, p.container(zel::db::kZelDomains).c_str(), ad, 1, 0); });
+    attempt([&] { return set_owner(s, p.container(zel::db::kServiceTypes).c_str(), ad, 1, 0); });
+    attempt([&] { return set_owner(s, p.db.c_str(), ad, 0, 0); });
 }
 
 ZelRC create_database(ZelSession *s, const char *suffix, const char *admin, const char *admin_uid,
@@ -293,9 +296,9 @@ extern "C" {
 
 // Only the entry of the suffix's first RDN is made; its parent must exist.
 ZelRC instantiate_suffix(ZelSession *s, const char *dn) {
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "instantiate_suffix", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "instantiate_suffix", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         zel::ModList mods(3);
         if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
         LDAPDN parsed = nullptr;
@@ -332,9 +335,9 @@ ZelRC instantiate_suffix(ZelSession *s, const char *dn) {
 
 ZelRC create_container(ZelSession *s, const char *dn, const char *cn, const char *owner, int32_t count,
                        char **values) {
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "create_container", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "create_container", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         if (dn == nullptr || cn == nullptr || (count > 0 && values == nullptr)) return rc = ZEL_RC_INVALID_ARGUMENT;
         const int32_t kind = s->dir_kind;
         // The owner's rule and the given values go in one modification.
@@ -372,9 +375,9 @@ ZelRC create_container(ZelSession *s, const char *dn, const char *cn, const char
 }
 
 ZelRC create_xr_defaults(ZelSession *s) {
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "routine", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "routine", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         char resource_name[] = "resourceName", group_name[] = "groupName";
         char *resource_ids[] = {resource_name}, *group_ids[] = {group_name};
         char web_resource[] = "Web Resource", resource_group[] = "Resource Group";
@@ -389,9 +392,9 @@ ZEL_API ZelRC Zel_createDatabase(ZelSession *s, const char *suffix, const char *
                                  const char *adminPassword, unsigned char flags) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::forget_users(s);
-    return zel::audit::write(s, "Zel_createDatabase", {admin, suffix}, [&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "Zel_createDatabase", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_createDatabase", rc);
+    return rc = zel::audit::write(s, "Zel_createDatabase", {admin, suffix}, [&]() -> ZelRC {
         // A security domain session has no first-generation tree to build.
         if (s->version > 1) return rc = ZEL_RC_UNSUPPORTED_VERSION;
         if (suffix == nullptr || suffix[0] == '\0') return rc = ZEL_RC_INVALID_ARGUMENT;

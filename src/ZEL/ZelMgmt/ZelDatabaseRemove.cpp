@@ -67,9 +67,9 @@ extern "C" {
 ZEL_API ZelRC Zel_removeDatabase(ZelSession *s) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::forget_users(s);
-    return zel::audit::write(s, "Zel_removeDatabase", {}, [&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "Zel_removeDatabase", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_removeDatabase", rc);
+    return rc = zel::audit::write(s, "Zel_removeDatabase", {}, [&]() -> ZelRC {
         if (s->version > 1) return rc = ZEL_RC_UNSUPPORTED_VERSION;
         if (probes_schema(s->dir_kind) && (rc = probe_schema(s)) != 0) return rc;
         if ((rc = zel::ensure_database_dn(s)) != 0) return rc;

@@ -125,9 +125,9 @@ ZelRC get_domain(ZelSession *s, const char *name) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "get_domain", rc);
     return rc = zel::guarded([&]() -> ZelRC {
-        zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
+        std::string filter;
         char *domain_dn = static_cast<char *>(std::calloc(1, zel::kDnSize));
-        if (!filter || !domain_dn) {
+        if (!domain_dn) {
             std::free(domain_dn);
             return rc = ZEL_RC_NO_MEMORY;
         }
@@ -136,10 +136,10 @@ ZelRC get_domain(ZelSession *s, const char *name) {
         const char *format = s->dir_kind == ZEL_DIR_ORV
                                  ? "(&(secAuthority=%s)(objectClass=secAuthorityInfo)(version=*))"
                                  : "(&(secAuthority=%s)(objectClass=secAuthorityInfo))";
-        if (!zel::format_filter(filter.get(), format, name)) return rc = ZEL_RC_INVALID_ARGUMENT;
+        if (!zel::format_filter(filter, format, name)) return rc = ZEL_RC_INVALID_ARGUMENT;
 
         LDAPMessage *raw = nullptr;
-        rc = determine_DN(s, s->suffixes, filter.get(), domain_dn, &raw);
+        rc = determine_DN(s, s->suffixes, filter.c_str(), domain_dn, &raw);
         zel::Message res(raw);
         if (rc == ZEL_RC_NOT_UNIQUE || rc == ZEL_RC_ENTRY_NOT_FOUND) {
             zel::tracef(s, zel::kTraceProgress, "zelmgmt:Velmar domain \"%s\" not found.\n", name);

@@ -122,25 +122,25 @@ ZelRC read_domain_entry(ZelSession *s, LDAPMessage *entry, ZelDomain *d) {
 ZelRC locate_domains(ZelSession *s, const char *name, LDAPMessage **result, int32_t mode) {
     if (result == nullptr) return ZEL_RC_INVALID_ARGUMENT;
     *result = nullptr;
-    zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
     zel::CText base = zel::zeroed_buffer(zel::kDnSize);
-    if (!filter || !base) return ZEL_RC_NO_MEMORY;
+    if (!base) return ZEL_RC_NO_MEMORY;
+    std::string filter;
 
     bool first_gen = mode == zel::kFirstGenerationDomains;
     const char *container = first_gen ? s->database_dn : s->domain_dn;
     if (container == nullptr) return first_gen ? ZEL_RC_DATABASE_NOT_FOUND : ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
-    std::string value = name ? plat::escape_filter_value(name) : "*";
-    bool fits = first_gen ? zel::copy_into(base.get(), zel::kDnSize, container) &&
-                                zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eZelDomain)(cn=%s))",
-                                                 value.c_str())
-                          : zel::format_into(base.get(), zel::kDnSize, "cn=ResourceGroups,%s", container) &&
-                                zel::format_into(filter.get(), zel::kFilterSize,
-                                                 "(&(objectClass=secResGroup)(secResGroupID=%s))", value.c_str());
+    const char *by_name = first_gen ? "(&(objectClass=eZelDomain)(cn=%s))" : "(&(objectClass=secResGroup)(secResGroupID=%s))";
+    bool fits = (first_gen ? zel::copy_into(base.get(), zel::kDnSize, container)
+                           : zel::format_into(base.get(), zel::kDnSize, "cn=ResourceGroups,%s", container)) &&
+                (name ? zel::format_filter(filter, by_name, name)
+                      : (filter = first_gen ? "(&(objectClass=eZelDomain)(cn=*))"
+                                            : "(&(objectClass=secResGroup)(secResGroupID=*))",
+                         true));
     if (!fits) return ZEL_RC_INVALID_ARGUMENT;
 
     struct timeval tv = zel::no_time_limit();
     int size_limit = first_gen && name ? 2 : 0;
-    int lrc = plat::ldap_search_ext_s(s->ld, base.get(), LDAP_SCOPE_SUBTREE, filter.get(), nullptr, 0, nullptr,
+    int lrc = plat::ldap_search_ext_s(s->ld, base.get(), LDAP_SCOPE_SUBTREE, filter.c_str(), nullptr, 0, nullptr,
                                       nullptr, &tv, size_limit, result);
     if (lrc == LDAP_SUCCESS || lrc == LDAP_NO_SUCH_OBJECT) return static_cast<ZelRC>(lrc);
     return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
@@ -230,14 +230,13 @@ ZelRC remove_domain(ZelSession *s, const char *name) {
     if (first_gen) {
         if (ZelRC rc = zel::ensure_database_dn(s)) return rc;
     }
-    zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
-    if (!dn) return ZEL_RC_NO_MEMORY;
+    std::string dn;
     if (!first_gen && s->database_dn) {
         if (ZelRC rc = zel::first_generation_domain_exists(s, name, first_gen)) return rc;
     }
-    if (ZelRC rc = zel::domain_entry_dn(s, name, first_gen, dn.get())) return rc;
+    if (ZelRC rc = zel::domain_entry_dn(s, name, first_gen, dn)) return rc;
 
-    int lrc = plat::ldap_delete_ext_s(s->ld, dn.get(), nullptr, nullptr);
+    int lrc = plat::ldap_delete_ext_s(s->ld, dn.c_str(), nullptr, nullptr);
     if (lrc != LDAP_SUCCESS && lrc != LDAP_NO_SUCH_OBJECT)
         return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_delete_ext_s()");
     zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able remove Zel Domain successfully!");
@@ -262,13 +261,11 @@ ZelRC first_generation_domain_exists(ZelSession *s, const char *name, bool &exis
     return rc;
 }
 
-ZelRC domain_entry_dn(const ZelSession *s, const char *name, bool first_gen, char *dn) {
+ZelRC domain_entry_dn(const ZelSession *s, const char *name, bool first_gen, std::string &dn) {
     const char *container = first_gen ? s->database_dn : s->domain_dn;
     if (container == nullptr) return first_gen ? ZEL_RC_DATABASE_NOT_FOUND : ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
-    std::string value = plat::escape_dn_value(name);
-    bool fits = first_gen ? format_into(dn, kDnSize, "cn=%s,cn=Zel Domains,%s", value.c_str(), container)
-                          : format_into(dn, kDnSize, "secResGroupID=%s,cn=ResourceGroups,%s", value.c_str(), container);
-    return fits ? 0 : ZEL_RC_INVALID_ARGUMENT;
+    return first_gen ? child_dn("cn", name, std::string("cn=Zel Domains,") + container, dn)
+                     : child_dn("secResGroupID", name, std::string("cn=ResourceGroups,") + container, dn);
 }
 
 }  // namespace zel

@@ -26,6 +26,6 @@ ZelRC first_generation_domain_exists(ZelSession *s, const char *name, bool &exis
 
 // The DN of the domain's entry in the chosen form, the name escaped as an
 // attribute value.  1005 when it would not fit a DN buffer.
-ZelRC domain_entry_dn(const ZelSession *s, const char *name, bool first_gen, char *dn);
+ZelRC domain_entry_dn(const ZelSession *s, const char *name, bool first_gen, std::string &dn);
 
 }  // namespace zel

@@ -29,8 +29,7 @@ ZelRC member_value(const ZelSession *s, const char *service, bool first_gen, std
         return out.size() < kTargetLocationSize ? 0 : ZEL_RC_INVALID_ARGUMENT;
     }
     if (s->domain_dn == nullptr) return ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
-    out = "secResourceID=" + plat::escape_dn_value(service) + ",cn=Resources," + s->domain_dn;
-    return out.size() < zel::kDnSize ? 0 : ZEL_RC_INVALID_ARGUMENT;
+    return zel::domain_resource_dn(s, service, out);
 }
 
 // Every location must name a target service; checked before anything is written.
@@ -97,8 +96,7 @@ ZelRC build_domain_mods(const ZelSession *s, const ZelDomain *d, int32_t op, boo
 ZelRC write_domain(ZelSession *s, const ZelDomain *d, int32_t op) {
     if (op != kAdd && op != kUpdate) return ZEL_RC_UNSUPPORTED_OPERATION;
     if (d == nullptr || d->name == nullptr) return ZEL_RC_INVALID_ARGUMENT;
-    zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
-    if (!dn) return ZEL_RC_NO_MEMORY;
+    std::string dn;
 
     bool first_gen = zel::first_generation(s);
     if (s->database_dn) {
@@ -111,7 +109,7 @@ ZelRC write_domain(ZelSession *s, const ZelDomain *d, int32_t op) {
     // Everything that could be refused is checked before the first write.
     std::vector<std::string> values;
     if (ZelRC rc = member_values(s, d, first_gen, values)) return rc;
-    if (ZelRC rc = zel::domain_entry_dn(s, d->name, first_gen, dn.get())) return rc;
+    if (ZelRC rc = zel::domain_entry_dn(s, d->name, first_gen, dn)) return rc;
     std::vector<char *> members;
     for (std::string &v : values) members.push_back(v.data());
 
@@ -123,8 +121,8 @@ ZelRC write_domain(ZelSession *s, const ZelDomain *d, int32_t op) {
         if (ZelRC rc = add_resource_groups_container(s)) return rc;
     }
 
-    int lrc = op == kAdd ? plat::ldap_add_ext_s(s->ld, dn.get(), mods.get(), nullptr, nullptr)
-                         : plat::ldap_modify_ext_s(s->ld, dn.get(), mods.get(), nullptr, nullptr);
+    int lrc = op == kAdd ? plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr)
+                         : zel::modify_clearing(s, dn.c_str(), mods.get());
     if (lrc == LDAP_SUCCESS) return 0;
     return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, op == kAdd ? "ldap_add_ext_s()" : "ldap_modify_ext_s()");
 }
@@ -132,8 +130,7 @@ ZelRC write_domain(ZelSession *s, const ZelDomain *d, int32_t op) {
 ZelRC edit_location(ZelSession *s, const char *domain, const char *type, const char *name, int32_t op) {
     if (op != kAddLocation && op != kRemoveLocation) return ZEL_RC_UNSUPPORTED_OPERATION;
     if (domain == nullptr) return ZEL_RC_INVALID_ARGUMENT;
-    zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
-    if (!dn) return ZEL_RC_NO_MEMORY;
+    std::string dn;
 
     bool first_gen = zel::first_generation(s);
     if (first_gen) {
@@ -141,7 +138,7 @@ ZelRC edit_location(ZelSession *s, const char *domain, const char *type, const c
     } else if (s->database_dn) {
         if (ZelRC rc = zel::first_generation_domain_exists(s, domain, first_gen)) return rc;
     }
-    if (ZelRC rc = zel::domain_entry_dn(s, domain, first_gen, dn.get())) return rc;
+    if (ZelRC rc = zel::domain_entry_dn(s, domain, first_gen, dn)) return rc;
     if (!is_service_location(type)) return ZEL_RC_CONFLICT;
     if (name == nullptr) return ZEL_RC_INVALID_ARGUMENT;
     // Active Directory: an empty member name is nothing to write.
@@ -162,7 +159,7 @@ ZelRC edit_location(ZelSession *s, const char *domain, const char *type, const c
                             first_gen ? "targetLocation" : "member", 1, values))
         return rc;
 
-    int lrc = plat::ldap_modify_ext_s(s->ld, dn.get(), mods.get(), nullptr, nullptr);
+    int lrc = plat::ldap_modify_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);
     // A member added twice is no error; one that is not there cannot go.
     if (lrc == LDAP_SUCCESS || lrc == LDAP_TYPE_OR_VALUE_EXISTS) return 0;
     if (lrc == LDAP_NO_SUCH_ATTRIBUTE) return ZEL_RC_LOCATION_NOT_FOUND;

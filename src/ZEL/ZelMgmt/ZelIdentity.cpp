@@ -141,23 +141,22 @@ ZelRC locate_krb_ePerson(ZelSession *s, const char *principal, ZelSuffixNode *su
     zel::RoutineTrace trace(s, "locate_krb_ePerson", rc);
     return rc = zel::guarded([&]() -> ZelRC {
         if (principal == nullptr || dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-        zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
-        if (!filter) return rc = ZEL_RC_NO_MEMORY;
+        std::string filter;
         std::string name_text, realm_text;
         if (!zel::split_principal(principal, name_text, realm_text)) return rc = ZEL_RC_INVALID_ARGUMENT;
         const char *realm = realm_text.c_str();  // none: a realm filter that finds nothing
 
-        if (!zel::format_filter(filter.get(), kRealmFilter, realm))
+        if (!zel::format_filter(filter, kRealmFilter, realm))
             return rc = ZEL_RC_INVALID_ARGUMENT;
         LDAPMessage *raw = nullptr;
-        rc = determine_unique_DN(s, suffixes, filter.get(), dn, &raw);
+        rc = determine_unique_DN(s, suffixes, filter.c_str(), dn, &raw);
         zel::Message realm_entry(raw);
         if (rc == ZEL_RC_NOT_UNIQUE) return rc = ZEL_RC_EPERSON_NOT_FOUND;
         if (rc == ZEL_RC_ENTRY_NOT_FOUND) {
             // No realm entry: the person may carry the principal as a mapped identity.
-            if (!zel::format_filter(filter.get(), kMappedIdentityFilter, principal))
+            if (!zel::format_filter(filter, kMappedIdentityFilter, principal))
                 return rc = ZEL_RC_INVALID_ARGUMENT;
-            rc = determine_unique_DN(s, suffixes, filter.get(), dn, nullptr);
+            rc = determine_unique_DN(s, suffixes, filter.c_str(), dn, nullptr);
             if (rc == ZEL_RC_ENTRY_NOT_FOUND || rc == ZEL_RC_NOT_UNIQUE) rc = ZEL_RC_EPERSON_NOT_FOUND;
             return rc;
         }
@@ -177,10 +176,10 @@ ZelRC locate_krb_ePerson(ZelSession *s, const char *principal, ZelSuffixNode *su
         }
         if (subtrees.get() == nullptr) return rc = ZEL_RC_EPERSON_NOT_FOUND;
 
-        if (!zel::format_filter(filter.get(), kPrincipalFilter, principal))
+        if (!zel::format_filter(filter, kPrincipalFilter, principal))
             return rc = ZEL_RC_INVALID_ARGUMENT;
         raw = nullptr;
-        rc = determine_unique_DN(s, subtrees.get(), filter.get(), dn, &raw);
+        rc = determine_unique_DN(s, subtrees.get(), filter.c_str(), dn, &raw);
         zel::Message principal_entry(raw);
         if (rc == ZEL_RC_ENTRY_NOT_FOUND || rc == ZEL_RC_NOT_UNIQUE) return rc = ZEL_RC_EPERSON_NOT_FOUND;
         if (rc != 0) return rc;

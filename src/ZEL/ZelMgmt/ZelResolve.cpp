@@ -55,6 +55,8 @@ ZelRC determine_DN(ZelSession *s, ZelSuffixNode *suffixes, const char *filter, c
     zel::RoutineTrace trace(s, "determine_DN", rc);
     return rc = zel::guarded([&]() -> ZelRC {
         if (result) *result = nullptr;
+        // No filter is a malformed request: refused here, never sent.
+        if (filter == nullptr || *filter == '\0') return rc = ZEL_RC_INVALID_ARGUMENT;
         if (suffixes == nullptr || suffixes->suffix == nullptr) return rc = ZEL_RC_ENTRY_NOT_FOUND;
 
         zel::Message kept;
@@ -148,12 +150,11 @@ ZelRC locate_ePerson(ZelSession *s, const char *user, ZelSuffixNode *suffixes, c
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "locate_ePerson", rc);
     return rc = zel::guarded([&]() -> ZelRC {
-        zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
-        if (!filter) return rc = ZEL_RC_NO_MEMORY;
+        std::string filter;
         if (user == nullptr ||
-            !zel::format_filter(filter.get(), "(&(objectClass=Person)(uid=%s))", user))
+            !zel::format_filter(filter, "(&(objectClass=Person)(uid=%s))", user))
             return rc = ZEL_RC_INVALID_ARGUMENT;
-        rc = determine_DN(s, suffixes, filter.get(), dn, nullptr);
+        rc = determine_DN(s, suffixes, filter.c_str(), dn, nullptr);
         if (rc != 0 && rc != ZEL_RC_DIRECTORY_ERROR) rc = ZEL_RC_EPERSON_NOT_FOUND;
         return rc;
     });

@@ -37,9 +37,9 @@ extern "C" {
 
 ZEL_API ZelRC Zel_getSessionInfo(ZelSession *s, ZelSessionInfo **out) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "Zel_getSessionInfo", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_getSessionInfo", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         if (out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         *out = nullptr;
         InfoHolder info(static_cast<ZelSessionInfo *>(std::calloc(1, sizeof(ZelSessionInfo))));

@@ -146,18 +146,19 @@ ZelRC search_user_records(ZelSession *s, const UserForm &user, const char *asser
     out.reset();
     // An inactive user's records are still found; the caller decides.
     if (user.rc != 0 && user.rc != ZEL_RC_ACCOUNT_INVALID) return user.rc;
-    CText filter = zeroed_buffer(kFilterSize);
-    if (!filter) return ZEL_RC_NO_MEMORY;
-    bool fits = mode == kFirstGenerationMode
-                    ? format_into(filter.get(), kFilterSize, "(&(objectClass=eTargetRecord)(cn=%s))", assertion)
-                    : format_into(filter.get(), kFilterSize, "secResCredsID=%s", assertion);
-    if (!fits) return ZEL_RC_INVALID_ARGUMENT;
+    // Measured with the target as the caller gave it: its escaping never
+    // refuses a name that fits the filter buffer.
+    const char *form = mode == kFirstGenerationMode ? "(&(objectClass=eTargetRecord)(cn=%s))" : "secResCredsID=%s";
+    std::string filter;
+    if (!format_text(filter, kFilterSize, form, shown ? shown : assertion)) return ZEL_RC_INVALID_ARGUMENT;
+    filter.clear();
+    if (!format_text(filter, 3 * kFilterSize, form, assertion)) return ZEL_RC_INVALID_ARGUMENT;
     if (shown)
         tracef(s, kTraceProgress, "zelmgmt:Target being looked for: %s\n", shown);
     else
         trace_line(s, kTraceProgress, "zelmgmt:All target records being retrieved.");
     if (user.dn.empty()) return ZEL_RC_USER_NOT_FOUND;
-    if (ZelRC rc = search_mapped(s, user.dn.c_str(), LDAP_SCOPE_SUBTREE, filter.get(), nullptr, 0, 0, 0, out))
+    if (ZelRC rc = search_mapped(s, user.dn.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), nullptr, 0, 0, 0, out))
         return rc;
     return user.rc;
 }
@@ -194,9 +195,9 @@ ZelRC find_records(ZelSession *s, const char *target, const char *user, int32_t 
 extern "C" {
 
 ZelRC get_verify_User_Profile(ZelSession *s, const char *user, char **user_dn_out, int32_t mode) {
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "get_verify_User_profile", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "get_verify_User_profile", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         if (user_dn_out) *user_dn_out = nullptr;
         if (user == nullptr || user_dn_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         zel::CText person_dn = zel::zeroed_buffer(zel::kDnSize);
@@ -230,9 +231,9 @@ ZelRC locate_ZEL_TR(ZelSession *s, const char *target, const char *user, LDAPMes
 }
 
 ZelRC mask_password(ZelSession *s, const char *text, int32_t *length_out, char **buffer_out, int32_t direction) {
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "mask_password", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "mask_password", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         if (buffer_out) *buffer_out = nullptr;
         if (text == nullptr || length_out == nullptr || buffer_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         if (direction != zel::kMask && direction != zel::kUnmask) return rc = ZEL_RC_UNSUPPORTED_OPERATION;
@@ -241,9 +242,9 @@ ZelRC mask_password(ZelSession *s, const char *text, int32_t *length_out, char *
 }
 
 ZelRC dissect_TR(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record) {
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "dissect_TR", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "dissect_TR", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         if (entry == nullptr || record == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         return rc = dissect_record(s, entry, record);
     });

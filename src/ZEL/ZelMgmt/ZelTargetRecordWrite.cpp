@@ -1,7 +1,7 @@
 // Adding and updating target records.  The target service must exist (and
 // be of the kind the record names); the password is stored masked with its
-// NUL.  A security domain session adds in its own form, registering the
-// person as an "XR User" first when it has no Zel user entry there yet, and
+// NUL.  A security domain session adds in its own form, registering a
+// person known only by a first-generation profile as an "XR User" first, and
 // updates a record that exists only in the first-generation form in place.
 #include <cstdio>
 #include <cstring>
@@ -9,7 +9,6 @@
 
 #include "ZelAudit.h"
 #include "ZelTargetRecord.h"
-#include "platform/dn_escape.h"
 
 namespace {
 
@@ -29,15 +28,11 @@ ZelRC check_target_service(ZelSession *s, const ZelTargetRecord *r, std::string 
         return rc;
     if (zel::entry_count(s->ld, res.get()) != 1) return ZEL_RC_TS_NOT_FOUND;
 
-    bool named = false;
+    // The search matched the name against every value of the naming
+    // attribute: the one entry it found is the service, whichever value named it.
     rc = zel::walk_attributes(s->ld, ldap_first_entry(s->ld, res.get()),
                               [&](const char *attr, char **values, struct berval **) -> ZelRC {
         if (values == nullptr) return ZEL_RC_NO_MEMORY;
-        if (zel::same_text(attr, "tsName") || zel::same_text(attr, "secResourceID") ||
-            zel::same_text(attr, "secResGroupID")) {
-            named = named || zel::same_text(values[0], r->targetServiceName);
-            return 0;
-        }
         bool ts_type = zel::same_text(attr, "tsType");
         if (!ts_type && !zel::same_text(attr, "secType")) return 0;
         stored_kind = values[0];
@@ -45,8 +40,6 @@ ZelRC check_target_service(ZelSession *s, const ZelTargetRecord *r, std::string 
         const char *kind = ts_type ? values[0] : std::strcmp(values[0], "1") == 0 ? "Web Resource" : "Resource Group";
         return zel::same_text(r->targetServiceType, kind) ? 0 : ZEL_RC_CONFLICT;
     });
-    // The service search takes the name as a pattern: only that very service counts.
-    if (rc == 0 && !named) rc = ZEL_RC_TS_NOT_FOUND;
     return rc;
 }
 
@@ -155,9 +148,22 @@ ZelRC first_generation_mods(ZelSession *s, const ZelTargetRecord *r, int32_t op,
 
 // "cn=<id>,<profile>" or "secResCredsId=<id>,cn=ResCreds,<user>".
 ZelRC record_dn(const ZelTargetRecord *r, bool first_gen, const char *user_dn, std::string &dn) {
-    std::string id = plat::escape_dn_value(r->targetRecordId);
-    dn = first_gen ? "cn=" + id + "," + user_dn : "secResCredsId=" + id + ",cn=ResCreds," + user_dn;
-    return dn.size() < zel::kDnSize ? 0 : ZEL_RC_INVALID_ARGUMENT;
+    return first_gen ? zel::child_dn("cn", r->targetRecordId, user_dn, dn)
+                     : zel::child_dn("secResCredsId", r->targetRecordId, std::string("cn=ResCreds,") + user_dn, dn);
+}
+
+// Whether a resolved profile is the security domain's own entry (and not a
+// first-generation profile the domain does not know yet).
+bool domain_profile(const ZelSession *s, const char *user_dn) {
+    if (s->domain_dn == nullptr) return false;
+    size_t n = std::strlen(user_dn), tail = std::strlen(s->domain_dn);
+    return n > tail && user_dn[n - tail - 1] == ',' && zel::same_text(user_dn + n - tail, s->domain_dn);
+}
+
+// The name a person registered on demand gets: a profile DN's first value,
+// or the user name as given.
+std::string registered_name(const char *user) {
+    return zel::contains(user, "=") ? zel::token(std::strchr(user, '=') + 1, ',', 0) : std::string(user);
 }
 
 // Resolves the user into `user_dn`; 19 when no user entry is named.
@@ -173,16 +179,9 @@ ZelRC resolve_user(ZelSession *s, const char *user, int32_t mode, zel::CText &us
 ZelRC register_xr_user(ZelSession *s, const char *user) {
     zel::CText person_dn = zel::zeroed_buffer(zel::kDnSize);
     if (!person_dn) return ZEL_RC_NO_MEMORY;
-    std::string short_name;
-    ZelRC rc = 0;
-    if (zel::contains(user, "=")) {
-        // A profile DN: its first value names the user.
-        short_name = zel::token(std::strchr(user, '=') + 1, ',', 0);
-        rc = construct_ePersonDN_from_UP(s, user, person_dn.get());
-    } else {
-        short_name = user;
-        rc = locate_ePerson(s, user, s->suffixes, person_dn.get());
-    }
+    std::string short_name = registered_name(user);
+    ZelRC rc = zel::contains(user, "=") ? construct_ePersonDN_from_UP(s, user, person_dn.get())
+                                        : locate_ePerson(s, user, s->suffixes, person_dn.get());
     if (rc != 0) return rc;
     ZelUser xr{};
     xr.userName = short_name.data();
@@ -198,7 +197,7 @@ ZelRC write_entry(ZelSession *s, int32_t op, const std::string &dn, LDAPMod **mo
                   bool &no_parent) {
     no_parent = false;
     if (op == kUpdate) {
-        int lrc = plat::ldap_modify_ext_s(s->ld, dn.c_str(), mods, nullptr, nullptr);
+        int lrc = zel::modify_clearing(s, dn.c_str(), mods);
         return lrc == LDAP_SUCCESS ? 0 : check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
     }
     int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods, nullptr, nullptr);
@@ -213,11 +212,10 @@ ZelRC create_update(ZelSession *s, const char *user, const ZelTargetRecord *r, i
         return ZEL_RC_INVALID_ARGUMENT;
     bool first_gen = zel::first_generation(s);
 
+    // A person with no profile in either form is no user to write for.
     zel::CText user_dn;
     ZelRC rc = resolve_user(s, user, 0, user_dn);
-    // No Zel user in the security domain yet: the add registers one.
-    bool needs_user = !first_gen && op == kAdd && rc == ZEL_RC_USER_NOT_FOUND;
-    if (rc != 0 && !needs_user) return rc;
+    if (rc != 0) return rc;
 
     StoredValues v;
     if ((rc = check_target_service(s, r, v.stored_kind)) != 0) return rc;
@@ -244,11 +242,18 @@ ZelRC create_update(ZelSession *s, const char *user, const ZelTargetRecord *r, i
     if (rc != 0) return rc;
 
     std::string dn;
-    bool may_register = !first_gen && op == kAdd, no_parent = needs_user;
-    // Without a user entry yet, at least the record's own part must fit
-    // before the user is registered.
-    if ((rc = record_dn(r, first_gen, needs_user ? "" : user_dn.get(), dn)) != 0) return rc;
-    if (!needs_user) rc = write_entry(s, op, dn, mods.get(), may_register, no_parent);
+    bool may_register = !first_gen && op == kAdd, no_parent = false;
+    if ((rc = record_dn(r, first_gen, user_dn.get(), dn)) != 0) return rc;
+    if (may_register && !domain_profile(s, user_dn.get())) {
+        // A first-generation profile: the add will register the person in
+        // the domain and retry there, so that DN must fit before anything
+        // is written.
+        std::string registered_dn, retry_dn;
+        if ((rc = zel::domain_user_dn(s, registered_name(user).c_str(), registered_dn)) != 0 ||
+            (rc = record_dn(r, false, registered_dn.c_str(), retry_dn)) != 0)
+            return rc;
+    }
+    rc = write_entry(s, op, dn, mods.get(), may_register, no_parent);
     if (!no_parent) return rc;
 
     // No cn=ResCreds container: the person is no Zel user of the domain yet.
@@ -281,9 +286,9 @@ ZelRC write_record(ZelSession *s, const char *name, const char *user, const ZelT
 extern "C" {
 
 ZelRC create_update_TargetRecord(ZelSession *s, const char *user, const ZelTargetRecord *record, int32_t operation) {
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "create_update_TargetRecord", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "create_update_TargetRecord", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         return rc = create_update(s, user, record, operation);
     });
 }

@@ -210,7 +210,7 @@ ZelRC dissect_TS(ZelSession *s, LDAPMessage *entry, ZelTargetService *record) {
 }
 
 // Mode 1 searches first-generation entries, any other mode the security
-// domain's resources.  The name goes into the filter as it stands; with a
+// domain's resources.  The name is matched as it stands (escaped); with a
 // name the size limit of 2 tells one match from several.  Whatever the search
 // handed back is passed on in *result, also when it failed (the caller frees
 // it): a missing Resources container still yields its result message.
@@ -222,10 +222,7 @@ ZelRC locate_ZEL_TS(ZelSession *s, const char *name, const char *type, LDAPMessa
         if (result == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         *result = nullptr;
         bool v1 = mode == 1;
-        zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
-        if (!filter) return rc = ZEL_RC_NO_MEMORY;
-        // A caller's name is matched as it stands; "*" is the library's own wildcard.
-        const std::string wanted = name ? plat::escape_filter_value(name) : "*";
+        std::string filter;
 
         static char kServiceAttrs[][16] = {"tsName", "tsType", "description", "reqIdentifier"};
         char *service_attrs[] = {kServiceAttrs[0], kServiceAttrs[1], kServiceAttrs[2], kServiceAttrs[3], nullptr};
@@ -237,25 +234,25 @@ ZelRC locate_ZEL_TS(ZelSession *s, const char *name, const char *type, LDAPMessa
         if (v1) {
             if (s->database_dn == nullptr) return rc = ZEL_RC_DATABASE_NOT_FOUND;
             search_base = s->database_dn;
-            fits = zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eTargetService)(tsName=%s))",
-                                    wanted.c_str());
+            const char *by_name = "(&(objectClass=eTargetService)(tsName=%s))";
+            fits = name ? zel::format_filter(filter, by_name, name)
+                        : (filter = "(&(objectClass=eTargetService)(tsName=*))", true);
             if (name) attrs = service_attrs;
         } else {
             if ((rc = zel::resources_container_dn(s, container)) != 0) return rc;
             search_base = container.c_str();
-            // An unknown type leaves the filter empty: the server decides what that finds.
+            // A security domain knows only its two built-in types: another
+            // type would leave no filter at all, which the server rejects as
+            // malformed (and may drop the connection for).  Nothing is sent.
+            if (type != nullptr && !zel::builtin_service_type(type)) return rc = ZEL_RC_TST_NOT_FOUND;
             const char *by_id = "(&(objectClass=secResource)(secResourceID=%s))";
-            if (name) {
-                if (type == nullptr || zel::builtin_service_type(type))
-                    fits = zel::format_into(filter.get(), zel::kFilterSize, by_id, wanted.c_str());
-            } else if (type == nullptr) {
-                std::strcpy(filter.get(), "(objectClass=secResource)");
-            } else if (zel::builtin_service_type(type)) {
-                fits = zel::format_into(filter.get(), zel::kFilterSize, by_id, "*");
-            }
+            if (name)
+                fits = zel::format_filter(filter, by_id, name);
+            else
+                filter = type ? "(&(objectClass=secResource)(secResourceID=*))" : "(objectClass=secResource)";
         }
         if (!fits) return rc = ZEL_RC_INVALID_ARGUMENT;
-        return rc = run_service_search(s, search_base, filter.get(), attrs, size_limit, result);
+        return rc = run_service_search(s, search_base, filter.c_str(), attrs, size_limit, result);
     });
 }
 
@@ -265,18 +262,15 @@ ZelRC locate_ZEL_TST(ZelSession *s, const char *type, LDAPMessage **result) {
     return rc = zel::guarded([&]() -> ZelRC {
         if (result == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         *result = nullptr;
-        zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
-        if (!filter) return rc = ZEL_RC_NO_MEMORY;
         if (s->database_dn == nullptr) return rc = ZEL_RC_DATABASE_NOT_FOUND;
-        const std::string wanted = type ? plat::escape_filter_value(type) : "*";
-        if (!zel::format_into(filter.get(), zel::kFilterSize, "(&(objectClass=eTargetServiceType)(tsType=%s))",
-                              wanted.c_str()))
+        std::string filter = "(&(objectClass=eTargetServiceType)(tsType=*))";
+        if (type && !zel::format_filter(filter, "(&(objectClass=eTargetServiceType)(tsType=%s))", type))
             return rc = ZEL_RC_INVALID_ARGUMENT;
 
         static char kTypeAttr[] = "reqIdentifierName";
         char *type_attrs[] = {kTypeAttr, nullptr};
         struct timeval tv = zel::no_time_limit();
-        int lrc = plat::ldap_search_ext_s(s->ld, s->database_dn, LDAP_SCOPE_SUBTREE, filter.get(),
+        int lrc = plat::ldap_search_ext_s(s->ld, s->database_dn, LDAP_SCOPE_SUBTREE, filter.c_str(),
                                           type ? type_attrs : nullptr, 0, nullptr, nullptr, &tv,
                                           type ? 2 : 0, result);
         if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");

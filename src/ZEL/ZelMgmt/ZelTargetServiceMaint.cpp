@@ -144,6 +144,9 @@ ZelRC add_target_service(ZelSession *s, const ZelTargetService *ts) {
 
     std::string type_dn, dn;
     if (v1 && (rc = check_service_type(s, ts, type_dn)) != 0) return rc;
+    // A security domain has only its built-in types; its look-up of any
+    // other answers 8, which must come before the container is written.
+    if (!v1 && !zel::builtin_service_type(ts->type)) return rc = ZEL_RC_TST_NOT_FOUND;
     // The entry's DN is measured before the container is added.
     if ((rc = v1 ? zel::child_dn("tsName", ts->name, type_dn, dn) : zel::domain_resource_dn(s, ts->name, dn)) != 0)
         return rc;
@@ -208,7 +211,10 @@ ZelRC add_target_service_type(ZelSession *s, const ZelTargetServiceType *t) {
     }
     rc = mods.add(LDAP_MOD_ADD, "objectClass", {"top", "eTargetServiceType"});
     if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "tsType", {t->typeName});
-    if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "reqIdentifierName", t->identifierCount, t->identifierNames);
+    // An add of an attribute without values is malformed: a type that names
+    // no identifiers has none.
+    if (rc == 0 && t->identifierCount > 0)
+        rc = mods.add(LDAP_MOD_ADD, "reqIdentifierName", t->identifierCount, t->identifierNames);
     if (rc != 0) return rc;
 
     int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);

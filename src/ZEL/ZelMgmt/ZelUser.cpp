@@ -27,11 +27,13 @@ ZelRC check_profile_name(const char *user_dn, const char *name) {
     return zel::same_text(parts.get()[0], name_copy.get()) ? 0 : ZEL_RC_CONFLICT;
 }
 
-// Runs verify_ZEL_user and keeps the profile DN it names.
+// Runs verify_ZEL_user and keeps the profile DN it names.  An inactive
+// account is a found profile here: an update is how it is enabled again.
 ZelRC verify_into(ZelSession *s, const char *person_dn, int32_t mode, std::string &profile_dn) {
     char *raw = nullptr;
     ZelRC rc = verify_ZEL_user(s, person_dn, &raw, mode);
     zel::CText found(raw);
+    if (rc == ZEL_RC_ACCOUNT_INVALID) rc = 1;
     if (rc == 1) {
         if (!found) return ZEL_RC_USER_NOT_FOUND;
         profile_dn = found.get();
@@ -158,9 +160,12 @@ ZelRC plan_profile(ZelSession *s, const ZelUser *user, const char *person_dn, in
     else
         rc = find_profile(s, user, person_dn, plan.mode, plan.user_dn);
     if (rc != 0) return rc;
-    std::string records_dn;
-    if (!first_gen && plan.mode == kCreate && (rc = zel::credentials_container_dn(plan.user_dn, records_dn)) != 0)
-        return rc;
+    // A domain profile's records container must fit as well, measured with
+    // the name as given.
+    if (!first_gen && plan.mode == kCreate &&
+        std::strlen("cn=ResCreds,principalName=,cn=Users,") + std::strlen(user->userName) +
+                std::strlen(s->domain_dn) >= zel::kDnSize)
+        return ZEL_RC_INVALID_ARGUMENT;
 
     if (first_gen && (rc = zel::profile_access(s, user->userType, person_dn, plan.user_dn.c_str(), plan.access)) != 0)
         return rc;
@@ -237,7 +242,7 @@ ZelRC create_update_ZelUser(ZelSession *s, const ZelUser *user, const char *pers
         zel::ModList mods(slots);
         if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
         if ((rc = fill_update_mods(s, user, plan.state, mods)) != 0) return rc;
-        int lrc = plat::ldap_modify_ext_s(s->ld, plan.user_dn.c_str(), mods.get(), nullptr, nullptr);
+        int lrc = zel::modify_clearing(s, plan.user_dn.c_str(), mods.get());
         if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
         return rc;
     });
@@ -246,9 +251,9 @@ ZelRC create_update_ZelUser(ZelSession *s, const ZelUser *user, const char *pers
 ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::forget_users(s);
-    return zel::audit::write(s, "Zel_addZelUser", {u ? u->userName : nullptr}, [&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "Zel_addZelUser", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_addZelUser", rc);
+    return rc = zel::audit::write(s, "Zel_addZelUser", {u ? u->userName : nullptr}, [&]() -> ZelRC {
         if (u == nullptr || u->userType == nullptr || !zel::known_user_type(u->userType) ||
             u->userName == nullptr)
             return rc = ZEL_RC_INVALID_ARGUMENT;
@@ -275,9 +280,9 @@ ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u) {
 ZelRC Zel_updateZelUser(ZelSession *s, const ZelUser *u) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::forget_users(s);
-    return zel::audit::write(s, "Zel_updateZelUser", {u ? u->userName : nullptr}, [&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "Zel_updateZelUser", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_updateZelUser", rc);
+    return rc = zel::audit::write(s, "Zel_updateZelUser", {u ? u->userName : nullptr}, [&]() -> ZelRC {
         if (u == nullptr || u->userName == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
 
         char *raw = nullptr;

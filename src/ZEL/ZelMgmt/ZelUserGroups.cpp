@@ -159,20 +159,21 @@ ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result
     return rc = zel::guarded([&]() -> ZelRC {
         if (result) *result = nullptr;
         if (name_or_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-        zel::CText dn = zel::zeroed_buffer(zel::kDnSize), filter = zel::zeroed_buffer(zel::kFilterSize);
-        if (!dn || !filter) return rc = ZEL_RC_NO_MEMORY;
+        zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
+        if (!dn) return rc = ZEL_RC_NO_MEMORY;
+        std::string filter;
 
         zel::Message res;
         if (zel::contains(name_or_dn, "=")) {
             // A DN: the entry itself.
             if (!zel::copy_into(dn.get(), zel::kDnSize, name_or_dn)) return rc = ZEL_RC_INVALID_ARGUMENT;
-            std::strcpy(filter.get(), mode == 1 ? "(objectClass=eZelUser)" : "objectClass=*");
-            rc = zel::search_mapped(s, dn.get(), LDAP_SCOPE_BASE, filter.get(), nullptr, 0, 2, 0, res);
+            filter = (mode == 1 ? "(objectClass=eZelUser)" : "objectClass=*");
+            rc = zel::search_mapped(s, dn.get(), LDAP_SCOPE_BASE, filter.c_str(), nullptr, 0, 2, 0, res);
         } else if (mode == 1) {
-            if (!zel::format_filter(filter.get(), "(&(objectClass=eZelUser)(cn=%s))", name_or_dn))
+            if (!zel::format_filter(filter, "(&(objectClass=eZelUser)(cn=%s))", name_or_dn))
                 return rc = ZEL_RC_INVALID_ARGUMENT;
             LDAPMessage *raw = nullptr;
-            rc = determine_DN(s, s->suffixes, filter.get(), dn.get(), &raw);
+            rc = determine_DN(s, s->suffixes, filter.c_str(), dn.get(), &raw);
             res.reset(raw);
             if (rc == ZEL_RC_ENTRY_NOT_FOUND) rc = ZEL_RC_USER_NOT_FOUND;
         } else {
@@ -180,8 +181,8 @@ ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result
             std::string user_dn;
             if ((rc = zel::domain_user_dn(s, name_or_dn, user_dn)) != 0) return rc;
             zel::copy_into(dn.get(), zel::kDnSize, user_dn.c_str());  // fits: measured above
-            std::strcpy(filter.get(), "objectClass=*");
-            rc = zel::search_mapped(s, dn.get(), LDAP_SCOPE_BASE, filter.get(), nullptr, 0, 2, ZEL_RC_ENTRY_NOT_FOUND, res);
+            filter = ("objectClass=*");
+            rc = zel::search_mapped(s, dn.get(), LDAP_SCOPE_BASE, filter.c_str(), nullptr, 0, 2, ZEL_RC_ENTRY_NOT_FOUND, res);
             if (rc == ZEL_RC_ENTRY_NOT_FOUND) rc = ZEL_RC_USER_NOT_FOUND;
         }
         if (rc == 0 && result) *result = res.release();
@@ -191,9 +192,9 @@ ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result
 
 ZelRC Zel_verifyZelUser(ZelSession *s, const char *personDN, char **userDN_out) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "Zel_verifyZelUser", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_verifyZelUser", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         if (userDN_out) *userDN_out = nullptr;
         if (personDN == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         // The buffer is the caller's from here on, whatever the answer.
@@ -213,9 +214,9 @@ ZelRC Zel_verifyZelUser(ZelSession *s, const char *personDN, char **userDN_out) 
 ZelRC Zel_removeZelUser(ZelSession *s, const char *nameOrDN) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     zel::forget_users(s);
-    return zel::audit::write(s, "Zel_removeZelUser", {nameOrDN}, [&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "Zel_removeZelUser", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_removeZelUser", rc);
+    return rc = zel::audit::write(s, "Zel_removeZelUser", {nameOrDN}, [&]() -> ZelRC {
         if (nameOrDN == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
 
         // First-generation profiles live in the Zel database, located lazily;

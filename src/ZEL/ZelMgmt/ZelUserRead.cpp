@@ -20,10 +20,10 @@ using UserHolder = std::unique_ptr<ZelUser, UserFree>;
 // An entry whose secAuthority lacks the domain's "<name>:" mark is no
 // longer a profile (removal releases such entries instead of deleting them).
 ZelRC search_domain_profile(ZelSession *s, const char *name, zel::Message &res) {
-    std::string dn = "principalName=" + plat::escape_dn_value(name) + ",cn=Users," + s->domain_dn;
-    std::string filter = "(&(objectClass=secUser)(secAuthority=" +
-                         plat::escape_filter_value(std::string(s->domain_name) + ":") + "))";
-    if (dn.size() >= zel::kDnSize || filter.size() >= zel::kFilterSize) return ZEL_RC_INVALID_ARGUMENT;
+    std::string dn, filter;
+    if (ZelRC rc = zel::domain_user_dn(s, name, dn)) return rc;
+    if (!zel::format_filter(filter, "(&(objectClass=secUser)(secAuthority=%s:))", s->domain_name))
+        return ZEL_RC_INVALID_ARGUMENT;
     struct timeval tv = zel::no_time_limit();
     LDAPMessage *raw = nullptr;
     int lrc = plat::ldap_search_ext_s(s->ld, dn.c_str(), LDAP_SCOPE_BASE, filter.c_str(), nullptr, 0, nullptr,
@@ -36,8 +36,8 @@ ZelRC search_domain_profile(ZelSession *s, const char *name, zel::Message &res) 
 
 // A first-generation profile lies below its person, anywhere in the suffixes.
 ZelRC search_database_profile(ZelSession *s, const char *name, zel::Message &res) {
-    std::string filter = "(&(objectClass=eZelUser)(cn=" + plat::escape_filter_value(name) + "))";
-    if (filter.size() >= zel::kFilterSize) return ZEL_RC_INVALID_ARGUMENT;
+    std::string filter;
+    if (!zel::format_filter(filter, "(&(objectClass=eZelUser)(cn=%s))", name)) return ZEL_RC_INVALID_ARGUMENT;
     zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
     if (!dn) return ZEL_RC_NO_MEMORY;
     LDAPMessage *raw = nullptr;
@@ -127,9 +127,9 @@ extern "C" {
 
 ZEL_API ZelRC Zel_getZelUser(ZelSession *s, const char *name, ZelUser **out) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "Zel_getZelUser", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_getZelUser", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         if (out) *out = nullptr;
         if (out == nullptr || name == nullptr || *name == '\0') return rc = ZEL_RC_INVALID_ARGUMENT;
 
@@ -159,9 +159,9 @@ ZEL_API ZelRC Zel_getZelUser(ZelSession *s, const char *name, ZelUser **out) {
 
 ZEL_API ZelRC Zel_getAllZelUser(ZelSession *s, ZelUserList **out) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&]() -> ZelRC {
-        ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "Zel_getAllZelUser", rc);
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "Zel_getAllZelUser", rc);
+    return rc = zel::guarded([&]() -> ZelRC {
         if (out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         *out = nullptr;
         return rc = all_users(s, out);

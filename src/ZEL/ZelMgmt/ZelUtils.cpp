@@ -76,6 +76,24 @@ ZelRC ModList::add(int op, const char *type, int32_t count, char *const *values)
     return rc;
 }
 
+int modify_clearing(ZelSession *s, const char *dn, LDAPMod **mods) {
+    int lrc = plat::ldap_modify_ext_s(s->ld, dn, mods, nullptr, nullptr);
+    if (lrc != LDAP_NO_SUCH_ATTRIBUTE) return lrc;
+    // Clearing what is not there is done already: the rest goes again alone.
+    std::vector<LDAPMod *> rest;
+    bool dropped = false;
+    for (size_t i = 0; mods[i]; ++i) {
+        bool clears = (mods[i]->mod_op & ~LDAP_MOD_BVALUES) == LDAP_MOD_DELETE &&
+                      (mods[i]->mod_values == nullptr || mods[i]->mod_values[0] == nullptr);
+        dropped = dropped || clears;
+        if (!clears) rest.push_back(mods[i]);
+    }
+    if (!dropped) return lrc;
+    if (rest.empty()) return LDAP_SUCCESS;
+    rest.push_back(nullptr);
+    return plat::ldap_modify_ext_s(s->ld, dn, rest.data(), nullptr, nullptr);
+}
+
 }  // namespace zel
 
 extern "C" {

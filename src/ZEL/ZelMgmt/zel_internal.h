@@ -252,6 +252,11 @@ private:
     size_t used_ = 0;
 };
 
+// ldap_modify_ext_s, where removing every value of an attribute the entry
+// does not hold (clearing a description that is not there) is no error: the
+// other modifications are sent again without it.  The LDAP result.
+int modify_clearing(ZelSession *s, const char *dn, LDAPMod **mods);
+
 // ---- Shared helpers: suffix lists, searches, well-known DNs ----
 
 // Appends a node owning a zero-filled copy of `length` bytes of text; 1012
@@ -269,10 +274,11 @@ int search(ZelSession *s, const char *base, int scope, const char *filter, char 
 ZelRC search_mapped(ZelSession *s, const char *base, int scope, const char *filter, char **attrs,
                     int attrsonly, int size_limit, ZelRC default_code, Message &out);
 
-// A filter in a 600-byte buffer from a format with one "%s", which receives
-// the caller's value escaped as an assertion value; false (nothing written)
-// when it would not fit.
-bool format_filter(char *dst, const char *fmt, const char *value) ZEL_PRINTF(2, 0);
+// A filter from a format with exactly one "%s" (and no other conversion),
+// which receives the caller's value escaped as an assertion value; false
+// (`out` untouched) when the format with the value as given would not fit a
+// 600-byte filter buffer.
+bool format_filter(std::string &out, const char *fmt, const char *value);
 
 // Well-known DNs, each built into `out`: 1005 when it would not fit a DN
 // buffer, 35 when the session has no security domain.  A caller's name is
@@ -285,7 +291,8 @@ ZelRC resources_container_dn(const ZelSession *s, std::string &out);
 ZelRC domain_resource_dn(const ZelSession *s, const char *name, std::string &out);
 // "principalName=<name>,cn=Users,<security domain DN>"
 ZelRC domain_user_dn(const ZelSession *s, const char *name, std::string &out);
-// "cn=ResCreds,<user DN>": a security domain user's target records
+// "cn=ResCreds,<user DN>": a security domain user's target records (the
+// user DN is not measured again)
 ZelRC credentials_container_dn(const std::string &user_dn, std::string &out);
 
 // ---- end of shared helpers ----
