@@ -358,7 +358,10 @@ void Directory::write_config() {
         write_file(dir_ + "/rootdse.ldif", "dn:\n" + root_dse);
         conf << "rootDSE " << dir_ << "/rootdse.ldif\n";
     }
-    if (profile_.server_size_limit > 0) conf << "sizelimit " << profile_.server_size_limit << "\n";
+    // Paged answers go on past the limit, as on the servers that cap answers.
+    if (profile_.server_size_limit > 0)
+        conf << "sizelimit size.soft=" << profile_.server_size_limit << " size.hard=" << profile_.server_size_limit
+             << " size.prtotal=unlimited\n";
     conf << "access to * by dn.exact=\"" << admin_dn() << "\" manage by * read\n";
     for (size_t i = 0; i < profile_.suffixes.size(); ++i) {
         std::string db = dir_ + "/db" + std::to_string(i);

@@ -141,28 +141,45 @@ ZelRC clear_password(ZelSession *s, const struct berval *stored, bool as_stored,
     return out ? 0 : ZEL_RC_NO_MEMORY;
 }
 
+namespace {
+
+// What every record search of a user starts with: the user's verified entry
+// and the filter for `assertion`.  The answer is the verification's status
+// when the search is still to be made (0, or 33 for an inactive user, whose
+// records are found all the same), else the failure.
+ZelRC record_query(ZelSession *s, const char *assertion, const char *shown, const char *user, int32_t mode,
+                   CText &user_dn, CText &filter) {
+    char *raw_dn = nullptr;
+    ZelRC verified = get_verify_User_Profile(s, user, &raw_dn, mode);
+    user_dn.reset(raw_dn);
+    if (verified != 0 && verified != ZEL_RC_ACCOUNT_INVALID) return verified;
+
+    filter = zeroed_buffer(kFilterSize);
+    if (!filter) return ZEL_RC_NO_MEMORY;
+    bool fits = mode == kFirstGenerationMode
+                    ? format_into(filter.get(), kFilterSize, "(&(objectClass=eTargetRecord)(cn=%s))", assertion)
+                    : format_into(filter.get(), kFilterSize, "secResCredsID=%s", assertion);
+    if (!fits) return ZEL_RC_INVALID_ARGUMENT;
+    if (shown)
+        tracef(s, kTraceProgress, "zelmgmt:Target being looked for: %s\n", shown);
+    else
+        trace_line(s, kTraceProgress, "zelmgmt:All target records being retrieved.");
+    if (!user_dn) return ZEL_RC_USER_NOT_FOUND;
+    return verified;
+}
+
+bool query_made(ZelRC rc) { return rc == 0 || rc == ZEL_RC_ACCOUNT_INVALID; }
+
+}  // namespace
+
 ZelRC search_records(ZelSession *s, const char *assertion, const char *shown, const char *user, int32_t mode,
                      Message &out) {
     ZelRC rc = 0;
     RoutineTrace trace(s, "locate_ZEL_TR", rc);
     out.reset();
-    char *raw_dn = nullptr;
-    ZelRC verified = get_verify_User_Profile(s, user, &raw_dn, mode);
-    CText user_dn(raw_dn);
-    // An inactive user's records are still found; the caller decides.
-    if (verified != 0 && verified != ZEL_RC_ACCOUNT_INVALID) return rc = verified;
-
-    CText filter = zeroed_buffer(kFilterSize);
-    if (!filter) return rc = ZEL_RC_NO_MEMORY;
-    bool fits = mode == kFirstGenerationMode
-                    ? format_into(filter.get(), kFilterSize, "(&(objectClass=eTargetRecord)(cn=%s))", assertion)
-                    : format_into(filter.get(), kFilterSize, "secResCredsID=%s", assertion);
-    if (!fits) return rc = ZEL_RC_INVALID_ARGUMENT;
-    if (shown)
-        tracef(s, kTraceProgress, "zelmgmt:Target being looked for: %s\n", shown);
-    else
-        trace_line(s, kTraceProgress, "zelmgmt:All target records being retrieved.");
-    if (!user_dn) return rc = ZEL_RC_USER_NOT_FOUND;
+    CText user_dn, filter;
+    ZelRC verified = record_query(s, assertion, shown, user, mode, user_dn, filter);
+    if (!query_made(verified)) return rc = verified;
 
     struct timeval tv = no_time_limit();
     LDAPMessage *raw = nullptr;
@@ -171,6 +188,21 @@ ZelRC search_records(ZelSession *s, const char *assertion, const char *shown, co
     out.reset(raw);
     if (lrc != LDAP_SUCCESS) {
         out.reset();
+        return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+    }
+    return rc = verified;
+}
+
+ZelRC list_records(ZelSession *s, const char *user, int32_t mode, SearchPages &out) {
+    ZelRC rc = 0;
+    RoutineTrace trace(s, "locate_ZEL_TR", rc);
+    out.pages.clear();
+    CText user_dn, filter;
+    ZelRC verified = record_query(s, "*", nullptr, user, mode, user_dn, filter);
+    if (!query_made(verified)) return rc = verified;
+    int lrc = search_all(s, user_dn.get(), LDAP_SCOPE_SUBTREE, filter.get(), nullptr, out);
+    if (lrc != LDAP_SUCCESS) {
+        out.pages.clear();
         return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
     }
     return rc = verified;

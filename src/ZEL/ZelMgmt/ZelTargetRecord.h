@@ -32,6 +32,10 @@ inline int32_t session_mode(const ZelSession *s) { return first_generation(s) ? 
 ZelRC search_records(ZelSession *s, const char *assertion, const char *shown, const char *user, int32_t mode,
                      Message &out);
 
+// Every record of the user in one form, page by page: search_records for
+// every identifier.
+ZelRC list_records(ZelSession *s, const char *user, int32_t mode, SearchPages &out);
+
 // locate_ZEL_TR into an owned result.
 ZelRC find_records(ZelSession *s, const char *target, const char *user, int32_t mode, Message &out);
 

@@ -16,6 +16,7 @@
 #include <initializer_list>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "zelmgmt.h"
 #include "platform/ldap_client.h"
@@ -50,6 +51,7 @@ struct ZelSession {
     char *domain_dn;           // 1000-byte buffer or null
     char *domain_name;
     int32_t domain_version;
+    int32_t paged_results;     // the root DSE lists the paged-results control
 };
 
 namespace zel {
@@ -255,6 +257,35 @@ int search(ZelSession *s, const char *base, int scope, const char *filter, char 
 // "ldap_search_ext_s()") with `out` emptied.
 ZelRC search_mapped(ZelSession *s, const char *base, int scope, const char *filter, char **attrs,
                     int attrsonly, int size_limit, ZelRC default_code, Message &out);
+
+// The result messages of one search read page by page: one message when
+// the server offers no paging.  Entries keep the server's order across pages.
+class SearchPages {
+public:
+    std::vector<Message> pages;
+    int count(LDAP *ld) const;
+    LDAPMessage *first_entry(LDAP *ld) const;
+    // fn(entry) for every entry in order; a non-zero status ends the walk.
+    template <class Fn>
+    ZelRC each_entry(LDAP *ld, Fn &&fn) const {
+        for (const Message &m : pages)
+            for (LDAPMessage *e = m ? ldap_first_entry(ld, m.get()) : nullptr; e; e = ldap_next_entry(ld, e))
+                if (ZelRC rc = fn(e)) return rc;
+        return 0;
+    }
+};
+inline int entry_count(LDAP *ld, const SearchPages &res) { return res.count(ld); }
+
+// Entries in one page of a paged search.
+constexpr int kPageSize = 500;
+
+// A search for every entry that matches, whatever the server's own size
+// limit for unpaged answers: where the session found the paged-results
+// control in the root DSE the search goes page by page, else it is one
+// search as `search` makes it.  No size limit is asked for.  `out` holds
+// the pages read, also when a later page failed; the answer is the LDAP
+// result of the first page that failed, else that of the last one.
+int search_all(ZelSession *s, const char *base, int scope, const char *filter, char **attrs, SearchPages &out);
 
 // A filter in a 600-byte buffer from a format with one "%s", which receives
 // the caller's value escaped as an assertion value; false (nothing written)
