@@ -35,7 +35,8 @@ const Command kCommands[] = {
      "record list USER | get USER ID | remove USER ID     (--reveal shows passwords)\n"
      "     | add|update USER ID --service S [--type T] [--account A] [--description D]\n"
      "       [--password-file F | --password-stdin]        (else a prompt on a terminal)\n"
-     "     | rekey USER... | rekey --all    stored passwords rewritten under ZEL_KEYFILE's active key\n"},
+     "     | rekey USER... | rekey --all    stored passwords rewritten under ZEL_KEYFILE's active key\n"
+     "     | import-csv FILE [--dry-run]    rows: user, resource or group, account, password[, description]\n"},
     {"key", run_key, "key generate FILE [--add]   a new key file (mode 0600), or a new active key in FILE\n"},
     {"credential", run_credential,
      "credential get USER RESOURCE [--reveal]    the account a sign-on agent presents\n"},
@@ -43,6 +44,12 @@ const Command kCommands[] = {
      "db create SUFFIX [--admin DN|CN] [--admin-uid U] [--admin-password-file F]\n"
      "          [--create-suffix] [--default-types] [--extended] | remove [--yes]\n"
      "   (a first-generation session unless --api-version says otherwise)\n"},
+    {"export", run_export,
+     "export [--passwords omit|sealed] [-o FILE] [--quiet]   the Zel data as a JSON document\n"
+     "       (sealed: passwords encrypted under ZEL_KEYFILE's active key; never clear text)\n"},
+    {"import", run_import,
+     "import FILE [--dry-run] [--quiet]   an export written back: missing objects created,\n"
+     "       differing ones updated, equal ones left alone\n"},
     {"person", run_person,
      "person add PARENT_DN --cn CN --sn SN [--uid U] [--description D] [--password-file F]\n"
      "           [--type T]\n"},
