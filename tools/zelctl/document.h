@@ -2,8 +2,9 @@
 //
 // Its order is stable (objects by name, records by user and id, members by
 // type and value, keys sorted), so two exports of the same data differ only
-// in the top-level "exported" time.  Passwords are left out, or carried only
-// as seals under the operator's key (Zel_sealPassword), never in clear.
+// in the top-level "exported" time and in the seals (a fresh nonce each).
+// Passwords are left out, or carried only as seals under the operator's key
+// (Zel_sealPassword), never in clear.
 #pragma once
 
 #include <optional>

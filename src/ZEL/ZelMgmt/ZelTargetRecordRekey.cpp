@@ -28,10 +28,8 @@ struct Tally {
     }
 };
 
-// Failures after which no further request can succeed: the run stops.
-bool ends_run(ZelRC rc) {
-    return rc == ZEL_RC_NO_MEMORY || rc == ZEL_RC_SYSTEM_ERROR || rc == ZEL_RC_DIRECTORY_ERROR;
-}
+// Failures of this process rather than of an entry: the run stops.
+bool ends_run(ZelRC rc) { return rc == ZEL_RC_NO_MEMORY || rc == ZEL_RC_SYSTEM_ERROR; }
 
 // The attributes that hold a record's password in the two storage forms.
 struct SecretAttribute {
