@@ -19,7 +19,7 @@ import() {
 }
 # rate <count> <start> <end> <target>
 rate() { awk -v n="$1" -v a="$2" -v b="$3" -v t="$4" \
-  'BEGIN { r = n / (b - a); printf "%.0f/s (target >= %d/s) %s\n", r, t, r >= t ? "ok" : "MISSED" }'; }
+  'BEGIN { r = n / (b - a); printf "%.0f/s (target >= %d/s) %s\n", r, t, (r >= t ? "ok" : "MISSED") }'; }
 t0=$(date +%s.%N); first=$(import); t1=$(date +%s.%N)
 second=$(import); t2=$(date +%s.%N)
 echo "import of $users users with $users records into an empty database: $first"
