@@ -7,7 +7,9 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -58,7 +60,8 @@ public:
         if (rc == ZEL_RC_TS_NOT_FOUND) {
             ZelTargetService ts{const_cast<char *>(d.name.c_str()), c_text(d.type), c_text(d.description),
                                 static_cast<int32_t>(ids.size()), id_ptrs.empty() ? nullptr : id_ptrs.data()};
-            return write("service", d.name, [&] { return Zel_addTargetService(s_, &ts); }, Outcome::Created);
+            write("service", d.name, [&] { return Zel_addTargetService(s_, &ts); }, Outcome::Created);
+            return;
         }
         if (rc != 0) return report("service", d.name, Outcome::Failed, rc);
         Pairs now = sorted_pairs(old->reqIdentifierCount, old->reqIdentifiers, &ZelReqIdentifier::name,
@@ -81,8 +84,10 @@ public:
         }
         ZelDomain wanted{const_cast<char *>(d.name.c_str()), c_text(d.description), static_cast<int32_t>(locs.size()),
                          loc_ptrs.empty() ? nullptr : loc_ptrs.data()};
-        if (rc == ZEL_RC_ZEL_DOMAIN_NOT_FOUND)
-            return write("resource group", d.name, [&] { return Zel_addZelDomain(s_, &wanted); }, Outcome::Created);
+        if (rc == ZEL_RC_ZEL_DOMAIN_NOT_FOUND) {
+            write("resource group", d.name, [&] { return Zel_addZelDomain(s_, &wanted); }, Outcome::Created);
+            return;
+        }
         if (rc != 0) return report("resource group", d.name, Outcome::Failed, rc);
         Pairs now = sorted_pairs(old->locationCount, old->locations, &ZelDomainLocation::type,
                                  &ZelDomainLocation::value);
@@ -91,15 +96,40 @@ public:
         write("resource group", d.name, [&] { return Zel_updateZelDomain(s_, &wanted); }, Outcome::Updated);
     }
 
+    // Every user the session sees, read once: a document of thousands of
+    // users is then compared without a look-up each.  Without the list the
+    // users are looked up one by one.
+    void read_users() {
+        ZelUserList *raw = nullptr;
+        if (Zel_getAllZelUser(s_, &raw) != 0) return;
+        users_.reset(raw);
+        // The list has the security domain's users first, as a look-up finds them.
+        for (int32_t i = 0; i < users_->count; ++i)
+            if (users_->users[i]->userName) known_users_.emplace(users_->users[i]->userName, users_->users[i]);
+    }
+
     void user(const DocUser &d) {
         ZelUser *raw = nullptr;
-        ZelRC rc = Zel_getZelUser(s_, d.name.c_str(), &raw);
-        Held<ZelUser, Zel_freeZelUser> old(raw);
+        const ZelUser *old = nullptr;
+        ZelRC rc = 0;
+        if (users_) {
+            auto found = known_users_.find(d.name);
+            old = found == known_users_.end() ? nullptr : found->second;
+            rc = old ? 0 : ZEL_RC_USER_NOT_FOUND;
+        } else {
+            rc = Zel_getZelUser(s_, d.name.c_str(), &raw);
+            old = raw;
+        }
+        Held<ZelUser, Zel_freeZelUser> looked_up(raw);
         ZelUser wanted{const_cast<char *>(d.name.c_str()),
                        const_cast<char *>(d.type ? d.type->c_str() : kDefaultUserType), c_text(d.description),
                        static_cast<unsigned char>(d.enabled ? 1 : 0), c_text(d.person)};
-        if (rc == ZEL_RC_USER_NOT_FOUND)
-            return write("user", d.name, [&] { return Zel_addZelUser(s_, &wanted); }, Outcome::Created);
+        if (rc == ZEL_RC_USER_NOT_FOUND) {
+            // A user made now has no records yet: they need no look-up.
+            if (write("user", d.name, [&] { return Zel_addZelUser(s_, &wanted); }, Outcome::Created))
+                new_users_.insert(d.name);
+            return;
+        }
         if (rc != 0) return report("user", d.name, Outcome::Failed, rc);
         bool equal = (old->enabled != 0) == d.enabled && same(d.description, old->description) &&
                      (!d.person || same(d.person, old->personDN)) && (!d.type || same(d.type, old->userType));
@@ -121,7 +151,8 @@ public:
         ZelTargetRecord wanted{const_cast<char *>(d.id.c_str()), c_text(d.description), c_text(d.account),
                                sealed && d.password ? password.data() : nullptr, c_text(d.service), c_text(d.type)};
         ZelTargetRecord *raw = nullptr;
-        ZelRC rc = Zel_getTargetRecord(s_, d.user.c_str(), d.id.c_str(), &raw);
+        ZelRC rc = new_users_.count(d.user) ? ZEL_RC_TR_NOT_FOUND
+                                             : Zel_getTargetRecord(s_, d.user.c_str(), d.id.c_str(), &raw);
         Held<ZelTargetRecord, Zel_freeTargetRecord> old(raw);
         if (rc == ZEL_RC_TR_NOT_FOUND || rc == ZEL_RC_USER_NOT_FOUND) {
             write("record", name, [&] { return Zel_addTargetRecord(s_, d.user.c_str(), &wanted); }, Outcome::Created);
@@ -151,10 +182,12 @@ public:
     }
 
 private:
+    // True when the write was made (or, in a dry run, would be).
     template <class Fn>
-    void write(const char *kind, const std::string &name, Fn &&call, Outcome outcome) {
+    bool write(const char *kind, const std::string &name, Fn &&call, Outcome outcome) {
         ZelRC rc = dry_run_ ? 0 : call();
         report(kind, name, rc == 0 ? outcome : Outcome::Failed, rc);
+        return rc == 0;
     }
 
     void report(const char *kind, const std::string &name, Outcome outcome, ZelRC rc) {
@@ -176,6 +209,9 @@ private:
     }
 
     ZelSession *s_;
+    Held<ZelUserList, Zel_freeZelUsers> users_;
+    std::map<std::string, const ZelUser *> known_users_;
+    std::set<std::string> new_users_;
     const Options &opts_;
     bool dry_run_;
     int counts_[4] = {};
@@ -215,6 +251,7 @@ int run_import(const Options &given_opts, Args args) {
                       quiet);
     for (const DocService &d : doc.services) importer.service(d), progress.step();
     for (const DocGroup &d : doc.groups) importer.group(d), progress.step();
+    if (!doc.users.empty()) importer.read_users();
     for (const DocUser &d : doc.users) importer.user(d), progress.step();
     for (const DocRecord &d : doc.records) importer.record(d, sealed), progress.step();
     progress.done();
