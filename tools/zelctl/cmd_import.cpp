@@ -42,6 +42,26 @@ Pairs sorted_pairs(int32_t count, Pair *const *items, char *Pair::*first, char *
     return sorted(std::move(out));
 }
 
+// A document's pairs as the array of C records a write takes; the texts stay
+// the document's.
+template <class Pair>
+class CPairs {
+public:
+    CPairs(const Pairs &pairs, char *Pair::*first, char *Pair::*second) : items_(pairs.size()) {
+        for (size_t i = 0; i < pairs.size(); ++i) {
+            items_[i].*first = const_cast<char *>(pairs[i].first.c_str());
+            items_[i].*second = const_cast<char *>(pairs[i].second.c_str());
+            pointers_.push_back(&items_[i]);
+        }
+    }
+    int32_t count() const { return static_cast<int32_t>(items_.size()); }
+    Pair **array() { return pointers_.empty() ? nullptr : pointers_.data(); }
+
+private:
+    std::vector<Pair> items_;
+    std::vector<Pair *> pointers_;
+};
+
 class Importer {
 public:
     Importer(ZelSession *s, const Options &opts, bool dry_run) : s_(s), opts_(opts), dry_run_(dry_run) {}
@@ -50,16 +70,10 @@ public:
         ZelTargetService *raw = nullptr;
         ZelRC rc = Zel_getTargetService(s_, d.name.c_str(), &raw);
         Held<ZelTargetService, Zel_freeTargetService> old(raw);
-        std::vector<ZelReqIdentifier> ids(d.identifiers.size());
-        std::vector<ZelReqIdentifier *> id_ptrs;
-        for (size_t i = 0; i < ids.size(); ++i) {
-            ids[i] = {const_cast<char *>(d.identifiers[i].first.c_str()),
-                      const_cast<char *>(d.identifiers[i].second.c_str())};
-            id_ptrs.push_back(&ids[i]);
-        }
+        CPairs<ZelReqIdentifier> ids(d.identifiers, &ZelReqIdentifier::name, &ZelReqIdentifier::value);
         if (rc == ZEL_RC_TS_NOT_FOUND) {
             ZelTargetService ts{const_cast<char *>(d.name.c_str()), c_text(d.type), c_text(d.description),
-                                static_cast<int32_t>(ids.size()), id_ptrs.empty() ? nullptr : id_ptrs.data()};
+                                ids.count(), ids.array()};
             write("service", d.name, [&] { return Zel_addTargetService(s_, &ts); }, Outcome::Created);
             return;
         }
@@ -76,14 +90,8 @@ public:
         ZelDomain *raw = nullptr;
         ZelRC rc = Zel_getZelDomain(s_, d.name.c_str(), &raw);
         Held<ZelDomain, Zel_freeZelDomain> old(raw);
-        std::vector<ZelDomainLocation> locs(d.members.size());
-        std::vector<ZelDomainLocation *> loc_ptrs;
-        for (size_t i = 0; i < locs.size(); ++i) {
-            locs[i] = {const_cast<char *>(d.members[i].first.c_str()), const_cast<char *>(d.members[i].second.c_str())};
-            loc_ptrs.push_back(&locs[i]);
-        }
-        ZelDomain wanted{const_cast<char *>(d.name.c_str()), c_text(d.description), static_cast<int32_t>(locs.size()),
-                         loc_ptrs.empty() ? nullptr : loc_ptrs.data()};
+        CPairs<ZelDomainLocation> locs(d.members, &ZelDomainLocation::type, &ZelDomainLocation::value);
+        ZelDomain wanted{const_cast<char *>(d.name.c_str()), c_text(d.description), locs.count(), locs.array()};
         if (rc == ZEL_RC_ZEL_DOMAIN_NOT_FOUND) {
             write("resource group", d.name, [&] { return Zel_addZelDomain(s_, &wanted); }, Outcome::Created);
             return;
