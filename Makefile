@@ -68,8 +68,10 @@ console: build
 # Timings of the read paths against raw searches, per directory size
 # (BENCH_SIZES, default 1000 10000 100000).  Not part of make test.
 BENCH_SIZES ?= 1000 10000 100000
+BENCH_IMPORT_USERS ?= 10000
 bench: build bench-deps
 	bash bench/run_bench.sh $(BUILD) $(BENCH_SIZES)
+	bash bench/import_bench.sh $(BUILD) $(BENCH_IMPORT_USERS)
 
 # Client instructions per read call under callgrind.
 bench-instructions: build bench-deps

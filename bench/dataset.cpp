@@ -131,4 +131,26 @@ void write_directory_ldif(std::ostream &out, const Layout &layout) {
     }
 }
 
+void write_people_ldif(std::ostream &out, const Layout &layout) {
+    out << root_ldif() << base_ldif();
+    for (int j = 0; j < layout.services(); ++j) out << service_ldif(j);
+    for (int k = 0; k < layout.groups(); ++k) out << group_ldif(k);
+    for (int i = 0; i < layout.users; ++i) out << person_ldif(i);
+}
+
+void write_import_document(std::ostream &out, const Layout &layout) {
+    out << "{\"format\":\"zelmgmt-export\",\"version\":1,\"exported\":\"\",\"storage\":2,"
+           "\"passwords\":\"omit\",\"users\":[";
+    for (int i = 0; i < layout.users; ++i)
+        out << (i ? "," : "") << "{\"name\":\"" << user_name(i) << "\",\"enabled\":true,\"person\":\""
+            << person_dn(i) << "\"}";
+    out << "],\"records\":[";
+    for (int i = 0; i < layout.users; ++i) {
+        std::string service = service_name(layout.direct_service(i));
+        out << (i ? "," : "") << "{\"user\":\"" << user_name(i) << "\",\"id\":\"T:" << service
+            << "\",\"service\":\"" << service << "\",\"account\":\"" << user_name(i) << "\"}";
+    }
+    out << "]}\n";
+}
+
 }  // namespace zelbench

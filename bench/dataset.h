@@ -63,5 +63,10 @@ std::string masked_value(const std::string &password, int32_t &length);
 std::string record_ldif(int i, const std::string &id, const std::string &account, const std::string &password);
 // Everything for the layout's users.  Throws std::runtime_error when masking fails.
 void write_directory_ldif(std::ostream &out, const Layout &layout);
+// The same directory before any Zel user: persons, services and groups only.
+void write_people_ldif(std::ostream &out, const Layout &layout);
+// An export document (zelctl import) of the layout's Zel users, each with
+// its direct record, passwords left out.
+void write_import_document(std::ostream &out, const Layout &layout);
 
 }  // namespace zelbench

@@ -1,5 +1,6 @@
 # Sourced by the bench drivers: a private slapd on a free loopback port,
-# bulk-loaded with slapadd.  start_directory <build> <users> sets DIR_PORT;
+# bulk-loaded with slapadd.  start_directory <build> <users> [ldif|people]
+# sets DIR_PORT;
 # stop_directory ends it and removes its folder.
 SRC=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
@@ -8,7 +9,7 @@ free_port() {
 }
 
 start_directory() {
-  local build=$1 users=$2
+  local build=$1 users=$2 content=${3:-ldif}
   DIR_TMP=$(mktemp -d /tmp/zelbench-XXXXXX)
   mkdir "$DIR_TMP/db"
   cat >"$DIR_TMP/slapd.conf" <<CONF
@@ -30,7 +31,7 @@ rootdn "cn=Manager,o=acme"
 rootpw secret
 CONF
   local t0=$SECONDS
-  "$build/bench/zel_bench" ldif "$users" >"$DIR_TMP/data.ldif"
+  "$build/bench/zel_bench" "$content" "$users" >"$DIR_TMP/data.ldif"
   slapadd -q -f "$DIR_TMP/slapd.conf" -l "$DIR_TMP/data.ldif" 2>"$DIR_TMP/slapadd.log" ||
     { cat "$DIR_TMP/slapadd.log"; return 1; }
   rm -f "$DIR_TMP/data.ldif"

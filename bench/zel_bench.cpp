@@ -2,6 +2,8 @@
 // directory a driver script has bulk-loaded and started (see run_bench.sh).
 //
 //   zel_bench ldif <users>                        LDIF of the directory, for slapadd
+//   zel_bench people <users>                      the same before any Zel user (import_bench.sh)
+//   zel_bench document <users>                    an import document of those users and records
 //   zel_bench run <port> <users> <csv> [rounds]   timings table, rows appended to csv
 //   zel_bench instr <port> <users> <op> lib|raw <calls>
 //                                                 calls for callgrind (bench_measured_*)
@@ -321,6 +323,13 @@ int main(int argc, char **argv) {
     if (mode == "ldif" && argc == 3) {
         std::ios::sync_with_stdio(false);
         write_directory_ldif(std::cout, Layout{std::atoi(argv[2])});
+        return std::cout ? 0 : 1;
+    }
+    if ((mode == "people" || mode == "document") && argc == 3) {
+        std::ios::sync_with_stdio(false);
+        Layout layout{std::atoi(argv[2])};
+        if (mode == "people") write_people_ldif(std::cout, layout);
+        else write_import_document(std::cout, layout);
         return std::cout ? 0 : 1;
     }
     if (mode == "run" && (argc == 5 || argc == 6))

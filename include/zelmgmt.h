@@ -362,20 +362,36 @@ ZEL_API void Zel_freeZelUsers(ZelUserList *list);
 /* Key rotation: stored passwords rewritten in the form a write uses now (under
  * the active key of the key file ZEL_KEYFILE names, else masked).  `user`
  * names one Zel user as Zel_getAllTargetRecord does; null means every target
- * record under the session's suffixes.  A value already in that form is left
- * as it is; one that cannot be read with the keys at hand is left as it is and
- * its entry's DN listed.  On success *out is handed out (release it with
- * Zel_freeRekeyReport); 1000 when ZEL_KEYFILE names a key file that cannot be
- * used, the user's statuses of Zel_getAllTargetRecord (19 no Zel user, 28 no
- * such person), 1005 for a null out. */
+ * record under the session's suffixes, read page by page.  A value already in
+ * that form is left as it is; one that cannot be read with the keys at hand is
+ * left as it is and its entry's DN listed; an entry the directory refuses to
+ * rewrite is listed too, and the run goes on (as it does past a suffix that
+ * cannot be searched).  Once the run has begun *out is always handed out
+ * (release it with Zel_freeRekeyReport), also when the status is the run's
+ * first failure: what was rewritten and what was not.  Nothing is handed out
+ * for 1000 (ZEL_KEYFILE names a key file that cannot be used), the user's
+ * statuses of Zel_getAllTargetRecord (19 no Zel user, 28 no such person),
+ * 1005 (a null out) and 1012. */
 typedef struct ZelRekeyReport {
     int32_t rewritten;        /* values rewritten */
     int32_t unreadableCount;
     char **unreadable;        /* DNs of the entries left as they were */
+    int32_t failedCount;
+    char **failed;            /* DNs of the entries the directory refused to rewrite */
 } ZelRekeyReport;
 
 ZEL_API ZelRC Zel_rekeyTargetRecords(ZelSession *s, const char *user, ZelRekeyReport **out);
 ZEL_API void Zel_freeRekeyReport(ZelRekeyReport *report);
+
+/* Passwords sealed for documents that leave the directory (exports): the
+ * ciphertext under the active key of the key file ZEL_KEYFILE names, in the
+ * form an encrypted stored value has, never clear text.  Seal: 1000 when no
+ * usable key file is configured.  Unseal takes only such a value and reads it
+ * with any key of the file: 1013 for anything else or a key not at hand.
+ * Both hand out new text (release it with Zel_memfree after overwriting it);
+ * 1005 for a null argument, 1012 when memory runs out. */
+ZEL_API ZelRC Zel_sealPassword(const char *clear, char **sealed_out);
+ZEL_API ZelRC Zel_unsealPassword(const char *sealed, char **clear_out);
 
 #ifdef __cplusplus
 }

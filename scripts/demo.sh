@@ -94,6 +94,10 @@ echo "== the masked records of before, rewritten under the key; a second rekey f
 ZEL_KEYFILE="$keys" z record rekey --all
 ZEL_KEYFILE="$keys" z record rekey jo
 # ---- end of encrypted passwords -----------------------------------------------
+echo "== everything exported, passwords sealed under the key; a second import of it changes nothing"
+ZEL_KEYFILE="$keys" z export --passwords sealed -o "$work/export.json"
+head -c 600 "$work/export.json"; echo " ..."
+ZEL_KEYFILE="$keys" z import "$work/export.json" | tail -n 1
 echo "== an unreachable server"
 "$zelctl" -H "ldap://127.0.0.1:1" -D "$admin" -y "$pwfile" info || echo "(exit status $?)"
 echo "== the security domain's Zel data removed again: records, groups, services, the user"

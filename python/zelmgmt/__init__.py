@@ -435,7 +435,11 @@ class Session:
         """Rewrites stored passwords under ZEL_KEYFILE's active key (every user's
         when user is None): how many were rewritten, and the DNs left unreadable."""
         out = ctypes.POINTER(_c.RekeyReport)()
-        _check(_lib.Zel_rekeyTargetRecords(self._h, _b(user), ctypes.byref(out)), "cannot rekey")
+        status = _lib.Zel_rekeyTargetRecords(self._h, _b(user), ctypes.byref(out))
+        # A run that failed part way still hands out its report.
+        if status != 0 and out:
+            _lib.Zel_freeRekeyReport(out)
+        _check(status, "cannot rekey")
         try:
             r = out.contents
             return r.rewritten, [_s(r.unreadable[i]) for i in range(r.unreadableCount)]

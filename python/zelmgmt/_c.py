@@ -86,7 +86,8 @@ class SessionInfo(ctypes.Structure):
 
 
 class RekeyReport(ctypes.Structure):
-    _fields_ = [("rewritten", c_int32), ("unreadableCount", c_int32), ("unreadable", P(c_char_p))]
+    _fields_ = [("rewritten", c_int32), ("unreadableCount", c_int32), ("unreadable", P(c_char_p)),
+                ("failedCount", c_int32), ("failed", P(c_char_p))]
 
 
 _OPEN = [c_void_p, c_char_p, c_char_p, c_char_p, ctypes.c_uint16, c_int32, c_char_p, c_char_p, c_char_p]

@@ -48,7 +48,7 @@ TEST_P(DiscoveryByKind, RootDseDecidesVendorAndHost) {
     EXPECT_EQ(root.sizelimit, 2);
     EXPECT_EQ(root.attrs, (std::vector<std::string>{"namingcontexts", "orvdirectoryversion", "netscapemdsuffix",
                                                      "vendorName", "vendorVersion", "forestFunctionality",
-                                                     "rootDomainNamingContext"}));
+                                                     "rootDomainNamingContext", "supportedControl"}));
 }
 
 // The host word is case-sensitive; a Novell server needs a new enough version.

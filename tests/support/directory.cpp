@@ -90,14 +90,6 @@ bool port_open(uint16_t port) {
 
 namespace {
 
-std::string read_all(int fd) {
-    std::string out;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
-    return out;
-}
-
 struct TestCa {
     std::string dir, ca, cert, key;
     TestCa() {
@@ -249,20 +241,45 @@ CommandResult run_command(const std::vector<std::string> &argv, const std::strin
     close(in_pipe[0]);
     close(out_pipe[1]);
     close(err_pipe[1]);
-    // Inputs here are small LDIF texts; write them whole, then read.
-    size_t off = 0;
-    while (off < input.size()) {
-        ssize_t n = write(in_pipe[1], input.data() + off, input.size() - off);
-        if (n <= 0) break;
-        off += static_cast<size_t>(n);
-    }
-    close(in_pipe[1]);
+    // Input is written while the output is read: a large seed makes the
+    // tools answer as much as they are given, more than a pipe holds.
     CommandResult r;
-    // Read stderr after stdout; both are small enough not to fill a pipe.
-    r.out = read_all(out_pipe[0]);
-    r.err = read_all(err_pipe[0]);
-    close(out_pipe[0]);
-    close(err_pipe[0]);
+    signal(SIGPIPE, SIG_IGN);
+    fcntl(in_pipe[1], F_SETFL, O_NONBLOCK);
+    size_t off = 0;
+    int in_fd = in_pipe[1];
+    if (input.empty()) {
+        close(in_fd);
+        in_fd = -1;
+    }
+    struct pollfd fds[3] = {{in_fd, POLLOUT, 0}, {out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
+    std::string *sinks[3] = {nullptr, &r.out, &r.err};
+    while (fds[0].fd >= 0 || fds[1].fd >= 0 || fds[2].fd >= 0) {
+        if (poll(fds, 3, -1) < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        if (fds[0].fd >= 0 && fds[0].revents) {
+            ssize_t n = (fds[0].revents & POLLOUT) ? write(in_fd, input.data() + off, input.size() - off) : -1;
+            if (n > 0) off += static_cast<size_t>(n);
+            if (n < 0 && errno == EAGAIN) continue;
+            if (n <= 0 || off == input.size()) {
+                close(in_fd);
+                fds[0].fd = -1;
+            }
+        }
+        for (int i = 1; i < 3; ++i) {
+            if (fds[i].fd < 0 || !fds[i].revents) continue;
+            char buf[65536];
+            ssize_t n = read(fds[i].fd, buf, sizeof buf);
+            if (n > 0) {
+                sinks[i]->append(buf, static_cast<size_t>(n));
+            } else if (n == 0 || errno != EINTR) {
+                close(fds[i].fd);
+                fds[i].fd = -1;
+            }
+        }
+    }
     int status = 0;
     waitpid(pid, &status, 0);
     r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -352,7 +369,10 @@ void Directory::write_config() {
         write_file(dir_ + "/rootdse.ldif", "dn:\n" + root_dse);
         conf << "rootDSE " << dir_ << "/rootdse.ldif\n";
     }
-    if (profile_.server_size_limit > 0) conf << "sizelimit " << profile_.server_size_limit << "\n";
+    // Paged answers go on past the limit, as on the servers that cap answers.
+    if (profile_.server_size_limit > 0)
+        conf << "sizelimit size.soft=" << profile_.server_size_limit << " size.hard=" << profile_.server_size_limit
+             << " size.prtotal=unlimited\n";
     conf << "access to * by dn.exact=\"" << admin_dn() << "\" manage by * read\n";
     if (profile_.access_rules == AccessRules::SlapdConf)
         write_file(dir_ + "/zel-access.conf", shipped_access_rules("zel-access.conf", suffix()));

@@ -29,7 +29,8 @@ struct Profile {
     // Security domain entry secAuthority=<domain>,<first suffix>; empty: none.
     std::string domain = "Default";
     int domain_version = 5;  // 0: the entry has no version attribute
-    // The server's own size limit for anyone but the administrator; 0: none.
+    // The server's own size limit on unpaged answers for anyone but the
+    // administrator (paged answers are not capped); 0: none.
     int server_size_limit = 0;
     // Added after the suffixes and the domain entry.
     std::string seed_ldif;

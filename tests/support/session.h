@@ -23,8 +23,14 @@ using Session = std::unique_ptr<ZelSession, SessionClose>;
 // and gives null.
 Session open_session(const Directory &dir, uint32_t version = 2);
 
-// The status of such an open, for tests of open itself.
-ZelRC try_open(const Directory &dir, uint32_t version, ZelSession **out);
+// The status of such an open, for tests of open itself; bound as `bind_dn`
+// with `password` when one is given.
+ZelRC try_open(const Directory &dir, uint32_t version, ZelSession **out, const std::string &bind_dn = "",
+               const char *password = nullptr);
+
+// A session bound as someone other than the directory's root.
+Session open_session_as(const Directory &dir, const std::string &bind_dn, const char *password,
+                        uint32_t version = 2);
 
 // A fresh directory and a version-2 session on it per test; the calls made by
 // opening are cleared from the record.
@@ -59,7 +65,9 @@ protected:
 // systemName=ORVZEL,<suffix> with the containers the library expects.
 std::string database_ldif(const std::string &suffix);
 
-// Seed LDIF of a person entry cn=<cn>,<parent> with uid <uid>.
-std::string person_ldif(const std::string &parent, const std::string &cn, const std::string &uid);
+// Seed LDIF of a person entry cn=<cn>,<parent> with uid <uid>, and a
+// password to bind with when one is given.
+std::string person_ldif(const std::string &parent, const std::string &cn, const std::string &uid,
+                        const std::string &password = "");
 
 }  // namespace zeltest

@@ -63,27 +63,36 @@ int run_record_rekey(const Options &opts, Args args) {
     Session s(open_session(opts));
     if (!s) return 1;
     int32_t rewritten = 0;
-    std::vector<std::string> unreadable;
+    std::vector<std::string> unreadable, refused;
     if (all) users.push_back(std::string());
     for (const std::string &user : users) {
         ZelRekeyReport *raw = nullptr;
         ZelRC rc = Zel_rekeyTargetRecords(s.get(), all ? nullptr : user.c_str(), &raw);
         std::unique_ptr<ZelRekeyReport, ReportFree> report(raw);
         if (rc != 0) status = fail("cannot rekey the target records of " + (all ? std::string("every user") : user), rc);
+        // A run that failed part way still says what it did.
+        if (report) {
+            rewritten += report->rewritten;
+            for (int32_t i = 0; i < report->unreadableCount; ++i) unreadable.emplace_back(report->unreadable[i]);
+            for (int32_t i = 0; i < report->failedCount; ++i) refused.emplace_back(report->failed[i]);
+        }
         if (rc != 0) break;
-        rewritten += report->rewritten;
-        for (int32_t i = 0; i < report->unreadableCount; ++i) unreadable.emplace_back(report->unreadable[i]);
     }
     if (opts.json) {
-        std::string list;
-        for (const std::string &dn : unreadable) list += (list.empty() ? "" : ",") + json_string(dn.c_str());
-        std::printf("{\"rewritten\":%d,\"unreadable\":[%s]}\n", static_cast<int>(rewritten), list.c_str());
+        auto list = [](const std::vector<std::string> &dns) {
+            std::string text;
+            for (const std::string &dn : dns) text += (text.empty() ? "" : ",") + json_string(dn.c_str());
+            return text;
+        };
+        std::printf("{\"rewritten\":%d,\"unreadable\":[%s],\"refused\":[%s]}\n", static_cast<int>(rewritten),
+                    list(unreadable).c_str(), list(refused).c_str());
     } else {
         std::printf("%d stored passwords rewritten under the active key\n", static_cast<int>(rewritten));
         for (const std::string &dn : unreadable) std::printf("left as it was, cannot be read: %s\n", dn.c_str());
+        for (const std::string &dn : refused) std::printf("left as it was, the directory refused the write: %s\n", dn.c_str());
     }
     // Values that could not be read still need the operator's attention.
-    return status ? status : unreadable.empty() ? 0 : 1;
+    return status ? status : unreadable.empty() && refused.empty() ? 0 : 1;
 }
 
 }  // namespace zelctl

@@ -155,7 +155,7 @@ int record_remove(const Options &opts, Args args) {
 }  // namespace
 
 int run_record(const Options &opts, Args args) {
-    if (args.empty()) return usage("record: expected list, get, add, update, remove or rekey");
+    if (args.empty()) return usage("record: expected list, get, add, update, remove, rekey or import-csv");
     std::string sub = args.front();
     args.erase(args.begin());
     if (sub == "list") return record_list(opts, args);
@@ -164,7 +164,8 @@ int run_record(const Options &opts, Args args) {
     if (sub == "update") return record_write(opts, args, false);
     if (sub == "remove") return record_remove(opts, args);
     if (sub == "rekey") return run_record_rekey(opts, args);
-    return usage("record: unknown subcommand " + sub + " (list, get, add, update, remove, rekey)");
+    if (sub == "import-csv") return run_record_import_csv(opts, args);
+    return usage("record: unknown subcommand " + sub + " (list, get, add, update, remove, rekey, import-csv)");
 }
 
 }  // namespace zelctl

@@ -35,7 +35,8 @@ const Command kCommands[] = {
      "record list USER | get USER ID | remove USER ID     (--reveal shows passwords)\n"
      "     | add|update USER ID --service S [--type T] [--account A] [--description D]\n"
      "       [--password-file F | --password-stdin]        (else a prompt on a terminal)\n"
-     "     | rekey USER... | rekey --all    stored passwords rewritten under ZEL_KEYFILE's active key\n"},
+     "     | rekey USER... | rekey --all    stored passwords rewritten under ZEL_KEYFILE's active key\n"
+     "     | import-csv FILE [--dry-run]    rows: user, resource or group, account, password[, description]\n"},
     {"key", run_key, "key generate FILE [--add]   a new key file (mode 0600), or a new active key in FILE\n"},
     {"audit", run_audit, "audit verify FILE    the first changed, removed or inserted line of a ZEL_AUDIT trail\n"},
     {"credential", run_credential,
@@ -48,6 +49,12 @@ const Command kCommands[] = {
     {"doctor", run_doctor,
      "doctor [--user DN --user-password-file F]   a read-only check of the deployment;\n"
      "       exit status 3 when a finding is dangerous\n"},
+    {"export", run_export,
+     "export [--passwords omit|sealed] [-o FILE] [--quiet]   the Zel data as a JSON document\n"
+     "       (sealed: passwords encrypted under ZEL_KEYFILE's active key; never clear text)\n"},
+    {"import", run_import,
+     "import FILE [--dry-run] [--quiet]   an export written back: missing objects created,\n"
+     "       differing ones updated, equal ones left alone\n"},
     {"person", run_person,
      "person add PARENT_DN --cn CN --sn SN [--uid U] [--description D] [--password-file F]\n"
      "           [--type T]\n"},

@@ -28,13 +28,14 @@ _zelctl() {
     local cur prev
     cur=${COMP_WORDS[COMP_CWORD]}
     prev=${COMP_WORDS[COMP_CWORD - 1]}
-    local commands="info service service-type user record credential domain db person key audit doctor help"
+    local commands="info service service-type user record credential domain db person key audit doctor export import help"
     local global_opts="-H -D -w -W -y -x --ca --domain --api-version --timeout --network-timeout --json --help --version"
 
     case $prev in
-        -y|--ca|--password-file|--admin-password-file)
+        -y|--ca|--password-file|--admin-password-file|-o)
             COMPREPLY=($(compgen -f -- "$cur")); return ;;
         -H) COMPREPLY=($(compgen -W "ldap:// ldaps://" -- "$cur")); return ;;
+        --passwords) COMPREPLY=($(compgen -W "omit sealed" -- "$cur")); return ;;
         -D|-w|--domain|--api-version|--timeout|--network-timeout|--description|--account|--cn|--sn|--uid|--admin|--admin-uid|--id)
             return ;;
         --type)
@@ -71,7 +72,9 @@ _zelctl() {
             service) subs="list get add remove" ;;
             service-type) subs="add remove" ;;
             user) subs="list add update verify remove" ;;
-            record) subs="list get add update remove rekey" ;;
+            record) subs="list get add update remove rekey import-csv" ;;
+            export) subs="--passwords -o --quiet --json" ;;
+            import) COMPREPLY=($(compgen -f -- "$cur")); return ;;
             key) subs="generate" ;;
             audit) subs="verify" ;;
             credential) subs="get explain" ;;
@@ -94,6 +97,8 @@ _zelctl() {
         "credential explain") opts="--json" ;;
         "record add"|"record update") opts="--service --type --account --description --password-file --password-stdin" ;;
         "record rekey") opts="--all" ;;
+        "record import-csv") opts="--dry-run --quiet" ;;
+        import\ *) opts="--dry-run --quiet" ;;
         "key generate") opts="--add" ;;
         "domain add"|"domain update") opts="--description --member" ;;
         "db create") opts="--admin --admin-uid --admin-password-file --create-suffix --default-types --extended" ;;

@@ -57,6 +57,14 @@ bool parse_uri(const std::string &uri, std::string &host, uint16_t &port, bool &
 // returns null.
 ZelSession *open_session(const Options &opts);
 
+// A record the library handed out, released with its family's free call.
+template <class T, void (*Release)(T *)>
+struct LibraryFree {
+    void operator()(T *p) const { Release(p); }
+};
+template <class T, void (*Release)(T *)>
+using Held = std::unique_ptr<T, LibraryFree<T, Release>>;
+
 struct SessionClose {
     void operator()(ZelSession *s) const { Zel_close(s, 1); }
 };
@@ -119,5 +127,9 @@ int run_record_rekey(const Options &opts, Args args);
 
 // The chain of a ZEL_AUDIT trail file.
 int run_audit(const Options &opts, Args args);
+// Moving the Zel data out of a directory and back in (document.h).
+int run_export(const Options &opts, Args args);
+int run_import(const Options &opts, Args args);
+int run_record_import_csv(const Options &opts, Args args);
 
 }  // namespace zelctl

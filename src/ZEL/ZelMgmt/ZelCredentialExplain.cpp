@@ -18,7 +18,8 @@ struct Step {
 
 class Recorder : public zel::CredentialTrail {
 public:
-    Recorder(LDAP *ld, const std::string &direct_id) : ld_(ld), direct_id_(direct_id) {}
+    // The session, not its connection: a reconnect during the query replaces s->ld.
+    Recorder(const ZelSession *s, const std::string &direct_id) : s_(s), direct_id_(direct_id) {}
     void user(int32_t mode, const zel::UserForm &form) override {
         steps.push_back({ZEL_STEP_USER, mode, form.dn, std::string(), static_cast<int32_t>(form.rc)});
     }
@@ -29,13 +30,13 @@ public:
         steps.push_back({ZEL_STEP_GROUP, mode, dn_of(record), group, held_in});
     }
     std::string dn_of(LDAPMessage *record) const {
-        zel::LdapText dn(record ? ldap_get_dn(ld_, record) : nullptr);
+        zel::LdapText dn(record ? ldap_get_dn(s_->ld, record) : nullptr);
         return dn ? dn.get() : "";
     }
     std::vector<Step> steps;
 
 private:
-    LDAP *ld_;
+    const ZelSession *s_;
     std::string direct_id_;
 };
 
@@ -89,7 +90,7 @@ ZelRC explain(ZelSession *s, const char *user, const ZelCredentialRequest *req, 
     zel::RoutineTrace trace(s, "Zel_explainCredential", rc);
     if (req == nullptr || req->resourceName == nullptr || user == nullptr || out == nullptr)
         return rc = ZEL_RC_INVALID_ARGUMENT;
-    Recorder recorder(s->ld, std::string("T:") + req->resourceName);
+    Recorder recorder(s, std::string("T:") + req->resourceName);
     zel::CredentialAnswer answer;
     ZelCredential discarded{};
     ZelRC status = zel::query_credential(s, user, req, &discarded, &recorder, answer);

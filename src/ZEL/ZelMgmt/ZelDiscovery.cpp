@@ -27,7 +27,8 @@ ZelRC determine_suffixes(ZelSession *s) {
     zel::RoutineTrace trace(s, "determine_suffixes", rc);
     return rc = zel::guarded([&]() -> ZelRC {
         const char *attrs[] = {"namingcontexts", "orvdirectoryversion", "netscapemdsuffix", "vendorName",
-                               "vendorVersion", "forestFunctionality", "rootDomainNamingContext", nullptr};
+                               "vendorVersion", "forestFunctionality", "rootDomainNamingContext", "supportedControl",
+                               nullptr};
         struct timeval tv = zel::no_time_limit();
         LDAPMessage *raw = nullptr;
         int lrc = plat::ldap_search_ext_s(s->ld, "", LDAP_SCOPE_BASE, "objectClass=*", const_cast<char **>(attrs), 0,
@@ -85,6 +86,10 @@ ZelRC determine_suffixes(ZelSession *s) {
                 if (first && leading_number(first) > 84) novell_version = true;
             } else if (zel::same_text(a, "forestFunctionality")) {
                 s->dir_kind = ZEL_DIR_ACTIVE_DIRECTORY;
+            } else if (zel::same_text(a, "supportedControl")) {
+                // Lists page through what a server caps unpaged answers at.
+                for (char **v = sv.get(); v && *v; ++v)
+                    if (std::strcmp(*v, LDAP_CONTROL_PAGEDRESULTS) == 0) s->paged_results = 1;
             }
         }
         if (novell && novell_version) s->dir_kind = ZEL_DIR_EDIRECTORY;

@@ -119,24 +119,30 @@ ZelRC read_domain_entry(ZelSession *s, LDAPMessage *entry, ZelDomain *d) {
     });
 }
 
+// Where the domains of one form lie and the filter that finds `name` among
+// them (every domain for null), into a DN buffer and a filter.
+ZelRC domain_query(ZelSession *s, const char *name, int32_t mode, char *base, std::string &filter) {
+    bool first_gen = mode == zel::kFirstGenerationDomains;
+    const char *container = first_gen ? s->database_dn : s->domain_dn;
+    if (container == nullptr) return first_gen ? ZEL_RC_DATABASE_NOT_FOUND : ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
+    const char *by_name = first_gen ? "(&(objectClass=eZelDomain)(cn=%s))" : "(&(objectClass=secResGroup)(secResGroupID=%s))";
+    bool fits = (first_gen ? zel::copy_into(base, zel::kDnSize, container)
+                           : zel::format_into(base, zel::kDnSize, "cn=ResourceGroups,%s", container)) &&
+                (name ? zel::format_filter(filter, by_name, name)
+                      : (filter = first_gen ? "(&(objectClass=eZelDomain)(cn=*))"
+                                            : "(&(objectClass=secResGroup)(secResGroupID=*))",
+                         true));
+    return fits ? 0 : ZEL_RC_INVALID_ARGUMENT;
+}
+
 ZelRC locate_domains(ZelSession *s, const char *name, LDAPMessage **result, int32_t mode) {
     if (result == nullptr) return ZEL_RC_INVALID_ARGUMENT;
     *result = nullptr;
     zel::CText base = zel::zeroed_buffer(zel::kDnSize);
     if (!base) return ZEL_RC_NO_MEMORY;
     std::string filter;
-
+    if (ZelRC rc = domain_query(s, name, mode, base.get(), filter)) return rc;
     bool first_gen = mode == zel::kFirstGenerationDomains;
-    const char *container = first_gen ? s->database_dn : s->domain_dn;
-    if (container == nullptr) return first_gen ? ZEL_RC_DATABASE_NOT_FOUND : ZEL_RC_SECURITY_DOMAIN_NOT_FOUND;
-    const char *by_name = first_gen ? "(&(objectClass=eZelDomain)(cn=%s))" : "(&(objectClass=secResGroup)(secResGroupID=%s))";
-    bool fits = (first_gen ? zel::copy_into(base.get(), zel::kDnSize, container)
-                           : zel::format_into(base.get(), zel::kDnSize, "cn=ResourceGroups,%s", container)) &&
-                (name ? zel::format_filter(filter, by_name, name)
-                      : (filter = first_gen ? "(&(objectClass=eZelDomain)(cn=*))"
-                                            : "(&(objectClass=secResGroup)(secResGroupID=*))",
-                         true));
-    if (!fits) return ZEL_RC_INVALID_ARGUMENT;
 
     struct timeval tv = zel::no_time_limit();
     int size_limit = first_gen && name ? 2 : 0;
@@ -144,6 +150,18 @@ ZelRC locate_domains(ZelSession *s, const char *name, LDAPMessage **result, int3
                                       nullptr, &tv, size_limit, result);
     if (lrc == LDAP_SUCCESS || lrc == LDAP_NO_SUCH_OBJECT) return static_cast<ZelRC>(lrc);
     return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+}
+
+// Every domain of one form, page by page; a missing container holds none.
+ZelRC list_domains(ZelSession *s, int32_t mode, zel::SearchPages &res) {
+    ZelRC rc = 0;
+    zel::RoutineTrace trace(s, "locate_ZEL_Domain", rc);
+    char base[zel::kDnSize];
+    std::string filter;
+    if ((rc = domain_query(s, nullptr, mode, base, filter)) != 0) return rc;
+    int lrc = zel::search_all(s, base, LDAP_SCOPE_SUBTREE, filter.c_str(), nullptr, res);
+    if (lrc == LDAP_SUCCESS || lrc == LDAP_NO_SUCH_OBJECT) return rc;
+    return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
 }
 
 // A missing container holds no domains.
@@ -177,15 +195,14 @@ ZelRC get_domain(ZelSession *s, const char *name, ZelDomain **out) {
 }
 
 // Reads the entries of a search result into list slots from *next on.
-ZelRC fill_domains(ZelSession *s, LDAPMessage *res, ZelDomainList *list, int32_t &next) {
-    if (res == nullptr) return 0;
-    for (LDAPMessage *e = ldap_first_entry(s->ld, res); e && next < list->count; e = ldap_next_entry(s->ld, e)) {
+ZelRC fill_domains(ZelSession *s, const zel::SearchPages &res, ZelDomainList *list, int32_t &next) {
+    return res.each_entry(s->ld, [&](LDAPMessage *e) -> ZelRC {
+        if (next >= list->count) return 0;
         auto *d = static_cast<ZelDomain *>(std::calloc(1, sizeof(ZelDomain)));
         if (d == nullptr) return ZEL_RC_NO_MEMORY;
         list->domains[next++] = d;
-        if (ZelRC rc = dissect_ZelDomain(s, e, d)) return rc;
-    }
-    return 0;
+        return dissect_ZelDomain(s, e, d);
+    });
 }
 
 ZelRC get_all_domains(ZelSession *s, ZelDomainList **out) {
@@ -199,22 +216,22 @@ ZelRC get_all_domains(ZelSession *s, ZelDomainList **out) {
     }
 
     // First-generation domains come first.
-    zel::Message older, current;
+    zel::SearchPages older, current;
     if (s->database_dn) {
-        if (ZelRC rc = search_or_none(s, nullptr, zel::kFirstGenerationDomains, older)) return rc;
+        if (ZelRC rc = list_domains(s, zel::kFirstGenerationDomains, older)) return rc;
     }
     if (!first_gen) {
-        if (ZelRC rc = search_or_none(s, nullptr, zel::kSecurityDomainDomains, current)) return rc;
+        if (ZelRC rc = list_domains(s, zel::kSecurityDomainDomains, current)) return rc;
     }
 
-    int total = zel::entry_count(s->ld, older.get()) + zel::entry_count(s->ld, current.get());
+    int total = older.count(s->ld) + current.count(s->ld);
     if (total < 1) return ZEL_RC_ZEL_DOMAIN_NOT_FOUND;
     list->count = total;
     list->domains = static_cast<ZelDomain **>(std::calloc(total, sizeof(ZelDomain *)));
     if (list->domains == nullptr) return ZEL_RC_NO_MEMORY;
     int32_t next = 0;
-    if (ZelRC rc = fill_domains(s, older.get(), list.get(), next)) return rc;
-    if (ZelRC rc = fill_domains(s, current.get(), list.get(), next)) return rc;
+    if (ZelRC rc = fill_domains(s, older, list.get(), next)) return rc;
+    if (ZelRC rc = fill_domains(s, current, list.get(), next)) return rc;
     list->count = next;
 
     zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able retrieve all Zel Domains successfully!");

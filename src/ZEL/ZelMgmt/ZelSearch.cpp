@@ -1,5 +1,6 @@
 // One directory search as the library makes it: no time limit, the result
-// message kept in an owner whatever the outcome.
+// message kept in an owner whatever the outcome; and the same search read
+// page by page where the server caps unpaged answers.
 #include <cstring>
 #include <string>
 
@@ -33,6 +34,77 @@ ZelRC search_mapped(ZelSession *s, const char *base, int scope, const char *filt
     if (lrc == LDAP_SUCCESS) return 0;
     out.reset();
     return check_LDAP_rc(s, static_cast<uint32_t>(lrc), default_code, "ldap_search_ext_s()");
+}
+
+int SearchPages::count(LDAP *ld) const {
+    int n = 0;
+    for (const Message &m : pages) n += entry_count(ld, m.get());
+    return n;
+}
+
+LDAPMessage *SearchPages::first_entry(LDAP *ld) const {
+    for (const Message &m : pages)
+        if (LDAPMessage *e = m ? ldap_first_entry(ld, m.get()) : nullptr) return e;
+    return nullptr;
+}
+
+namespace {
+
+struct ControlFree { void operator()(LDAPControl *c) const { if (c) ldap_control_free(c); } };
+struct ControlsFree { void operator()(LDAPControl **c) const { if (c) ldap_controls_free(c); } };
+
+// The server's cookie for the next page; empty when the last page came.
+class Cookie {
+public:
+    Cookie() = default;
+    ~Cookie() { ber_memfree(value_.bv_val); }
+    Cookie(const Cookie &) = delete;
+    Cookie &operator=(const Cookie &) = delete;
+    struct berval *get() { return &value_; }
+    bool more() const { return value_.bv_len > 0; }
+    // Takes the cookie of a page's result; false when the server sent none.
+    bool take_from(LDAP *ld, LDAPMessage *res) {
+        ber_memfree(value_.bv_val);
+        value_ = {0, nullptr};
+        LDAPControl **raw = nullptr;
+        int err = 0;
+        if (ldap_parse_result(ld, res, &err, nullptr, nullptr, nullptr, &raw, 0) != LDAP_SUCCESS) return false;
+        std::unique_ptr<LDAPControl *, ControlsFree> controls(raw);
+        LDAPControl *page = ldap_control_find(LDAP_CONTROL_PAGEDRESULTS, controls.get(), nullptr);
+        ber_int_t estimate = 0;
+        return page && ldap_parse_pageresponse_control(ld, page, &estimate, &value_) == LDAP_SUCCESS;
+    }
+
+private:
+    struct berval value_ {0, nullptr};
+};
+
+}  // namespace
+
+int search_all(ZelSession *s, const char *base, int scope, const char *filter, char **attrs, SearchPages &out) {
+    out.pages.clear();
+    if (!s->paged_results) {
+        Message res;
+        int lrc = search(s, base, scope, filter, attrs, 0, 0, res);
+        if (res) out.pages.push_back(std::move(res));
+        return lrc;
+    }
+    Cookie cookie;
+    for (;;) {
+        LDAPControl *raw_control = nullptr;
+        // Not critical: a server that turns the control down answers unpaged.
+        int lrc = ldap_create_page_control(s->ld, kPageSize, cookie.get(), 0, &raw_control);
+        if (lrc != LDAP_SUCCESS) return plat::classic_result(lrc);
+        std::unique_ptr<LDAPControl, ControlFree> control(raw_control);
+        LDAPControl *controls[] = {control.get(), nullptr};
+        struct timeval tv = no_time_limit();
+        LDAPMessage *raw = nullptr;
+        lrc = plat::ldap_search_ext_s(s->ld, base, scope, filter, attrs, 0, controls, nullptr, &tv, 0, &raw);
+        Message res(raw);
+        bool more = lrc == LDAP_SUCCESS && res && cookie.take_from(s->ld, res.get()) && cookie.more();
+        if (res) out.pages.push_back(std::move(res));
+        if (!more) return lrc;
+    }
 }
 
 bool format_filter(std::string &out, const char *fmt, const char *value) {

@@ -184,6 +184,32 @@ ZelRC search_records(ZelSession *s, const char *assertion, const char *shown, co
     return rc = search_user_records(s, form, assertion, shown, mode, out);
 }
 
+ZelRC list_user_records(ZelSession *s, const UserForm &user, int32_t mode, SearchPages &out) {
+    ZelRC rc = 0;
+    RoutineTrace trace(s, "locate_ZEL_TR", rc);
+    out.pages.clear();
+    // An inactive user's records are still found; the caller decides.
+    if (user.rc != 0 && user.rc != ZEL_RC_ACCOUNT_INVALID) return rc = user.rc;
+    trace_line(s, kTraceProgress, "zelmgmt:All target records being retrieved.");
+    if (user.dn.empty()) return rc = ZEL_RC_USER_NOT_FOUND;
+    const char *filter = mode == kFirstGenerationMode ? "(&(objectClass=eTargetRecord)(cn=*))" : "secResCredsID=*";
+    int lrc = search_all(s, user.dn.c_str(), LDAP_SCOPE_SUBTREE, filter, nullptr, out);
+    if (lrc != LDAP_SUCCESS) {
+        out.pages.clear();
+        return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+    }
+    return rc = user.rc;
+}
+
+ZelRC list_records(ZelSession *s, const char *user, int32_t mode, SearchPages &out) {
+    char *raw_dn = nullptr;
+    UserForm form;
+    form.rc = get_verify_User_Profile(s, user, &raw_dn, mode);
+    CText user_dn(raw_dn);
+    if (user_dn) form.dn = user_dn.get();
+    return list_user_records(s, form, mode, out);
+}
+
 ZelRC find_records(ZelSession *s, const char *target, const char *user, int32_t mode, Message &out) {
     if (target == nullptr) return search_records(s, "*", nullptr, user, mode, out);
     std::string assertion = plat::escape_filter_value(target);

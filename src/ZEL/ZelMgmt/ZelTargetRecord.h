@@ -38,6 +38,10 @@ ZelRC search_user_records(ZelSession *s, const UserForm &user, const char *asser
                           int32_t mode, Message &out);
 // locate_ZEL_TR for a resolved user: `target` escaped, null for every record.
 ZelRC find_user_records(ZelSession *s, const UserForm &user, const char *target, int32_t mode, Message &out);
+// Every record of the user in one form, page by page: search_records for
+// every identifier.
+ZelRC list_records(ZelSession *s, const char *user, int32_t mode, SearchPages &out);
+ZelRC list_user_records(ZelSession *s, const UserForm &user, int32_t mode, SearchPages &out);
 
 // locate_ZEL_TR into an owned result.
 ZelRC find_records(ZelSession *s, const char *target, const char *user, int32_t mode, Message &out);

@@ -51,20 +51,19 @@ ZelRC get_target_record(ZelSession *s, const char *user, const char *target, Zel
 
 // Every record of one form, or none: a user who is not (yet) a Zel user in
 // that form has no records there.
-ZelRC search_all(ZelSession *s, zel::UserLookup &users, int32_t mode, zel::Message &res) {
-    ZelRC rc = zel::find_user_records(s, users.form(mode), nullptr, mode, res);
+ZelRC every_record(ZelSession *s, zel::UserLookup &users, int32_t mode, zel::SearchPages &res) {
+    ZelRC rc = zel::list_user_records(s, users.form(mode), mode, res);
     return zel::search_made(rc) ? 0 : rc;
 }
 
-ZelRC fill_records(ZelSession *s, LDAPMessage *res, ZelTargetRecordList *list, int32_t &next) {
-    for (LDAPMessage *e = res ? ldap_first_entry(s->ld, res) : nullptr; e && next < list->count;
-         e = ldap_next_entry(s->ld, e)) {
+ZelRC fill_records(ZelSession *s, const zel::SearchPages &res, ZelTargetRecordList *list, int32_t &next) {
+    return res.each_entry(s->ld, [&](LDAPMessage *e) -> ZelRC {
+        if (next >= list->count) return 0;
         auto *record = static_cast<ZelTargetRecord *>(std::calloc(1, sizeof(ZelTargetRecord)));
         if (record == nullptr) return ZEL_RC_NO_MEMORY;
         list->records[next++] = record;
-        if (ZelRC rc = dissect_TR(s, e, record)) return rc;
-    }
-    return 0;
+        return dissect_TR(s, e, record);
+    });
 }
 
 ZelRC get_all_target_records(ZelSession *s, const char *user, ZelTargetRecordList **out) {
@@ -76,19 +75,19 @@ ZelRC get_all_target_records(ZelSession *s, const char *user, ZelTargetRecordLis
     if (!list) return rc = ZEL_RC_NO_MEMORY;
 
     bool v1 = zel::first_generation(s);
-    zel::Message first_gen, domain;
+    zel::SearchPages first_gen, domain;
     zel::UserLookup users(s, user);
-    if ((v1 || s->database_dn) && (rc = search_all(s, users, zel::kFirstGenerationMode, first_gen)) != 0) return rc;
-    if (!v1 && (rc = search_all(s, users, zel::kDomainMode, domain)) != 0) return rc;
+    if ((v1 || s->database_dn) && (rc = every_record(s, users, zel::kFirstGenerationMode, first_gen)) != 0) return rc;
+    if (!v1 && (rc = every_record(s, users, zel::kDomainMode, domain)) != 0) return rc;
 
-    int total = zel::entry_count(s->ld, first_gen.get()) + zel::entry_count(s->ld, domain.get());
+    int total = first_gen.count(s->ld) + domain.count(s->ld);
     if (total < 1) return rc = ZEL_RC_TR_NOT_FOUND;
     list->records = static_cast<ZelTargetRecord **>(std::calloc(total, sizeof(ZelTargetRecord *)));
     if (list->records == nullptr) return rc = ZEL_RC_NO_MEMORY;
     list->count = total;
     int32_t next = 0;
-    if ((rc = fill_records(s, first_gen.get(), list.get(), next)) != 0) return rc;
-    if ((rc = fill_records(s, domain.get(), list.get(), next)) != 0) return rc;
+    if ((rc = fill_records(s, first_gen, list.get(), next)) != 0) return rc;
+    if ((rc = fill_records(s, domain, list.get(), next)) != 0) return rc;
     list->count = next;
 
     zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able retrieve all Target Records successfully!");

@@ -15,10 +15,22 @@
 
 namespace {
 
+// What a run did.  `status` is its first failure: an entry the directory
+// refused, or a part of the tree that could not be searched; the run goes on
+// past both and reports everything.
 struct Tally {
     int32_t rewritten = 0;
     std::vector<std::string> unreadable;
+    std::vector<std::string> failed;
+    ZelRC status = 0;
+
+    void note(ZelRC rc) {
+        if (status == 0) status = rc;
+    }
 };
+
+// Failures of this process rather than of an entry: the run stops.
+bool ends_run(ZelRC rc) { return rc == ZEL_RC_NO_MEMORY || rc == ZEL_RC_SYSTEM_ERROR; }
 
 // The attributes that hold a record's password in the two storage forms.
 struct SecretAttribute {
@@ -74,6 +86,7 @@ ZelRC rewrite_value(ZelSession *s, const char *dn, const SecretAttribute &attr, 
     return 0;
 }
 
+// An entry the directory refuses to rewrite is listed and the run goes on.
 ZelRC rekey_entry(ZelSession *s, LDAPMessage *entry, Tally &tally) {
     zel::LdapText dn(ldap_get_dn(s->ld, entry));
     if (!dn) return ZEL_RC_NO_MEMORY;
@@ -81,16 +94,20 @@ ZelRC rekey_entry(ZelSession *s, LDAPMessage *entry, Tally &tally) {
         // Orv keeps first-generation passwords in clear; they stay so.
         if (!attr.with_length && zel::clear_secret_key(s)) continue;
         zel::Bervals values(ldap_get_values_len(s->ld, entry, attr.type));
-        for (struct berval **v = values.get(); v && *v; ++v)
-            if (ZelRC rc = rewrite_value(s, dn.get(), attr, *v, tally)) return rc;
+        for (struct berval **v = values.get(); v && *v; ++v) {
+            ZelRC rc = rewrite_value(s, dn.get(), attr, *v, tally);
+            if (rc == 0) continue;
+            if (ends_run(rc)) return rc;
+            tally.note(rc);
+            tally.failed.emplace_back(dn.get());
+            return 0;
+        }
     }
     return 0;
 }
 
-ZelRC rekey_result(ZelSession *s, LDAPMessage *res, Tally &tally) {
-    for (LDAPMessage *e = res ? ldap_first_entry(s->ld, res) : nullptr; e; e = ldap_next_entry(s->ld, e))
-        if (ZelRC rc = rekey_entry(s, e, tally)) return rc;
-    return 0;
+ZelRC rekey_result(ZelSession *s, const zel::SearchPages &res, Tally &tally) {
+    return res.each_entry(s->ld, [&](LDAPMessage *e) { return rekey_entry(s, e, tally); });
 }
 
 // The records of one Zel user, in every form the session reads them in.
@@ -101,27 +118,29 @@ ZelRC rekey_user(ZelSession *s, const char *user, Tally &tally) {
     if (!v1) modes.push_back(zel::kDomainMode);
     size_t missing = 0;
     for (int32_t mode : modes) {
-        zel::Message res;
-        ZelRC rc = zel::find_records(s, nullptr, user, mode, res);
+        zel::SearchPages res;
+        ZelRC rc = zel::list_records(s, user, mode, res);
         if (rc == ZEL_RC_USER_NOT_FOUND) ++missing;
         else if (!zel::search_made(rc)) return rc;
-        if ((rc = rekey_result(s, res.get(), tally)) != 0) return rc;
+        if ((rc = rekey_result(s, res, tally)) != 0) return rc;
     }
     return missing == modes.size() ? ZEL_RC_USER_NOT_FOUND : 0;
 }
 
-// Every target record of either form under the session's suffixes.
+// Every target record of either form under the session's suffixes, page by
+// page.  A suffix that cannot be searched is noted and the next one taken;
+// what its pages read before the failure is rewritten all the same.
 ZelRC rekey_all(ZelSession *s, Tally &tally) {
     char filter[] = "(|(objectClass=secResCreds)(objectClass=eTargetRecord))";
     char *attrs[] = {const_cast<char *>("secAuthnData"), const_cast<char *>("secretKey"), nullptr};
     for (ZelSuffixNode *n = s->suffixes; n; n = n->next) {
-        struct timeval tv = zel::no_time_limit();
-        LDAPMessage *raw = nullptr;
-        int lrc = plat::ldap_search_ext_s(s->ld, n->suffix, LDAP_SCOPE_SUBTREE, filter, attrs, 0, nullptr, nullptr,
-                                          &tv, 0, &raw);
-        zel::Message res(raw);
-        if (lrc != LDAP_SUCCESS) return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
-        if (ZelRC rc = rekey_result(s, res.get(), tally)) return rc;
+        zel::SearchPages res;
+        int lrc = zel::search_all(s, n->suffix, LDAP_SCOPE_SUBTREE, filter, attrs, res);
+        if (ZelRC rc = rekey_result(s, res, tally)) return rc;
+        if (lrc == LDAP_SUCCESS) continue;
+        ZelRC rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+        if (ends_run(rc)) return rc;
+        tally.note(rc);
     }
     return 0;
 }
@@ -130,20 +149,25 @@ struct ReportFree {
     void operator()(ZelRekeyReport *r) const { Zel_freeRekeyReport(r); }
 };
 
+ZelRC copy_dns(const std::vector<std::string> &dns, char **&array, int32_t &count) {
+    if (dns.empty()) return 0;
+    array = static_cast<char **>(std::calloc(dns.size(), sizeof(char *)));
+    if (array == nullptr) return ZEL_RC_NO_MEMORY;
+    for (const std::string &dn : dns) {
+        char *copy = strdup(dn.c_str());
+        if (copy == nullptr) return ZEL_RC_NO_MEMORY;
+        array[count++] = copy;
+    }
+    return 0;
+}
+
 ZelRC hand_out(const Tally &tally, ZelRekeyReport **out) {
     std::unique_ptr<ZelRekeyReport, ReportFree> report(
         static_cast<ZelRekeyReport *>(std::calloc(1, sizeof(ZelRekeyReport))));
     if (!report) return ZEL_RC_NO_MEMORY;
     report->rewritten = tally.rewritten;
-    if (!tally.unreadable.empty()) {
-        report->unreadable = static_cast<char **>(std::calloc(tally.unreadable.size(), sizeof(char *)));
-        if (report->unreadable == nullptr) return ZEL_RC_NO_MEMORY;
-        for (const std::string &dn : tally.unreadable) {
-            char *copy = strdup(dn.c_str());
-            if (copy == nullptr) return ZEL_RC_NO_MEMORY;
-            report->unreadable[report->unreadableCount++] = copy;
-        }
-    }
+    if (ZelRC rc = copy_dns(tally.unreadable, report->unreadable, report->unreadableCount)) return rc;
+    if (ZelRC rc = copy_dns(tally.failed, report->failed, report->failedCount)) return rc;
     *out = report.release();
     return 0;
 }
@@ -157,9 +181,13 @@ ZelRC rekey_target_records(ZelSession *s, const char *user, ZelRekeyReport **out
     if (plat::util_key_file_state() == plat::KeyFileState::refused) return rc = ZEL_RC_SYSTEM_ERROR;
     Tally tally;
     if ((rc = user ? rekey_user(s, user, tally) : rekey_all(s, tally)) != 0) return rc;
-    zel::tracef(s, zel::kTraceProgress, "zelmgmt:Rewrote %d stored passwords, %d left unreadable.\n",
-                static_cast<int>(tally.rewritten), static_cast<int>(tally.unreadable.size()));
-    return rc = hand_out(tally, out);
+    zel::tracef(s, zel::kTraceProgress, "zelmgmt:Rewrote %d stored passwords, %d left unreadable, %d refused.\n",
+                static_cast<int>(tally.rewritten), static_cast<int>(tally.unreadable.size()),
+                static_cast<int>(tally.failed.size()));
+    // The report goes out with the run's first failure too: what was
+    // rewritten before and after it must not be lost.
+    if ((rc = hand_out(tally, out)) != 0) return rc;
+    return rc = tally.status;
 }
 
 }  // namespace
@@ -176,6 +204,8 @@ ZEL_API void Zel_freeRekeyReport(ZelRekeyReport *report) {
     if (report == nullptr) return;
     for (int32_t i = 0; i < report->unreadableCount; ++i) std::free(report->unreadable[i]);
     std::free(report->unreadable);
+    for (int32_t i = 0; i < report->failedCount; ++i) std::free(report->failed[i]);
+    std::free(report->failed);
     std::free(report);
 }
 

@@ -75,6 +75,28 @@ ZelRC set_identifiers(ZelTargetService *ts, char **values) {
     return 0;
 }
 
+// The filters of a first-generation service search (the name escaped, or
+// the library's own "*") and of every resource of a security domain.
+constexpr const char *kFirstGenerationServices = "(&(objectClass=eTargetService)(tsName=%s))";
+constexpr const char *kDomainServices = "(objectClass=secResource)";
+
+// Every service of one storage form, page by page; a missing container or
+// database entry holds none.
+ZelRC list_services(ZelSession *s, int32_t mode, zel::SearchPages &res) {
+    std::string base, filter;
+    if (mode == 1) {
+        if (s->database_dn == nullptr) return ZEL_RC_DATABASE_NOT_FOUND;
+        base = s->database_dn;
+        if (!zel::format_text(filter, zel::kFilterSize, kFirstGenerationServices, "*")) return ZEL_RC_INVALID_ARGUMENT;
+    } else {
+        if (ZelRC rc = zel::resources_container_dn(s, base)) return rc;
+        filter = kDomainServices;
+    }
+    int lrc = zel::search_all(s, base.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), nullptr, res);
+    if (lrc == LDAP_SUCCESS || lrc == LDAP_NO_SUCH_OBJECT) return 0;
+    return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+}
+
 // Runs one target service search; what the directory handed back goes to
 // *result, also when the search failed.
 ZelRC run_service_search(ZelSession *s, const char *base, const char *filter, char **attrs, int size_limit,
@@ -89,16 +111,14 @@ ZelRC run_service_search(ZelSession *s, const char *base, const char *filter, ch
 }
 
 // Reads the entries of a search result into list slots from *next on.
-ZelRC fill_services(ZelSession *s, LDAPMessage *res, ZelTargetServiceList *list, int32_t &next) {
-    if (res == nullptr) return 0;
-    for (LDAPMessage *e = ldap_first_entry(s->ld, res); e && next < list->count;
-         e = ldap_next_entry(s->ld, e)) {
+ZelRC fill_services(ZelSession *s, const zel::SearchPages &res, ZelTargetServiceList *list, int32_t &next) {
+    return res.each_entry(s->ld, [&](LDAPMessage *e) -> ZelRC {
+        if (next >= list->count) return 0;
         auto *ts = static_cast<ZelTargetService *>(std::calloc(1, sizeof(ZelTargetService)));
         if (ts == nullptr) return ZEL_RC_NO_MEMORY;
         list->services[next++] = ts;
-        if (ZelRC rc = dissect_TS(s, e, ts)) return rc;
-    }
-    return 0;
+        return dissect_TS(s, e, ts);
+    });
 }
 
 ZelRC get_all_target_services(ZelSession *s, ZelTargetServiceList **out) {
@@ -112,27 +132,19 @@ ZelRC get_all_target_services(ZelSession *s, ZelTargetServiceList **out) {
     bool v1 = zel::first_generation(s);
     if (v1 && (rc = zel::ensure_database_dn(s)) != 0) return rc;
 
-    zel::Message first_gen, domain;
-    if (s->database_dn) {
-        rc = zel::search_services(s, nullptr, nullptr, 1, first_gen);
-        if (rc == ZEL_RC_TS_NOT_FOUND) rc = 0;
-        if (rc != 0) return rc;
-    }
-    if (!v1) {
-        rc = zel::search_services(s, nullptr, nullptr, 2, domain);
-        if (rc == ZEL_RC_TS_NOT_FOUND) rc = 0;
-        if (rc != 0) return rc;
-    }
+    zel::SearchPages first_gen, domain;
+    if (s->database_dn && (rc = list_services(s, 1, first_gen)) != 0) return rc;
+    if (!v1 && (rc = list_services(s, 2, domain)) != 0) return rc;
 
-    int total = zel::entry_count(s->ld, first_gen.get()) + zel::entry_count(s->ld, domain.get());
+    int total = first_gen.count(s->ld) + domain.count(s->ld);
     if (total <= 0) return rc = ZEL_RC_TS_NOT_FOUND;
     list->count = total;
     list->services = static_cast<ZelTargetService **>(std::calloc(total, sizeof(ZelTargetService *)));
     if (list->services == nullptr) return rc = ZEL_RC_NO_MEMORY;
 
     int32_t next = 0;
-    if ((rc = fill_services(s, first_gen.get(), list.get(), next)) != 0) return rc;
-    if ((rc = fill_services(s, domain.get(), list.get(), next)) != 0) return rc;
+    if ((rc = fill_services(s, first_gen, list.get(), next)) != 0) return rc;
+    if ((rc = fill_services(s, domain, list.get(), next)) != 0) return rc;
     list->count = next;
 
     zel::trace_line(s, zel::kTraceProgress, "zelmgmt:Were able get all Target Services successfully!");

@@ -70,14 +70,14 @@ ZelRC read_profile(LDAP *ld, LDAPMessage *entry, bool domain_form, ZelUser *user
 }
 
 // Appends a profile read from each entry of res to list.
-ZelRC append_profiles(ZelSession *s, LDAPMessage *res, bool domain_form, std::vector<UserHolder> &list) {
-    for (LDAPMessage *e = ldap_first_entry(s->ld, res); e != nullptr; e = ldap_next_entry(s->ld, e)) {
+ZelRC append_profiles(ZelSession *s, const zel::SearchPages &res, bool domain_form, std::vector<UserHolder> &list) {
+    return res.each_entry(s->ld, [&](LDAPMessage *e) -> ZelRC {
         UserHolder user(static_cast<ZelUser *>(std::calloc(1, sizeof(ZelUser))));
         if (!user) return ZEL_RC_NO_MEMORY;
         if (ZelRC rc = read_profile(s->ld, e, domain_form, user.get())) return rc;
         list.push_back(std::move(user));
-    }
-    return 0;
+        return 0;
+    });
 }
 
 ZelRC all_users(ZelSession *s, ZelUserList **out) {
@@ -86,12 +86,12 @@ ZelRC all_users(ZelSession *s, ZelUserList **out) {
         std::string base = std::string("cn=Users,") + s->domain_dn;
         std::string filter = "(&(objectClass=secUser)(secAuthority=" +
                              plat::escape_filter_value(std::string(s->domain_name) + ":") + "))";
-        zel::Message res;
-        int lrc = zel::search(s, base.c_str(), LDAP_SCOPE_ONELEVEL, filter.c_str(), nullptr, 0, 0, res);
+        zel::SearchPages res;
+        int lrc = zel::search_all(s, base.c_str(), LDAP_SCOPE_ONELEVEL, filter.c_str(), nullptr, res);
         // A domain without a Users container has no users yet.
         if (lrc != LDAP_SUCCESS && lrc != LDAP_NO_SUCH_OBJECT)
             return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
-        if (ZelRC rc = append_profiles(s, res.get(), true, list)) return rc;
+        if (ZelRC rc = append_profiles(s, res, true, list)) return rc;
     }
     if (zel::first_generation(s)) {
         ZelRC rc = zel::ensure_database_dn(s);
@@ -100,11 +100,10 @@ ZelRC all_users(ZelSession *s, ZelUserList **out) {
     }
     if (s->database_dn != nullptr) {
         for (ZelSuffixNode *n = s->suffixes; n != nullptr; n = n->next) {
-            zel::Message res;
-            ZelRC rc = zel::search_mapped(s, n->suffix, LDAP_SCOPE_SUBTREE, "(objectClass=eZelUser)", nullptr, 0, 0,
-                                          0, res);
-            if (rc != 0) return rc;
-            if ((rc = append_profiles(s, res.get(), false, list)) != 0) return rc;
+            zel::SearchPages res;
+            int lrc = zel::search_all(s, n->suffix, LDAP_SCOPE_SUBTREE, "(objectClass=eZelUser)", nullptr, res);
+            if (lrc != LDAP_SUCCESS) return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+            if (ZelRC rc = append_profiles(s, res, false, list)) return rc;
         }
     }
     auto *result = static_cast<ZelUserList *>(std::calloc(1, sizeof(ZelUserList)));

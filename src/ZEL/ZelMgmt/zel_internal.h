@@ -16,6 +16,7 @@
 #include <initializer_list>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "zelmgmt.h"
 #include "platform/ldap_client.h"
@@ -61,6 +62,7 @@ struct ZelSession {
     bool stepwise_credentials;      // ZEL_CREDENTIAL_PATH=stepwise at open
     zel::Failover *failover;   // null on a caller's own connection
     ZelAuditTrail *audit;           // null unless ZEL_AUDIT is set
+    int32_t paged_results;     // the root DSE lists the paged-results control
 };
 
 namespace zel {
@@ -279,6 +281,38 @@ ZelRC search_mapped(ZelSession *s, const char *base, int scope, const char *filt
 // (`out` untouched) when the format with the value as given would not fit a
 // 600-byte filter buffer.
 bool format_filter(std::string &out, const char *fmt, const char *value);
+
+// The result messages of one search read page by page: one message when
+// the server offers no paging.  Entries keep the server's order across pages.
+class SearchPages {
+public:
+    std::vector<Message> pages;
+    int count(LDAP *ld) const;
+    LDAPMessage *first_entry(LDAP *ld) const;
+    // fn(entry) for every entry in order; a non-zero status ends the walk.
+    // `ld` is taken by reference (pass s->ld): a write made by fn may
+    // reconnect the session, and the walk must go on with the live handle.
+    template <class Fn>
+    ZelRC each_entry(LDAP *const &ld, Fn &&fn) const {
+        for (const Message &m : pages)
+            for (LDAPMessage *e = m ? ldap_first_entry(ld, m.get()) : nullptr; e; e = ldap_next_entry(ld, e))
+                if (ZelRC rc = fn(e)) return rc;
+        return 0;
+    }
+};
+inline int entry_count(LDAP *ld, const SearchPages &res) { return res.count(ld); }
+
+// Entries in one page of a paged search.
+constexpr int kPageSize = 500;
+
+// A search for every entry that matches, whatever the server's own size
+// limit for unpaged answers: where the session found the paged-results
+// control in the root DSE the search goes page by page, else it is one
+// search as `search` makes it.  No size limit is asked for.  `out` holds
+// the pages read, also when a later page failed; the answer is the LDAP
+// result of the first page that failed, else that of the last one.
+int search_all(ZelSession *s, const char *base, int scope, const char *filter, char **attrs, SearchPages &out);
+
 
 // Well-known DNs, each built into `out`: 1005 when it would not fit a DN
 // buffer, 35 when the session has no security domain.  A caller's name is

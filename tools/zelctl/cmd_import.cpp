@@ -1,0 +1,269 @@
+// zelctl import: an export document written back.  What is missing is
+// created, what differs is updated, what is equal is left alone, in the order
+// the objects depend on each other (services, resource groups, users,
+// records).  Every object is one library call, so a failed one is reported
+// and the rest go on; --dry-run reports the same without writing.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "document.h"
+#include "progress.h"
+#include "zelctl.h"
+
+namespace zelctl {
+namespace {
+
+enum class Outcome { Created, Updated, Unchanged, Failed };
+
+// A Zel user's type where the storage form keeps none (the security domain's).
+constexpr const char *kDefaultUserType = "User";
+
+char *c_text(const Text &t) { return t ? const_cast<char *>(t->c_str()) : nullptr; }
+bool same(const Text &a, const char *b) { return a ? b != nullptr && *a == b : b == nullptr || *b == '\0'; }
+
+Pairs sorted(Pairs pairs) {
+    std::sort(pairs.begin(), pairs.end());
+    return pairs;
+}
+
+// A record's list of pairs (identifiers, members) as the document keeps it.
+template <class Pair>
+Pairs sorted_pairs(int32_t count, Pair *const *items, char *Pair::*first, char *Pair::*second) {
+    Pairs out;
+    for (int32_t i = 0; i < count; ++i)
+        out.emplace_back(items[i]->*first ? items[i]->*first : "", items[i]->*second ? items[i]->*second : "");
+    return sorted(std::move(out));
+}
+
+// A document's pairs as the array of C records a write takes; the texts stay
+// the document's.
+template <class Pair>
+class CPairs {
+public:
+    CPairs(const Pairs &pairs, char *Pair::*first, char *Pair::*second) : items_(pairs.size()) {
+        for (size_t i = 0; i < pairs.size(); ++i) {
+            items_[i].*first = const_cast<char *>(pairs[i].first.c_str());
+            items_[i].*second = const_cast<char *>(pairs[i].second.c_str());
+            pointers_.push_back(&items_[i]);
+        }
+    }
+    int32_t count() const { return static_cast<int32_t>(items_.size()); }
+    Pair **array() { return pointers_.empty() ? nullptr : pointers_.data(); }
+
+private:
+    std::vector<Pair> items_;
+    std::vector<Pair *> pointers_;
+};
+
+class Importer {
+public:
+    Importer(ZelSession *s, const Options &opts, bool dry_run) : s_(s), opts_(opts), dry_run_(dry_run) {}
+
+    void service(const DocService &d) {
+        ZelTargetService *raw = nullptr;
+        ZelRC rc = Zel_getTargetService(s_, d.name.c_str(), &raw);
+        Held<ZelTargetService, Zel_freeTargetService> old(raw);
+        CPairs<ZelReqIdentifier> ids(d.identifiers, &ZelReqIdentifier::name, &ZelReqIdentifier::value);
+        if (rc == ZEL_RC_TS_NOT_FOUND) {
+            ZelTargetService ts{const_cast<char *>(d.name.c_str()), c_text(d.type), c_text(d.description),
+                                ids.count(), ids.array()};
+            write("service", d.name, [&] { return Zel_addTargetService(s_, &ts); }, Outcome::Created);
+            return;
+        }
+        if (rc != 0) return report("service", d.name, Outcome::Failed, rc);
+        Pairs now = sorted_pairs(old->reqIdentifierCount, old->reqIdentifiers, &ZelReqIdentifier::name,
+                                 &ZelReqIdentifier::value);
+        bool equal = same(d.type, old->type) && same(d.description, old->description) &&
+                     now == sorted(d.identifiers);
+        // A service has no update call: one that differs is left as it is.
+        report("service", d.name, equal ? Outcome::Unchanged : Outcome::Failed, equal ? 0 : ZEL_RC_ALREADY_EXISTS);
+    }
+
+    void group(const DocGroup &d) {
+        ZelDomain *raw = nullptr;
+        ZelRC rc = Zel_getZelDomain(s_, d.name.c_str(), &raw);
+        Held<ZelDomain, Zel_freeZelDomain> old(raw);
+        CPairs<ZelDomainLocation> locs(d.members, &ZelDomainLocation::type, &ZelDomainLocation::value);
+        ZelDomain wanted{const_cast<char *>(d.name.c_str()), c_text(d.description), locs.count(), locs.array()};
+        if (rc == ZEL_RC_ZEL_DOMAIN_NOT_FOUND) {
+            write("resource group", d.name, [&] { return Zel_addZelDomain(s_, &wanted); }, Outcome::Created);
+            return;
+        }
+        if (rc != 0) return report("resource group", d.name, Outcome::Failed, rc);
+        Pairs now = sorted_pairs(old->locationCount, old->locations, &ZelDomainLocation::type,
+                                 &ZelDomainLocation::value);
+        if (same(d.description, old->description) && now == sorted(d.members))
+            return report("resource group", d.name, Outcome::Unchanged, 0);
+        write("resource group", d.name, [&] { return Zel_updateZelDomain(s_, &wanted); }, Outcome::Updated);
+    }
+
+    // Every user the session sees, read once: a document of thousands of
+    // users is then compared without a look-up each.  Without the list the
+    // users are looked up one by one.
+    void read_users() {
+        ZelUserList *raw = nullptr;
+        if (Zel_getAllZelUser(s_, &raw) != 0) return;
+        users_.reset(raw);
+        // The list has the security domain's users first, as a look-up finds them.
+        for (int32_t i = 0; i < users_->count; ++i)
+            if (users_->users[i]->userName) known_users_.emplace(users_->users[i]->userName, users_->users[i]);
+    }
+
+    void user(const DocUser &d) {
+        ZelUser *raw = nullptr;
+        const ZelUser *old = nullptr;
+        ZelRC rc = 0;
+        if (users_) {
+            auto found = known_users_.find(d.name);
+            old = found == known_users_.end() ? nullptr : found->second;
+            rc = old ? 0 : ZEL_RC_USER_NOT_FOUND;
+        } else {
+            rc = Zel_getZelUser(s_, d.name.c_str(), &raw);
+            old = raw;
+        }
+        Held<ZelUser, Zel_freeZelUser> looked_up(raw);
+        ZelUser wanted{const_cast<char *>(d.name.c_str()),
+                       const_cast<char *>(d.type ? d.type->c_str() : kDefaultUserType), c_text(d.description),
+                       static_cast<unsigned char>(d.enabled ? 1 : 0), c_text(d.person)};
+        if (rc == ZEL_RC_USER_NOT_FOUND) {
+            // A user made now has no records yet: they need no look-up.
+            if (write("user", d.name, [&] { return Zel_addZelUser(s_, &wanted); }, Outcome::Created))
+                new_users_.insert(d.name);
+            return;
+        }
+        if (rc != 0) return report("user", d.name, Outcome::Failed, rc);
+        bool equal = (old->enabled != 0) == d.enabled && same(d.description, old->description) &&
+                     (!d.person || same(d.person, old->personDN)) && (!d.type || same(d.type, old->userType));
+        if (equal) return report("user", d.name, Outcome::Unchanged, 0);
+        write("user", d.name, [&] { return Zel_updateZelUser(s_, &wanted); }, Outcome::Updated);
+    }
+
+    void record(const DocRecord &d, bool sealed) {
+        const std::string name = d.user + " " + d.id;
+        std::string password;
+        if (sealed && d.password) {
+            char *clear = nullptr;
+            ZelRC rc = Zel_unsealPassword(d.password->c_str(), &clear);
+            if (rc != 0) return report("record", name, Outcome::Failed, rc);
+            password = clear;
+            std::memset(clear, 0, password.size());
+            Zel_memfree(clear);
+        }
+        ZelTargetRecord wanted{const_cast<char *>(d.id.c_str()), c_text(d.description), c_text(d.account),
+                               sealed && d.password ? password.data() : nullptr, c_text(d.service), c_text(d.type)};
+        ZelTargetRecord *raw = nullptr;
+        ZelRC rc = new_users_.count(d.user) ? ZEL_RC_TR_NOT_FOUND
+                                             : Zel_getTargetRecord(s_, d.user.c_str(), d.id.c_str(), &raw);
+        Held<ZelTargetRecord, Zel_freeTargetRecord> old(raw);
+        if (rc == ZEL_RC_TR_NOT_FOUND || rc == ZEL_RC_USER_NOT_FOUND) {
+            write("record", name, [&] { return Zel_addTargetRecord(s_, d.user.c_str(), &wanted); }, Outcome::Created);
+        } else if (rc != 0) {
+            report("record", name, Outcome::Failed, rc);
+        } else if (same(d.service, old->targetServiceName) && same(d.account, old->userId) &&
+                   same(d.description, old->description) &&
+                   (wanted.password == nullptr || same(Text(password), old->password))) {
+            report("record", name, Outcome::Unchanged, 0);
+        } else {
+            write("record", name, [&] { return Zel_updateTargetRecord(s_, d.user.c_str(), &wanted); },
+                  Outcome::Updated);
+        }
+        forget_secret(password);
+    }
+
+    int finish() {
+        int changed = counts_[0] + counts_[1];
+        if (opts_.json) {
+            std::printf("{\"dryRun\":%s,\"created\":%d,\"updated\":%d,\"unchanged\":%d,\"failed\":%d,\"objects\":[%s]}\n",
+                        dry_run_ ? "true" : "false", counts_[0], counts_[1], counts_[2], counts_[3], json_.c_str());
+        } else {
+            std::printf("%s%d created, %d updated, %d unchanged, %d failed%s\n", dry_run_ ? "dry run: " : "",
+                        counts_[0], counts_[1], counts_[2], counts_[3], changed == 0 ? ": nothing changed" : "");
+        }
+        return counts_[3] ? 1 : 0;
+    }
+
+private:
+    // True when the write was made (or, in a dry run, would be).
+    template <class Fn>
+    bool write(const char *kind, const std::string &name, Fn &&call, Outcome outcome) {
+        ZelRC rc = dry_run_ ? 0 : call();
+        report(kind, name, rc == 0 ? outcome : Outcome::Failed, rc);
+        return rc == 0;
+    }
+
+    void report(const char *kind, const std::string &name, Outcome outcome, ZelRC rc) {
+        static const char *const kWords[] = {"created", "updated", "unchanged", "failed"};
+        static const char *const kDryWords[] = {"would be created", "would be updated", "unchanged", "failed"};
+        int i = static_cast<int>(outcome);
+        ++counts_[i];
+        const char *word = dry_run_ ? kDryWords[i] : kWords[i];
+        if (opts_.json) {
+            json_ += std::string(json_.empty() ? "" : ",") + "{\"kind\":" + json_string(kind) +
+                     ",\"name\":" + json_string(name.c_str()) + ",\"outcome\":" + json_string(kWords[i]);
+            if (outcome == Outcome::Failed) json_ += ",\"status\":" + std::to_string(rc);
+            json_ += "}";
+        } else if (outcome == Outcome::Failed) {
+            std::printf("%s %s: failed: %s (status %u)\n", kind, name.c_str(), Zel_strerror(rc), rc);
+        } else {
+            std::printf("%s %s: %s\n", kind, name.c_str(), word);
+        }
+    }
+
+    ZelSession *s_;
+    Held<ZelUserList, Zel_freeZelUsers> users_;
+    std::map<std::string, const ZelUser *> known_users_;
+    std::set<std::string> new_users_;
+    const Options &opts_;
+    bool dry_run_;
+    int counts_[4] = {};
+    std::string json_;
+};
+
+bool read_file(const std::string &path, std::string &out) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+    std::stringstream ss;
+    ss << in.rdbuf();
+    out = ss.str();
+    return !in.bad();
+}
+
+}  // namespace
+
+int run_import(const Options &given_opts, Args args) {
+    int status = 0;
+    bool dry_run = take_flag(args, "--dry-run");
+    bool quiet = take_flag(args, "--quiet");
+    std::vector<std::string> operands;
+    if (!take_operands(args, "import", {"FILE"}, operands, status)) return status;
+    std::string text, error;
+    if (!read_file(operands[0], text)) return usage("import: cannot read " + operands[0]);
+    Document doc;
+    if (!read_document(text, doc, error)) return usage("import: " + operands[0] + ": " + error);
+    bool sealed = doc.passwords == "sealed";
+
+    // The document's storage form, unless the command line names one.
+    Options opts = given_opts;
+    if (!opts.api_version_given) opts.api_version = static_cast<uint32_t>(doc.storage);
+    Session s(open_session(opts));
+    if (!s) return 1;
+    Importer importer(s.get(), opts, dry_run);
+    Progress progress("import", doc.services.size() + doc.groups.size() + doc.users.size() + doc.records.size(),
+                      quiet);
+    for (const DocService &d : doc.services) importer.service(d), progress.step();
+    for (const DocGroup &d : doc.groups) importer.group(d), progress.step();
+    if (!doc.users.empty()) importer.read_users();
+    for (const DocUser &d : doc.users) importer.user(d), progress.step();
+    for (const DocRecord &d : doc.records) importer.record(d, sealed), progress.step();
+    progress.done();
+    return importer.finish();
+}
+
+}  // namespace zelctl

@@ -1,0 +1,46 @@
+#include "progress.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace zelctl {
+
+namespace {
+// Redrawn at most this often: the line must not cost the run its time.
+constexpr auto kRedraw = std::chrono::milliseconds(200);
+}  // namespace
+
+Progress::Progress(const char *what, size_t total, bool quiet)
+    : what_(what), total_(total), active_(!quiet && isatty(STDERR_FILENO) == 1),
+      start_(std::chrono::steady_clock::now()), last_(start_) {}
+
+void Progress::step(size_t n) {
+    count_ += n;
+    if (!active_) return;
+    auto now = std::chrono::steady_clock::now();
+    if (now - last_ < kRedraw && count_ < total_) return;
+    last_ = now;
+    draw();
+}
+
+void Progress::draw() {
+    double seconds = std::chrono::duration<double>(last_ - start_).count();
+    double rate = seconds > 0 ? static_cast<double>(count_) / seconds : 0;
+    std::fprintf(stderr, "\r%s %zu/%zu  %.0f/s", what_, count_, total_, rate);
+    if (rate > 0 && total_ > count_) {
+        long left = static_cast<long>(static_cast<double>(total_ - count_) / rate);
+        std::fprintf(stderr, "  %ld:%02ld left", left / 60, left % 60);
+    }
+    std::fprintf(stderr, "\033[K");
+    std::fflush(stderr);
+}
+
+void Progress::done() {
+    if (!active_) return;
+    active_ = false;
+    std::fprintf(stderr, "\r\033[K");
+    std::fflush(stderr);
+}
+
+}  // namespace zelctl
