@@ -131,6 +131,10 @@ LDAP *initialize(const char *host, int port, bool ssl) {
     if (!build_uris(host, port, ssl, uris)) return nullptr;
     LDAP *ld = nullptr;
     if (::ldap_initialize(&ld, uris.c_str()) != LDAP_SUCCESS) return nullptr;
+    if (ldap_set_referrals(ld, false, nullptr) != LDAP_SUCCESS) {
+        ::ldap_unbind_ext(ld, nullptr, nullptr);
+        return nullptr;
+    }
     return ld;
 }
 
@@ -367,6 +371,17 @@ LDAP *ldap_init(const char *host, int port) {
     return initialize(host, port, false);
 }
 
+int ldap_set_referrals(LDAP *ld, bool chase, bool *previous) {
+    if (ld == nullptr) return kParamError;
+    if (previous != nullptr) {
+        int was = 0;   // libldap reports the setting as an int
+        int rc = ::ldap_get_option(ld, LDAP_OPT_REFERRALS, &was);
+        if (rc != LDAP_OPT_SUCCESS) return classic_result(rc);
+        *previous = was != 0;
+    }
+    return classic_result(::ldap_set_option(ld, LDAP_OPT_REFERRALS, chase ? LDAP_OPT_ON : LDAP_OPT_OFF));
+}
+
 // Classic option numbers and how each is carried out:
 //
 //   number  meaning            value                         OpenLDAP
@@ -467,6 +482,44 @@ LDAP *ldap_ssl_init(const char *host, int port, const char *cert_label) {
         return nullptr;
     }
     return ld;
+}
+
+namespace {
+
+bool contains(const char *text, const char *part) { return text != nullptr && std::strstr(text, part) != nullptr; }
+
+// Whether a TLS connection to uri succeeds when no certificate is checked.
+bool reachable_without_verification(const char *uri) {
+    LDAP *probe = nullptr;
+    if (::ldap_initialize(&probe, uri) != LDAP_SUCCESS) return false;
+    int never = LDAP_OPT_X_TLS_NEVER, client_context = 0, three = LDAP_VERSION3;
+    struct timeval limit{5, 0};
+    bool connected = ::ldap_set_option(probe, LDAP_OPT_PROTOCOL_VERSION, &three) == LDAP_OPT_SUCCESS &&
+                     ::ldap_set_option(probe, LDAP_OPT_X_TLS_REQUIRE_CERT, &never) == LDAP_OPT_SUCCESS &&
+                     ::ldap_set_option(probe, LDAP_OPT_X_TLS_NEWCTX, &client_context) == LDAP_OPT_SUCCESS &&
+                     ::ldap_set_option(probe, LDAP_OPT_NETWORK_TIMEOUT, &limit) == LDAP_OPT_SUCCESS &&
+                     ::ldap_connect(probe) == LDAP_SUCCESS;
+    ::ldap_unbind_ext(probe, nullptr, nullptr);
+    return connected;
+}
+
+}  // namespace
+
+std::string tls_failure_reason(LDAP *ld) {
+    if (ld == nullptr) return {};
+    LdapText uri;
+    LdapText message;
+    if (::ldap_get_option(ld, LDAP_OPT_URI, &uri.text) != LDAP_OPT_SUCCESS || uri.text == nullptr ||
+        strncasecmp(uri.text, "ldaps://", 8) != 0)
+        return {};
+    ::ldap_get_option(ld, LDAP_OPT_DIAGNOSTIC_MESSAGE, &message.text);
+    // libldap checks the name only after the chain verified.
+    if (contains(message.text, "hostname does not match"))
+        return "the certificate does not name the host connected to";
+    // Only the first URI of a list is probed: the handle reports no other.
+    std::string first(uri.text, std::strcspn(uri.text, " \t,"));
+    if (!reachable_without_verification(first.c_str())) return {};
+    return "the certificate is not signed by a trusted CA (or is not valid now)";
 }
 
 int ldap_server_locate(ServerRequest * /*request*/, ServerInfo **list) {

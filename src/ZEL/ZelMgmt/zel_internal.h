@@ -54,6 +54,7 @@ struct ZelSession {
     int32_t domain_version;
     zel::UserCache *user_cache;     // null while the session caches no users
     bool stepwise_credentials;      // ZEL_CREDENTIAL_PATH=stepwise at open
+    int32_t caller_referrals;       // a caller's handle chased referrals before open turned it off
 };
 
 namespace zel {
@@ -83,6 +84,12 @@ void tracef(const ZelSession *s, int above, const char *fmt, ...) ZEL_PRINTF(3, 
 // Line trace: the text is printed followed by a newline.
 void trace_line(const ZelSession *s, int above, const char *text);
 int read_debug_level();
+
+// The thread's detail of a failed open (Zel_last_error_detail): cleared as an
+// open starts; a connection failure that was the server's certificate says
+// so there and in the trace.
+void clear_error_detail();
+void explain_connection_failure(const ZelSession *s, int ldap_rc);
 
 // Prints the Entered line on construction and the Exited line, with the
 // status the routine returns, on destruction.  Declare the status first.
