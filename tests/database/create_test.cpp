@@ -132,7 +132,9 @@ std::vector<KindCase> kind_cases() {
     const std::string restricted = kRights + ":restricted:rsc";
     const std::string entry_rights = "16#subtree#" + admins + "#[Entry Rights]", all = "#[All Attributes Rights]";
     return {
-        {"Generic", Kind::Generic, 0, containers, {}, "AclEntry", {}, {}, {}},
+        // The access groups and the default types on every kind; no access control.
+        {"Generic", Kind::Generic, ZEL_CREATEDB_XR_DEFAULTS, with_groups(containers, true), {}, "AclEntry", {}, {},
+         {{"objectClass@" + group("Users"), {"accessGroup"}}, {"member@" + group("Administrators"), {kAdmin}}}},
         {"Orv", Kind::Orv, ZEL_CREATEDB_EXTENDED | ZEL_CREATEDB_XR_DEFAULTS, with_groups(extended, true), orv_metadata,
          "AclEntry", {"group:" + mts + kRights, "group:" + us + kRights, "group:" + group("Full Users") + kRights},
          {"accessGroup", kDb, "group:" + admins},

@@ -121,7 +121,9 @@ ZelRC create_access_group(ZelSession *s, const char *dn, const char *name, const
 
         zel::ModList mods(owned ? 5 : 4);
         if (rc == 0 && !mods.ok()) rc = ZEL_RC_NO_MEMORY;
-        if (rc == 0 && kind == ZEL_DIR_ORV) rc = mods.add(LDAP_MOD_ADD, "objectClass", {"accessGroup"});
+        // The kinds without a group class of their own take the schema's.
+        if (rc == 0 && !(kind == ZEL_DIR_NETSCAPE || nds_kind(kind)))
+            rc = mods.add(LDAP_MOD_ADD, "objectClass", {"accessGroup"});
         if (rc == 0 && (kind == ZEL_DIR_NETSCAPE || nds_kind(kind)))
             rc = mods.add(LDAP_MOD_ADD, "objectClass", {"groupofnames"});
         if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "cn", {name});
