@@ -8,8 +8,9 @@ packages=(cmake g++ make pkg-config libldap-dev libsasl2-dev libicu-dev libsodiu
           # the web console, and the headless browser its tests drive
           python3-flask python3-waitress python3-selenium chromium chromium-driver fonts-dejavu-core
           # the peer directories the tests run against: 389 Directory Server,
-          # and an MIT Kerberos realm for GSSAPI sign-on
-          389-ds-base krb5-kdc krb5-user krb5-admin-server libsasl2-modules-gssapi-mit)
+          # an MIT Kerberos realm for GSSAPI sign-on, and an AD domain controller
+          389-ds-base krb5-kdc krb5-user krb5-admin-server libsasl2-modules-gssapi-mit
+          samba samba-ad-provision samba-dsdb-modules samba-vfs-modules winbind)
 # Arguments replace the list: make bench asks for its own tools this way.
 [ $# -gt 0 ] && packages=("$@")
 missing=()
