@@ -3,7 +3,7 @@
 # any is missing.  Safe to run again: it does nothing when all are present.
 set -euo pipefail
 packages=(cmake g++ make pkg-config libldap-dev libsasl2-dev libicu-dev libsodium-dev
-          slapd ldap-utils openssl libgtest-dev libbenchmark-dev groff-base
+          libgnutls28-dev slapd ldap-utils openssl libgtest-dev libbenchmark-dev groff-base
           python3 python3-pytest clang libclang-rt-14-dev
           # the web console, and the headless browser its tests drive
           python3-flask python3-waitress python3-selenium chromium chromium-driver fonts-dejavu-core

@@ -256,13 +256,16 @@ TEST(PeerSambaADRealm, LookupsWithTheRealmResolvingToTheDc) {
     ASSERT_EQ(info.status, 0) << info.out << info.err;
     EXPECT_NE(info.out.find(dc->address() + " "), std::string::npos) << "the realm must resolve: " << info.out;
     EXPECT_NE(info.out.find("active-directory"), std::string::npos) << info.out;
-    for (std::vector<std::string> step : {std::vector<std::string>{"db", "create", kBase, "--default-types"},
+    for (std::vector<std::string> step : {std::vector<std::string>{"db", "create", kBase, "--default-types", "--admin",
+                                                                    SambaDc::admin_dn()},
                                           {"service", "add", "wiki", "--type", "Web Resource", "--id",
                                            "resourceName=wiki"},
                                           {"service", "list"}, {"service", "remove", "wiki"}, {"db", "remove", "--yes"}}) {
         CommandResult r = run(step);
         EXPECT_EQ(r.status, 0) << step[0] << " " << step[1] << ": " << r.err;
-        if (step[1] == "list") EXPECT_NE(r.out.find("wiki"), std::string::npos) << r.out;
+        if (step[1] == "list") {
+            EXPECT_NE(r.out.find("wiki"), std::string::npos) << r.out;
+        }
     }
 }
 

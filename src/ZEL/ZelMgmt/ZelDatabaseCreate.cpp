@@ -283,7 +283,7 @@ ZelRC create_database(ZelSession *s, const char *suffix, const char *admin, cons
     // access-control dialect get the values in it.
     if ((rc = add_groups(s, plan, admin_dn.get())) != 0) return rc;
     if (vendor_kind(s->dir_kind)) add_access_control(s, plan, admin_dn.get(), flags);
-    else if (flags & ZEL_CREATEDB_XR_DEFAULTS) (void)create_xr_defaults(s);
+    else if (flags & ZEL_CREATEDB_XR_DEFAULTS) return create_xr_defaults(s);
     return 0;
 }
 

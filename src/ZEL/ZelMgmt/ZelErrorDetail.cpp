@@ -18,7 +18,9 @@ namespace zel {
 void clear_error_detail() { last_detail[0] = '\0'; }
 
 void explain_connection_failure(const ZelSession *s, int ldap_rc) {
-    if (ldap_rc != LDAP_SERVER_DOWN && ldap_rc != LDAP_CONNECT_ERROR) return;
+    // The classic numbers of "server down" and "connect error".
+    constexpr int kServerDown = 81, kConnectError = 91;
+    if (ldap_rc != kServerDown && ldap_rc != kConnectError) return;
     std::string reason = plat::tls_failure_reason(s->ld);
     if (reason.empty()) return;
     std::snprintf(last_detail, sizeof last_detail, "server certificate refused: %s", reason.c_str());
