@@ -201,7 +201,10 @@ void SambaDc::load_schema() {
     if (r.status != 0) throw std::runtime_error("loading schema/zel-ad.ldif failed: " + r.err + r.out);
 }
 
-std::map<std::string, std::string> SambaDc::tls_env() const { return {{"LDAPTLS_CACERT", ca_file()}}; }
+// LDAPNOINIT would make the tools ignore LDAPTLS_CACERT as well.
+std::map<std::string, std::string> SambaDc::tls_env() const {
+    return {{"LDAPNOINIT", ""}, {"LDAPTLS_CACERT", ca_file()}};
+}
 
 std::string SambaDc::password_file(const std::string &password) const {
     static int n = 0;

@@ -121,8 +121,10 @@ ZelRC create_access_group(ZelSession *s, const char *dn, const char *name, const
 
         zel::ModList mods(owned ? 5 : 4);
         if (rc == 0 && !mods.ok()) rc = ZEL_RC_NO_MEMORY;
-        // The kinds without a group class of their own take the schema's.
-        if (rc == 0 && !(kind == ZEL_DIR_NETSCAPE || nds_kind(kind)))
+        // AD edits the members only of its own groups (they carry a SID); the
+        // other kinds without a group class of their own take the schema's.
+        if (rc == 0 && kind == ZEL_DIR_ACTIVE_DIRECTORY) rc = mods.add(LDAP_MOD_ADD, "objectClass", {"group"});
+        else if (rc == 0 && !(kind == ZEL_DIR_NETSCAPE || nds_kind(kind)))
             rc = mods.add(LDAP_MOD_ADD, "objectClass", {"accessGroup"});
         if (rc == 0 && (kind == ZEL_DIR_NETSCAPE || nds_kind(kind)))
             rc = mods.add(LDAP_MOD_ADD, "objectClass", {"groupofnames"});
