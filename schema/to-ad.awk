@@ -32,7 +32,7 @@ BEGIN {
     parents["secResGroup"] = "container"
     parents["secResCreds"] = "secUser"
     # The directory's containers also sit below these.
-    container_parents = "eApplicationSystem secAuthorityInfo"
+    container_parents = "eApplicationSystem secAuthorityInfo secUser"
 
     syntax["1.3.6.1.4.1.1466.115.121.1.15"] = "2.5.5.12 64"
     syntax["1.3.6.1.4.1.1466.115.121.1.40"] = "2.5.5.10 4"

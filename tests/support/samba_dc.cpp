@@ -246,12 +246,6 @@ void SambaDc::add_account(const std::string &name, const std::string &password) 
     if (r.status != 0) throw std::runtime_error("adding account " + name + " failed: " + r.err);
 }
 
-CommandResult SambaDc::samba_tool(std::vector<std::string> args) const {
-    args.insert(args.begin(), "samba-tool");
-    args.insert(args.end(), {"-H", dir_ + "/private/sam.ldb", "--configfile=" + dir_ + "/etc/smb.conf"});
-    return run_command(args);
-}
-
 std::string SambaDc::hosts_file() const {
     std::string path = dir_ + "/hosts";
     write_file(path, "127.0.0.1 localhost\n" + address_ + " zel.test zeldc.zel.test\n");

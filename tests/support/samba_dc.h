@@ -47,8 +47,6 @@ public:
     // An enabled account CN=<name>,CN=Users,<base> with sAMAccountName and uid
     // <name> that signs in with password.
     void add_account(const std::string &name, const std::string &password) const;
-    // samba-tool on the DC's own database (no password needed).
-    CommandResult samba_tool(std::vector<std::string> args) const;
     // A hosts file that maps the realm's DNS names to the DC.
     std::string hosts_file() const;
 
