@@ -30,7 +30,7 @@ BEGIN {
     parents["secUser"] = "container"
     parents["secResource"] = "container"
     parents["secResGroup"] = "container"
-    parents["secResCreds"] = "secUser"
+    parents["secResCreds"] = "container"   # below the user's cn=ResCreds
     # The directory's containers also sit below these.
     container_parents = "eApplicationSystem secAuthorityInfo secUser"
 

@@ -47,13 +47,12 @@ Session open_on(const SambaDc &dc, Transport t, uint32_t version, const std::str
                 ZelRC *rc_out = nullptr) {
     ZelSession *s = nullptr;
     int32_t flags = t == Transport::Ldaps ? ZEL_OPEN_SSL : ZEL_OPEN_NONSSL;
-    const char *ca = t == Transport::Ldaps ? dc.ca_file().c_str() : nullptr;
-    std::string ca_copy = ca ? ca : "";
-    ZelRC rc = version < 2 ? Zel_open(nullptr, user.c_str(), pw.c_str(), dc.address().c_str(), 0, flags,
-                                      ca ? ca_copy.c_str() : nullptr, nullptr, nullptr, &s, version)
+    const std::string ca = dc.ca_file();
+    const char *keyring = t == Transport::Ldaps ? ca.c_str() : nullptr;
+    ZelRC rc = version < 2 ? Zel_open(nullptr, user.c_str(), pw.c_str(), dc.address().c_str(), 0, flags, keyring,
+                                      nullptr, nullptr, &s, version)
                            : Zel_open_sec_domain(nullptr, user.c_str(), pw.c_str(), dc.address().c_str(), 0, flags,
-                                                 ca ? ca_copy.c_str() : nullptr, nullptr, nullptr, "Default", &s,
-                                                 version);
+                                                 keyring, nullptr, nullptr, "Default", &s, version);
     if (rc_out) *rc_out = rc;
     else EXPECT_EQ(rc, 0u) << "open as " << user;
     return Session(rc == 0 ? s : nullptr);
