@@ -110,8 +110,12 @@ void SambaDc::stop() {
         waitpid(pid_, nullptr, 0);
         pid_ = -1;
     }
-    std::error_code ec;
-    if (!dir_.empty()) fs::remove_all(dir_, ec);
+    // The DC's worker processes may still be closing their files.
+    for (int i = 0; i < 50 && !dir_.empty() && fs::exists(dir_); ++i) {
+        std::error_code ec;
+        fs::remove_all(dir_, ec);
+        if (fs::exists(dir_)) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
     dir_.clear();
 }
 
