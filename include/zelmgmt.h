@@ -218,6 +218,11 @@ ZEL_API int Zel_set_locale(const char *locale);
 ZEL_API void Zel_memfree(void *p);
 /* A static text naming the status, e.g. "ZEL_RC_TS_NOT_FOUND: target service not found". */
 ZEL_API const char *Zel_strerror(ZelRC rc);
+/* What the status of the last failed open on this thread cannot say, e.g.
+   "server certificate refused: the certificate does not name the host
+   connected to"; "" when there is nothing to add.  The text belongs to the
+   library and stays valid until the thread's next open. */
+ZEL_API const char *Zel_last_error_detail(void);
 
 /* Target services. */
 ZEL_API ZelRC Zel_getAllTargetService(ZelSession *s, ZelTargetServiceList **out);

@@ -3,13 +3,14 @@
 # any is missing.  Safe to run again: it does nothing when all are present.
 set -euo pipefail
 packages=(cmake g++ make pkg-config libldap-dev libsasl2-dev libicu-dev libsodium-dev
-          slapd ldap-utils openssl libgtest-dev libbenchmark-dev groff-base nlohmann-json3-dev
+          libgnutls28-dev slapd ldap-utils openssl libgtest-dev libbenchmark-dev groff-base nlohmann-json3-dev
           python3 python3-pytest clang libclang-rt-14-dev
           # the web console, and the headless browser its tests drive
           python3-flask python3-waitress python3-selenium chromium chromium-driver fonts-dejavu-core
           # the peer directories the tests run against: 389 Directory Server,
-          # and an MIT Kerberos realm for GSSAPI sign-on
-          389-ds-base krb5-kdc krb5-user krb5-admin-server libsasl2-modules-gssapi-mit)
+          # an MIT Kerberos realm for GSSAPI sign-on, and an AD domain controller
+          389-ds-base krb5-kdc krb5-user krb5-admin-server libsasl2-modules-gssapi-mit
+          samba samba-ad-provision samba-dsdb-modules samba-vfs-modules winbind)
 # Arguments replace the list: make bench asks for its own tools this way.
 [ $# -gt 0 ] && packages=("$@")
 missing=()

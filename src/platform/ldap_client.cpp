@@ -4,6 +4,7 @@
 
 #include <lber.h>
 #include <sasl/sasl.h>
+#include <gnutls/x509.h>
 
 #include <cctype>
 #include <climits>
@@ -170,6 +171,10 @@ LDAP *initialize(const char *host, int port, bool ssl) {
     if (!build_uris(host, port, ssl, uris)) return nullptr;
     LDAP *ld = nullptr;
     if (::ldap_initialize(&ld, uris.c_str()) != LDAP_SUCCESS) return nullptr;
+    if (ldap_set_referrals(ld, false, nullptr) != LDAP_SUCCESS) {
+        ::ldap_unbind_ext(ld, nullptr, nullptr);
+        return nullptr;
+    }
     return ld;
 }
 
@@ -505,6 +510,17 @@ LDAP *ldap_init(const char *host, int port) {
     return initialize(host, port, false);
 }
 
+int ldap_set_referrals(LDAP *ld, bool chase, bool *previous) {
+    if (ld == nullptr) return kParamError;
+    if (previous != nullptr) {
+        int was = 0;   // libldap reports the setting as an int
+        int rc = ::ldap_get_option(ld, LDAP_OPT_REFERRALS, &was);
+        if (rc != LDAP_OPT_SUCCESS) return classic_result(rc);
+        *previous = was != 0;
+    }
+    return classic_result(::ldap_set_option(ld, LDAP_OPT_REFERRALS, chase ? LDAP_OPT_ON : LDAP_OPT_OFF));
+}
+
 // Classic option numbers and how each is carried out:
 //
 //   number  meaning            value                         OpenLDAP
@@ -605,6 +621,75 @@ LDAP *ldap_ssl_init(const char *host, int port, const char *cert_label) {
         return nullptr;
     }
     return ld;
+}
+
+namespace {
+
+// What a connection that checks no certificate learns of the server's:
+// whether it connected, and whether the certificate names the host.
+struct Probe {
+    bool connected = false;
+    bool names_host = true;
+};
+
+// libldap checks "localhost" as the machine's own name.
+std::string checked_name(const char *host) {
+    if (strcasecmp(host, "localhost") != 0) return host;
+    char own[256] = {};
+    return ::gethostname(own, sizeof own - 1) == 0 ? own : host;
+}
+
+bool certificate_names(const struct berval &der, const std::string &host) {
+    gnutls_x509_crt_t crt;
+    if (gnutls_x509_crt_init(&crt) < 0) return true;   // cannot tell: not said to be the name
+    gnutls_datum_t data{reinterpret_cast<unsigned char *>(der.bv_val), static_cast<unsigned>(der.bv_len)};
+    bool named = gnutls_x509_crt_import(crt, &data, GNUTLS_X509_FMT_DER) < 0 ||
+                 gnutls_x509_crt_check_hostname(crt, host.c_str()) != 0;
+    gnutls_x509_crt_deinit(crt);
+    return named;
+}
+
+Probe probe_without_verification(const char *uri) {
+    Probe result;
+    UrlDesc url;
+    LDAP *probe = nullptr;
+    if (::ldap_url_parse(uri, &url.desc) != LDAP_URL_SUCCESS || url.desc->lud_host == nullptr ||
+        ::ldap_initialize(&probe, uri) != LDAP_SUCCESS)
+        return result;
+    int never = LDAP_OPT_X_TLS_NEVER, client_context = 0, three = LDAP_VERSION3;
+    struct timeval limit{5, 0};
+    result.connected = ::ldap_set_option(probe, LDAP_OPT_PROTOCOL_VERSION, &three) == LDAP_OPT_SUCCESS &&
+                       ::ldap_set_option(probe, LDAP_OPT_X_TLS_REQUIRE_CERT, &never) == LDAP_OPT_SUCCESS &&
+                       ::ldap_set_option(probe, LDAP_OPT_X_TLS_NEWCTX, &client_context) == LDAP_OPT_SUCCESS &&
+                       ::ldap_set_option(probe, LDAP_OPT_NETWORK_TIMEOUT, &limit) == LDAP_OPT_SUCCESS &&
+                       ::ldap_connect(probe) == LDAP_SUCCESS;
+    struct berval der{};
+    if (result.connected && ::ldap_get_option(probe, LDAP_OPT_X_TLS_PEERCERT, &der) == LDAP_OPT_SUCCESS &&
+        der.bv_val != nullptr) {
+        result.names_host = certificate_names(der, checked_name(url.desc->lud_host));
+        ::ber_memfree(der.bv_val);
+    }
+    ::ldap_unbind_ext(probe, nullptr, nullptr);
+    return result;
+}
+
+}  // namespace
+
+std::string tls_failure_reason(LDAP *ld) {
+    if (ld == nullptr) return {};
+    LdapText uri;
+    if (::ldap_get_option(ld, LDAP_OPT_URI, &uri.text) != LDAP_OPT_SUCCESS || uri.text == nullptr ||
+        strncasecmp(uri.text, "ldaps://", 8) != 0)
+        return {};
+    // libldap keeps no trace of why the handshake failed: a connection that
+    // checks nothing tells a refused certificate from an absent server, and
+    // its certificate whether the name was the matter.  Only the first URI
+    // of a list is probed: the handle reports no other.
+    std::string first(uri.text, std::strcspn(uri.text, " \t,"));
+    Probe probe = probe_without_verification(first.c_str());
+    if (!probe.connected) return {};
+    if (!probe.names_host) return "the certificate does not name the host connected to";
+    return "the certificate is not signed by a trusted CA (or is not valid now)";
 }
 
 int ldap_server_locate(ServerRequest * /*request*/, ServerInfo **list) {

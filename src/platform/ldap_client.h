@@ -81,8 +81,18 @@ int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mechanism, struct ber
                      struct berval **servercredp);
 int ldap_unbind(LDAP *ld);
 
-// Returns null when the connection handle cannot be made.
+// Returns null when the connection handle cannot be made.  Handles made here
+// (and by ldap_ssl_init) never chase referrals.
 LDAP *ldap_init(const char *host, int port);
+
+// Referral chasing on one handle.  The library reads only what the server it
+// is bound to holds: a chased referral is a new connection, bound
+// anonymously, to whatever host the referral names (on AD, the realm's DNS
+// name), and its failure would fail the whole search.  Search references are
+// left in the result, where the entry walk passes over them.  previous (may
+// be null) receives the earlier setting, for handing a caller's handle back
+// as it came.
+int ldap_set_referrals(LDAP *ld, bool chase, bool *previous);
 
 // Classic option numbers.
 constexpr int kOptApiInfo = 0x00;
@@ -95,6 +105,14 @@ constexpr int kOptSslTimeout = 0xE0;
 // itself in the pointer argument.  The caller always says which.
 enum class OptionPassing { ByAddress, ByValue };
 int ldap_set_option(LDAP *ld, int option, const void *value, OptionPassing passing);
+
+// Why an ldaps handle's connection failed, when it was the server's
+// certificate: "the certificate does not name the host ..." or "the
+// certificate is not signed by a trusted CA ...".  Empty when the failure
+// was something else (or the handle is not ldaps).  To tell a refused chain
+// from an unreachable server it opens one more connection to the same URI
+// that checks no certificate and sends nothing.
+std::string tls_failure_reason(LDAP *ld);
 
 constexpr int kSslAlreadyInitialised = 112;
 int ldap_ssl_client_init(const char *keyring, const char *keyring_pw, int ssl_timeout,

@@ -132,9 +132,10 @@ std::vector<KindCase> kind_cases() {
     const std::string restricted = kRights + ":restricted:rsc";
     const std::string entry_rights = "16#subtree#" + admins + "#[Entry Rights]", all = "#[All Attributes Rights]";
     return {
-        // No access values of its own, but the groups, of the standard class.
-        {"Generic", Kind::Generic, 0, with_groups(containers, false), {}, "AclEntry", {}, {"groupOfNames", kDb, ""},
-         {{"member@" + group("Administrators"), {kAdmin}}}},
+        // The access groups (of the standard class) and the default types on
+        // every kind; no access values of its own.
+        {"Generic", Kind::Generic, ZEL_CREATEDB_XR_DEFAULTS, with_groups(containers, true), {}, "AclEntry", {},
+         {"groupOfNames", kDb, ""}, {{"member@" + group("Administrators"), {kAdmin}}}},
         {"Orv", Kind::Orv, ZEL_CREATEDB_EXTENDED | ZEL_CREATEDB_XR_DEFAULTS, with_groups(extended, true), orv_metadata,
          "AclEntry", {"group:" + mts + kRights, "group:" + us + kRights, "group:" + group("Full Users") + kRights},
          {"accessGroup", kDb, "group:" + admins},

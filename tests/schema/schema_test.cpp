@@ -23,7 +23,7 @@ namespace {
 // The attribute types and object classes under the Zel arcs (.1 and .2) that
 // the server at uri publishes; empty while it does not answer.
 std::set<std::string> published_zel_definitions(const std::string &uri) {
-    const std::string arc = "( 2.25.119667364065569931186836884430712018531.";
+    const std::string arc = "( 1.2.840.113556.1.8000.2554.23047.6290.18012.20179.34332.6506410.2954851.";
     CommandResult r = run_command({"ldapsearch", "-x", "-LLL", "-o", "ldif-wrap=no", "-H", uri, "-b",
                                    "cn=Subschema", "-s", "base", "(objectClass=*)", "attributeTypes",
                                    "objectClasses"});

@@ -136,9 +136,15 @@ TEST_F(Open, CallersConnectionIsUsedAsBoundAndSurvivesFailureAndClose) {
     ASSERT_EQ(Zel_open(ld, nullptr, nullptr, nullptr, 0, 0, nullptr, nullptr, nullptr, &s, 1), 0u);
     EXPECT_EQ(fault::count(Fn::SimpleBind), 0) << "no user: no bind";
     EXPECT_EQ(s->owns_connection, 0);
+    // The session chases no referrals; the caller gets its setting back.
+    int chases = -1;
+    ldap_get_option(ld, LDAP_OPT_REFERRALS, &chases);
+    EXPECT_EQ(chases, 0);
     Zel_close(s, 0);
     EXPECT_EQ(fault::count(Fn::Unbind), 0);
     EXPECT_TRUE(connection_works(ld));
+    ldap_get_option(ld, LDAP_OPT_REFERRALS, &chases);
+    EXPECT_NE(chases, 0);  // libldap reads "on" as -1
 
     // A user binds on the caller's connection; a later failure leaves it bound.
     ZelRC rc = Zel_open_sec_domain(ld, dir->admin_dn().c_str(), Directory::admin_password(), nullptr, 0, 0,

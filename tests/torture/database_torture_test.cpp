@@ -1,5 +1,5 @@
 // Provisioning through the torture runner: creating and removing the
-// database, and persons; on Active Directory the removal, which probes the
+// database, and persons; on the Orv directory the removal, which probes the
 // schema first.  Creation on eDirectory is left out: it answers the member
 // edit's own status and ignores what the access steps answer, so a memory
 // failure there may end in 0 by design.
@@ -28,7 +28,7 @@ protected:
     }
 };
 using DatabaseTorture = ProvisioningTorture<Kind::Generic>;
-using AdDatabaseTorture = ProvisioningTorture<Kind::ActiveDirectory>;
+using ProbedDatabaseTorture = ProvisioningTorture<Kind::Orv>;
 
 }  // namespace
 
@@ -47,9 +47,9 @@ TEST_F(DatabaseTorture, Torture) {
 // Removal first probes whether the schema can be written; slapd refuses it.
 // A failed probe's status is mapped a second time: "server down" ends as a
 // protocol error.
-TEST_F(AdDatabaseTorture, Torture) {
+TEST_F(ProbedDatabaseTorture, Torture) {
     Scenario remove = remove_scenario();
     remove.also = {ZEL_RC_PROTOCOL_ERROR};
     remove.success = ZEL_RC_REQUEST_ERROR;
-    torture::run("database-ad", s.get(), {remove});
+    torture::run("database-probed", s.get(), {remove});
 }

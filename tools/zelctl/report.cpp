@@ -7,7 +7,11 @@
 namespace zelctl {
 
 int fail(const std::string &what, ZelRC rc) {
-    std::fprintf(stderr, "zelctl: %s: %s (status %u)\n", what.c_str(), Zel_strerror(rc), rc);
+    const char *detail = Zel_last_error_detail();
+    if (detail != nullptr && *detail != '\0')
+        std::fprintf(stderr, "zelctl: %s: %s (status %u): %s\n", what.c_str(), Zel_strerror(rc), rc, detail);
+    else
+        std::fprintf(stderr, "zelctl: %s: %s (status %u)\n", what.c_str(), Zel_strerror(rc), rc);
     return 1;
 }
 

@@ -124,9 +124,12 @@ ZelRC create_access_group(ZelSession *s, const char *dn, const char *name, const
         if (rc == 0 && kind == ZEL_DIR_ORV) rc = mods.add(LDAP_MOD_ADD, "objectClass", {"accessGroup"});
         if (rc == 0 && (kind == ZEL_DIR_NETSCAPE || nds_kind(kind)))
             rc = mods.add(LDAP_MOD_ADD, "objectClass", {"groupofnames"});
-        // A kind without a group class of its own gets the standard one, so
-        // the entry can exist at all and access rules can name it.
-        if (rc == 0 && kind != ZEL_DIR_ORV && kind != ZEL_DIR_NETSCAPE && !nds_kind(kind))
+        // AD edits the members only of its own groups (they carry a SID); any
+        // other kind without a group class of its own gets the standard one,
+        // so the entry can exist at all and access rules can name it.
+        if (rc == 0 && kind == ZEL_DIR_ACTIVE_DIRECTORY)
+            rc = mods.add(LDAP_MOD_ADD, "objectClass", {"group"});
+        else if (rc == 0 && kind != ZEL_DIR_ORV && kind != ZEL_DIR_NETSCAPE && !nds_kind(kind))
             rc = mods.add(LDAP_MOD_ADD, "objectClass", {"groupOfNames"});
         if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "cn", {name});
         if (rc == 0) rc = mods.add(LDAP_MOD_ADD, "member", {member});

@@ -1,10 +1,12 @@
 // Person entries, and the person of a new database's first senior
 // administrator.
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "ZelAudit.h"
 #include "ZelDatabase.h"
+#include "platform/ad_account.h"
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
 
@@ -14,6 +16,8 @@ constexpr const char *kDefaultAdmin = "Zel Sr Admin";
 constexpr const char *kDefaultAdminDescription = "Zel Senior Administrator";
 // The first administrator's password when the caller names none.
 constexpr const char *kDefaultAdminPassword = "qim";
+// userAccountControl of an enabled ordinary account.
+constexpr const char *kAdEnabledAccount = "512";
 
 // "cn=<cn>,<parent>", the cn escaped as a DN value.
 std::string person_dn(const char *cn, const char *parent) {
@@ -50,14 +54,39 @@ ZelRC add_person(ZelSession *s, const ZelPerson *p, const char *user_type) {
         if ((rc = check_profile_fits(s, user_name, dn)) != 0) return rc;
     }
 
-    zel::ModList mods(4 + (p->description ? 1 : 0) + (p->uid ? 1 : 0) + (p->password ? 1 : 0));
+    // On AD a person is an account: its name is the user name, its password
+    // the account's own (never a readable userPassword), set only over an
+    // encrypted connection, and with a password it is enabled.
+    const bool ad = s->dir_kind == ZEL_DIR_ACTIVE_DIRECTORY;
+    std::unique_ptr<plat::WipedBytes> ad_password;
+    if (ad && p->password) {
+        if (!plat::connection_encrypted(s->ld)) {
+            zel::trace_line(s, zel::kTraceFailures,
+                            "zelmgmt:Active Directory takes a password only over an encrypted connection.");
+            return check_LDAP_rc(s, LDAP_CONFIDENTIALITY_REQUIRED, 0, "ldap_add_ext_s()");
+        }
+        ad_password = plat::ad_password_value(p->password);
+        if (!ad_password) return ZEL_RC_INVALID_ARGUMENT;
+    }
+    struct berval password_value{};
+    struct berval *password_values[] = {&password_value, nullptr};
+    if (ad_password) {
+        password_value.bv_len = ad_password->size();
+        password_value.bv_val = ad_password->text();
+    }
+
+    zel::ModList mods(7 + (p->description ? 1 : 0) + (p->uid ? 1 : 0) + (p->password ? 1 : 0));
     if (!mods.ok()) return ZEL_RC_NO_MEMORY;
     if ((rc = mods.add(LDAP_MOD_ADD, "objectClass",
                        {"top", "Person", "organizationalPerson", "inetOrgPerson", "ePerson"})) ||
         (rc = mods.add(LDAP_MOD_ADD, "cn", {p->cn})) || (rc = mods.add(LDAP_MOD_ADD, "sn", {p->sn})) ||
         (p->description && (rc = mods.add(LDAP_MOD_ADD, "description", {p->description}))) ||
         (p->uid && (rc = mods.add(LDAP_MOD_ADD, "uid", {p->uid}))) ||
-        (p->password && (rc = mods.add(LDAP_MOD_ADD, "userPassword", {p->password}))))
+        (ad && (rc = mods.add(LDAP_MOD_ADD, "sAMAccountName", {user_name}))) ||
+        (ad_password && ((rc = mods.add(LDAP_MOD_ADD | LDAP_MOD_BVALUES, "unicodePwd", 1,
+                                        reinterpret_cast<char *const *>(password_values))) ||
+                         (rc = mods.add(LDAP_MOD_ADD, "userAccountControl", {kAdEnabledAccount})))) ||
+        (!ad && p->password && (rc = mods.add(LDAP_MOD_ADD, "userPassword", {p->password}))))
         return rc;
     // A person that exists already is taken as it is.
     int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);

@@ -282,11 +282,12 @@ ZelRC create_database(ZelSession *s, const char *suffix, const char *admin, cons
 
     if ((rc = add_metadata(s, plan)) != 0 || (rc = add_containers(s, plan, (flags & ZEL_CREATEDB_EXTENDED) != 0)))
         return rc;
-    // Every kind gets the access groups: membership (and access rules that
-    // name the groups) must find them whatever the directory.
+    // Every kind gets the access groups (a user joins one whatever the kind)
+    // and, when asked, the default types; only the kinds with an
+    // access-control dialect get the values in it.
     if ((rc = add_groups(s, plan, admin_dn.get())) != 0) return rc;
-    if (!vendor_kind(s->dir_kind)) return 0;
-    add_access_control(s, plan, admin_dn.get(), flags);
+    if (vendor_kind(s->dir_kind)) add_access_control(s, plan, admin_dn.get(), flags);
+    else if (flags & ZEL_CREATEDB_XR_DEFAULTS) return create_xr_defaults(s);
     return 0;
 }
 

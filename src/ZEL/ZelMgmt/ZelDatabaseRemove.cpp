@@ -11,9 +11,13 @@ constexpr const char *kProbeType = "attributeTypes";
 // The syntax OID stands bare: servers that parse schema values refuse it quoted.
 constexpr const char *kProbeValue = "( 20.20.20 NAME 'glc' SYNTAX 1.3.6.1.4.1.1466.115.121.1.15 )";
 
-// Directories whose schema cannot be written over LDAP are not probed.
+// Directories whose schema cannot be written over LDAP are not probed.  AD
+// takes schema changes only as entries of its schema partition, which can
+// never be deleted again: no probe there, the rights on the database's
+// subtree decide.
 bool probes_schema(int32_t kind) {
-    return kind != ZEL_DIR_NDS && kind != ZEL_DIR_EDIRECTORY && kind != ZEL_DIR_GENERIC;
+    return kind != ZEL_DIR_NDS && kind != ZEL_DIR_EDIRECTORY && kind != ZEL_DIR_GENERIC &&
+           kind != ZEL_DIR_ACTIVE_DIRECTORY;
 }
 
 // The probe goes to the entry the root DSE names as the schema; the session

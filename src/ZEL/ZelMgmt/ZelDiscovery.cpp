@@ -4,6 +4,8 @@
 #include <cstring>
 #include <string>
 
+#include <strings.h>
+
 #include "zel_internal.h"
 
 namespace {
@@ -13,6 +15,28 @@ bool excluded_suffix(const char *name, bool naming_context) {
     for (const char *x : {"CN=SCHEMA", "CN=LOCALHOST", "CN=CHANGELOG"})
         if (zel::same_text(name, x)) return true;
     return naming_context && zel::same_text(name, "cn=deleted objects");
+}
+
+// AD's configuration partition and its schema partition below it: they
+// hold the forest's settings and class definitions, never Zel entries, and
+// every look-up walks every suffix.
+bool ad_configuration_partition(const char *name) {
+    for (const char *head : {"CN=Configuration,", "CN=Schema,CN=Configuration,"})
+        if (strncasecmp(name, head, std::strlen(head)) == 0) return true;
+    return false;
+}
+
+void drop_ad_configuration_partitions(ZelSuffixNode **head) {
+    while (*head) {
+        ZelSuffixNode *node = *head;
+        if (!ad_configuration_partition(node->suffix)) {
+            head = &node->next;
+            continue;
+        }
+        *head = node->next;
+        std::free(node->suffix);
+        std::free(node);
+    }
 }
 
 // Leading decimal digits; text that is not a number reads as 0.
@@ -93,6 +117,7 @@ ZelRC determine_suffixes(ZelSession *s) {
             }
         }
         if (novell && novell_version) s->dir_kind = ZEL_DIR_EDIRECTORY;
+        if (s->dir_kind == ZEL_DIR_ACTIVE_DIRECTORY) drop_ad_configuration_partitions(&s->suffixes);
         if (s->dir_kind == ZEL_DIR_EDIRECTORY) rc = get_novell_suffixes(s);
         return rc;
     });

@@ -46,6 +46,18 @@ ZelRC member_values(const ZelSession *s, const ZelDomain *d, bool first_gen, std
     return 0;
 }
 
+// AD refuses a member DN that names no entry, in its own words: an unknown
+// service is said as such, before anything is written.
+ZelRC members_exist(ZelSession *s, const ZelDomain *d) {
+    for (int32_t i = 0; i < d->locationCount; ++i) {
+        ZelTargetService *service = nullptr;
+        ZelRC rc = Zel_getTargetService(s, d->locations[i]->value, &service);
+        Zel_freeTargetService(service);
+        if (rc != 0) return rc;
+    }
+    return 0;
+}
+
 // The security domain's cn=ResourceGroups; one that exists already is fine.
 ZelRC add_resource_groups_container(ZelSession *s) {
     zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
@@ -109,6 +121,9 @@ ZelRC write_domain(ZelSession *s, const ZelDomain *d, int32_t op) {
     // Everything that could be refused is checked before the first write.
     std::vector<std::string> values;
     if (ZelRC rc = member_values(s, d, first_gen, values)) return rc;
+    if (!first_gen && s->dir_kind == ZEL_DIR_ACTIVE_DIRECTORY) {
+        if (ZelRC rc = members_exist(s, d)) return rc;
+    }
     if (ZelRC rc = zel::domain_entry_dn(s, d->name, first_gen, dn)) return rc;
     std::vector<char *> members;
     for (std::string &v : values) members.push_back(v.data());

@@ -28,6 +28,15 @@ ZelRC fall_back_to_v2(ZelSession *s) {
     return set_LDAP_options(s, LDAP_VERSION2);
 }
 
+// A caller's connection stops chasing referrals for the session's lifetime;
+// close puts the caller's setting back.
+ZelRC adopt_connection(ZelSession *s) {
+    bool chased = false;
+    if (plat::ldap_set_referrals(s->ld, false, &chased) != 0) return ZEL_RC_SET_OPTION_FAILED;
+    s->caller_referrals = chased ? 1 : 0;
+    return 0;
+}
+
 }  // namespace
 
 extern "C" {
@@ -42,6 +51,7 @@ ZelRC zelOpen(const char *name, LDAP *ld, const char *user, const char *password
         *session_out = nullptr;
         ZelRC rc = ZEL_RC_NO_MEMORY;
         auto *s = static_cast<ZelSession *>(std::calloc(1, sizeof(ZelSession)));
+        zel::clear_error_detail();
         if (!s) return rc;
         std::memcpy(s->tag, "ZEL", 4);
         s->version = version;
@@ -55,7 +65,8 @@ ZelRC zelOpen(const char *name, LDAP *ld, const char *user, const char *password
         // them, the failure path below releases the half-built session.
         rc = !mutex_ready ? ZEL_RC_SYSTEM_ERROR : zel::guarded([&]() -> ZelRC {
             ZelRC stage = 0;
-            if (ld == nullptr) {
+            if (ld != nullptr) stage = adopt_connection(s);
+            else {
                 s->owns_connection = 1;
                 stage = zel::connect_and_bind(s, host, port, flags, keyring, keyring_pw, cert_label, user, password,
                                               credentials, &bind_dn);
@@ -302,10 +313,12 @@ ZelRC bind_to_LDAP(ZelSession *s, const char *user, const char *password, char *
             if ((rc = fall_back_to_v2(s)) != 0) return rc;
             lrc = plat::ldap_simple_bind_s(s->ld, dn, password);
         }
-        if (lrc == LDAP_SUCCESS)
+        if (lrc == LDAP_SUCCESS) {
             zel::tracef(s, zel::kTraceProgress, "zelmgmt:Back from bind. rc=%d\n", lrc);
-        else
+        } else {
+            zel::explain_connection_failure(s, lrc);
             rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), ZEL_RC_AUTHENTICATION_FAILED, "ldap_simple_bind_s()");
+        }
         return rc;
     });
 }
@@ -357,6 +370,7 @@ ZEL_API ZelRC Zel_close(ZelSession *s, unsigned char unbind) {
     return zel::guarded([&]() -> ZelRC {
         zel::tracef(s, zel::kTraceFlow, "zelmgmt:%s:Entered...\n", "Zel_close");
         if (s->ld != nullptr && (unbind == 1 || s->owns_connection == 1)) plat::ldap_unbind(s->ld);
+        else if (s->ld != nullptr && s->caller_referrals) plat::ldap_set_referrals(s->ld, true, nullptr);
         delete s->failover;   // wipes the password it kept
         zel::free_suffixes(s->suffixes);
         std::free(s->database_dn);

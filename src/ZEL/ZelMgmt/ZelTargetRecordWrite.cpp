@@ -97,6 +97,15 @@ ZelRC add_secret(zel::ModList &mods, int op, const char *type, StoredValues &v) 
     return mods.add(op | LDAP_MOD_BVALUES, type, 1, reinterpret_cast<char *const *>(values));
 }
 
+// The account name.  Active Directory keeps no empty value: there an empty
+// account is no attribute (an add leaves it out, an update removes it).
+ZelRC account_mods(const ZelSession *s, const ZelTargetRecord *r, int32_t op, const char *type, zel::ModList &mods) {
+    if (r->userId == nullptr) return 0;
+    if (s->dir_kind == ZEL_DIR_ACTIVE_DIRECTORY && r->userId[0] == '\0')
+        return op == kUpdate ? mods.add(LDAP_MOD_DELETE, type, {}) : 0;
+    return mods.add(op == kAdd ? LDAP_MOD_ADD : LDAP_MOD_REPLACE, type, {r->userId});
+}
+
 ZelRC domain_mods(ZelSession *s, const ZelTargetRecord *r, int32_t op, StoredValues &v, zel::ModList &mods) {
     ZelRC rc = 0;
     if (op == kAdd) {
@@ -110,12 +119,7 @@ ZelRC domain_mods(ZelSession *s, const ZelTargetRecord *r, int32_t op, StoredVal
     int write = op == kAdd ? LDAP_MOD_ADD : LDAP_MOD_REPLACE;
     if (zel::writes_description(s, r->description) && (rc = mods.add(write, "description", {r->description})))
         return rc;
-    if (r->userId) {
-        // Active Directory refuses an empty value: the account name goes instead.
-        bool drop = op == kUpdate && s->dir_kind == ZEL_DIR_ACTIVE_DIRECTORY && r->userId[0] == '\0';
-        if ((rc = drop ? mods.add(LDAP_MOD_DELETE, "secUid", {}) : mods.add(write, "secUid", {r->userId})))
-            return rc;
-    }
+    if ((rc = account_mods(s, r, op, "secUid", mods))) return rc;
     if (r->password && ((rc = add_secret(mods, write, "secAuthnData", v)) ||
                         (rc = mods.add(write, "secAuthnLength", {v.length})) ||
                         (rc = mods.add(write, "secAuthnType", {"2"}))))
@@ -141,7 +145,7 @@ ZelRC first_generation_mods(ZelSession *s, const ZelTargetRecord *r, int32_t op,
         rc = mods.add(LDAP_MOD_DELETE, "description", {});
     if (rc != 0) return rc;
     const char *uid = first_generation_uid_attribute(s);
-    if (r->userId && uid && (rc = mods.add(write, uid, {r->userId}))) return rc;
+    if (uid && (rc = account_mods(s, r, op, uid, mods))) return rc;
     if (r->password) rc = add_secret(mods, write, "secretKey", v);
     return rc;
 }

@@ -63,6 +63,7 @@ struct ZelSession {
     zel::Failover *failover;   // null on a caller's own connection
     ZelAuditTrail *audit;           // null unless ZEL_AUDIT is set
     int32_t paged_results;     // the root DSE lists the paged-results control
+    int32_t caller_referrals;       // a caller's handle chased referrals before open turned it off
 };
 
 namespace zel {
@@ -92,6 +93,12 @@ void tracef(const ZelSession *s, int above, const char *fmt, ...) ZEL_PRINTF(3, 
 // Line trace: the text is printed followed by a newline.
 void trace_line(const ZelSession *s, int above, const char *text);
 int read_debug_level();
+
+// The thread's detail of a failed open (Zel_last_error_detail): cleared as an
+// open starts; a connection failure that was the server's certificate says
+// so there and in the trace.
+void clear_error_detail();
+void explain_connection_failure(const ZelSession *s, int ldap_rc);
 
 // Prints the Entered line on construction and the Exited line, with the
 // status the routine returns, on destruction.  Declare the status first.
