@@ -4,7 +4,7 @@
 //
 // The service (a resource, or a resource group's "Resource Group" service)
 // must exist; the record is "T:<service>" or "G:<group>" after its type.  A
-// user without a Zel profile gets one, as a record add does.  The password
+// person without a Zel profile is registered as an "XR User".  The password
 // comes from the file only.  A malformed or failing row is reported with its
 // line number and the other rows go on.
 #include <cstdio>
@@ -28,6 +28,14 @@ struct Tally {
 void row_failed(const CsvRow &row, const std::string &why, Tally &tally) {
     ++tally.failed;
     std::printf("line %d: failed: %s\n", row.line, why.c_str());
+}
+
+ZelRC register_user(ZelSession *s, const std::string &name) {
+    ZelUser xr{};
+    xr.userName = const_cast<char *>(name.c_str());
+    xr.userType = const_cast<char *>("XR User");
+    xr.enabled = 1;
+    return Zel_addZelUser(s, &xr);
 }
 
 void import_row(ZelSession *s, CsvRow &row, bool dry_run, Tally &tally) {
@@ -57,6 +65,11 @@ void import_row(ZelSession *s, CsvRow &row, bool dry_run, Tally &tally) {
                       ts->type};
     if (!dry_run) rc = exists ? Zel_updateTargetRecord(s, user.c_str(), &r) : Zel_addTargetRecord(s, user.c_str(), &r);
     else rc = 0;
+    // A person with no Zel profile at all is registered here, as an
+    // "XR User", and the add made again: the library's add registers only
+    // a person it already knows by a first-generation profile.
+    if (rc == ZEL_RC_USER_NOT_FOUND && !exists && register_user(s, user) == 0)
+        rc = Zel_addTargetRecord(s, user.c_str(), &r);
     forget_secret(password);
     if (rc != 0) return row_failed(row, user + " " + id + ": " + Zel_strerror(rc) + " (status " + std::to_string(rc) + ")", tally);
     ++(exists ? tally.updated : tally.created);
