@@ -65,13 +65,15 @@ ZelRC zelOpen(const char *name, LDAP *ld, const char *user, const char *password
         // them, the failure path below releases the half-built session.
         rc = !mutex_ready ? ZEL_RC_SYSTEM_ERROR : zel::guarded([&]() -> ZelRC {
             ZelRC stage = 0;
-            if (ld != nullptr) stage = adopt_connection(s);
-            else {
+            if (ld == nullptr) {
                 s->owns_connection = 1;
                 stage = zel::connect_and_bind(s, host, port, flags, keyring, keyring_pw, cert_label, user, password,
                                               credentials, &bind_dn);
-            } else if (user != nullptr || (flags & ZEL_OPEN_GSSAPI)) {
-                stage = bind_to_LDAP(s, (flags & ZEL_OPEN_GSSAPI) ? nullptr : user, password, &bind_dn, credentials);
+            } else {
+                stage = adopt_connection(s);
+                if (stage == 0 && (user != nullptr || (flags & ZEL_OPEN_GSSAPI)))
+                    stage = bind_to_LDAP(s, (flags & ZEL_OPEN_GSSAPI) ? nullptr : user, password, &bind_dn,
+                                         credentials);
             }
             if (stage == 0) stage = determine_suffixes(s);
             if (stage == 0 && domain != nullptr) {
