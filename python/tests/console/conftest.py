@@ -82,6 +82,10 @@ class Browser:
         page = self.driver.find_element(By.TAG_NAME, "html")
         form.find_element(By.CSS_SELECTOR, "button[type=submit]").click()
         WebDriverWait(self.driver, 30).until(expected_conditions.staleness_of(page))
+        # The old page is gone once navigation starts; the next look must
+        # wait for the new one, or it may catch a document still being built.
+        WebDriverWait(self.driver, 30).until(
+            lambda d: d.execute_script("return document.readyState") == "complete")
 
     def sign_in(self, login, password):
         self.driver.delete_all_cookies()

@@ -50,6 +50,7 @@ def test_a_day_at_the_console(console, browser):
     browser.open("/credential")
     browser.fill("/credential", user="ann", resource="wiki")
     assert browser.driver.find_element(By.ID, "account").text == "ann.office"
+    assert "group record" in browser.driver.find_element(By.ID, "reason").text
     assert RECORD_PASSWORD not in browser.driver.page_source
     browser.shoot("credential")
     browser.fill("/credential", user="ann", resource="mail")
