@@ -92,9 +92,15 @@ ZelRC explain(ZelSession *s, const char *user, const ZelCredentialRequest *req, 
         return rc = ZEL_RC_INVALID_ARGUMENT;
     Recorder recorder(s, std::string("T:") + req->resourceName);
     zel::CredentialAnswer answer;
-    ZelCredential discarded{};
-    ZelRC status = zel::query_credential(s, user, req, &discarded, &recorder, answer);
-    zel::clear_credential(&discarded);
+    ZelRC status = 0;
+    {
+        // Wiped and freed however the query ends, a memory failure included.
+        struct Discarded {
+            ZelCredential c{};
+            ~Discarded() { zel::clear_credential(&c); }
+        } discarded;
+        status = zel::query_credential(s, user, req, &discarded.c, &recorder, answer);
+    }
     if (!explained(status)) return rc = status;
 
     std::unique_ptr<ZelCredentialExplanation, ExplanationFree> e(
