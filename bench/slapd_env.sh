@@ -1,6 +1,7 @@
 # Sourced by the bench drivers: a private slapd on a free loopback port,
 # bulk-loaded with slapadd.  start_directory <build> <users> [ldif|people]
-# sets DIR_PORT;
+# sets DIR_PORT; with DIR_NOSYNC=1 the database does not sync each write to
+# disk (slapd's dbnosync, as for a bulk load);
 # stop_directory ends it and removes its folder.
 SRC=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
@@ -26,6 +27,7 @@ database mdb
 suffix "o=acme"
 directory $DIR_TMP/db
 maxsize 8589934592
+$( [ "${DIR_NOSYNC:-0}" = 1 ] && echo dbnosync )
 include $SRC/schema/zel-indexes.conf
 rootdn "cn=Manager,o=acme"
 rootpw secret
