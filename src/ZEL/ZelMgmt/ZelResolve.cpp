@@ -22,6 +22,9 @@ bool suffix_holds_nothing(int ldap_rc) {
     }
 }
 
+// The client gave up waiting for the server (classic LDAP_TIMEOUT).
+constexpr int kNoAnswerInTime = 85;
+
 // Copies an entry's DN into a 1000-byte buffer.
 ZelRC copy_entry_dn(LDAP *ld, LDAPMessage *entry, char *dn) {
     zel::LdapText text(ldap_get_dn(ld, entry));
@@ -71,6 +74,10 @@ ZelRC determine_DN(ZelSession *s, ZelSuffixNode *suffixes, const char *filter, c
             if (lrc != LDAP_SUCCESS) {
                 if (suffix_holds_nothing(lrc)) continue;
                 rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), ZEL_RC_ENTRY_NOT_FOUND, "ldap_search_ext_s()");
+                // A server that did not answer in time has said nothing about
+                // the entry: the lookups built on this walk must not report
+                // it missing, as they would any other limit.
+                if (lrc == kNoAnswerInTime) rc = ZEL_RC_DIRECTORY_ERROR;
                 break;
             }
             int count = ldap_count_entries(s->ld, res.get());
