@@ -2,7 +2,7 @@
 # 389-style directory server (an LDIF entry cn=schema with attributeTypes and
 # objectClasses values, as in the server's 99user.ldif).
 #
-#   awk -f to-389.awk zel.schema > 99zel.ldif
+#   awk -f to-389.awk -f schema-read.awk zel.schema > 99zel.ldif
 #
 # Object identifier macros are written out in full.  Attribute types the
 # server already defines itself (its access-control attribute "aci") are left
@@ -22,31 +22,14 @@ function flush(   name, text, i) {
     text = def
     for (m in macro) gsub(m ":", macro[m] ".", text)
     gsub(/[ \t]+/, " ", text)
-    if (kind == "attributeTypes") {
+    if (kind == "attribute") {
         name = text
         sub(/^.*NAME '/, "", name)
         sub(/'.*$/, "", name)
         if (tolower(name) in skip) { def = ""; return }
     }
-    print kind ": " text
+    print (kind == "attribute" ? "attributeTypes" : "objectClasses") ": " text
     def = ""
 }
-
-/^[ \t]*#/ || /^[ \t]*$/ { flush(); next }
-
-tolower($1) == "objectidentifier" { flush(); macro[$2] = $3; next }
-
-tolower($1) == "attributetype" || tolower($1) == "objectclass" {
-    flush()
-    kind = tolower($1) == "attributetype" ? "attributeTypes" : "objectClasses"
-    $1 = ""
-    def = $0
-    sub(/^[ \t]+/, "", def)
-    next
-}
-
-/^[ \t]/ { def = def " " $0; next }
-
-{ flush() }
 
 END { flush() }

@@ -1,7 +1,7 @@
 # to-ad.awk -- writes zel.schema (slapd.conf form) as an Active Directory
 # schema extension: attributeSchema and classSchema entries for ldapmodify.
 #
-#   awk -f to-ad.awk zel-indexes.conf zel.schema > zel-ad.ldif
+#   awk -f to-ad.awk -f schema-read.awk zel-indexes.conf zel.schema > zel-ad.ldif
 #
 # The entries live under CN=Schema,CN=Configuration,DC=X: replace DC=X by the
 # forest root domain's DN before loading.  Names the directory already
@@ -150,23 +150,6 @@ function flush(   text, oid, name, desc, s, kind_word, must) {
     values("mayContain", list_after(text, "MAY"))
     print ""
 }
-
-/^[ \t]*#/ || /^[ \t]*$/ { flush(); next }
-
-tolower($1) == "objectidentifier" { flush(); macro[$2] = $3; next }
-
-tolower($1) == "attributetype" || tolower($1) == "objectclass" {
-    flush()
-    kind = tolower($1) == "attributetype" ? "attribute" : "class"
-    $1 = ""
-    def = $0
-    sub(/^[ \t]+/, "", def)
-    next
-}
-
-/^[ \t]/ { def = def " " $0; next }
-
-{ flush() }
 
 END {
     if (failed) exit 1

@@ -266,18 +266,6 @@ Finding storage_forms_check(LDAP *ld, const std::vector<std::string> &suffixes) 
     return {"storage-forms", Verdict::Ok, found, ""};
 }
 
-const char *kind_name(int32_t kind) {
-    switch (kind) {
-    case ZEL_DIR_ORV: return "orv";
-    case ZEL_DIR_NETSCAPE: return "netscape";
-    case ZEL_DIR_NDS: return "nds";
-    case ZEL_DIR_EDIRECTORY: return "edirectory";
-    case ZEL_DIR_GENERIC: return "generic";
-    case ZEL_DIR_ACTIVE_DIRECTORY: return "active-directory";
-    default: return "unknown";
-    }
-}
-
 void print(const Options &opts, const std::vector<Finding> &findings, bool dangerous) {
     if (!opts.json) {
         for (const Finding &f : findings) {
@@ -331,7 +319,7 @@ int run_doctor(const Options &opts, Args args) {
         std::fprintf(stderr, "zelctl: doctor: cannot bind as %s: %s\n", opts.bind_dn.c_str(), error.c_str());
         return 1;
     }
-    std::string kind = std::string(kind_name(info->dirKind)) + " directory; suffixes:";
+    std::string kind = std::string(directory_kind_name(info->dirKind)) + " directory; suffixes:";
     for (const std::string &suffix : suffixes) kind += " " + suffix;
     std::vector<Finding> findings = {{"directory", Verdict::Ok, kind, ""}, schema_check(ld.get()),
                                      storage_forms_check(ld.get(), suffixes), connection_check(ld.get())};

@@ -10,18 +10,6 @@ namespace {
 
 struct InfoFree { void operator()(ZelSessionInfo *i) const { Zel_freeSessionInfo(i); } };
 
-const char *dir_kind_name(int32_t kind) {
-    switch (kind) {
-    case ZEL_DIR_ORV: return "orv";
-    case ZEL_DIR_NETSCAPE: return "netscape";
-    case ZEL_DIR_NDS: return "nds";
-    case ZEL_DIR_EDIRECTORY: return "edirectory";
-    case ZEL_DIR_GENERIC: return "generic";
-    case ZEL_DIR_ACTIVE_DIRECTORY: return "active-directory";
-    default: return "unknown";
-    }
-}
-
 const char *host_kind_name(int32_t kind) {
     switch (kind) {
     case ZEL_HOST_TESSAN: return "tessan";
@@ -35,13 +23,13 @@ void print_json(const ZelSessionInfo &info) {
     for (int32_t i = 0; i < info.suffixCount; ++i) suffixes += (i ? "," : "") + json_string(info.suffixes[i]);
     std::printf("{\"vendor\":%s,\"host\":%s,\"suffixes\":[%s],\"securityDomain\":%s,\"securityDomainDN\":%s,"
                 "\"securityDomainVersion\":%d,\"database\":%s,\"server\":%s}\n",
-                json_string(dir_kind_name(info.dirKind)).c_str(), json_string(host_kind_name(info.hostKind)).c_str(),
+                json_string(directory_kind_name(info.dirKind)).c_str(), json_string(host_kind_name(info.hostKind)).c_str(),
                 suffixes.c_str(), json_string(info.securityDomain).c_str(), json_string(info.securityDomainDN).c_str(),
                 info.securityDomainVersion, json_string(info.databaseDN).c_str(), json_string(info.server).c_str());
 }
 
 void print_text(const ZelSessionInfo &info) {
-    std::printf("vendor:            %s\n", dir_kind_name(info.dirKind));
+    std::printf("vendor:            %s\n", directory_kind_name(info.dirKind));
     std::printf("host:              %s\n", host_kind_name(info.hostKind));
     std::printf("suffixes:         ");
     if (info.suffixCount == 0) std::printf(" none");

@@ -15,6 +15,18 @@ int fail(const std::string &what, ZelRC rc) {
     return 1;
 }
 
+const char *directory_kind_name(int32_t kind) {
+    switch (kind) {
+    case ZEL_DIR_ORV: return "orv";
+    case ZEL_DIR_NETSCAPE: return "netscape";
+    case ZEL_DIR_NDS: return "nds";
+    case ZEL_DIR_EDIRECTORY: return "edirectory";
+    case ZEL_DIR_GENERIC: return "generic";
+    case ZEL_DIR_ACTIVE_DIRECTORY: return "active-directory";
+    default: return "unknown";
+    }
+}
+
 int usage(const std::string &message) {
     std::fprintf(stderr, "zelctl: %s\n", message.c_str());
     return 2;

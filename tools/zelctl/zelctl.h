@@ -75,6 +75,9 @@ int fail(const std::string &what, ZelRC rc);
 // "zelctl: <message>" on standard error; returns 2 (usage errors).
 int usage(const std::string &message);
 
+// "orv", "netscape", ... "active-directory": the directory kind as zelctl names it.
+const char *directory_kind_name(int32_t kind);
+
 // A JSON string literal.
 std::string json_string(const char *text);
 
