@@ -403,6 +403,15 @@ std::string server_config_head(const std::string &dir) {
            "modulepath /usr/lib/ldap\nmoduleload back_mdb\n";
 }
 
+void Directory::restart() {
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+    start();
+}
+
 void Directory::start() {
     pid_ = spawn_server({"slapd", "-f", dir_ + "/slapd.conf", "-h", uri() + "/ " + ldaps_uri() + "/", "-d", "0"},
                         dir_ + "/slapd.log", {port_, ldaps_port_});

@@ -95,6 +95,10 @@ public:
     bool exists(const std::string &dn) const;
     Entry entry(const std::string &dn) const;  // fails the test when absent
 
+    // Stops the server at once, as a crash would, and starts it again on the
+    // same ports with the same database.
+    void restart();
+
     // Makes this server the client's configured default (the located server)
     // until the directory is stopped.
     void make_default_server();

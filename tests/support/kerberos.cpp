@@ -4,6 +4,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <ldap.h>
+
 #include <filesystem>
 #include <random>
 #include <stdexcept>
@@ -25,6 +27,16 @@ std::string random_secret() {
 // Kerberos sees the test directory answer as "localhost".
 const char *const kServiceHost = "localhost";
 
+// The name libldap puts in the service principal of a loopback server when it
+// canonicalises: this machine's own, found the way libldap finds it.
+extern "C" char *ldap_pvt_get_fqdn(char *name);
+std::string machine_name() {
+    char *fqdn = ldap_pvt_get_fqdn(nullptr);
+    std::string name = fqdn ? fqdn : "localhost";
+    ldap_memfree(fqdn);
+    return name;
+}
+
 }  // namespace
 
 KerberosRealm::KerberosRealm(const std::string &user) : user_(user) {
@@ -43,9 +55,12 @@ KerberosRealm::KerberosRealm(const std::string &user) : user_(user) {
     const std::string master = random_secret(), password = random_secret();
     try {
         run_admin({"kdb5_util", "create", "-s", "-r", realm()}, master + "\n" + master + "\n");
+        auto service_principal = [&](const std::string &host) {
+            return "addprinc -randkey ldap/" + host + "\nktadd -k " + dir_ + "/ldap.keytab ldap/" + host + "\n";
+        };
         run_admin({"kadmin.local", "-r", realm()},
-                  "addprinc -pw " + password + " " + user_ + "\naddprinc -randkey ldap/" + kServiceHost +
-                      "\nktadd -k " + dir_ + "/ldap.keytab ldap/" + kServiceHost + "\n");
+                  "addprinc -pw " + password + " " + user_ + "\n" + service_principal(kServiceHost) +
+                      (machine_name() == kServiceHost ? "" : service_principal(machine_name())));
         start_kdc();
         run_admin({"kinit", principal()}, password + "\n");
     } catch (...) {
@@ -67,13 +82,13 @@ void KerberosRealm::stop() {
     fs::remove_all(dir_, ec);
 }
 
-std::string KerberosRealm::slapd_config(const std::string &base) const {
+std::string KerberosRealm::slapd_config(const std::string &base, bool machine_name) const {
     std::string realm_lc = realm();
     for (char &c : realm_lc) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     std::string realm_re;
     for (char c : realm_lc) realm_re += c == '.' ? std::string("[.]") : std::string(1, c);
-    // Without sasl-host slapd would only accept ldap/<this machine's name>.
-    return std::string("sasl-host ") + kServiceHost + "\nsasl-realm " + realm() +
+    // Without sasl-host slapd accepts only ldap/<this machine's name>.
+    return (machine_name ? std::string() : std::string("sasl-host ") + kServiceHost + "\n") + "sasl-realm " + realm() +
            "\nauthz-regexp \"^uid=([^,]+)(,cn=" + realm_re + ")?,cn=gssapi,cn=auth$\" \"ldap:///" + base +
            "??sub?(uid=$1)\"\n";
 }

@@ -29,7 +29,10 @@ public:
     std::string principal() const { return user_ + "@" + realm(); }
     // slapd.conf lines that make a directory accept GSSAPI binds from this
     // realm, mapping a principal to the entry below base whose uid is its name.
-    std::string slapd_config(const std::string &base) const;
+    // The directory's service principal is ldap/localhost, which clients reach
+    // without host name canonicalisation; with machine_name it is ldap/<this
+    // machine's name>, the one libldap asks for by default on loopback.
+    std::string slapd_config(const std::string &base, bool machine_name = false) const;
 
 private:
     void write_config();
