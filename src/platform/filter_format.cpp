@@ -1,6 +1,7 @@
 // The filter-quoting formatter.  See filter_format.h.
 #include "platform/filter_format.h"
 
+#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -80,18 +81,28 @@ bool format_text(std::string &out, const char *format, va_list args) {
 
 std::string escape_filter_value(std::string_view value) {
     static const char hex[] = "0123456789ABCDEF";
+    // Only what the filter syntax itself reserves; UTF-8 stands as it is,
+    // so a name's filter is as long as the name.
+    static const auto reserved = [] {
+        std::array<bool, 256> table{};
+        for (unsigned char c : {'\0', '*', '(', ')', '\\'}) table[c] = true;
+        return table;
+    }();
     std::string out;
     out.reserve(value.size());
-    for (char c : value) {
-        // Only what the filter syntax itself reserves; UTF-8 stands as it is,
-        // so a name's filter is as long as the name.
-        if (c == '\0' || c == '*' || c == '(' || c == ')' || c == '\\') {
-            out += '\\';
-            out += hex[static_cast<unsigned char>(c) >> 4];
-            out += hex[c & 0x0F];
-        } else {
-            out += c;
+    const char *p = value.data();
+    const size_t n = value.size();
+    // Runs between reserved characters are copied whole: most values have
+    // none, and a credential query escapes several DNs.
+    for (size_t run = 0, i = 0; i <= n; ++i) {
+        if (i < n && !reserved[static_cast<unsigned char>(p[i])]) continue;
+        out.append(p + run, i - run);
+        if (i < n) {
+            const unsigned char c = static_cast<unsigned char>(p[i]);
+            const char escaped[3] = {'\\', hex[c >> 4], hex[c & 0x0F]};
+            out.append(escaped, 3);
         }
+        run = i + 1;
     }
     return out;
 }

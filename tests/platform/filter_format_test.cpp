@@ -26,6 +26,8 @@ TEST(FilterQuoting, EscapesFilterSyntaxAndNulOnly) {
     EXPECT_EQ(escape_filter_value(std::string_view("a\0b", 3)), "a\\00b");
     EXPECT_EQ(escape_filter_value("plain value=1,o=acme"), "plain value=1,o=acme");
     EXPECT_EQ(escape_filter_value(""), "");
+    EXPECT_EQ(escape_filter_value("(*)"), "\\28\\2A\\29") << "reserved characters side by side";
+    EXPECT_EQ(escape_filter_value("a*"), "a\\2A") << "one at the end";
     EXPECT_EQ(escape_filter_value("J\xC3\xBCrgen\t\x7F"), "J\xC3\xBCrgen\t\x7F");
 }
 
