@@ -6,6 +6,7 @@
 #include <iostream>
 #include <string>
 
+#include "dry_run.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -36,9 +37,10 @@ int db_create(const Options &opts, Args args) {
     const std::string &suffix = operands.front();
 
     std::string password;
-    if (have_password && !read_secret_file(password_file, password))
+    if (have_password && !(opts.dry_run ? secret_file_readable(password_file) : read_secret_file(password_file, password)))
         return usage("cannot read the password file " + password_file);
     Session session(open_session(first_generation(opts)));
+    if (opts.dry_run) return session ? dry_run_db_create(session.get(), opts, suffix, flags) : 1;
     ZelRC rc = session ? Zel_createDatabase(session.get(), suffix.c_str(), have_admin ? admin.c_str() : nullptr,
                                             have_uid ? uid.c_str() : nullptr,
                                             have_password ? password.c_str() : nullptr, flags)
@@ -71,9 +73,10 @@ int db_remove(const Options &opts, Args args) {
     bool yes = take_flag(args, "--yes");
     std::vector<std::string> operands;
     if (!take_operands(args, "db remove", {}, operands, status)) return status;
-    if (!confirmed(yes, status)) return status;
+    if (!opts.dry_run && !confirmed(yes, status)) return status;
     Session session(open_session(first_generation(opts)));
     if (!session) return 1;
+    if (opts.dry_run) return dry_run_db_remove(session.get(), opts);
     if (ZelRC rc = Zel_removeDatabase(session.get())) return fail("cannot remove the Zel database", rc);
     if (opts.json)
         std::puts("{\"database\":true,\"removed\":true}");

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "dry_run.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -89,6 +90,54 @@ int get_domain(const Options &opts, const Args &args) {
     return 0;
 }
 
+// The group as stored; an update or a member edit of a missing group fails
+// with 6 (its entry is written by DN), a removal with the 32 of the look-up.
+ZelRC read_group(ZelSession *s, const std::string &name, bool by_dn, std::unique_ptr<ZelDomain, DomainFree> &out) {
+    ZelDomain *raw = nullptr;
+    ZelRC rc = Zel_getZelDomain(s, name.c_str(), &raw);
+    out.reset(raw);
+    return by_dn && rc == ZEL_RC_ZEL_DOMAIN_NOT_FOUND ? ZEL_RC_NO_SUCH_OBJECT : rc;
+}
+
+bool is_service(ZelSession *s, const std::string &name) {
+    ZelTargetService *raw = nullptr;
+    ZelRC rc = Zel_getTargetService(s, name.c_str(), &raw);
+    Zel_freeTargetService(raw);
+    return rc != ZEL_RC_TS_NOT_FOUND;
+}
+
+bool has_member(const ZelDomain *d, const std::string &service) {
+    for (int32_t i = 0; i < d->locationCount && d->locations; ++i) {
+        const ZelDomainLocation *loc = d->locations[i];
+        if (loc && loc->type && loc->value && std::string(loc->type) == kServiceType &&
+            same_ignoring_case(loc->value, service))
+            return true;
+    }
+    return false;
+}
+
+int dry_write_domain(ZelSession *s, const Options &opts, const ZelDomain &d, bool add, bool members_given,
+                     const std::string &failed) {
+    const std::string name = d.name;
+    std::unique_ptr<ZelDomain, DomainFree> old;
+    ZelRC rc = read_group(s, name, !add, old);
+    if (add && rc == 0) rc = ZEL_RC_ALREADY_EXISTS;
+    if (rc != 0 && !(add && rc == ZEL_RC_ZEL_DOMAIN_NOT_FOUND)) return DryRun::would_fail(failed, rc);
+    DryRun dry(opts, std::string(add ? "add" : "update") + " resource group " + name);
+    dry.name("domain", name).done(add ? "added" : "updated");
+    std::string members = members_text(&d, ",");
+    if (add) {
+        dry.field("description", d.description).field("members", members.c_str());
+    } else {
+        if (d.description) dry.change("description", old->description, d.description);
+        if (members_given) dry.change("members", members_text(old.get(), ",").c_str(), members.c_str());
+    }
+    for (int32_t i = 0; i < d.locationCount; ++i)
+        if (!is_service(s, d.locations[i]->value))
+            dry.note(std::string("member ") + d.locations[i]->value + " is no target service (kept all the same)");
+    return dry.report();
+}
+
 // add and update: the same options; update replaces the members only when
 // --member is given.
 int write_domain(const Options &opts, Args args, bool add) {
@@ -115,8 +164,10 @@ int write_domain(const Options &opts, Args args, bool add) {
 
     Session s(open_session(opts));
     if (!s) return 1;
+    const std::string failed = std::string("cannot ") + verb + " resource group " + operands[0];
+    if (opts.dry_run) return dry_write_domain(s.get(), opts, d, add, !members.empty(), failed);
     ZelRC rc = add ? Zel_addZelDomain(s.get(), &d) : Zel_updateZelDomain(s.get(), &d);
-    if (rc != 0) return fail(std::string("cannot ") + verb + " resource group " + operands[0], rc);
+    if (rc != 0) return fail(failed, rc);
     return report_done(opts, "resource group", "domain", operands[0], add ? "added" : "updated");
 }
 
@@ -126,9 +177,37 @@ int remove_domain(const Options &opts, const Args &args) {
     if (!take_operands(args, "domain remove", {"NAME"}, operands, status)) return status;
     Session s(open_session(opts));
     if (!s) return 1;
+    const std::string failed = "cannot remove resource group " + operands[0];
+    if (opts.dry_run) {
+        std::unique_ptr<ZelDomain, DomainFree> old;
+        if (ZelRC rc = read_group(s.get(), operands[0], false, old)) return DryRun::would_fail(failed, rc);
+        return DryRun(opts, "remove resource group " + operands[0])
+            .name("domain", operands[0])
+            .done("removed")
+            .change("description", old->description, nullptr)
+            .change("members", members_text(old.get(), ",").c_str(), nullptr)
+            .report();
+    }
     ZelRC rc = Zel_removeZelDomain(s.get(), operands[0].c_str());
-    if (rc != 0) return fail("cannot remove resource group " + operands[0], rc);
+    if (rc != 0) return fail(failed, rc);
     return report_done(opts, "resource group", "domain", operands[0], "removed");
+}
+
+// An added member must be a target service (14, checked first); the group
+// must exist (6); a removed member must be one (26).  Adding a member that
+// is there already changes nothing and is no failure.
+int dry_edit_member(ZelSession *s, const Options &opts, const std::string &name, const std::string &service, bool add,
+                    const std::string &failed) {
+    if (add && !is_service(s, service)) return DryRun::would_fail(failed, ZEL_RC_TS_NOT_FOUND);
+    std::unique_ptr<ZelDomain, DomainFree> group;
+    if (ZelRC rc = read_group(s, name, true, group)) return DryRun::would_fail(failed, rc);
+    DryRun dry(opts, std::string(add ? "add member " : "remove member ") + service + (add ? " to" : " from") +
+                         " resource group " + name);
+    dry.name("domain", name).name("member", service).done(add ? "added" : "removed");
+    bool member = has_member(group.get(), service);
+    if (!add && !member) return DryRun::would_fail(failed, ZEL_RC_LOCATION_NOT_FOUND);
+    if (add && member) dry.note("already a member: nothing changes");
+    return dry.report();
 }
 
 int edit_member(const Options &opts, const Args &args, bool add) {
@@ -139,13 +218,13 @@ int edit_member(const Options &opts, const Args &args, bool add) {
     const std::string &name = operands[0], &service = operands[1];
     Session s(open_session(opts));
     if (!s) return 1;
+    const std::string failed = std::string("cannot ") + (add ? "add " : "remove ") + service + (add ? " to" : " from") +
+                               " resource group " + name;
+    if (opts.dry_run) return dry_edit_member(s.get(), opts, name, service, add, failed);
     ZelRC rc = add ? Zel_addLocationToDomain(s.get(), name.c_str(), kServiceType, service.c_str())
                    : Zel_removeLocationFromDomain(s.get(), name.c_str(), kServiceType, service.c_str());
     const char *verb = add ? "added" : "removed";
-    if (rc != 0)
-        return fail(std::string("cannot ") + (add ? "add " : "remove ") + service + (add ? " to" : " from") +
-                        " resource group " + name,
-                    rc);
+    if (rc != 0) return fail(failed, rc);
     if (opts.json)
         std::printf("{\"domain\":%s,\"member\":%s,\"%s\":true}\n", json_string(name.c_str()).c_str(),
                     json_string(service.c_str()).c_str(), verb);

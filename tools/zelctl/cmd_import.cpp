@@ -239,7 +239,7 @@ bool read_file(const std::string &path, std::string &out) {
 
 int run_import(const Options &given_opts, Args args) {
     int status = 0;
-    bool dry_run = take_flag(args, "--dry-run");
+    bool dry_run = given_opts.dry_run;
     bool quiet = take_flag(args, "--quiet");
     std::vector<std::string> operands;
     if (!take_operands(args, "import", {"FILE"}, operands, status)) return status;

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/key_file.h"
+#include "dry_run.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -24,6 +25,7 @@ int key_generate(const Options &opts, Args args) {
     if (add && plat::read_key_file(file.c_str(), ring) != plat::KeyFileState::usable)
         return usage("cannot use the key file " + file +
                      ": it must exist, be readable by its owner only and hold one active key");
+    if (opts.dry_run) return dry_run_key_generate(opts, file, add);
     if (!ring.add_generated_key()) return usage("cannot make a random key");
     if (!plat::write_key_file(file.c_str(), ring, add))
         return usage("cannot write the key file " + file + (add ? "" : " (an existing file is never overwritten; --add adds a key to it)"));
@@ -62,6 +64,7 @@ int run_record_rekey(const Options &opts, Args args) {
 
     Session s(open_session(opts));
     if (!s) return 1;
+    if (opts.dry_run) return dry_run_rekey(s.get(), opts, users, all);
     int32_t rewritten = 0;
     std::vector<std::string> unreadable, refused;
     if (all) users.push_back(std::string());

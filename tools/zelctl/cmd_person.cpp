@@ -2,10 +2,24 @@
 #include <algorithm>
 #include <string>
 
+#include "dry_run.h"
 #include "zelctl.h"
 
 namespace zelctl {
 namespace {
+
+// A type the library does not know fails with 1005; the parent entry shows
+// only when written.
+int dry_person_add(const Options &opts, const ZelPerson &p, const char *type) {
+    Session session(open_session(opts));
+    if (!session) return 1;
+    if (type && !is_user_type(type)) return DryRun::would_fail(std::string("cannot add person ") + p.cn, ZEL_RC_INVALID_ARGUMENT);
+    DryRun dry(opts, std::string("add person ") + p.cn + " below " + p.parentDN);
+    dry.name("person", p.cn).done("added");
+    dry.field("sn", p.sn).field("uid", p.uid).field("description", p.description).field("Zel user type", type);
+    if (p.password) dry.note("a password would be set");
+    return dry.report();
+}
 
 int person_add(const Options &opts, Args args) {
     int status = 0;
@@ -23,8 +37,9 @@ int person_add(const Options &opts, Args args) {
     if (!have_cn || !have_sn) return usage("person add: --cn and --sn are required");
 
     std::string password;
-    if (have_password && !read_secret_file(password_file, password))
-        return usage("cannot read the password file " + password_file);
+    bool readable = opts.dry_run ? !have_password || secret_file_readable(password_file)
+                                 : !have_password || read_secret_file(password_file, password);
+    if (!readable) return usage("cannot read the password file " + password_file);
     ZelPerson person{};
     person.parentDN = operands.front().data();
     person.cn = cn.data();
@@ -33,6 +48,7 @@ int person_add(const Options &opts, Args args) {
     person.uid = have_uid ? uid.data() : nullptr;
     person.password = have_password ? password.data() : nullptr;
 
+    if (opts.dry_run) return dry_person_add(opts, person, have_type ? type.c_str() : nullptr);
     Session session(open_session(opts));
     ZelRC rc = session ? Zel_create_ePerson(session.get(), &person, have_type ? type.c_str() : nullptr) : 0;
     std::fill(password.begin(), password.end(), '\0');

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "dry_run.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -80,8 +81,9 @@ int record_get(const Options &opts, Args args) {
 
 // --password-file F or --password-stdin; without either, a prompt when
 // standard input is a terminal (an empty answer keeps the password out of
-// the write), else no password at all.
-bool take_password(Args &args, std::string &password, bool &given, int &status) {
+// the write), else no password at all.  A dry run reads none: it only
+// checks that the file could be read.
+bool take_password(Args &args, bool dry_run, std::string &password, bool &given, int &status) {
     for (const std::string &a : args) {
         if (a == "--password" || a == "-w") {
             status = usage("a record password is never taken from the command line: use --password-file or --password-stdin");
@@ -97,12 +99,67 @@ bool take_password(Args &args, std::string &password, bool &given, int &status) 
         return false;
     }
     given = from_file || from_stdin || isatty(STDIN_FILENO);
-    bool read = !given || (from_file ? read_secret_file(file, password)
+    bool read = !given || (dry_run ? !from_file || secret_file_readable(file)
+                           : from_file ? read_secret_file(file, password)
                            : from_stdin ? read_secret_stdin(password)
                                         : prompt_secret("Password of the target record: ", password));
     if (!read) status = usage(from_file ? "cannot read the password file " + file : std::string("cannot read the password"));
-    if (read && given && !from_file && !from_stdin && password.empty()) given = false;
+    if (read && given && !dry_run && !from_file && !from_stdin && password.empty()) given = false;
     return read;
+}
+
+enum class RecordWrite { Add, Update, Remove };
+
+// Checked in the order the library checks: the user (no person 28, no Zel
+// user 19), the service (14), then the record itself: an add of one that
+// exists fails with 5, an update of a missing one with 6 (it is written by
+// DN), a removal with 24.  `r` is null for a removal.
+int dry_record(ZelSession *s, const Options &opts, const std::string &user, const std::string &id,
+               const ZelTargetRecord *r, RecordWrite op, bool password_given, const std::string &failed) {
+    ZelTargetRecordList *raw = nullptr;
+    ZelRC rc = Zel_getAllTargetRecord(s, user.c_str(), &raw);
+    std::unique_ptr<ZelTargetRecordList, RecordListFree> list(raw);
+    if (rc != 0 && rc != ZEL_RC_TR_NOT_FOUND) return DryRun::would_fail(failed, rc);
+    // The list answers for a person without a Zel user too; a plain name is
+    // looked up as a user as well (a DN or a principal resolves only when written).
+    if (user.find_first_of("=@") == std::string::npos) {
+        ZelUser *profile = nullptr;
+        rc = Zel_getZelUser(s, user.c_str(), &profile);
+        Zel_freeZelUser(profile);
+        if (rc != 0) return DryRun::would_fail(failed, rc);
+    }
+    if (r != nullptr) {
+        ZelTargetService *ts = nullptr;
+        rc = Zel_getTargetService(s, r->targetServiceName, &ts);
+        Zel_freeTargetService(ts);
+        if (rc != 0) return DryRun::would_fail(failed, rc);
+    }
+    const ZelTargetRecord *old = nullptr;
+    for (int32_t i = 0; list && i < list->count; ++i)
+        if (list->records[i]->targetRecordId && same_ignoring_case(list->records[i]->targetRecordId, id))
+            old = list->records[i];
+    if (op == RecordWrite::Add && old) return DryRun::would_fail(failed, ZEL_RC_ALREADY_EXISTS);
+    if (op != RecordWrite::Add && !old)
+        return DryRun::would_fail(failed, op == RecordWrite::Update ? ZEL_RC_NO_SUCH_OBJECT : ZEL_RC_TR_NOT_FOUND);
+
+    static const char *const kVerbs[][2] = {{"add", "added"}, {"update", "updated"}, {"remove", "removed"}};
+    const auto *verb = kVerbs[static_cast<int>(op)];
+    DryRun dry(opts, std::string(verb[0]) + " target record " + id + " of " + user);
+    dry.name("record", id).name("user", user).done(verb[1]);
+    if (op == RecordWrite::Add) {
+        dry.field("service", r->targetServiceName).field("type", r->targetServiceType);
+        dry.field("account", r->userId).field("description", r->description);
+        dry.note(password_given ? "a password would be set" : "no password would be stored");
+    } else if (op == RecordWrite::Update) {
+        dry.change("service", old->targetServiceName, r->targetServiceName);
+        if (r->targetServiceType) dry.change("type", old->targetServiceType, r->targetServiceType);
+        if (r->userId) dry.change("account", old->userId, r->userId);
+        if (r->description) dry.change("description", old->description, r->description);
+        dry.note(password_given ? "the password would be replaced" : "the password would be kept");
+    } else {
+        dry.change("service", old->targetServiceName, nullptr).change("account", old->userId, nullptr);
+    }
+    return dry.report();
 }
 
 // record add / record update: the same options, one call apart.
@@ -118,7 +175,7 @@ int record_write(const Options &opts, Args args, bool add) {
         return status;
     std::string password;
     bool have_password = false;
-    if (!take_password(args, password, have_password, status)) return status;
+    if (!take_password(args, opts.dry_run, password, have_password, status)) return status;
     std::vector<std::string> operands;
     if (!take_operands(args, command, {"USER", "ID"}, operands, status)) return status;
     if (!have_service) return usage(command + ": --service is required");
@@ -133,10 +190,14 @@ int record_write(const Options &opts, Args args, bool add) {
 
     Session s(open_session(opts));
     if (!s) return 1;
-    const std::string what = "target record " + operands[1] + " of " + operands[0];
+    const std::string failed =
+        std::string("cannot ") + (add ? "add " : "update ") + "target record " + operands[1] + " of " + operands[0];
+    if (opts.dry_run)
+        return dry_record(s.get(), opts, operands[0], operands[1], &r, add ? RecordWrite::Add : RecordWrite::Update,
+                          have_password, failed);
     ZelRC rc = add ? Zel_addTargetRecord(s.get(), operands[0].c_str(), &r)
                    : Zel_updateTargetRecord(s.get(), operands[0].c_str(), &r);
-    if (rc != 0) return fail(std::string("cannot ") + (add ? "add " : "update ") + what, rc);
+    if (rc != 0) return fail(failed, rc);
     return report_done(opts, "target record", "record", operands[1], add ? "added" : "updated");
 }
 
@@ -146,9 +207,10 @@ int record_remove(const Options &opts, Args args) {
     if (!take_operands(args, "record remove", {"USER", "ID"}, operands, status)) return status;
     Session s(open_session(opts));
     if (!s) return 1;
-    const std::string what = "target record " + operands[1] + " of " + operands[0];
-    if (ZelRC rc = Zel_removeTargetRecord(s.get(), operands[0].c_str(), operands[1].c_str()))
-        return fail("cannot remove " + what, rc);
+    const std::string failed = "cannot remove target record " + operands[1] + " of " + operands[0];
+    if (opts.dry_run)
+        return dry_record(s.get(), opts, operands[0], operands[1], nullptr, RecordWrite::Remove, false, failed);
+    if (ZelRC rc = Zel_removeTargetRecord(s.get(), operands[0].c_str(), operands[1].c_str())) return fail(failed, rc);
     return report_done(opts, "target record", "record", operands[1], "removed");
 }
 

@@ -81,7 +81,7 @@ void import_row(ZelSession *s, CsvRow &row, bool dry_run, Tally &tally) {
 
 int run_record_import_csv(const Options &opts, Args args) {
     int status = 0;
-    bool dry_run = take_flag(args, "--dry-run");
+    bool dry_run = opts.dry_run;
     bool quiet = take_flag(args, "--quiet");
     std::vector<std::string> operands;
     if (!take_operands(args, "record import-csv", {"FILE"}, operands, status)) return status;

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "dry_run.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -78,6 +79,50 @@ int get_service(const Options &opts, Args args) {
     return 0;
 }
 
+// A name in use fails the add with 5.  The first-generation form checks the
+// type and its identifiers before that, which no read call shows.
+int dry_add_service(ZelSession *s, const Options &opts, const ZelTargetService &ts, const std::string &failed) {
+    ZelTargetService *raw = nullptr;
+    ZelRC rc = Zel_getTargetService(s, ts.name, &raw);
+    Zel_freeTargetService(raw);
+    if (rc == 0) rc = ZEL_RC_ALREADY_EXISTS;
+    if (rc != ZEL_RC_TS_NOT_FOUND) return DryRun::would_fail(failed, rc);
+    DryRun dry(opts, std::string("add target service ") + ts.name);
+    dry.name("service", ts.name).done("added").field("type", ts.type).field("description", ts.description);
+    for (int32_t i = 0; i < ts.reqIdentifierCount; ++i)
+        dry.field("identifier", (std::string(ts.reqIdentifiers[i]->name) + "=" + ts.reqIdentifiers[i]->value).c_str());
+    if (opts.api_version < 2) dry.note("the type and its identifiers are checked when written");
+    return dry.report();
+}
+
+int dry_remove_service(ZelSession *s, const Options &opts, const std::string &name, const std::string &failed) {
+    ZelTargetService *raw = nullptr;
+    ZelRC rc = Zel_getTargetService(s, name.c_str(), &raw);
+    std::unique_ptr<ZelTargetService, ServiceFree> ts(raw);
+    if (rc != 0) return DryRun::would_fail(failed, rc);
+    return DryRun(opts, "remove target service " + name)
+        .name("service", name)
+        .done("removed")
+        .change("type", ts->type, nullptr)
+        .change("description", ts->description, nullptr)
+        .note("its target records and resource group memberships stay")
+        .report();
+}
+
+// The security domain knows only its two built-in types; the first-generation
+// form keeps types as entries, which no read call lists.
+int dry_add_type(const Options &opts, const ZelTargetServiceType &t, const std::string &failed) {
+    const std::string name = t.typeName;
+    bool built_in = same_ignoring_case(name, "Web Resource") || same_ignoring_case(name, "Resource Group");
+    if (opts.api_version >= 2 && !built_in) return DryRun::would_fail(failed, ZEL_RC_INVALID_ARGUMENT);
+    DryRun dry(opts, "add target service type " + name);
+    dry.name("serviceType", name).done("added");
+    for (int32_t i = 0; i < t.identifierCount; ++i) dry.field("identifier", t.identifierNames[i]);
+    dry.note(opts.api_version >= 2 ? "a built-in type of the security domain: nothing is written"
+                                   : "a type that exists already fails with status 5 when written");
+    return dry.report();
+}
+
 int add_service(const Options &opts, Args args) {
     std::string type, description;
     if (!take_option(args, "--type", type)) return usage("service add needs --type T");
@@ -111,8 +156,10 @@ int add_service(const Options &opts, Args args) {
 
     Session s(open_session(opts));
     if (!s) return 1;
+    const std::string failed = "cannot add target service " + name;
+    if (opts.dry_run) return dry_add_service(s.get(), opts, ts, failed);
     ZelRC rc = Zel_addTargetService(s.get(), &ts);
-    if (rc != 0) return fail("cannot add target service " + name, rc);
+    if (rc != 0) return fail(failed, rc);
     return report_done(opts, "target service", "service", name, "added");
 }
 
@@ -123,8 +170,10 @@ int remove_service(const Options &opts, Args args) {
     std::string &name = operands[0];
     Session s(open_session(opts));
     if (!s) return 1;
+    const std::string failed = "cannot remove target service " + name;
+    if (opts.dry_run) return dry_remove_service(s.get(), opts, name, failed);
     ZelRC rc = Zel_removeTargetService(s.get(), name.c_str());
-    if (rc != 0) return fail("cannot remove target service " + name, rc);
+    if (rc != 0) return fail(failed, rc);
     return report_done(opts, "target service", "service", name, "removed");
 }
 
@@ -141,8 +190,10 @@ int add_type(const Options &opts, Args args) {
 
     Session s(open_session(opts));
     if (!s) return 1;
+    const std::string failed = "cannot add target service type " + name;
+    if (opts.dry_run) return dry_add_type(opts, t, failed);
     ZelRC rc = Zel_addTargetServiceType(s.get(), &t);
-    if (rc != 0) return fail("cannot add target service type " + name, rc);
+    if (rc != 0) return fail(failed, rc);
     return report_done(opts, "target service type", "serviceType", name, "added");
 }
 
@@ -153,6 +204,12 @@ int remove_type(const Options &opts, Args args) {
     std::string &name = operands[0];
     Session s(open_session(opts));
     if (!s) return 1;
+    if (opts.dry_run)
+        return DryRun(opts, "remove target service type " + name)
+            .name("serviceType", name)
+            .done("removed")
+            .note("whether it exists shows only when written (no read call lists types)")
+            .report();
     ZelRC rc = Zel_removeTargetServiceType(s.get(), name.c_str());
     if (rc != 0) return fail("cannot remove target service type " + name, rc);
     return report_done(opts, "target service type", "serviceType", name, "removed");

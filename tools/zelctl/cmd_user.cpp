@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "dry_run.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -37,6 +38,27 @@ int user_list(const Options &opts, Args args) {
     return 0;
 }
 
+const char *state_text(unsigned char enabled) { return enabled ? "enabled" : "disabled"; }
+
+// An unknown type fails with 1005.  A security domain session refuses a name
+// its domain holds already (5); a name known only to the Zel database gets
+// a domain profile, and a first-generation session writes the profile anew.
+int dry_user_add(ZelSession *s, const Options &opts, const ZelUser &user, const std::string &failed) {
+    if (!is_user_type(user.userType)) return DryRun::would_fail(failed, ZEL_RC_INVALID_ARGUMENT);
+    ZelUser *raw = nullptr;
+    ZelRC rc = Zel_getZelUser(s, user.userName, &raw);
+    std::unique_ptr<ZelUser, UserFree> existing(raw);
+    bool in_domain = rc == 0 && existing->userType == nullptr;
+    if (opts.api_version >= 2 && in_domain) return DryRun::would_fail(failed, ZEL_RC_ALREADY_EXISTS);
+    DryRun dry(opts, std::string("add Zel user ") + user.userName);
+    dry.name("user", user.userName).done("added");
+    dry.field("type", user.userType).field("person", user.personDN).field("description", user.description);
+    dry.field("state", state_text(user.enabled));
+    if (user.personDN == nullptr) dry.note("the person is looked up by the user name when written");
+    if (rc == 0) dry.note("a Zel user of this name exists already");
+    return dry.report();
+}
+
 int user_add(const Options &opts, Args args) {
     int status = 0;
     std::string type, person, description;
@@ -60,7 +82,9 @@ int user_add(const Options &opts, Args args) {
 
     Session session(open_session(opts));
     if (!session) return 1;
-    if (ZelRC rc = Zel_addZelUser(session.get(), &user)) return fail("cannot add Zel user " + name, rc);
+    const std::string failed = "cannot add Zel user " + name;
+    if (opts.dry_run) return dry_user_add(session.get(), opts, user, failed);
+    if (ZelRC rc = Zel_addZelUser(session.get(), &user)) return fail(failed, rc);
     return report_done(opts, "Zel user", "user", name, "added");
 }
 
@@ -85,13 +109,22 @@ int user_update(const Options &opts, Args args) {
     ZelUser *raw = nullptr;
     ZelRC rc = Zel_getZelUser(session.get(), name.c_str(), &raw);
     std::unique_ptr<ZelUser, UserFree> current(raw);
-    if (rc != 0) return fail("cannot read Zel user " + name, rc);
+    if (rc != 0) return opts.dry_run ? DryRun::would_fail("cannot read Zel user " + name, rc)
+                                     : fail("cannot read Zel user " + name, rc);
 
     ZelUser user{};
     user.userName = name.data();
     user.description = have_description ? description.data() : nullptr;  // null: left as it is
     user.enabled = enable ? 1 : disable ? 0 : current->enabled;
     user.personDN = have_person ? person.data() : current->personDN;
+    if (opts.dry_run) {
+        DryRun dry(opts, "update Zel user " + name);
+        dry.name("user", name).done("updated");
+        if (have_description) dry.change("description", current->description, user.description);
+        dry.change("state", state_text(current->enabled), state_text(user.enabled));
+        dry.change("person", current->personDN, user.personDN);
+        return dry.report();
+    }
     if ((rc = Zel_updateZelUser(session.get(), &user))) return fail("cannot update Zel user " + name, rc);
     return report_done(opts, "Zel user", "user", name, "updated");
 }
@@ -124,6 +157,24 @@ int user_verify(const Options &opts, Args args) {
     return is_user ? 0 : 1;
 }
 
+// A name no form knows fails with 19 (a first-generation session without a
+// Zel database knows none).  A DN is resolved only when written.
+int dry_user_remove(ZelSession *s, const Options &opts, const std::string &target, const std::string &failed) {
+    DryRun dry(opts, "remove Zel user " + target);
+    dry.name("user", target).done("removed");
+    if (target.find('=') != std::string::npos) return dry.note("the DN is resolved when written").report();
+    ZelUser *raw = nullptr;
+    ZelRC rc = Zel_getZelUser(s, target.c_str(), &raw);
+    Zel_freeZelUser(raw);
+    if (rc == ZEL_RC_DATABASE_NOT_FOUND) rc = ZEL_RC_USER_NOT_FOUND;
+    if (rc != 0) return DryRun::would_fail(failed, rc);
+    ZelTargetRecordList *records = nullptr;
+    if (Zel_getAllTargetRecord(s, target.c_str(), &records) == 0 && records)
+        dry.note("with its " + std::to_string(records->count) + " target records");
+    Zel_freeTargetRecords(records);
+    return dry.report();
+}
+
 int user_remove(const Options &opts, Args args) {
     int status = 0;
     std::vector<std::string> operands;
@@ -131,7 +182,9 @@ int user_remove(const Options &opts, Args args) {
     const std::string &target = operands[0];
     Session session(open_session(opts));
     if (!session) return 1;
-    if (ZelRC rc = Zel_removeZelUser(session.get(), target.c_str())) return fail("cannot remove Zel user " + target, rc);
+    const std::string failed = "cannot remove Zel user " + target;
+    if (opts.dry_run) return dry_user_remove(session.get(), opts, target, failed);
+    if (ZelRC rc = Zel_removeZelUser(session.get(), target.c_str())) return fail(failed, rc);
     return report_done(opts, "Zel user", "user", target, "removed");
 }
 

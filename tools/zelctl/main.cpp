@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "dry_run.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -166,6 +167,13 @@ int run(CommandLine &line) {
     const Command *command = find_command(name);
     if (!command) return usage("unknown command " + name + " (zelctl --help lists them)");
     if (take_flag(rest, "--json")) line.opts.json = true;
+    if (take_flag(rest, "--dry-run")) {
+        // Refused where there is nothing to hold back, so that a reader of
+        // the line is never left to wonder whether it was honoured.
+        if (!command_writes(name, rest))
+            return usage("--dry-run is for commands that write; this " + name + " command only reads");
+        line.opts.dry_run = true;
+    }
     // Key files and audit trails are local: no directory, so no bind.
     if (name == "key" || name == "audit") return command->run(line.opts, rest);
     if (!read_password(line)) return 2;
