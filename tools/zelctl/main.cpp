@@ -22,30 +22,32 @@ const Command kCommands[] = {
     {"info", run_info, "info    what the directory is and where the Zel data lies\n"},
     {"service", run_service,
      "service list | get NAME | add NAME --type T [--description D] [--id NAME=VALUE ...]\n"
-     "        | remove NAME\n"},
-    {"service-type", run_service_type, "service-type add NAME [--id NAME ...] | remove NAME\n"},
+     "        | remove NAME        (add, remove: [--dry-run])\n"},
+    {"service-type", run_service_type, "service-type add NAME [--id NAME ...] | remove NAME   [--dry-run]\n"},
     {"user", run_user,
      "user list | add NAME --type T [--person DN] [--description D] [--disabled]\n"
      "     | update NAME [--person DN] [--description D] [--enabled | --disabled]\n"
-     "     | verify PERSON_DN | remove NAME|DN\n"},
+     "     | verify PERSON_DN | remove NAME|DN    (add, update, remove: [--dry-run])\n"},
     {"domain", run_domain,
      "domain list | get NAME | add NAME [--description D] [--member SERVICE ...]\n"
      "       | update NAME [--description D] [--member SERVICE ...] | remove NAME\n"
-     "       | add-member NAME SERVICE | remove-member NAME SERVICE\n"},
+     "       | add-member NAME SERVICE | remove-member NAME SERVICE\n"
+     "       (all but list and get: [--dry-run])\n"},
     {"record", run_record,
      "record list USER | get USER ID | remove USER ID     (--reveal shows passwords)\n"
      "     | add|update USER ID --service S [--type T] [--account A] [--description D]\n"
      "       [--password-file F | --password-stdin]        (else a prompt on a terminal)\n"
      "     | rekey USER... | rekey --all    stored passwords rewritten under ZEL_KEYFILE's active key\n"
-     "     | import-csv FILE [--dry-run]    rows: user, resource or group, account, password[, description]\n"},
-    {"key", run_key, "key generate FILE [--add]   a new key file (mode 0600), or a new active key in FILE\n"},
+     "     | import-csv FILE [--dry-run]    rows: user, resource or group, account, password[, description]\n"
+     "     (add, update, remove, rekey: [--dry-run])\n"},
+    {"key", run_key, "key generate FILE [--add] [--dry-run]   a new key file (mode 0600), or a new active key in FILE\n"},
     {"audit", run_audit, "audit verify FILE    the first changed, removed or inserted line of a ZEL_AUDIT trail\n"},
     {"credential", run_credential,
      "credential get USER RESOURCE [--reveal]    the account a sign-on agent presents\n"
      "credential explain USER RESOURCE [--json]  which record answers, and why\n"},
     {"db", run_db,
      "db create SUFFIX [--admin DN|CN] [--admin-uid U] [--admin-password-file F]\n"
-     "          [--create-suffix] [--default-types] [--extended] | remove [--yes]\n"
+     "          [--create-suffix] [--default-types] [--extended] | remove [--yes]   [--dry-run]\n"
      "   (a first-generation session unless --api-version says otherwise)\n"},
     {"doctor", run_doctor,
      "doctor [--user DN --user-password-file F]   a read-only check of the deployment;\n"
@@ -58,7 +60,7 @@ const Command kCommands[] = {
      "       differing ones updated, equal ones left alone\n"},
     {"person", run_person,
      "person add PARENT_DN --cn CN --sn SN [--uid U] [--description D] [--password-file F]\n"
-     "           [--type T]\n"},
+     "           [--type T] [--dry-run]\n"},
 };
 
 const char *kOptionsHelp =
@@ -81,6 +83,9 @@ const char *kOptionsHelp =
     "  --domain NAME      the security domain (default: Default)\n"
     "  --api-version N    0 or 1: first-generation storage; 2 (default): the security domain\n"
     "  --json             results as JSON, for scripts\n"
+    "  --dry-run          with a command that writes (before or after it): what it would write,\n"
+    "                     or the failure it would meet (exit 1); nothing is written.  A usage\n"
+    "                     error with a command that only reads\n"
     "  Values may be attached: -wPW, -HURI, -DDN, -yFILE, --domain=NAME.\n"
     "  -Z and -ZZ are refused: StartTLS is not offered, use ldaps:// instead.\n";
 
@@ -167,13 +172,11 @@ int run(CommandLine &line) {
     const Command *command = find_command(name);
     if (!command) return usage("unknown command " + name + " (zelctl --help lists them)");
     if (take_flag(rest, "--json")) line.opts.json = true;
-    if (take_flag(rest, "--dry-run")) {
-        // Refused where there is nothing to hold back, so that a reader of
-        // the line is never left to wonder whether it was honoured.
-        if (!command_writes(name, rest))
-            return usage("--dry-run is for commands that write; this " + name + " command only reads");
-        line.opts.dry_run = true;
-    }
+    if (take_flag(rest, "--dry-run")) line.opts.dry_run = true;
+    // Refused where there is nothing to hold back, so that a reader of the
+    // line is never left to wonder whether it was honoured.
+    if (line.opts.dry_run && !command_writes(name, rest))
+        return usage("--dry-run is for commands that write; this " + name + " command only reads");
     // Key files and audit trails are local: no directory, so no bind.
     if (name == "key" || name == "audit") return command->run(line.opts, rest);
     if (!read_password(line)) return 2;

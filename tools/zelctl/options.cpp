@@ -9,7 +9,7 @@
 namespace zelctl {
 namespace {
 
-enum class Opt { Uri, BindDn, Password, PasswordFile, Prompt, Ca, Domain, ApiVersion, Json, SimpleBind, StartTls, Help, Version,
+enum class Opt { Uri, BindDn, Password, PasswordFile, Prompt, Ca, Domain, ApiVersion, Json, DryRun, SimpleBind, StartTls, Help, Version,
                  Timeout, NetworkTimeout, Count };
 
 struct OptionSpec {
@@ -31,6 +31,7 @@ const OptionSpec kOptions[] = {
     {"--domain", true, Opt::Domain},
     {"--api-version", true, Opt::ApiVersion},
     {"--json", false, Opt::Json},
+    {"--dry-run", false, Opt::DryRun},
     {"--timeout", true, Opt::Timeout},
     {"--network-timeout", true, Opt::NetworkTimeout},
     {"-h", false, Opt::Help},
@@ -110,6 +111,7 @@ bool apply(const OptionSpec &o, const char *value, CommandLine &line, std::strin
         opts.api_version_given = true;
         break;
     case Opt::Json: opts.json = true; break;
+    case Opt::DryRun: opts.dry_run = true; break;
     case Opt::Timeout:
     case Opt::NetworkTimeout: {
         uint32_t seconds = 0;

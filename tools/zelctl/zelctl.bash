@@ -29,7 +29,7 @@ _zelctl() {
     cur=${COMP_WORDS[COMP_CWORD]}
     prev=${COMP_WORDS[COMP_CWORD - 1]}
     local commands="info service service-type user record credential domain db person key audit doctor export import help"
-    local global_opts="-H -D -w -W -y -x --ca --domain --api-version --timeout --network-timeout --json --help --version"
+    local global_opts="-H -D -w -W -y -x --ca --domain --api-version --timeout --network-timeout --json --dry-run --help --version"
 
     case $prev in
         -y|--ca|--password-file|--admin-password-file|-o)
@@ -89,21 +89,23 @@ _zelctl() {
 
     local opts=""
     case "$cmd $sub" in
-        "service add") opts="--type --description --id" ;;
-        "service-type add") opts="--id" ;;
-        "user add") opts="--type --person --description --disabled" ;;
-        "user update") opts="--person --description --enabled --disabled" ;;
+        "service add") opts="--type --description --id --dry-run" ;;
+        "service remove"|"service-type remove"|"user remove"|"domain remove"|"record remove") opts="--dry-run" ;;
+        "domain add-member"|"domain remove-member") opts="--dry-run" ;;
+        "service-type add") opts="--id --dry-run" ;;
+        "user add") opts="--type --person --description --disabled --dry-run" ;;
+        "user update") opts="--person --description --enabled --disabled --dry-run" ;;
         "record get"|"record list"|"credential get") opts="--reveal" ;;
         "credential explain") opts="--json" ;;
-        "record add"|"record update") opts="--service --type --account --description --password-file --password-stdin" ;;
-        "record rekey") opts="--all" ;;
+        "record add"|"record update") opts="--service --type --account --description --password-file --password-stdin --dry-run" ;;
+        "record rekey") opts="--all --dry-run" ;;
         "record import-csv") opts="--dry-run --quiet" ;;
         import\ *) opts="--dry-run --quiet" ;;
-        "key generate") opts="--add" ;;
-        "domain add"|"domain update") opts="--description --member" ;;
-        "db create") opts="--admin --admin-uid --admin-password-file --create-suffix --default-types --extended" ;;
-        "db remove") opts="--yes" ;;
-        "person add") opts="--cn --sn --uid --description --password-file --type" ;;
+        "key generate") opts="--add --dry-run" ;;
+        "domain add"|"domain update") opts="--description --member --dry-run" ;;
+        "db create") opts="--admin --admin-uid --admin-password-file --create-suffix --default-types --extended --dry-run" ;;
+        "db remove") opts="--yes --dry-run" ;;
+        "person add") opts="--cn --sn --uid --description --password-file --type --dry-run" ;;
     esac
     if [[ $cur == -* ]]; then
         COMPREPLY=($(compgen -W "$opts --json" -- "$cur"))
