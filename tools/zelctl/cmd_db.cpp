@@ -6,6 +6,7 @@
 #include <iostream>
 #include <string>
 
+#include "progress.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -69,12 +70,16 @@ bool confirmed(bool yes, int &status) {
 int db_remove(const Options &opts, Args args) {
     int status = 0;
     bool yes = take_flag(args, "--yes");
+    bool quiet = take_flag(args, "--quiet");
     std::vector<std::string> operands;
     if (!take_operands(args, "db remove", {}, operands, status)) return status;
     if (!confirmed(yes, status)) return status;
     Session session(open_session(first_generation(opts)));
     if (!session) return 1;
-    if (ZelRC rc = Zel_removeDatabase(session.get())) return fail("cannot remove the Zel database", rc);
+    LibraryProgress progress(session.get(), "db remove", quiet);
+    ZelRC rc = Zel_removeDatabase(session.get());
+    progress.done();
+    if (rc != 0) return fail("cannot remove the Zel database", rc);
     if (opts.json)
         std::puts("{\"database\":true,\"removed\":true}");
     else

@@ -96,13 +96,13 @@ _zelctl() {
         "record get"|"record list"|"credential get") opts="--reveal" ;;
         "credential explain") opts="--json" ;;
         "record add"|"record update") opts="--service --type --account --description --password-file --password-stdin" ;;
-        "record rekey") opts="--all" ;;
+        "record rekey") opts="--all --quiet" ;;
         "record import-csv") opts="--dry-run --quiet" ;;
         import\ *) opts="--dry-run --quiet" ;;
         "key generate") opts="--add" ;;
         "domain add"|"domain update") opts="--description --member" ;;
         "db create") opts="--admin --admin-uid --admin-password-file --create-suffix --default-types --extended" ;;
-        "db remove") opts="--yes" ;;
+        "db remove") opts="--yes --quiet" ;;
         "person add") opts="--cn --sn --uid --description --password-file --type" ;;
     esac
     if [[ $cur == -* ]]; then
