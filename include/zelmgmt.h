@@ -388,6 +388,18 @@ typedef struct ZelRekeyReport {
 ZEL_API ZelRC Zel_rekeyTargetRecords(ZelSession *s, const char *user, ZelRekeyReport **out);
 ZEL_API void Zel_freeRekeyReport(ZelRekeyReport *report);
 
+/* Progress of the long-running calls: Zel_rekeyTargetRecords reports each
+ * target record it visits, Zel_removeDatabase each entry it deletes.  A call
+ * first reports done 0 with total -1 (not known yet), then each step, with
+ * total known once its entries are listed; a call that completes its walk
+ * ends with done == total.  The function is called on the caller's thread,
+ * inside the call: it must return quickly, must not call the library with the
+ * same session, and cannot stop the call.  A null fn turns it off.  The hook
+ * stays set on the session until changed.  1010 for a bad handle. */
+typedef void (*ZelProgressFn)(void *context, int64_t done, int64_t total);
+
+ZEL_API ZelRC Zel_setProgressCallback(ZelSession *s, ZelProgressFn fn, void *context);
+
 /* Passwords sealed for documents that leave the directory (exports): the
  * ciphertext under the active key of the key file ZEL_KEYFILE names, in the
  * form an encrypted stored value has, never clear text.  Seal: 1000 when no

@@ -73,7 +73,11 @@ def test_the_sign_on_question(session):
         session.get_credential("ann", "*")
     assert e.value.status == 24
     assert sorted(r.id for r in session.get_all_target_records("ann")) == ["G:office", "T:payroll"]
+    seen = []
+    session.set_progress(lambda done, total: seen.append((done, total)))
     assert session.rekey_target_records("ann") == (0, [])  # no key file: nothing to rewrite to
+    assert seen == [(0, -1), (0, 2), (1, 2), (2, 2)]
+    session.set_progress(None)
     # The explanation names the group record that answers, and no password.
     session.set_cache_ttl(60)
     why = session.explain_credential("ann", "wiki")

@@ -17,7 +17,7 @@ import ctypes.util
 import os
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import List, Optional, Tuple
+from typing import Callable, List, Optional, Tuple
 
 from . import _c
 
@@ -430,6 +430,14 @@ class Session:
     def set_cache_ttl(self, seconds: int) -> None:
         """Caches user look-ups of this session for seconds (0: off)."""
         _check(_lib.Zel_setSessionCacheTTL(self._h, seconds), "cannot set the cache lifetime")
+
+    def set_progress(self, fn: Optional[Callable[[int, int], None]]) -> None:
+        """fn(done, total) as rekey_target_records and remove_database go (total
+        -1 until known); None turns it off.  It runs inside those calls and must
+        not use this session."""
+        hook = _c.ProgressFn(lambda _context, done, total: fn(done, total)) if fn else _c.ProgressFn()
+        _check(_lib.Zel_setProgressCallback(self._h, hook, None), "cannot set the progress hook")
+        self._progress = hook  # the library keeps only a pointer to it
 
     def rekey_target_records(self, user: Optional[str] = None) -> Tuple[int, List[str]]:
         """Rewrites stored passwords under ZEL_KEYFILE's active key (every user's

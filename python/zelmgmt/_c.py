@@ -92,6 +92,7 @@ class RekeyReport(ctypes.Structure):
 
 _OPEN = [c_void_p, c_char_p, c_char_p, c_char_p, ctypes.c_uint16, c_int32, c_char_p, c_char_p, c_char_p]
 _S = c_void_p  # ZelSession *
+ProgressFn = ctypes.CFUNCTYPE(None, c_void_p, ctypes.c_int64, ctypes.c_int64)
 
 _PROTOTYPES = {
     "Zel_open": (c_uint32, _OPEN + [P(c_void_p), c_uint32]),
@@ -131,6 +132,7 @@ _PROTOTYPES = {
     "Zel_explainCredential": (c_uint32, [_S, c_char_p, P(CredentialRequest), P(P(CredentialExplanation))]),
     "Zel_freeCredentialExplanation": (None, [P(CredentialExplanation)]),
     "Zel_setSessionCacheTTL": (c_uint32, [_S, c_uint32]),
+    "Zel_setProgressCallback": (c_uint32, [_S, ProgressFn, c_void_p]),
     "Zel_getZelDomain": (c_uint32, [_S, c_char_p, P(P(Domain))]),
     "Zel_getAllZelDomain": (c_uint32, [_S, P(P(DomainList))]),
     "Zel_freeZelDomain": (None, [P(Domain)]),

@@ -3,6 +3,7 @@
 // db and person end to end.
 #include "database/db_fixture.h"
 #include "support/key_files.h"
+#include "support/progress_log.h"
 #include "support/zelctl.h"
 
 using namespace dbtest;
@@ -19,6 +20,28 @@ TEST_F(DatabaseTest, RemovesTheSubtreeAndKeepsPersonsThenCreatesAgain) {
     EXPECT_EQ(create(0, "Ann Admin"), 0u);
     EXPECT_TRUE(dir->exists(kDb));
     EXPECT_EQ(Zel_removeDatabase(s.get()), 0u);
+}
+
+// A watched removal lists the subtree first and counts each entry it
+// deletes; once the hook is off it sends what it always sent.
+TEST_F(DatabaseTest, RemovalReportsEachDeletedEntryWhileWatched) {
+    ProgressLog log;
+    ASSERT_EQ(log.watch(s.get()), 0u);
+    for (bool watched : {true, false}) {
+        SCOPED_TRACE(watched);
+        ASSERT_EQ(create(ZEL_CREATEDB_EXTENDED, "Ann Admin"), 0u);
+        const auto entries = static_cast<int64_t>(tree(kDb).size());
+        const size_t reports = log.size();
+        fault::reset();
+        ASSERT_EQ(Zel_removeDatabase(s.get()), 0u);
+        std::vector<fault::Call> searches = fault::calls(Fn::Search);
+        EXPECT_EQ(std::any_of(searches.begin(), searches.end(),
+                              [](const fault::Call &c) { return c.scope == LDAP_SCOPE_SUBTREE; }),
+                  watched);
+        if (watched) EXPECT_EQ(log.problem(entries), "");
+        else EXPECT_EQ(log.size(), reports);
+        ASSERT_EQ(Zel_setProgressCallback(s.get(), nullptr, &log), 0u);
+    }
 }
 
 // A refused probe add is mapped twice; a refused delete once.

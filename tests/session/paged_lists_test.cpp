@@ -6,6 +6,7 @@
 #include "platform/password_mask.h"
 #include "support/env.h"
 #include "support/key_files.h"
+#include "support/progress_log.h"
 #include "support/session.h"
 
 using namespace zeltest;
@@ -109,18 +110,25 @@ TEST_F(PagedLists, ListsReadEveryPage) {
 
 // The operator may read but not write: every record is read and left
 // current without a key file; with one, every refused write is listed and
-// the run still hands out its report.
+// the run still hands out its report.  Both runs count every record of
+// both suffixes.
 TEST_F(PagedLists, RekeyOfEverythingReadsEveryPageAndGoesOnPastRefusals) {
+    ProgressLog current;
+    ASSERT_EQ(current.watch(s.get()), 0u);
     Report r = rekey_everything(s.get());
     EXPECT_EQ(r.status, 0u);
     EXPECT_EQ(r.rewritten + r.refused + r.unreadable, 0);
+    EXPECT_EQ(current.problem(kRecords), "");
 
+    ProgressLog refused;
+    ASSERT_EQ(refused.watch(s.get()), 0u);
     ScopedEnv env("ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str());
     r = rekey_everything(s.get());
     EXPECT_EQ(r.status, ZEL_RC_NOT_AUTHORIZED);
     EXPECT_TRUE(r.handed_out);
     EXPECT_EQ(r.refused, kRecords);
     EXPECT_EQ(r.rewritten, 0);
+    EXPECT_EQ(refused.problem(kRecords), "");
 }
 
 // A suffix that cannot be searched does not lose what the others rewrote.

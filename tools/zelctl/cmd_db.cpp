@@ -7,6 +7,7 @@
 #include <string>
 
 #include "dry_run.h"
+#include "progress.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -71,13 +72,17 @@ bool confirmed(bool yes, int &status) {
 int db_remove(const Options &opts, Args args) {
     int status = 0;
     bool yes = take_flag(args, "--yes");
+    bool quiet = take_flag(args, "--quiet");
     std::vector<std::string> operands;
     if (!take_operands(args, "db remove", {}, operands, status)) return status;
     if (!opts.dry_run && !confirmed(yes, status)) return status;
     Session session(open_session(first_generation(opts)));
     if (!session) return 1;
     if (opts.dry_run) return dry_run_db_remove(session.get(), opts);
-    if (ZelRC rc = Zel_removeDatabase(session.get())) return fail("cannot remove the Zel database", rc);
+    LibraryProgress progress(session.get(), "db remove", quiet);
+    ZelRC rc = Zel_removeDatabase(session.get());
+    progress.done();
+    if (rc != 0) return fail("cannot remove the Zel database", rc);
     if (opts.json)
         std::puts("{\"database\":true,\"removed\":true}");
     else

@@ -8,6 +8,7 @@
 
 #include "platform/key_file.h"
 #include "dry_run.h"
+#include "progress.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -52,6 +53,7 @@ int run_key(const Options &opts, Args args) {
 int run_record_rekey(const Options &opts, Args args) {
     int status = 0;
     bool all = take_flag(args, "--all");
+    bool quiet = take_flag(args, "--quiet");
     std::vector<std::string> users;
     for (const std::string &a : args) {
         if (!a.empty() && a[0] == '-') return usage("record rekey: unknown option " + a);
@@ -68,6 +70,7 @@ int run_record_rekey(const Options &opts, Args args) {
     int32_t rewritten = 0;
     std::vector<std::string> unreadable, refused;
     if (all) users.push_back(std::string());
+    LibraryProgress progress(s.get(), "rekey", quiet);
     for (const std::string &user : users) {
         ZelRekeyReport *raw = nullptr;
         ZelRC rc = Zel_rekeyTargetRecords(s.get(), all ? nullptr : user.c_str(), &raw);
@@ -81,6 +84,7 @@ int run_record_rekey(const Options &opts, Args args) {
         }
         if (rc != 0) break;
     }
+    progress.done();
     if (opts.json) {
         auto list = [](const std::vector<std::string> &dns) {
             std::string text;

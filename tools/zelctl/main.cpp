@@ -37,7 +37,7 @@ const Command kCommands[] = {
      "record list USER | get USER ID | remove USER ID     (--reveal shows passwords)\n"
      "     | add|update USER ID --service S [--type T] [--account A] [--description D]\n"
      "       [--password-file F | --password-stdin]        (else a prompt on a terminal)\n"
-     "     | rekey USER... | rekey --all    stored passwords rewritten under ZEL_KEYFILE's active key\n"
+     "     | rekey USER... | rekey --all [--quiet]   stored passwords rewritten under ZEL_KEYFILE's active key\n"
      "     | import-csv FILE [--dry-run]    rows: user, resource or group, account, password[, description]\n"
      "     (add, update, remove, rekey: [--dry-run])\n"},
     {"key", run_key, "key generate FILE [--add] [--dry-run]   a new key file (mode 0600), or a new active key in FILE\n"},
@@ -47,7 +47,7 @@ const Command kCommands[] = {
      "credential explain USER RESOURCE [--json]  which record answers, and why\n"},
     {"db", run_db,
      "db create SUFFIX [--admin DN|CN] [--admin-uid U] [--admin-password-file F]\n"
-     "          [--create-suffix] [--default-types] [--extended] | remove [--yes]   [--dry-run]\n"
+     "          [--create-suffix] [--default-types] [--extended] | remove [--yes] [--quiet]   [--dry-run]\n"
      "   (a first-generation session unless --api-version says otherwise)\n"},
     {"doctor", run_doctor,
      "doctor [--user DN --user-password-file F]   a read-only check of the deployment;\n"

@@ -98,13 +98,13 @@ _zelctl() {
         "record get"|"record list"|"credential get") opts="--reveal" ;;
         "credential explain") opts="--json" ;;
         "record add"|"record update") opts="--service --type --account --description --password-file --password-stdin --dry-run" ;;
-        "record rekey") opts="--all --dry-run" ;;
+        "record rekey") opts="--all --quiet --dry-run" ;;
         "record import-csv") opts="--dry-run --quiet" ;;
         import\ *) opts="--dry-run --quiet" ;;
         "key generate") opts="--add --dry-run" ;;
         "domain add"|"domain update") opts="--description --member --dry-run" ;;
         "db create") opts="--admin --admin-uid --admin-password-file --create-suffix --default-types --extended --dry-run" ;;
-        "db remove") opts="--yes --dry-run" ;;
+        "db remove") opts="--yes --quiet --dry-run" ;;
         "person add") opts="--cn --sn --uid --description --password-file --type --dry-run" ;;
     esac
     if [[ $cur == -* ]]; then

@@ -4,6 +4,7 @@
 
 #include "ZelAudit.h"
 #include "ZelDatabase.h"
+#include "ZelProgress.h"
 
 namespace {
 
@@ -64,6 +65,16 @@ ZelRC probe_schema(ZelSession *s) {
     return rc == 0 ? 0 : check_LDAP_rc(s, rc, 0, "ldap_modify_s()");
 }
 
+// The entries a removal of the subtree at dn will delete, dn included; -1
+// when they cannot be listed, and the removal goes on without a total.
+int64_t count_subtree(ZelSession *s, const char *dn) {
+    char no_attributes[] = LDAP_NO_ATTRS;
+    char *attrs[] = {no_attributes, nullptr};
+    zel::SearchPages res;
+    if (zel::search_all(s, dn, LDAP_SCOPE_SUBTREE, "(objectClass=*)", attrs, res) != LDAP_SUCCESS) return -1;
+    return res.count(s->ld);
+}
+
 }  // namespace
 
 extern "C" {
@@ -77,8 +88,12 @@ ZEL_API ZelRC Zel_removeDatabase(ZelSession *s) {
         if (s->version > 1) return rc = ZEL_RC_UNSUPPORTED_VERSION;
         if (probes_schema(s->dir_kind) && (rc = probe_schema(s)) != 0) return rc;
         if ((rc = zel::ensure_database_dn(s)) != 0) return rc;
+        zel::ProgressRun progress(s);
+        // Listed only for a caller who watches: without a hook removal costs what it did.
+        if (progress.wanted()) progress.set_total(count_subtree(s, s->database_dn));
         // Only the database's own subtree goes: the suffix and the persons stay.
-        return rc = delete_tree(s, s->database_dn);
+        if ((rc = delete_tree(s, s->database_dn)) == 0) progress.finish();
+        return rc;
     });
 }
 

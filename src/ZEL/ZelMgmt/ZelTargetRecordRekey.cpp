@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "ZelAudit.h"
+#include "ZelProgress.h"
 #include "ZelTargetRecord.h"
 #include "platform/password_mask.h"
 
@@ -107,38 +108,62 @@ ZelRC rekey_entry(ZelSession *s, LDAPMessage *entry, Tally &tally) {
 }
 
 ZelRC rekey_result(ZelSession *s, const zel::SearchPages &res, Tally &tally) {
-    return res.each_entry(s->ld, [&](LDAPMessage *e) { return rekey_entry(s, e, tally); });
+    return res.each_entry(s->ld, [&](LDAPMessage *e) {
+        ZelRC rc = rekey_entry(s, e, tally);
+        zel::progress_step(s);
+        return rc;
+    });
+}
+
+// One search of the run: its pages and its LDAP result.  Every search is
+// made before the first rewrite, so that the run knows how many records it
+// will visit.
+struct Listing {
+    zel::SearchPages res;
+    int lrc = LDAP_SUCCESS;
+};
+
+int64_t records_listed(ZelSession *s, const std::vector<Listing> &lists) {
+    int64_t n = 0;
+    for (const Listing &l : lists) n += l.res.count(s->ld);
+    return n;
 }
 
 // The records of one Zel user, in every form the session reads them in.
-ZelRC rekey_user(ZelSession *s, const char *user, Tally &tally) {
+ZelRC rekey_user(ZelSession *s, const char *user, zel::ProgressRun &progress, Tally &tally) {
     bool v1 = zel::first_generation(s);
     std::vector<int32_t> modes;
     if (v1 || s->database_dn) modes.push_back(zel::kFirstGenerationMode);
     if (!v1) modes.push_back(zel::kDomainMode);
+    std::vector<Listing> lists(modes.size());
     size_t missing = 0;
-    for (int32_t mode : modes) {
-        zel::SearchPages res;
-        ZelRC rc = zel::list_records(s, user, mode, res);
+    for (size_t i = 0; i < modes.size(); ++i) {
+        ZelRC rc = zel::list_records(s, user, modes[i], lists[i].res);
         if (rc == ZEL_RC_USER_NOT_FOUND) ++missing;
         else if (!zel::search_made(rc)) return rc;
-        if ((rc = rekey_result(s, res, tally)) != 0) return rc;
     }
+    progress.set_total(records_listed(s, lists));
+    for (const Listing &l : lists)
+        if (ZelRC rc = rekey_result(s, l.res, tally)) return rc;
     return missing == modes.size() ? ZEL_RC_USER_NOT_FOUND : 0;
 }
 
 // Every target record of either form under the session's suffixes, page by
 // page.  A suffix that cannot be searched is noted and the next one taken;
 // what its pages read before the failure is rewritten all the same.
-ZelRC rekey_all(ZelSession *s, Tally &tally) {
+ZelRC rekey_all(ZelSession *s, zel::ProgressRun &progress, Tally &tally) {
     char filter[] = "(|(objectClass=secResCreds)(objectClass=eTargetRecord))";
     char *attrs[] = {const_cast<char *>("secAuthnData"), const_cast<char *>("secretKey"), nullptr};
+    std::vector<Listing> lists;
     for (ZelSuffixNode *n = s->suffixes; n; n = n->next) {
-        zel::SearchPages res;
-        int lrc = zel::search_all(s, n->suffix, LDAP_SCOPE_SUBTREE, filter, attrs, res);
-        if (ZelRC rc = rekey_result(s, res, tally)) return rc;
-        if (lrc == LDAP_SUCCESS) continue;
-        ZelRC rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+        lists.emplace_back();
+        lists.back().lrc = zel::search_all(s, n->suffix, LDAP_SCOPE_SUBTREE, filter, attrs, lists.back().res);
+    }
+    progress.set_total(records_listed(s, lists));
+    for (const Listing &l : lists) {
+        if (ZelRC rc = rekey_result(s, l.res, tally)) return rc;
+        if (l.lrc == LDAP_SUCCESS) continue;
+        ZelRC rc = check_LDAP_rc(s, static_cast<uint32_t>(l.lrc), 0, "ldap_search_ext_s()");
         if (ends_run(rc)) return rc;
         tally.note(rc);
     }
@@ -180,7 +205,9 @@ ZelRC rekey_target_records(ZelSession *s, const char *user, ZelRekeyReport **out
     // Nothing is read before the key file is known to be usable.
     if (plat::util_key_file_state() == plat::KeyFileState::refused) return rc = ZEL_RC_SYSTEM_ERROR;
     Tally tally;
-    if ((rc = user ? rekey_user(s, user, tally) : rekey_all(s, tally)) != 0) return rc;
+    zel::ProgressRun progress(s);
+    if ((rc = user ? rekey_user(s, user, progress, tally) : rekey_all(s, progress, tally)) != 0) return rc;
+    progress.finish();
     zel::tracef(s, zel::kTraceProgress, "zelmgmt:Rewrote %d stored passwords, %d left unreadable, %d refused.\n",
                 static_cast<int>(tally.rewritten), static_cast<int>(tally.unreadable.size()),
                 static_cast<int>(tally.failed.size()));

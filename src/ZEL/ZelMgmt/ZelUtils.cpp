@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "ZelProgress.h"
 #include "zel_internal.h"
 
 namespace {
@@ -145,7 +146,10 @@ ZelRC delete_tree(ZelSession *s, const char *dn) {
         if (!filter) return rc = ZEL_RC_NO_MEMORY;
 
         int lrc = plat::ldap_delete_ext_s(s->ld, dn, nullptr, nullptr);
-        if (lrc == LDAP_SUCCESS) return rc;
+        if (lrc == LDAP_SUCCESS) {
+            zel::progress_step(s);
+            return rc;
+        }
         if (lrc != LDAP_NOT_ALLOWED_ON_NONLEAF)
             return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_delete_ext_s()");
 
@@ -166,7 +170,8 @@ ZelRC delete_tree(ZelSession *s, const char *dn) {
         if (rc != 0) return rc;
 
         lrc = plat::ldap_delete_ext_s(s->ld, dn, nullptr, nullptr);
-        if (lrc != LDAP_SUCCESS) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_delete_ext_s()");
+        if (lrc != LDAP_SUCCESS) return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_delete_ext_s()");
+        zel::progress_step(s);
         return rc;
     });
 }

@@ -43,6 +43,16 @@ struct ZelAuditTrail;
 // Field order is fixed: the tag must be the first four bytes.
 namespace zel { class UserCache; }
 
+// The caller's progress hook (Zel_setProgressCallback) and the count of the
+// long-running call that reports to it now; ZelProgress.h drives it.
+struct ZelProgressHook {
+    ZelProgressFn fn;          // null: nobody is told
+    void *context;
+    int32_t running;           // a long-running call is counting
+    int64_t done;
+    int64_t total;             // -1 until the call has listed its entries
+};
+
 struct ZelSession {
     char tag[4];               // "ZEL" and NUL while the handle is live
     uint32_t version;          // API version: below 2 first-generation, 2 security domain
@@ -64,6 +74,7 @@ struct ZelSession {
     ZelAuditTrail *audit;           // null unless ZEL_AUDIT is set
     int32_t paged_results;     // the root DSE lists the paged-results control
     int32_t caller_referrals;       // a caller's handle chased referrals before open turned it off
+    ZelProgressHook progress;
 };
 
 namespace zel {
