@@ -172,6 +172,76 @@ INSTANTIATE_TEST_SUITE_P(Transports, PeerSambaAD, testing::Values(Transport::Pla
                              return std::string(info.param == Transport::Plain ? "Ldap" : "Ldaps");
                          });
 
+// The readers group: schema/ad-grant-readers.sh lets one security group read
+// the security domain and the Zel database.  A member's credential query
+// answers in both forms; a signed-in non-member gets nothing, and finds no
+// record below them by searching for it.
+TEST(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
+    std::string why;
+    SambaDc *dc = dc_or_skip(why);
+    if (!dc) GTEST_SKIP() << why;
+    const std::string pw = "Reader-pw-AD-1", agent = "CN=agent," + kPeople, outsider = "CN=outsider," + kPeople;
+    const std::string agents = "CN=Zel Agents," + kPeople, database = "systemName=ORVZEL," + kBase;
+    for (const char *name : {"ro", "agent", "outsider"}) dc->add_account(name, pw);
+    dc->add_group("Zel Agents", {agent});
+    seed_security_domain(*dc);
+
+    ZelReqIdentifier id{const_cast<char *>("resourceName"), const_cast<char *>("mail")};
+    ZelReqIdentifier *ids[] = {&id};
+    ZelTargetService mail{const_cast<char *>("mail"), const_cast<char *>("Web Resource"), nullptr, 1, ids};
+    const std::string ro_person = "CN=ro," + kPeople;
+    ZelUser ro = usertest::user_record("ro", "User", ro_person);
+    ZelTargetRecord first = record("T:mail", "mail", "ro.mail", "mail-pw"), second = record("T:app", "app", "ro.app", "app-pw");
+    Session v1 = open_on(*dc, Transport::Ldaps, 1, SambaDc::admin_dn(), dc->admin_password());
+    ASSERT_TRUE(v1);
+    Session v2;
+    std::vector<Step> setup = {
+        {"create database", [&] { return Zel_createDatabase(v1.get(), kBase.c_str(), SambaDc::admin_dn().c_str(),
+                                                              nullptr, nullptr, ZEL_CREATEDB_XR_DEFAULTS); }},
+        {"add service", [&] { return Zel_addTargetService(v1.get(), &mail); }},
+        {"add user", [&] { return Zel_addZelUser(v1.get(), &ro); }},
+        {"add record", [&] { return Zel_addTargetRecord(v1.get(), "ro", &first); }},
+        {"open security domain", [&] {
+             v2 = open_on(*dc, Transport::Ldaps, 2, SambaDc::admin_dn(), dc->admin_password());
+             return v2 ? 0u : 1u;
+         }},
+        {"add domain user", [&] { return Zel_addZelUser(v2.get(), &ro); }},
+        {"add domain record", [&] { return Zel_addTargetRecord(v2.get(), "ro", &second); }},
+    };
+    ASSERT_EQ(transcript(setup), expected(setup));
+
+    // First-generation profiles and their records sit below their people.
+    CommandResult granted = dc->grant_readers(agents, {kDomain, database, kPeople});
+    ASSERT_EQ(granted.status, 0) << granted.err << granted.out;
+    EXPECT_EQ(dc->grant_readers(agents, {kDomain}).out, kDomain + ": already granted\n") << "a second run changes nothing";
+
+    struct Case {
+        const std::string &who;
+        uint32_t version;
+        const char *resource;
+        std::string want;  // the open's status, or what the query answers
+    } cases[] = {
+        {agent, 1, "mail", "ro.mail/mail-pw"},
+        {agent, 2, "app", "ro.app/app-pw"},
+        {outsider, 1, "mail", "status 29"},  // the database is not there for it
+        {outsider, 2, "app", "open 35"},     // nor the security domain
+    };
+    for (const Case &c : cases) {
+        ZelRC rc = 0;
+        Session as = open_on(*dc, Transport::Ldaps, c.version, c.who, pw, &rc);
+        EXPECT_EQ(rc ? "open " + std::to_string(rc) : credential(as.get(), "ro", c.resource), c.want)
+            << c.who << " v" << c.version;
+    }
+    const std::string records = "(|(objectClass=eTargetRecord)(objectClass=secResCreds))";
+    CommandResult seen = dc->search_as(agent, pw, kBase, records, {"1.1"});
+    EXPECT_EQ(parse_ldif(seen.out).size(), 2u) << seen.err;
+    seen = dc->search_as(outsider, pw, kBase, records, {"1.1"});
+    EXPECT_TRUE(parse_ldif(seen.out).empty()) << seen.out;
+
+    EXPECT_EQ(Zel_removeZelUser(v2.get(), "ro"), 0u);
+    EXPECT_EQ(Zel_removeDatabase(v1.get()), 0u);
+}
+
 // On an AD network the realm's name resolves to the DC, and a subtree search
 // of the domain head answers with references to the configuration partition
 // under that name.  zelctl runs in a mount namespace of its own whose hosts
