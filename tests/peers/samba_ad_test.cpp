@@ -245,39 +245,90 @@ TEST(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
 // On an AD network the realm's name resolves to the DC, and a subtree search
 // of the domain head answers with references to the configuration partition
 // under that name.  zelctl runs in a mount namespace of its own whose hosts
-// file says so: chasing those references would fail every look-up.
-TEST(PeerSambaADRealm, LookupsWithTheRealmResolvingToTheDc) {
-    std::string why;
-    SambaDc *dc = dc_or_skip(why);
-    if (!dc) GTEST_SKIP() << why;
+// file says so (chasing those references would fail every look-up) and walks
+// every family in both forms, as an administrator would.
+class PeerSambaADRealm : public PeerSambaAD {};
+
+TEST_P(PeerSambaADRealm, LookupsWithTheRealmResolvingToTheDc) {
+    CommandResult probe = run_command({"unshare", "-m", "true"});
+    if (probe.status != 0) GTEST_SKIP() << "no private mount namespace here: " << probe.err;
+    const bool ssl = GetParam() == Transport::Ldaps;
+    const std::string rj = ssl ? "rjs" : "rj", person = "CN=" + rj + "," + kPeople, pz = ssl ? "pzs" : "pz";
+    dc->add_account(rj, "Rj-pw-AD-1");
+    const std::string records_pw = dc->password_file("record-pw"), person_pw = dc->password_file("Pz-pw-AD-1");
     std::string script = "mount --bind \"$1\" /etc/hosts || exit 99; getent hosts zel.test || exit 98; shift; "
                          "exec \"$@\"";
     std::vector<std::string> argv = {"unshare", "-m", "sh", "-c", script, "sh", dc->hosts_file(), ZELCTL_PATH,
-                                     "-H", dc->uri(), "-D", SambaDc::admin_dn(), "-y",
-                                     dc->password_file(dc->admin_password()), "--api-version", "1"};
-    CommandResult probe = run_command({"unshare", "-m", "true"});
-    if (probe.status != 0) GTEST_SKIP() << "no private mount namespace here: " << probe.err;
+                                     "-H", ssl ? dc->ldaps_uri() : dc->uri(), "-D", SambaDc::admin_dn(), "-y",
+                                     dc->password_file(dc->admin_password())};
+    if (ssl) argv.insert(argv.end(), {"--ca", dc->ca_file()});
 
-    auto run = [&](std::vector<std::string> args) {
-        std::vector<std::string> full = argv;
-        full.insert(full.end(), args.begin(), args.end());
-        return run_command(full);
+    struct Walk {
+        const char *version;
+        std::vector<std::string> args;
+        int exit = 0;
+        std::string shows = "";  // in the output
     };
-    CommandResult info = run({"info"});
-    ASSERT_EQ(info.status, 0) << info.out << info.err;
-    EXPECT_NE(info.out.find(dc->address() + " "), std::string::npos) << "the realm must resolve: " << info.out;
-    EXPECT_NE(info.out.find("active-directory"), std::string::npos) << info.out;
-    for (std::vector<std::string> step : {std::vector<std::string>{"db", "create", kBase, "--default-types", "--admin",
-                                                                    SambaDc::admin_dn()},
-                                          {"service", "add", "wiki", "--type", "Web Resource", "--id",
-                                           "resourceName=wiki"},
-                                          {"service", "list"}, {"service", "remove", "wiki"}, {"db", "remove", "--yes"}}) {
-        CommandResult r = run(step);
-        EXPECT_EQ(r.status, 0) << step[0] << " " << step[1] << ": " << r.err;
-        if (step[1] == "list") {
-            EXPECT_NE(r.out.find("wiki"), std::string::npos) << r.out;
-        }
+    const std::vector<std::string> record_pw = {"--password-file", records_pw};
+    auto with_pw = [&](std::vector<std::string> args) {
+        args.insert(args.end(), record_pw.begin(), record_pw.end());
+        return args;
+    };
+    const std::vector<Walk> walk = {
+        {"1", {"info"}, 0, "active-directory"},
+        {"1", {"db", "create", kBase, "--default-types", "--admin", SambaDc::admin_dn()}},
+        {"1", {"service-type", "add", "Mail", "--id", "mailbox"}},
+        {"1", {"service", "add", "wiki", "--type", "Web Resource", "--id", "resourceName=wiki"}},
+        {"1", {"service", "list"}, 0, "wiki"},
+        {"1", {"domain", "add", "staff", "--member", "wiki"}},
+        // A password goes to AD only over an encrypted connection.
+        {"1", {"person", "add", kPeople, "--cn", pz, "--sn", "Pz", "--uid", pz, "--password-file", person_pw, "--type",
+               "User"}, ssl ? 0 : 1, ssl ? "" : "status 7"},
+        {"1", {"user", "add", rj, "--type", "User", "--person", person}},
+        {"1", {"user", "update", rj, "--disabled"}},
+        {"1", {"user", "update", rj, "--enabled"}},
+        {"1", with_pw({"record", "add", rj, "T:wiki", "--service", "wiki", "--account", ""})},
+        // A group's record needs the group's own "Resource Group" service, as on slapd.
+        {"1", with_pw({"record", "add", rj, "G:staff", "--service", "staff", "--account", "rj.staff"}), 1, "status 14"},
+        {"1", {"service", "add", "staff", "--type", "Resource Group", "--id", "groupName=staff"}},
+        {"1", with_pw({"record", "add", rj, "G:staff", "--service", "staff", "--account", "rj.staff"})},
+        {"1", {"record", "get", rj, "G:staff"}, 0, "rj.staff"},
+        {"1", {"record", "remove", rj, "T:wiki"}},
+        {"1", {"credential", "get", rj, "wiki"}, 0, "rj.staff"},
+        {"1", {"user", "remove", rj}},
+        {"2", {"service", "add", "app", "--type", "Web Resource"}, 1, "status 5"},  // seeded
+        {"2", {"domain", "add", "ops", "--member", "app"}},
+        {"2", {"service", "add", "ops", "--type", "Resource Group"}},
+        {"2", {"user", "add", rj, "--type", "User", "--person", person}},
+        {"2", {"user", "update", rj, "--disabled"}},
+        {"2", {"user", "update", rj, "--enabled"}},
+        {"2", with_pw({"record", "add", rj, "G:ops", "--service", "ops", "--account", "rj.ops"})},
+        {"2", {"credential", "get", rj, "app"}, 0, "rj.ops"},
+        {"2", {"user", "remove", rj}},
+        {"2", {"domain", "remove", "ops"}},
+        {"2", {"service", "remove", "ops"}},
+        {"1", {"db", "remove", "--yes"}},
+    };
+    seed_security_domain(*dc);
+    std::string got, want;
+    for (const Walk &w : walk) {
+        std::vector<std::string> full = argv;
+        full.insert(full.end(), {"--api-version", w.version});
+        full.insert(full.end(), w.args.begin(), w.args.end());
+        CommandResult r = run_command(full);
+        ASSERT_NE(r.status, 98) << "the realm must resolve to the DC";
+        std::string step = "v" + std::string(w.version) + " " + w.args[0] + " " + (w.args.size() > 1 ? w.args[1] : "");
+        got += step + " = " + std::to_string(r.status) + ((r.out + r.err).find(w.shows) == std::string::npos
+                                                                 ? " without \"" + w.shows + "\": " + r.out + r.err
+                                                                 : "") + "\n";
+        want += step + " = " + std::to_string(w.exit) + "\n";
     }
+    EXPECT_EQ(got, want);
 }
+
+INSTANTIATE_TEST_SUITE_P(Transports, PeerSambaADRealm, testing::Values(Transport::Plain, Transport::Ldaps),
+                         [](const testing::TestParamInfo<Transport> &info) {
+                             return std::string(info.param == Transport::Plain ? "Ldap" : "Ldaps");
+                         });
 
 }  // namespace
