@@ -36,7 +36,7 @@ while getopts "H:D:y:" opt; do
     esac
 done
 shift $((OPTIND - 1))
-[ -n "$bind_dn" ] && [ -n "$pw_file" ] && [ $# -ge 2 ] || usage
+if [ -z "$bind_dn" ] || [ -z "$pw_file" ] || [ $# -lt 2 ]; then usage; fi
 group_dn=$1
 shift
 
@@ -66,7 +66,7 @@ ace=(0 2 $(((8 + ${#sid[@]}) & 255)) $(((8 + ${#sid[@]}) >> 8)) 148 0 2 0 "${sid
 
 status=0
 for entry in "$@"; do
-    sd_b64=$(read_binary "$entry" nTSecurityDescriptor -E "!$sd_flags_oid=::$sd_flags_value") || { status=1; continue; }
+    sd_b64=$(read_binary "$entry" nTSecurityDescriptor -E "!$sd_flags_oid=::$sd_flags_value") || sd_b64=""
     [ -n "$sd_b64" ] || { echo "${0##*/}: $entry: its security descriptor is not readable" >&2; status=1; continue; }
     read -r -a sd <<< "$(bytes_of "$sd_b64" | tr '\n' ' ')"
     control=$(le16 "${sd[2]}" "${sd[3]}")
@@ -101,6 +101,7 @@ for entry in "$@"; do
         "$entry" "$sd_flags_oid" "$sd_flags_value" "$value" | ldapmodify "${tool_args[@]}" > /dev/null; then
         echo "$entry: granted to $group_dn"
     else
+        echo "${0##*/}: $entry: the directory refused the new DACL" >&2
         status=1
     fi
 done
