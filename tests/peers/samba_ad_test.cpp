@@ -116,6 +116,11 @@ TEST_P(PeerSambaAD, EveryFamilyInBothStorageForms) {
                   const_cast<char *>("Ann"), nullptr, const_cast<char *>(ann_cn.c_str()),
                   const_cast<char *>(ann_pw.c_str())};
     ZelSession *z = s.get();
+    // 0 while jo's person is in the access group its type "User" joins, 1 once not.
+    auto in_users_group = [&] {
+        return dc->search("cn=Users,cn=Access Groups,systemName=ORVZEL," + kBase, "(member=" + jo_person + ")",
+                          {"1.1"}).empty() ? 1u : 0u;
+    };
     std::vector<Step> first = {
         // The default administrator's password would not pass AD's policy: the DC's own signs in.
         {"create database", [&] { return Zel_createDatabase(z, kBase.c_str(), SambaDc::admin_dn().c_str(), nullptr,
@@ -126,6 +131,7 @@ TEST_P(PeerSambaAD, EveryFamilyInBothStorageForms) {
         {"add service", [&] { return Zel_addTargetService(z, &mail); }},
         {"add domain", [&] { return Zel_addZelDomain(z, &east.d); }},
         {"add user", [&] { return Zel_addZelUser(z, &user); }},
+        {"user joined its group", in_users_group},
         // AD keeps no empty value: an empty account is no attribute, read back as none.
         {"add record with empty account", [&] { return Zel_addTargetRecord(z, jo.c_str(), &empty); }},
         {"credential", [&] { return credential(z, jo.c_str(), "mail") == "(null)/mail-pw" ? 0u : 1u; }},
@@ -133,6 +139,7 @@ TEST_P(PeerSambaAD, EveryFamilyInBothStorageForms) {
         {"updated credential", [&] { return credential(z, jo.c_str(), "mail") == "jo.mail/mail-pw" ? 0u : 1u; }},
         {"remove record", [&] { return Zel_removeTargetRecord(z, jo.c_str(), "T:mail"); }},
         {"remove user", [&] { return Zel_removeZelUser(z, jo.c_str()); }},
+        {"user left its group", in_users_group, 1},
         {"remove domain", [&] { return Zel_removeZelDomain(z, "East"); }},
         {"remove service", [&] { return Zel_removeTargetService(z, "mail"); }},
         {"remove database", [&] { return Zel_removeDatabase(z); }},
