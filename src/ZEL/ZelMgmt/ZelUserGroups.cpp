@@ -112,7 +112,7 @@ ZelRC remove_ZelUser_from_group(ZelSession *s, const char *user_dn, const char *
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "remove_ZelUser_from_group", rc);
     return rc = zel::guarded([&]() -> ZelRC {
-        // Every kind: creation puts a user in its groups on every kind.
+        // Creation puts a user in its groups on every kind, so removal takes it out on every kind.
         if (s->database_dn == nullptr || user_dn == nullptr) return rc;
 
         zel::CText person_dn = zel::zeroed_buffer(zel::kDnSize);
