@@ -116,6 +116,11 @@ TEST_P(PeerSambaAD, EveryFamilyInBothStorageForms) {
                   const_cast<char *>("Ann"), nullptr, const_cast<char *>(ann_cn.c_str()),
                   const_cast<char *>(ann_pw.c_str())};
     ZelSession *z = s.get();
+    // 0 while jo's person is in the access group its type "User" joins, 1 once not.
+    auto in_users_group = [&] {
+        return dc->search("cn=Users,cn=Access Groups,systemName=ORVZEL," + kBase, "(member=" + jo_person + ")",
+                          {"1.1"}).empty() ? 1u : 0u;
+    };
     std::vector<Step> first = {
         // The default administrator's password would not pass AD's policy: the DC's own signs in.
         {"create database", [&] { return Zel_createDatabase(z, kBase.c_str(), SambaDc::admin_dn().c_str(), nullptr,
@@ -126,6 +131,7 @@ TEST_P(PeerSambaAD, EveryFamilyInBothStorageForms) {
         {"add service", [&] { return Zel_addTargetService(z, &mail); }},
         {"add domain", [&] { return Zel_addZelDomain(z, &east.d); }},
         {"add user", [&] { return Zel_addZelUser(z, &user); }},
+        {"user joined its group", in_users_group},
         // AD keeps no empty value: an empty account is no attribute, read back as none.
         {"add record with empty account", [&] { return Zel_addTargetRecord(z, jo.c_str(), &empty); }},
         {"credential", [&] { return credential(z, jo.c_str(), "mail") == "(null)/mail-pw" ? 0u : 1u; }},
@@ -133,6 +139,7 @@ TEST_P(PeerSambaAD, EveryFamilyInBothStorageForms) {
         {"updated credential", [&] { return credential(z, jo.c_str(), "mail") == "jo.mail/mail-pw" ? 0u : 1u; }},
         {"remove record", [&] { return Zel_removeTargetRecord(z, jo.c_str(), "T:mail"); }},
         {"remove user", [&] { return Zel_removeZelUser(z, jo.c_str()); }},
+        {"user left its group", in_users_group, 1},
         {"remove domain", [&] { return Zel_removeZelDomain(z, "East"); }},
         {"remove service", [&] { return Zel_removeTargetService(z, "mail"); }},
         {"remove database", [&] { return Zel_removeDatabase(z); }},
@@ -172,42 +179,163 @@ INSTANTIATE_TEST_SUITE_P(Transports, PeerSambaAD, testing::Values(Transport::Pla
                              return std::string(info.param == Transport::Plain ? "Ldap" : "Ldaps");
                          });
 
-// On an AD network the realm's name resolves to the DC, and a subtree search
-// of the domain head answers with references to the configuration partition
-// under that name.  zelctl runs in a mount namespace of its own whose hosts
-// file says so: chasing those references would fail every look-up.
-TEST(PeerSambaADRealm, LookupsWithTheRealmResolvingToTheDc) {
+// The readers group: schema/ad-grant-readers.sh lets one security group read
+// the security domain and the Zel database.  A member's credential query
+// answers in both forms; a signed-in non-member gets nothing, and finds no
+// record below them by searching for it.
+TEST(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
     std::string why;
     SambaDc *dc = dc_or_skip(why);
     if (!dc) GTEST_SKIP() << why;
+    const std::string pw = "Reader-pw-AD-1", agent = "CN=agent," + kPeople, outsider = "CN=outsider," + kPeople;
+    const std::string agents = "CN=Zel Agents," + kPeople, database = "systemName=ORVZEL," + kBase;
+    for (const char *name : {"ro", "agent", "outsider"}) dc->add_account(name, pw);
+    dc->add_group("Zel Agents", {agent});
+    seed_security_domain(*dc);
+
+    ZelReqIdentifier id{const_cast<char *>("resourceName"), const_cast<char *>("mail")};
+    ZelReqIdentifier *ids[] = {&id};
+    ZelTargetService mail{const_cast<char *>("mail"), const_cast<char *>("Web Resource"), nullptr, 1, ids};
+    const std::string ro_person = "CN=ro," + kPeople;
+    ZelUser ro = usertest::user_record("ro", "User", ro_person);
+    ZelTargetRecord first = record("T:mail", "mail", "ro.mail", "mail-pw"), second = record("T:app", "app", "ro.app", "app-pw");
+    Session v1 = open_on(*dc, Transport::Ldaps, 1, SambaDc::admin_dn(), dc->admin_password());
+    ASSERT_TRUE(v1);
+    Session v2;
+    std::vector<Step> setup = {
+        {"create database", [&] { return Zel_createDatabase(v1.get(), kBase.c_str(), SambaDc::admin_dn().c_str(),
+                                                              nullptr, nullptr, ZEL_CREATEDB_XR_DEFAULTS); }},
+        {"add service", [&] { return Zel_addTargetService(v1.get(), &mail); }},
+        {"add user", [&] { return Zel_addZelUser(v1.get(), &ro); }},
+        {"add record", [&] { return Zel_addTargetRecord(v1.get(), "ro", &first); }},
+        {"open security domain", [&] {
+             v2 = open_on(*dc, Transport::Ldaps, 2, SambaDc::admin_dn(), dc->admin_password());
+             return v2 ? 0u : 1u;
+         }},
+        {"add domain user", [&] { return Zel_addZelUser(v2.get(), &ro); }},
+        {"add domain record", [&] { return Zel_addTargetRecord(v2.get(), "ro", &second); }},
+    };
+    ASSERT_EQ(transcript(setup), expected(setup));
+
+    // First-generation profiles and their records sit below their people.
+    CommandResult granted = dc->grant_readers(agents, {kDomain, database, kPeople});
+    ASSERT_EQ(granted.status, 0) << granted.err << granted.out;
+    EXPECT_EQ(dc->grant_readers(agents, {kDomain}).out, kDomain + ": already granted\n") << "a second run changes nothing";
+
+    struct Case {
+        const std::string &who;
+        uint32_t version;
+        const char *resource;
+        std::string want;  // the open's status, or what the query answers
+    } cases[] = {
+        {agent, 1, "mail", "ro.mail/mail-pw"},
+        {agent, 2, "app", "ro.app/app-pw"},
+        {outsider, 1, "mail", "status 29"},  // the database is not there for it
+        {outsider, 2, "app", "open 35"},     // nor the security domain
+    };
+    for (const Case &c : cases) {
+        ZelRC rc = 0;
+        Session as = open_on(*dc, Transport::Ldaps, c.version, c.who, pw, &rc);
+        EXPECT_EQ(rc ? "open " + std::to_string(rc) : credential(as.get(), "ro", c.resource), c.want)
+            << c.who << " v" << c.version;
+    }
+    const std::string records = "(|(objectClass=eTargetRecord)(objectClass=secResCreds))";
+    CommandResult seen = dc->search_as(agent, pw, kBase, records, {"1.1"});
+    EXPECT_EQ(parse_ldif(seen.out).size(), 2u) << seen.err;
+    seen = dc->search_as(outsider, pw, kBase, records, {"1.1"});
+    EXPECT_TRUE(parse_ldif(seen.out).empty()) << seen.out;
+
+    EXPECT_EQ(Zel_removeZelUser(v2.get(), "ro"), 0u);
+    EXPECT_EQ(Zel_removeDatabase(v1.get()), 0u);
+}
+
+// On an AD network the realm's name resolves to the DC, and a subtree search
+// of the domain head answers with references to the configuration partition
+// under that name.  zelctl runs in a mount namespace of its own whose hosts
+// file says so (chasing those references would fail every look-up) and walks
+// every family in both forms, as an administrator would.
+class PeerSambaADRealm : public PeerSambaAD {};
+
+TEST_P(PeerSambaADRealm, LookupsWithTheRealmResolvingToTheDc) {
+    CommandResult probe = run_command({"unshare", "-m", "true"});
+    if (probe.status != 0) GTEST_SKIP() << "no private mount namespace here: " << probe.err;
+    const bool ssl = GetParam() == Transport::Ldaps;
+    const std::string rj = ssl ? "rjs" : "rj", person = "CN=" + rj + "," + kPeople, pz = ssl ? "pzs" : "pz";
+    dc->add_account(rj, "Rj-pw-AD-1");
+    const std::string records_pw = dc->password_file("record-pw"), person_pw = dc->password_file("Pz-pw-AD-1");
     std::string script = "mount --bind \"$1\" /etc/hosts || exit 99; getent hosts zel.test || exit 98; shift; "
                          "exec \"$@\"";
     std::vector<std::string> argv = {"unshare", "-m", "sh", "-c", script, "sh", dc->hosts_file(), ZELCTL_PATH,
-                                     "-H", dc->uri(), "-D", SambaDc::admin_dn(), "-y",
-                                     dc->password_file(dc->admin_password()), "--api-version", "1"};
-    CommandResult probe = run_command({"unshare", "-m", "true"});
-    if (probe.status != 0) GTEST_SKIP() << "no private mount namespace here: " << probe.err;
+                                     "-H", ssl ? dc->ldaps_uri() : dc->uri(), "-D", SambaDc::admin_dn(), "-y",
+                                     dc->password_file(dc->admin_password())};
+    if (ssl) argv.insert(argv.end(), {"--ca", dc->ca_file()});
 
-    auto run = [&](std::vector<std::string> args) {
-        std::vector<std::string> full = argv;
-        full.insert(full.end(), args.begin(), args.end());
-        return run_command(full);
+    struct Walk {
+        const char *version;
+        std::vector<std::string> args;
+        int exit = 0;
+        std::string shows = "";  // in the output
     };
-    CommandResult info = run({"info"});
-    ASSERT_EQ(info.status, 0) << info.out << info.err;
-    EXPECT_NE(info.out.find(dc->address() + " "), std::string::npos) << "the realm must resolve: " << info.out;
-    EXPECT_NE(info.out.find("active-directory"), std::string::npos) << info.out;
-    for (std::vector<std::string> step : {std::vector<std::string>{"db", "create", kBase, "--default-types", "--admin",
-                                                                    SambaDc::admin_dn()},
-                                          {"service", "add", "wiki", "--type", "Web Resource", "--id",
-                                           "resourceName=wiki"},
-                                          {"service", "list"}, {"service", "remove", "wiki"}, {"db", "remove", "--yes"}}) {
-        CommandResult r = run(step);
-        EXPECT_EQ(r.status, 0) << step[0] << " " << step[1] << ": " << r.err;
-        if (step[1] == "list") {
-            EXPECT_NE(r.out.find("wiki"), std::string::npos) << r.out;
-        }
+    const std::vector<std::string> record_pw = {"--password-file", records_pw};
+    auto with_pw = [&](std::vector<std::string> args) {
+        args.insert(args.end(), record_pw.begin(), record_pw.end());
+        return args;
+    };
+    const std::vector<Walk> walk = {
+        {"1", {"info"}, 0, "active-directory"},
+        {"1", {"db", "create", kBase, "--default-types", "--admin", SambaDc::admin_dn()}},
+        {"1", {"service-type", "add", "Mail", "--id", "mailbox"}},
+        {"1", {"service", "add", "wiki", "--type", "Web Resource", "--id", "resourceName=wiki"}},
+        {"1", {"service", "list"}, 0, "wiki"},
+        {"1", {"domain", "add", "staff", "--member", "wiki"}},
+        // A password goes to AD only over an encrypted connection.
+        {"1", {"person", "add", kPeople, "--cn", pz, "--sn", "Pz", "--uid", pz, "--password-file", person_pw, "--type",
+               "User"}, ssl ? 0 : 1, ssl ? "" : "status 7"},
+        {"1", {"user", "add", rj, "--type", "User", "--person", person}},
+        {"1", {"user", "update", rj, "--disabled"}},
+        {"1", {"user", "update", rj, "--enabled"}},
+        {"1", with_pw({"record", "add", rj, "T:wiki", "--service", "wiki", "--account", ""})},
+        // A group's record needs the group's own "Resource Group" service, as on slapd.
+        {"1", with_pw({"record", "add", rj, "G:staff", "--service", "staff", "--account", "rj.staff"}), 1, "status 14"},
+        {"1", {"service", "add", "staff", "--type", "Resource Group", "--id", "groupName=staff"}},
+        {"1", with_pw({"record", "add", rj, "G:staff", "--service", "staff", "--account", "rj.staff"})},
+        {"1", {"record", "get", rj, "G:staff"}, 0, "rj.staff"},
+        {"1", {"record", "remove", rj, "T:wiki"}},
+        {"1", {"credential", "get", rj, "wiki"}, 0, "rj.staff"},
+        {"1", {"user", "remove", rj}},
+        {"2", {"service", "add", "app", "--type", "Web Resource"}, 1, "status 5"},  // seeded
+        {"2", {"domain", "add", "ops", "--member", "app"}},
+        {"2", {"service", "add", "ops", "--type", "Resource Group"}},
+        {"2", {"user", "add", rj, "--type", "User", "--person", person}},
+        {"2", {"user", "update", rj, "--disabled"}},
+        {"2", {"user", "update", rj, "--enabled"}},
+        {"2", with_pw({"record", "add", rj, "G:ops", "--service", "ops", "--account", "rj.ops"})},
+        {"2", {"credential", "get", rj, "app"}, 0, "rj.ops"},
+        {"2", {"user", "remove", rj}},
+        {"2", {"domain", "remove", "ops"}},
+        {"2", {"service", "remove", "ops"}},
+        {"1", {"db", "remove", "--yes"}},
+    };
+    seed_security_domain(*dc);
+    std::string got, want;
+    for (const Walk &w : walk) {
+        std::vector<std::string> full = argv;
+        full.insert(full.end(), {"--api-version", w.version});
+        full.insert(full.end(), w.args.begin(), w.args.end());
+        CommandResult r = run_command(full);
+        ASSERT_NE(r.status, 98) << "the realm must resolve to the DC";
+        std::string step = "v" + std::string(w.version) + " " + w.args[0] + " " + (w.args.size() > 1 ? w.args[1] : "");
+        got += step + " = " + std::to_string(r.status) + ((r.out + r.err).find(w.shows) == std::string::npos
+                                                                 ? " without \"" + w.shows + "\": " + r.out + r.err
+                                                                 : "") + "\n";
+        want += step + " = " + std::to_string(w.exit) + "\n";
     }
+    EXPECT_EQ(got, want);
 }
+
+INSTANTIATE_TEST_SUITE_P(Transports, PeerSambaADRealm, testing::Values(Transport::Plain, Transport::Ldaps),
+                         [](const testing::TestParamInfo<Transport> &info) {
+                             return std::string(info.param == Transport::Plain ? "Ldap" : "Ldaps");
+                         });
 
 }  // namespace

@@ -250,6 +250,20 @@ void SambaDc::add_account(const std::string &name, const std::string &password) 
     if (r.status != 0) throw std::runtime_error("adding account " + name + " failed: " + r.err);
 }
 
+void SambaDc::add_group(const std::string &name, const std::vector<std::string> &member_dns) const {
+    std::string ldif = "dn: CN=" + name + ",CN=Users," + base() + "\nobjectClass: group\nsAMAccountName: " + name + "\n";
+    for (const std::string &m : member_dns) ldif += "member: " + m + "\n";
+    CommandResult r = modify(ldif, true);
+    if (r.status != 0) throw std::runtime_error("adding group " + name + " failed: " + r.err);
+}
+
+CommandResult SambaDc::grant_readers(const std::string &group_dn, const std::vector<std::string> &entry_dns) const {
+    std::vector<std::string> argv = {std::string(ZEL_SOURCE_DIR) + "/schema/ad-grant-readers.sh", "-H", ldaps_uri(),
+                                     "-D", admin_dn(), "-y", password_file(admin_password_), group_dn};
+    argv.insert(argv.end(), entry_dns.begin(), entry_dns.end());
+    return run_command(argv, "", tls_env());
+}
+
 std::string SambaDc::hosts_file() const {
     std::string path = dir_ + "/hosts";
     write_file(path, "127.0.0.1 localhost\n" + address_ + " zel.test zeldc.zel.test\n");

@@ -112,9 +112,8 @@ ZelRC remove_ZelUser_from_group(ZelSession *s, const char *user_dn, const char *
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "remove_ZelUser_from_group", rc);
     return rc = zel::guarded([&]() -> ZelRC {
+        // Creation puts a user in its groups on every kind, so removal takes it out on every kind.
         if (s->database_dn == nullptr || user_dn == nullptr) return rc;
-        // Active Directory (and an undetermined kind) keeps no access groups.
-        if (s->dir_kind < ZEL_DIR_ORV || s->dir_kind > ZEL_DIR_GENERIC) return rc;
 
         zel::CText person_dn = zel::zeroed_buffer(zel::kDnSize);
         if (!person_dn) return rc = ZEL_RC_NO_MEMORY;
