@@ -31,7 +31,8 @@ std::string fields(const ZelTargetService *t) {
 std::vector<std::string> listed_types(ZelSession *s) {
     ZelTargetServiceTypeList *raw = nullptr;
     ZelRC rc = Zel_getAllTargetServiceType(s, &raw);
-    std::unique_ptr<ZelTargetServiceTypeList, void (*)(ZelTargetServiceTypeList *)> list(raw, Zel_freeTargetServiceTypes);
+    std::unique_ptr<ZelTargetServiceTypeList, void (*)(ZelTargetServiceTypeList *)> list(raw,
+                                                                                        Zel_freeTargetServiceTypes);
     if (rc != 0) {
         EXPECT_EQ(raw, nullptr);
         return {std::to_string(rc)};

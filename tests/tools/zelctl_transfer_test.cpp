@@ -62,7 +62,8 @@ protected:
     void write_demo_data(const Directory &dir) {
         create_database(dir);
         // A type of the demo's own, kept in the Zel database.
-        ASSERT_EQ(zeltest::zelctl(dir, {"service-type", "add", "Web Application", "--id", "url", "--id", "port"}).status, 0);
+        const std::vector<std::string> type = {"service-type", "add", "Web Application", "--id", "url", "--id", "port"};
+        ASSERT_EQ(zeltest::zelctl(dir, type).status, 0);
         const std::vector<std::vector<std::string>> steps = {
             {"service", "add", "intranet", "--type", "Web Resource", "--description", "Intranet"},
             {"service", "add", "mail", "--type", "Web Resource", "--description", "Mail"},

@@ -1,8 +1,9 @@
 // zelctl import: an export document written back.  What is missing is
 // created, what differs is updated, what is equal is left alone, in the order
 // the objects depend on each other (service types, services, resource
-// groups, users, records).  Every object is one library call, so a failed one is reported
-// and the rest go on; --dry-run reports the same without writing.
+// groups, users, records).  Every object is one library call, so a failed
+// one is reported and the rest go on; --dry-run reports the same without
+// writing.
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -290,7 +291,8 @@ private:
     static bool same_record(const DocRecord &d, const ZelTargetRecord &wanted, const ZelTargetRecord *old) {
         return same(d.service, old->targetServiceName) && same(d.account, old->userId) &&
                same(d.description, old->description) &&
-               (wanted.password == nullptr || (old->password != nullptr && std::strcmp(wanted.password, old->password) == 0));
+               (wanted.password == nullptr ||
+                (old->password != nullptr && std::strcmp(wanted.password, old->password) == 0));
     }
 
     void compare_and_write(const DocRecord &d, const std::string &name, ZelTargetRecord &wanted) {
@@ -381,7 +383,9 @@ int run_import(const Options &given_opts, Args args) {
     Session s(open_session(opts));
     if (!s) return 1;
     Importer importer(s.get(), opts, dry_run);
-    Progress progress("import", doc.types.size() + doc.services.size() + doc.groups.size() + doc.users.size() + doc.records.size(),
+    Progress progress("import",
+                      doc.types.size() + doc.services.size() + doc.groups.size() + doc.users.size() +
+                          doc.records.size(),
                       quiet);
     if (!doc.types.empty()) importer.read_types();
     for (const DocServiceType &d : doc.types) importer.service_type(d), progress.step();

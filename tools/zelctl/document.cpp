@@ -47,7 +47,8 @@ struct Reader {
         if (it == j.end()) return true;
         if (!it->is_array()) return fail(where + "." + key, "a list is needed");
         for (size_t i = 0; i < it->size(); ++i) {
-            if (!(*it)[i].is_string()) return fail(where + "." + key + "[" + std::to_string(i) + "]", "a text is needed");
+            if (!(*it)[i].is_string())
+                return fail(where + "." + key + "[" + std::to_string(i) + "]", "a text is needed");
             out.push_back((*it)[i].get<std::string>());
         }
         return true;
@@ -100,7 +101,8 @@ void Document::sort() {
 std::string document_text(const Document &doc, const std::string &exported) {
     json out = {{"format", kDocumentFormat}, {"version", kDocumentVersion}, {"exported", exported},
                 {"storage", doc.storage}, {"passwords", doc.passwords}};
-    json types = json::array(), services = json::array(), groups = json::array(), users = json::array(), records = json::array();
+    json types = json::array(), services = json::array(), groups = json::array(), users = json::array(),
+         records = json::array();
     for (const DocServiceType &t : doc.types) types.push_back({{"name", t.name}, {"identifiers", t.identifiers}});
     for (const DocService &s : doc.services) {
         json j = {{"name", s.name}, {"identifiers", pairs_json(s.identifiers, "name", "value")}};
