@@ -234,6 +234,19 @@ ZEL_API ZelRC Zel_addTargetServiceType(ZelSession *s, const ZelTargetServiceType
 ZEL_API ZelRC Zel_removeTargetService(ZelSession *s, const char *name);
 ZEL_API ZelRC Zel_removeTargetServiceType(ZelSession *s, const char *typeName);
 
+/* An addition of ours: every target service type the session sees, read page
+ * by page.  Types are entries of the Zel database: a first-generation session
+ * locates it, a security domain session lists them when it knows it (its own
+ * "Web Resource" and "Resource Group" are built in and have no entry).  As
+ * Zel_getAllTargetService answers 14, none found answers 8 with a null list. */
+typedef struct ZelTargetServiceTypeList {
+    int32_t count;
+    ZelTargetServiceType **types;
+} ZelTargetServiceTypeList;
+
+ZEL_API ZelRC Zel_getAllTargetServiceType(ZelSession *s, ZelTargetServiceTypeList **out);
+ZEL_API void Zel_freeTargetServiceTypes(ZelTargetServiceTypeList *l);
+
 /* Zel users. */
 ZEL_API ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u);
 ZEL_API ZelRC Zel_updateZelUser(ZelSession *s, const ZelUser *u);
@@ -384,6 +397,29 @@ typedef struct ZelRekeyReport {
     int32_t failedCount;
     char **failed;            /* DNs of the entries the directory refused to rewrite */
 } ZelRekeyReport;
+
+/* Every target record the session sees with the Zel user it belongs to, for
+ * tools that compare many records at once (an import): a few searches, read
+ * page by page, where reading user by user asks at least three per user.  The
+ * users are those Zel_getAllZelUser lists; a record belongs to the user entry
+ * it lies below.  Security domain records first, then those of the Zel
+ * database (when the session knows it, or is of the first generation), each
+ * in the directory's order.  Passwords are in clear, as
+ * Zel_getAllTargetRecord hands them out (and audited alike); one that cannot
+ * be read fails the call (1013).  An empty list is success. */
+typedef struct ZelUserTargetRecord {
+    char *userName;
+    int32_t form;              /* ZEL_FORM_* the record is stored in */
+    ZelTargetRecord *record;
+} ZelUserTargetRecord;
+
+typedef struct ZelUserTargetRecordList {
+    int32_t count;
+    ZelUserTargetRecord **records;
+} ZelUserTargetRecordList;
+
+ZEL_API ZelRC Zel_getAllUserTargetRecord(ZelSession *s, ZelUserTargetRecordList **out);
+ZEL_API void Zel_freeUserTargetRecords(ZelUserTargetRecordList *l);
 
 ZEL_API ZelRC Zel_rekeyTargetRecords(ZelSession *s, const char *user, ZelRekeyReport **out);
 ZEL_API void Zel_freeRekeyReport(ZelRekeyReport *report);

@@ -50,6 +50,19 @@ def test_services_round_trip(session):
     assert e.value.status == 14
 
 
+def test_service_types_live_in_the_zel_database(directory):
+    with zelmgmt.Session(directory.uri, ADMIN, password_file=str(directory.password_file), version=1) as s:
+        with pytest.raises(zelmgmt.Error) as e:
+            s.get_all_target_service_types()
+        assert e.value.status == 29  # no database yet
+        s.create_database(SUFFIX)
+        try:
+            s.add_target_service_type(zelmgmt.ServiceType("Kerberos", ["realm", "user"]))
+            assert s.get_all_target_service_types() == [zelmgmt.ServiceType("Kerberos", ["realm", "user"])]
+        finally:
+            s.remove_database()
+
+
 def test_the_sign_on_question(session):
     session.add_user(zelmgmt.User("ann", "User", person_dn=f"cn=Ann,{SUFFIX}"))
     assert session.verify_user(f"cn=Ann,{SUFFIX}") is not None

@@ -322,6 +322,17 @@ class Session:
     def remove_target_service_type(self, name: str) -> None:
         _check(_lib.Zel_removeTargetServiceType(self._h, _b(name)), f"cannot remove service type {name}")
 
+    def get_all_target_service_types(self) -> List[ServiceType]:
+        """The types kept in the Zel database; a security domain's built-in ones have no entry."""
+        out = ctypes.POINTER(_c.TargetServiceTypeList)()
+        _check(_lib.Zel_getAllTargetServiceType(self._h, ctypes.byref(out)), "cannot list service types")
+        try:
+            lst = out.contents
+            return [ServiceType(_s(t.typeName), [_s(t.identifierNames[k]) for k in range(t.identifierCount)])
+                    for t in (lst.types[i].contents for i in range(lst.count) if lst.types[i])]
+        finally:
+            _lib.Zel_freeTargetServiceTypes(out)
+
     # Zel users.
     def _user(self, user: User) -> _c.User:
         return _c.User(_b(user.name), _b(user.type), _b(user.description), 1 if user.enabled else 0,

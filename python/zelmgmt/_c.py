@@ -25,6 +25,10 @@ class TargetServiceType(ctypes.Structure):
     _fields_ = [("typeName", c_char_p), ("identifierCount", c_int32), ("identifierNames", P(c_char_p))]
 
 
+class TargetServiceTypeList(ctypes.Structure):
+    _fields_ = [("count", c_int32), ("types", P(P(TargetServiceType)))]
+
+
 class User(ctypes.Structure):
     _fields_ = [("userName", c_char_p), ("userType", c_char_p), ("description", c_char_p),
                 ("enabled", ctypes.c_ubyte), ("personDN", c_char_p)]
@@ -108,6 +112,8 @@ _PROTOTYPES = {
     "Zel_addTargetServiceType": (c_uint32, [_S, P(TargetServiceType)]),
     "Zel_removeTargetService": (c_uint32, [_S, c_char_p]),
     "Zel_removeTargetServiceType": (c_uint32, [_S, c_char_p]),
+    "Zel_getAllTargetServiceType": (c_uint32, [_S, P(P(TargetServiceTypeList))]),
+    "Zel_freeTargetServiceTypes": (None, [P(TargetServiceTypeList)]),
     "Zel_addZelUser": (c_uint32, [_S, P(User)]),
     "Zel_updateZelUser": (c_uint32, [_S, P(User)]),
     "Zel_verifyZelUser": (c_uint32, [_S, c_char_p, P(c_void_p)]),

@@ -123,6 +123,16 @@ TEST_F(RecordTest, DomainSessionReachesFirstGenerationRecordsAndRegistersUsers) 
     ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &app), 0u);
     EXPECT_TRUE(dir->exists("secResCredsId=T:app,cn=ResCreds," + kJoDomainUser));
     EXPECT_EQ(all_ids(s.get(), "jo"), (Strings{"T:legacy", "T:app"}));
+    // Read in bulk: each record with its user and form, the domain's first.
+    ZelUserTargetRecordList *bulk = nullptr;
+    ASSERT_EQ(Zel_getAllUserTargetRecord(s.get(), &bulk), 0u);
+    Strings seen;
+    for (int32_t i = 0; i < bulk->count; ++i)
+        seen.push_back(text(bulk->records[i]->userName) + " " + std::to_string(bulk->records[i]->form) + " " +
+                       get(s.get(), "jo", bulk->records[i]->record->targetRecordId)[3] + " " +
+                       text(bulk->records[i]->record->password));
+    Zel_freeUserTargetRecords(bulk);
+    EXPECT_EQ(seen, (Strings{"jo 2 pw pw", "jo 1 fresh-pw fresh-pw"}));
     fault::reset();
     EXPECT_EQ(Zel_addTargetRecord(s.get(), "ann", &app), ZEL_RC_USER_NOT_FOUND);
     EXPECT_EQ(fault::count(Fn::Add), 0);

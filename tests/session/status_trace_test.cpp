@@ -44,6 +44,8 @@ TEST(HandleValidation, NullOrForeignHandleIsRefusedSilentlyEverywhere) {
     ZelTargetService *ts = nullptr;
     ZelUser user{const_cast<char *>("u"), const_cast<char *>("User"), nullptr, 1, nullptr};
     ZelTargetServiceType type{};
+    ZelTargetServiceTypeList *types = nullptr;
+    ZelUserTargetRecordList *records = nullptr;
     char *out = nullptr;
     for (ZelSession *s : {static_cast<ZelSession *>(nullptr), &foreign}) {
         testing::internal::CaptureStdout();
@@ -51,7 +53,8 @@ TEST(HandleValidation, NullOrForeignHandleIsRefusedSilentlyEverywhere) {
             Zel_close(s, 1), Zel_getAllTargetService(s, &tsl), Zel_getTargetService(s, "x", &ts),
             Zel_addTargetService(s, ts), Zel_addTargetServiceType(s, &type), Zel_removeTargetService(s, "x"),
             Zel_removeTargetServiceType(s, "x"), Zel_addZelUser(s, &user), Zel_updateZelUser(s, &user),
-            Zel_verifyZelUser(s, "cn=x", &out), Zel_removeZelUser(s, "x"), Zel_setProgressCallback(s, nullptr, nullptr)};
+            Zel_verifyZelUser(s, "cn=x", &out), Zel_removeZelUser(s, "x"), Zel_getAllTargetServiceType(s, &types),
+            Zel_getAllUserTargetRecord(s, &records), Zel_setProgressCallback(s, nullptr, nullptr)};
         EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
         for (size_t i = 0; i < sizeof results / sizeof results[0]; ++i)
             EXPECT_EQ(results[i], ZEL_RC_INVALID_HANDLE) << "entry point #" << i;

@@ -1,5 +1,6 @@
 // Reading target services: both storage forms, the fallback of a security
 // domain session to first-generation entries, record contents and cleanup.
+#include <algorithm>
 #include <map>
 #include <string>
 
@@ -23,6 +24,27 @@ std::string fields(const ZelTargetService *t) {
     std::string out = text(t->name) + "|" + text(t->type) + "|" + text(t->description);
     for (int32_t i = 0; i < t->reqIdentifierCount; ++i)
         out += "|" + text(t->reqIdentifiers[i]->name) + "=" + text(t->reqIdentifiers[i]->value);
+    return out;
+}
+
+// "name:id,id" for each type listed, sorted; "8" when the list answers 8.
+std::vector<std::string> listed_types(ZelSession *s) {
+    ZelTargetServiceTypeList *raw = nullptr;
+    ZelRC rc = Zel_getAllTargetServiceType(s, &raw);
+    std::unique_ptr<ZelTargetServiceTypeList, void (*)(ZelTargetServiceTypeList *)> list(raw,
+                                                                                        Zel_freeTargetServiceTypes);
+    if (rc != 0) {
+        EXPECT_EQ(raw, nullptr);
+        return {std::to_string(rc)};
+    }
+    std::vector<std::string> out;
+    for (int32_t i = 0; i < list->count; ++i) {
+        std::string line = text(list->types[i]->typeName) + ":";
+        for (int32_t k = 0; k < list->types[i]->identifierCount; ++k)
+            line += (k ? "," : "") + text(list->types[i]->identifierNames[k]);
+        out.push_back(line);
+    }
+    std::sort(out.begin(), out.end());
     return out;
 }
 
@@ -60,6 +82,9 @@ TEST_F(TargetServiceV1, ListsAndGetsRecords) {
 
     EXPECT_EQ(Zel_getTargetService(s.get(), nullptr, &one), ZEL_RC_INVALID_ARGUMENT);
     EXPECT_EQ(Zel_getAllTargetService(s.get(), nullptr), ZEL_RC_INVALID_ARGUMENT);
+
+    EXPECT_EQ(listed_types(s.get()), (std::vector<std::string>{"Host:", "Open:", "Web:host,port"}));
+    EXPECT_EQ(Zel_getAllTargetServiceType(s.get(), nullptr), ZEL_RC_INVALID_ARGUMENT);
 }
 
 TEST_F(TargetServiceDomain, ListsResourcesAndReadsAMissingContainerAsEmpty) {
@@ -67,6 +92,10 @@ TEST_F(TargetServiceDomain, ListsResourcesAndReadsAMissingContainerAsEmpty) {
     ASSERT_TRUE(s);
     ZelTargetServiceList *raw = nullptr;
     EXPECT_EQ(Zel_getAllTargetService(s.get(), &raw), ZEL_RC_TS_NOT_FOUND);
+    // Its own types are built in: without the Zel database it lists none.
+    fault::reset();
+    EXPECT_EQ(listed_types(s.get()), (std::vector<std::string>{"8"}));
+    EXPECT_EQ(fault::count(Fn::Search), 0);
     dir->add(resources_ldif(*dir));
     EXPECT_EQ(Zel_getAllTargetService(s.get(), &raw), ZEL_RC_TS_NOT_FOUND);
 
@@ -104,6 +133,8 @@ TEST_F(TargetServiceDomain, KnownDatabaseAddsFirstGenerationEntries) {
     ASSERT_EQ(list->count, 2);
     EXPECT_EQ((std::vector<std::string>{fields(list->services[0]), fields(list->services[1])}),
               (std::vector<std::string>{"legacy|Web|Old|url=http://old", "web|Web Resource|(null)"}));
+    EXPECT_EQ(listed_types(s.get()), (std::vector<std::string>{"Web:"}));
+    EXPECT_EQ(listed_types(zeltest::open_session(*dir, 1).get()), (std::vector<std::string>{"Web:"}));
 }
 
 }  // namespace

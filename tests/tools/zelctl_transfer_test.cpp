@@ -50,16 +50,20 @@ protected:
         return zeltest::zelctl(dir, args, "2", input, env);
     }
 
-    // A Zel database with its first administrator and default types, as the
-    // demo makes it (an empty directory gets the same before an import).
-    void create_database(const Directory &dir) {
-        ASSERT_EQ(zeltest::zelctl(dir, {"db", "create", kSuffix, "--admin-password-file", admin_password, "--default-types"})
-                      .status, 0);
+    // A Zel database with its first administrator and, as the demo makes
+    // it, the default types.
+    void create_database(const Directory &dir, bool default_types = true) {
+        std::vector<std::string> args = {"db", "create", kSuffix, "--admin-password-file", admin_password};
+        if (default_types) args.push_back("--default-types");
+        ASSERT_EQ(zeltest::zelctl(dir, args).status, 0);
     }
 
     // The demo's services, resource groups, user and records.
     void write_demo_data(const Directory &dir) {
         create_database(dir);
+        // A type of the demo's own, kept in the Zel database.
+        const std::vector<std::string> type = {"service-type", "add", "Web Application", "--id", "url", "--id", "port"};
+        ASSERT_EQ(zeltest::zelctl(dir, type).status, 0);
         const std::vector<std::vector<std::string>> steps = {
             {"service", "add", "intranet", "--type", "Web Resource", "--description", "Intranet"},
             {"service", "add", "mail", "--type", "Web Resource", "--description", "Mail"},
@@ -100,8 +104,10 @@ TEST_F(ZelctlTransfer, DemoDataRoundTripsIntoAnEmptyDirectory) {
     const std::string doc = read_text(first);
     for (const char *secret : {"intranet-pw", "team-pw"}) EXPECT_EQ(doc.find(secret), std::string::npos);
     EXPECT_NE(doc.find("\"password\": \"{ZK1}a:"), std::string::npos) << doc;
+    EXPECT_NE(doc.find("\"identifiers\": [\n        \"port\",\n        \"url\"\n      ]"), std::string::npos) << doc;
 
-    create_database(target);
+    // A database without types: the import makes them, the domain's own included.
+    create_database(target, false);
     CommandResult dry = run(target, {"import", first, "--dry-run"});
     EXPECT_EQ(dry.status, 0) << dry.out << dry.err;
     EXPECT_NE(dry.out.find("user jo: would be created"), std::string::npos) << dry.out;
@@ -110,6 +116,8 @@ TEST_F(ZelctlTransfer, DemoDataRoundTripsIntoAnEmptyDirectory) {
     CommandResult imported = run(target, {"import", first});
     EXPECT_EQ(imported.status, 0) << imported.out << imported.err;
     EXPECT_EQ(imported.out.find(": failed"), std::string::npos) << imported.out;
+    for (const char *line : {"service type Web Application: created", "service type Web Resource: created"})
+        EXPECT_NE(imported.out.find(line), std::string::npos) << line << "\n" << imported.out;
     CommandResult again = run(target, {"import", first});
     EXPECT_EQ(again.status, 0);
     EXPECT_NE(again.out.find(": nothing changed"), std::string::npos) << again.out;

@@ -80,6 +80,8 @@ std::vector<Scenario> records(Fixtures &f) {
              return Zel_getTargetRecord(s, "jo", f.id, r); }, Zel_freeTargetRecord)},
         {"get all records", add, hands_out<ZelTargetRecordList>([](ZelSession *s, ZelTargetRecordList **l) {
              return Zel_getAllTargetRecord(s, "jo", l); }, Zel_freeTargetRecords)},
+        {"get every user's records", add, hands_out<ZelUserTargetRecordList>([](ZelSession *s,
+             ZelUserTargetRecordList **l) { return Zel_getAllUserTargetRecord(s, l); }, Zel_freeUserTargetRecords)},
         {"credential", add, [&f](ZelSession *s) { return credential_of(s, "jo", f.service); }},
         {"remove record", add, [&f](ZelSession *s) { return Zel_removeTargetRecord(s, "jo", f.id); }},
     };
@@ -153,6 +155,8 @@ std::vector<Scenario> services(Fixtures &f) {
         {"add type", [](ZelSession *s) { (void)Zel_removeTargetServiceType(s, "Box Type"); },
          [&f](ZelSession *s) { return Zel_addTargetServiceType(s, &f.type); }},
         {"remove type", add_type, [](ZelSession *s) { return Zel_removeTargetServiceType(s, "Box Type"); }},
+        {"list types", add_type, hands_out<ZelTargetServiceTypeList>([](ZelSession *s, ZelTargetServiceTypeList **l) {
+             return Zel_getAllTargetServiceType(s, l); }, Zel_freeTargetServiceTypes)},
     });
     return out;
 }

@@ -21,6 +21,21 @@ namespace {
 Text text_of(const char *value) { return value ? Text(value) : Text(); }
 
 // A list that finds nothing answers its family's "not found": an empty list.
+ZelRC read_types(ZelSession *s, Document &doc) {
+    ZelTargetServiceTypeList *raw = nullptr;
+    ZelRC rc = Zel_getAllTargetServiceType(s, &raw);
+    Held<ZelTargetServiceTypeList, Zel_freeTargetServiceTypes> list(raw);
+    if (rc == ZEL_RC_TST_NOT_FOUND) return 0;
+    for (int32_t i = 0; rc == 0 && i < list->count; ++i) {
+        const ZelTargetServiceType *t = list->types[i];
+        DocServiceType out{t->typeName ? t->typeName : "", {}};
+        for (int32_t k = 0; k < t->identifierCount; ++k)
+            out.identifiers.emplace_back(t->identifierNames[k] ? t->identifierNames[k] : "");
+        doc.types.push_back(std::move(out));
+    }
+    return rc;
+}
+
 ZelRC read_services(ZelSession *s, Document &doc) {
     ZelTargetServiceList *raw = nullptr;
     ZelRC rc = Zel_getAllTargetService(s, &raw);
@@ -139,6 +154,7 @@ int run_export(const Options &opts, Args args) {
     doc.storage = static_cast<int>(opts.api_version);
     doc.passwords = passwords;
     ZelRC rc = 0;
+    if ((rc = read_types(s.get(), doc)) != 0) return fail("cannot list the target service types", rc);
     if ((rc = read_services(s.get(), doc)) != 0) return fail("cannot list the target services", rc);
     if ((rc = read_groups(s.get(), doc)) != 0) return fail("cannot list the resource groups", rc);
     if ((rc = read_users(s.get(), doc)) != 0) return fail("cannot list the Zel users", rc);

@@ -1,9 +1,11 @@
 // zelctl import: an export document written back.  What is missing is
 // created, what differs is updated, what is equal is left alone, in the order
-// the objects depend on each other (services, resource groups, users,
-// records).  Every object is one library call, so a failed one is reported
-// and the rest go on; --dry-run reports the same without writing.
+// the objects depend on each other (service types, services, resource
+// groups, users, records).  Every object is one library call, so a failed
+// one is reported and the rest go on; --dry-run reports the same without
+// writing.
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -62,9 +64,70 @@ private:
     std::vector<Pair *> pointers_;
 };
 
+// Type names and identifier names as the directory compares them: ignoring case.
+std::string folded(std::string text) {
+    for (char &c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+std::vector<std::string> folded_sorted(std::vector<std::string> names) {
+    for (std::string &n : names) n = folded(std::move(n));
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// The only types a security domain knows; they are built in and have no entry.
+bool builtin_type(const std::string &name) {
+    return folded(name) == "web resource" || folded(name) == "resource group";
+}
+
 class Importer {
 public:
     Importer(ZelSession *s, const Options &opts, bool dry_run) : s_(s), opts_(opts), dry_run_(dry_run) {}
+
+    // The types the session sees, read once: there are few, and no call
+    // reads a single one.
+    void read_types() {
+        ZelTargetServiceTypeList *raw = nullptr;
+        types_read_ = Zel_getAllTargetServiceType(s_, &raw);
+        Held<ZelTargetServiceTypeList, Zel_freeTargetServiceTypes> list(raw);
+        if (types_read_ == ZEL_RC_TST_NOT_FOUND) types_read_ = 0;
+        for (int32_t i = 0; list && i < list->count; ++i) {
+            const ZelTargetServiceType *t = list->types[i];
+            std::vector<std::string> ids;
+            for (int32_t k = 0; k < t->identifierCount; ++k)
+                ids.emplace_back(t->identifierNames[k] ? t->identifierNames[k] : "");
+            known_types_[folded(t->typeName ? t->typeName : "")] = folded_sorted(std::move(ids));
+        }
+        ZelSessionInfo *info = nullptr;
+        if (Zel_getSessionInfo(s_, &info) == 0) types_have_a_home_ = info->databaseDN != nullptr;
+        Zel_freeSessionInfo(info);
+    }
+
+    void service_type(const DocServiceType &d) {
+        const char *kind = "service type";
+        if (types_read_ != 0) return report(kind, d.name, Outcome::Failed, types_read_);
+        auto found = known_types_.find(folded(d.name));
+        if (found != known_types_.end()) {
+            // A type has no update call: one that differs is left as it is.
+            bool equal = found->second == folded_sorted(d.identifiers);
+            return report(kind, d.name, equal ? Outcome::Unchanged : Outcome::Failed,
+                          equal ? 0 : ZEL_RC_ALREADY_EXISTS);
+        }
+        // Types are entries of the Zel database.  A security domain without
+        // one still has its own built-in types.
+        if (!types_have_a_home_)
+            return builtin_type(d.name) ? report(kind, d.name, Outcome::Unchanged, 0)
+                                        : report(kind, d.name, Outcome::Failed, ZEL_RC_DATABASE_NOT_FOUND);
+        std::vector<char *> names;
+        for (const std::string &n : d.identifiers) names.push_back(const_cast<char *>(n.c_str()));
+        ZelTargetServiceType t{const_cast<char *>(d.name.c_str()), static_cast<int32_t>(names.size()),
+                               names.empty() ? nullptr : names.data()};
+        write(kind, d.name, [&] {
+            ZelSession *ts = type_session();
+            return ts ? Zel_addTargetServiceType(ts, &t) : ZEL_RC_CONNECT_FAILED;
+        }, Outcome::Created);
+    }
 
     void service(const DocService &d) {
         ZelTargetService *raw = nullptr;
@@ -145,6 +208,22 @@ public:
         write("user", d.name, [&] { return Zel_updateZelUser(s_, &wanted); }, Outcome::Updated);
     }
 
+    // Every record the session sees, read once in bulk: an unchanged record
+    // is then known without a look-up of its own.  Anything the bulk read
+    // cannot settle (a record missing, different or not unique in its form)
+    // is looked up and written one by one, as without it.
+    void read_records() {
+        ZelUserTargetRecordList *raw = nullptr;
+        if (Zel_getAllUserTargetRecord(s_, &raw) != 0) return;
+        records_.reset(raw);
+        for (int32_t i = 0; i < records_->count; ++i) {
+            const ZelUserTargetRecord *r = records_->records[i];
+            if (r->userName == nullptr || r->record->targetRecordId == nullptr) continue;
+            Stored &slot = known_records_[{r->userName, r->record->targetRecordId}];
+            (r->form == ZEL_FORM_SECURITY_DOMAIN ? slot.domain : slot.first_generation).push_back(r->record);
+        }
+    }
+
     void record(const DocRecord &d, bool sealed) {
         const std::string name = d.user + " " + d.id;
         std::string password;
@@ -158,21 +237,10 @@ public:
         }
         ZelTargetRecord wanted{const_cast<char *>(d.id.c_str()), c_text(d.description), c_text(d.account),
                                sealed && d.password ? password.data() : nullptr, c_text(d.service), c_text(d.type)};
-        ZelTargetRecord *raw = nullptr;
-        ZelRC rc = new_users_.count(d.user) ? ZEL_RC_TR_NOT_FOUND
-                                             : Zel_getTargetRecord(s_, d.user.c_str(), d.id.c_str(), &raw);
-        Held<ZelTargetRecord, Zel_freeTargetRecord> old(raw);
-        if (rc == ZEL_RC_TR_NOT_FOUND || rc == ZEL_RC_USER_NOT_FOUND) {
-            write("record", name, [&] { return Zel_addTargetRecord(s_, d.user.c_str(), &wanted); }, Outcome::Created);
-        } else if (rc != 0) {
-            report("record", name, Outcome::Failed, rc);
-        } else if (same(d.service, old->targetServiceName) && same(d.account, old->userId) &&
-                   same(d.description, old->description) &&
-                   (wanted.password == nullptr || same(Text(password), old->password))) {
+        if (const ZelTargetRecord *known = known_record(d); known && same_record(d, wanted, known)) {
             report("record", name, Outcome::Unchanged, 0);
         } else {
-            write("record", name, [&] { return Zel_updateTargetRecord(s_, d.user.c_str(), &wanted); },
-                  Outcome::Updated);
+            compare_and_write(d, name, wanted);
         }
         forget_secret(password);
     }
@@ -190,6 +258,60 @@ public:
     }
 
 private:
+    // Only a first-generation session writes type entries (a security
+    // domain session takes its built-in ones as written): for a security
+    // domain session one of the first generation is opened on the same
+    // directory, when a type is missing.
+    ZelSession *type_session() {
+        if (opts_.api_version < 2) return s_;
+        if (!type_session_) {
+            Options first_generation = opts_;
+            first_generation.api_version = 1;
+            type_session_.reset(open_session(first_generation));
+        }
+        return type_session_.get();
+    }
+
+    struct Stored {
+        std::vector<const ZelTargetRecord *> domain, first_generation;
+    };
+
+    // The record a look-up of this user and id would answer with, as far as
+    // the bulk read tells: the security domain's one, else the Zel
+    // database's one.  Null when it cannot tell.
+    const ZelTargetRecord *known_record(const DocRecord &d) const {
+        auto it = known_records_.find({d.user, d.id});
+        if (it == known_records_.end()) return nullptr;
+        const Stored &stored = it->second;
+        if (stored.domain.size() == 1) return stored.domain.front();
+        if (stored.domain.empty() && stored.first_generation.size() == 1) return stored.first_generation.front();
+        return nullptr;
+    }
+
+    static bool same_record(const DocRecord &d, const ZelTargetRecord &wanted, const ZelTargetRecord *old) {
+        return same(d.service, old->targetServiceName) && same(d.account, old->userId) &&
+               same(d.description, old->description) &&
+               (wanted.password == nullptr ||
+                (old->password != nullptr && std::strcmp(wanted.password, old->password) == 0));
+    }
+
+    void compare_and_write(const DocRecord &d, const std::string &name, ZelTargetRecord &wanted) {
+        ZelTargetRecord *raw = nullptr;
+        ZelRC rc = new_users_.count(d.user) ? ZEL_RC_TR_NOT_FOUND
+                                             : Zel_getTargetRecord(s_, d.user.c_str(), d.id.c_str(), &raw);
+        Held<ZelTargetRecord, Zel_freeTargetRecord> old(raw);
+        if (rc == ZEL_RC_TR_NOT_FOUND || rc == ZEL_RC_USER_NOT_FOUND) {
+            write("record", name, [&] { return Zel_addTargetRecord(s_, d.user.c_str(), &wanted); }, Outcome::Created);
+        } else if (rc != 0) {
+            report("record", name, Outcome::Failed, rc);
+        } else if (same_record(d, wanted, old.get())) {
+            report("record", name, Outcome::Unchanged, 0);
+        } else {
+            write("record", name, [&] { return Zel_updateTargetRecord(s_, d.user.c_str(), &wanted); },
+                  Outcome::Updated);
+        }
+    }
+
     // True when the write was made (or, in a dry run, would be).
     template <class Fn>
     bool write(const char *kind, const std::string &name, Fn &&call, Outcome outcome) {
@@ -217,9 +339,15 @@ private:
     }
 
     ZelSession *s_;
+    Session type_session_;
+    ZelRC types_read_ = 0;
+    bool types_have_a_home_ = true;  // the session knows a Zel database to keep types in
+    std::map<std::string, std::vector<std::string>> known_types_;  // folded name: folded, sorted identifier names
     Held<ZelUserList, Zel_freeZelUsers> users_;
     std::map<std::string, const ZelUser *> known_users_;
     std::set<std::string> new_users_;
+    Held<ZelUserTargetRecordList, Zel_freeUserTargetRecords> records_;
+    std::map<std::pair<std::string, std::string>, Stored> known_records_;  // by user and id
     const Options &opts_;
     bool dry_run_;
     int counts_[4] = {};
@@ -255,12 +383,17 @@ int run_import(const Options &given_opts, Args args) {
     Session s(open_session(opts));
     if (!s) return 1;
     Importer importer(s.get(), opts, dry_run);
-    Progress progress("import", doc.services.size() + doc.groups.size() + doc.users.size() + doc.records.size(),
+    Progress progress("import",
+                      doc.types.size() + doc.services.size() + doc.groups.size() + doc.users.size() +
+                          doc.records.size(),
                       quiet);
+    if (!doc.types.empty()) importer.read_types();
+    for (const DocServiceType &d : doc.types) importer.service_type(d), progress.step();
     for (const DocService &d : doc.services) importer.service(d), progress.step();
     for (const DocGroup &d : doc.groups) importer.group(d), progress.step();
     if (!doc.users.empty()) importer.read_users();
     for (const DocUser &d : doc.users) importer.user(d), progress.step();
+    if (!doc.records.empty()) importer.read_records();
     for (const DocRecord &d : doc.records) importer.record(d, sealed), progress.step();
     progress.done();
     return importer.finish();

@@ -42,6 +42,17 @@ struct Reader {
         out = it->get<std::string>();
         return true;
     }
+    bool texts(const json &j, const char *key, const std::string &where, std::vector<std::string> &out) {
+        auto it = j.find(key);
+        if (it == j.end()) return true;
+        if (!it->is_array()) return fail(where + "." + key, "a list is needed");
+        for (size_t i = 0; i < it->size(); ++i) {
+            if (!(*it)[i].is_string())
+                return fail(where + "." + key + "[" + std::to_string(i) + "]", "a text is needed");
+            out.push_back((*it)[i].get<std::string>());
+        }
+        return true;
+    }
     bool pairs(const json &j, const char *key, const char *first, const char *second, const std::string &where,
                Pairs &out) {
         auto it = j.find(key);
@@ -76,11 +87,13 @@ struct Reader {
 
 void Document::sort() {
     auto by_name = [](const auto &a, const auto &b) { return a.name < b.name; };
+    std::sort(types.begin(), types.end(), by_name);
     std::sort(services.begin(), services.end(), by_name);
     std::sort(groups.begin(), groups.end(), by_name);
     std::sort(users.begin(), users.end(), by_name);
     std::sort(records.begin(), records.end(),
               [](const DocRecord &a, const DocRecord &b) { return std::tie(a.user, a.id) < std::tie(b.user, b.id); });
+    for (DocServiceType &t : types) std::sort(t.identifiers.begin(), t.identifiers.end());
     for (DocService &s : services) std::sort(s.identifiers.begin(), s.identifiers.end());
     for (DocGroup &g : groups) std::sort(g.members.begin(), g.members.end());
 }
@@ -88,7 +101,9 @@ void Document::sort() {
 std::string document_text(const Document &doc, const std::string &exported) {
     json out = {{"format", kDocumentFormat}, {"version", kDocumentVersion}, {"exported", exported},
                 {"storage", doc.storage}, {"passwords", doc.passwords}};
-    json services = json::array(), groups = json::array(), users = json::array(), records = json::array();
+    json types = json::array(), services = json::array(), groups = json::array(), users = json::array(),
+         records = json::array();
+    for (const DocServiceType &t : doc.types) types.push_back({{"name", t.name}, {"identifiers", t.identifiers}});
     for (const DocService &s : doc.services) {
         json j = {{"name", s.name}, {"identifiers", pairs_json(s.identifiers, "name", "value")}};
         put(j, "type", s.type);
@@ -116,6 +131,7 @@ std::string document_text(const Document &doc, const std::string &exported) {
         put(j, "password", r.password);
         records.push_back(std::move(j));
     }
+    out["serviceTypes"] = std::move(types);
     out["services"] = std::move(services);
     out["resourceGroups"] = std::move(groups);
     out["users"] = std::move(users);
@@ -156,6 +172,10 @@ bool read_document(const std::string &text, Document &doc, std::string &error) {
     }
     doc.passwords = passwords.value_or("omit");
     bool ok =
+        r.list(j, "serviceTypes", doc.types,
+               [&](const json &o, const std::string &at, DocServiceType &t) {
+                   return r.text(o, "name", at, t.name) && r.texts(o, "identifiers", at, t.identifiers);
+               }) &&
         r.list(j, "services", doc.services,
                [&](const json &o, const std::string &at, DocService &s) {
                    return r.text(o, "name", at, s.name) && r.optional_text(o, "type", at, s.type) &&

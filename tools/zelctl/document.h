@@ -15,10 +15,19 @@
 namespace zelctl {
 
 constexpr const char *kDocumentFormat = "zelmgmt-export";
+// Raised only when the zelctl of the version before would misread a
+// document: readers skip keys they do not know and take a missing list as
+// empty, so a new list (serviceTypes) keeps the version, and older documents
+// without it still import.
 constexpr int kDocumentVersion = 1;
 
 using Text = std::optional<std::string>;  // absent where the directory keeps no value
 using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+struct DocServiceType {
+    std::string name;
+    std::vector<std::string> identifiers;  // the names every service of the type carries
+};
 
 struct DocService {
     std::string name;
@@ -47,6 +56,7 @@ struct DocRecord {
 struct Document {
     int storage = 2;                  // the API version of the session that wrote it
     std::string passwords = "omit";   // "omit" or "sealed"
+    std::vector<DocServiceType> types;
     std::vector<DocService> services;
     std::vector<DocGroup> groups;
     std::vector<DocUser> users;
