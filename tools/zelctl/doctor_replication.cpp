@@ -26,16 +26,16 @@ struct MessageFree {
 using Ldap = std::unique_ptr<LDAP, LdapClose>;
 using Message = std::unique_ptr<LDAPMessage, MessageFree>;
 
-// The groups, below the database entry, and the types that call for each.
+// The groups, below the database entry, and the user type that calls for
+// each ("XR User" calls for none).
 struct Group {
-    const char *rdn;
-    const char *types[1];
+    const char *rdn, *type;
 };
 const Group kGroups[] = {
-    {"cn=Senior Administrators,cn=Access Groups", {"Senior Admin"}},
-    {"cn=Administrators,cn=Access Groups", {"Senior Admin"}},
-    {"cn=Middle Tier Servers,cn=Access Groups", {"Middle Tier Server"}},
-    {"cn=Users,cn=Access Groups", {"User"}},
+    {"cn=Senior Administrators,cn=Access Groups", "Senior Admin"},
+    {"cn=Administrators,cn=Access Groups", "Senior Admin"},
+    {"cn=Middle Tier Servers,cn=Access Groups", "Middle Tier Server"},
+    {"cn=Users,cn=Access Groups", "User"},
 };
 
 // DNs compared as the directory would, near enough: letter case and the
@@ -67,6 +67,9 @@ Message search(LDAP *ld, const std::string &base, int scope, const char *filter,
                            nullptr, 0, &raw);
     return Message(raw);
 }
+
+// A failed search may leave no result at all.
+LDAPMessage *first_entry(LDAP *ld, const Message &res) { return res ? ldap_first_entry(ld, res.get()) : nullptr; }
 
 std::vector<std::string> values_of(LDAP *ld, LDAPMessage *e, const char *attr) {
     std::vector<std::string> out;
@@ -113,14 +116,14 @@ Plan plan_memberships(LDAP *ld, const std::vector<std::string> &suffixes) {
         int rc = 0;
         Message dbs = search(ld, suffix, LDAP_SCOPE_SUBTREE, "(&(objectClass=eApplicationSystem)(systemName=ORVZEL))",
                              no_attrs, rc);
-        for (LDAPMessage *e = ldap_first_entry(ld, dbs.get()); e; e = ldap_next_entry(ld, e))
+        for (LDAPMessage *e = first_entry(ld, dbs); e; e = ldap_next_entry(ld, e))
             databases.push_back(dn_of(ld, e));
         Message profiles = search(ld, suffix, LDAP_SCOPE_SUBTREE, "(objectClass=eZelUser)", type_attrs, rc);
         if (rc != LDAP_SUCCESS && rc != LDAP_NO_SUCH_OBJECT) {
             plan.error = std::string("the profiles could not be listed: ") + ldap_err2string(rc);
             return plan;
         }
-        for (LDAPMessage *e = ldap_first_entry(ld, profiles.get()); e; e = ldap_next_entry(ld, e)) {
+        for (LDAPMessage *e = first_entry(ld, profiles); e; e = ldap_next_entry(ld, e)) {
             std::string person = parent_dn(dn_of(ld, e));
             Person &p = people[dn_key(person)];
             p.dn = person;
@@ -133,7 +136,7 @@ Plan plan_memberships(LDAP *ld, const std::vector<std::string> &suffixes) {
             const std::string group = std::string(g.rdn) + "," + db;
             int rc = 0;
             Message res = search(ld, group, LDAP_SCOPE_BASE, "(objectClass=*)", member_attrs, rc);
-            LDAPMessage *e = ldap_first_entry(ld, res.get());
+            LDAPMessage *e = first_entry(ld, res);
             if (rc == LDAP_NO_SUCH_OBJECT) continue;  // a group creation did not make
             if (rc != LDAP_SUCCESS || !e) {
                 plan.error = "the group " + group + " could not be read: " + ldap_err2string(rc);
@@ -149,7 +152,7 @@ Plan plan_memberships(LDAP *ld, const std::vector<std::string> &suffixes) {
                     continue;
                 }
                 bool called = false;
-                for (const std::string &t : p->second.types) called = called || same_type(t, g.types[0]);
+                for (const std::string &t : p->second.types) called = called || same_type(t, g.type);
                 if (!called) {
                     std::string types;
                     for (const std::string &t : p->second.types) types += (types.empty() ? "" : ", ") + t;
@@ -158,7 +161,7 @@ Plan plan_memberships(LDAP *ld, const std::vector<std::string> &suffixes) {
             }
             for (const auto &[key, p] : people) {
                 bool called = false;
-                for (const std::string &t : p.types) called = called || same_type(t, g.types[0]);
+                for (const std::string &t : p.types) called = called || same_type(t, g.type);
                 if (called && !members.count(key))
                     plan.changes.push_back({group, p.dn, true, "its profile's type calls for it"});
             }
@@ -187,7 +190,7 @@ ReplicationFinding conflicts_finding(LDAP *ld, const std::vector<std::string> &s
         if (rc != LDAP_SUCCESS && rc != LDAP_NO_SUCH_OBJECT && rc != LDAP_SIZELIMIT_EXCEEDED)
             return {check, false, true, std::string("conflict entries could not be looked for: ") + ldap_err2string(rc),
                     "run doctor as the directory manager"};
-        for (LDAPMessage *e = ldap_first_entry(ld, res.get()); e; e = ldap_next_entry(ld, e)) {
+        for (LDAPMessage *e = first_entry(ld, res); e; e = ldap_next_entry(ld, e)) {
             std::vector<std::string> why = values_of(ld, e, "nsds5ReplConflict");
             found.push_back(dn_of(ld, e) + (why.empty() ? "" : " (" + why.front() + ")"));
         }
