@@ -263,6 +263,11 @@ TEST_F(PeerDs389, AcisProtectRecords) {
         EXPECT_EQ(r.status, w.status) << w.who << " " << w.attr << ": " << r.err;
     }
     EXPECT_EQ(server->search("cn=Xr," + person("Xr"), "(userState=Inactive)", {"1.1"}).size(), 1u);
+    // The Zel administrator still may.
+    Session zel_admin = open(kAdmin, kAdminPassword, 1);
+    ASSERT_TRUE(zel_admin);
+    ZelUser on = usertest::user_record("Xr", "XR User", person("Xr"));
+    EXPECT_EQ(Zel_updateZelUser(zel_admin.get(), &on), 0u);
 }
 
 }  // namespace
