@@ -139,7 +139,8 @@ Plan plan_memberships(LDAP *ld, const std::vector<std::string> &suffixes) {
             LDAPMessage *e = first_entry(ld, res);
             if (rc == LDAP_NO_SUCH_OBJECT) continue;  // a group creation did not make
             if (rc != LDAP_SUCCESS || !e) {
-                plan.error = "the group " + group + " could not be read: " + ldap_err2string(rc);
+                plan.error = "the group " + group + " could not be read: " +
+                             (rc == LDAP_SUCCESS ? "this identity does not see it" : ldap_err2string(rc));
                 return plan;
             }
             std::set<std::string> members;
