@@ -11,6 +11,7 @@
 #include "domain/domain_fixtures.h"
 #include "record/record_fixture.h"
 #include "support/ds389.h"
+#include "user/user_fixture.h"
 
 namespace {
 
@@ -26,6 +27,12 @@ const char *const kAdminPassword = "Admin-pw-1";
 
 std::string person(const std::string &cn) { return "cn=" + cn + "," + kSuffix; }
 std::string password_of(const std::string &cn) { return cn + "-pw-389"; }
+const std::string kUsersGroup = "cn=Users,cn=Access Groups," + kDb;
+// Subentries (replication conflict entries are) answer only when named.
+const char *const kWithSubentries = "(|(objectClass=*)(objectClass=ldapSubEntry))";
+std::string subentry_ldif(const std::string &parent) {
+    return "dn: cn=stray," + parent + "\nobjectClass: top\nobjectClass: ldapSubEntry\ncn: stray\n\n";
+}
 
 class PeerDs389 : public ::testing::Test {
 protected:
@@ -121,10 +128,25 @@ TEST_F(PeerDs389, WholeLibraryInBothStorageForms) {
     EXPECT_EQ(credential(admin.get(), "Jo", "mail"), "Jo.mail/Jo-mail-pw");
 
     add_domain_record();
+    // Removals take subentries along, or fail and say so.
+    const std::string ann_profile = "cn=Ann," + person("Ann"), jo_profile = "cn=Jo," + person("Jo");
+    ASSERT_EQ(server->modify(subentry_ldif(ann_profile) + subentry_ldif("cn=Access Groups," + kDb), true).status, 0);
     ASSERT_EQ(Zel_removeZelUser(admin.get(), "Ann"), 0u);
     EXPECT_EQ(credential(admin.get(), "Ann", "mail"), "status 19");
+    EXPECT_TRUE(server->search(ann_profile, kWithSubentries, {"1.1"}).empty());
+    EXPECT_TRUE(server->search(kUsersGroup, "(member=" + person("Ann") + ")", {"1.1"}).empty());
+
+    CommandResult kept = server->modify("dn: " + jo_profile + "\nchangetype: modify\nadd: aci\naci: (targetattr = \"*\")"
+                                        "(version 3.0; acl \"Kept\"; deny (delete) userdn = \"ldap:///" + kAdmin + "\";)\n");
+    ASSERT_EQ(kept.status, 0) << kept.err;
+    Session zel_admin = open(kAdmin, kAdminPassword, 1);
+    ASSERT_TRUE(zel_admin);
+    EXPECT_EQ(Zel_removeZelUser(zel_admin.get(), "Jo"), ZEL_RC_NOT_AUTHORIZED) << "the profile's failure is the answer";
+    EXPECT_EQ(server->search(jo_profile, "(objectClass=eZelUser)", {"1.1"}).size(), 1u);
+    EXPECT_EQ(server->search(kUsersGroup, "(member=" + person("Jo") + ")", {"1.1"}).size(), 1u) << "groups kept";
+
     ASSERT_EQ(Zel_removeDatabase(admin.get()), 0u);
-    EXPECT_TRUE(server->search(kDb, "(objectClass=*)", {"1.1"}).empty());
+    EXPECT_TRUE(server->search(kDb, kWithSubentries, {"1.1"}).empty());
 }
 
 // Binds as the people concerned.  The deployment's own part is one rule that
@@ -196,6 +218,56 @@ TEST_F(PeerDs389, AcisProtectRecords) {
         EXPECT_EQ(credential(s.get(), "Ann", "mail"), a.ann) << a.who;
         EXPECT_EQ(Zel_addTargetService(s.get(), &wiki), a.add_service) << a.who;
     }
+
+    // The Zel administrator (not the directory manager) adds a profile below a person.
+    ASSERT_EQ(server->modify("dn: " + person("Lee") + "\nobjectClass: person\ncn: Lee\nsn: Lee\n", true).status, 0);
+    CommandResult added = run_command({ZELCTL_PATH, "-H", server->uri(), "-D", kAdmin, "-y",
+                                       server->password_file(kAdminPassword), "--api-version", "1", "user", "add",
+                                       "Lee", "--type", "User", "--person", person("Lee")});
+    EXPECT_EQ(added.status, 0) << added.out << added.err;
+    EXPECT_EQ(server->search(kUsersGroup, "(member=" + person("Lee") + ")", {"1.1"}).size(), 1u);
+
+    // A profile's state, type and person are the administrators' alone,
+    // whatever a careless site rule higher up grants: a disabled XR user and
+    // an agent change none of them on their own profile, in either form.
+    ZelUser off = usertest::user_record("Xr", "XR User", person("Xr"), nullptr, 0);
+    ASSERT_EQ(Zel_updateZelUser(admin.get(), &off), 0u);
+    Session v2 = open(Ds389::admin_dn(), Ds389::admin_password(), 2);
+    for (const char *who : {"Xr", "Agent"}) {
+        ZelUser u = usertest::user_record(who, "User", person(who));
+        ASSERT_EQ(Zel_addZelUser(v2.get(), &u), 0u) << who;
+    }
+    CommandResult site = server->modify("dn: " + kSuffix + "\nchangetype: modify\nadd: aci\naci: (targetattr = \"*\")"
+                                        "(version 3.0; acl \"Site: signed-on users write\"; allow (write) "
+                                        "userdn = \"ldap:///all\";)\n");
+    ASSERT_EQ(site.status, 0) << site.err;
+    struct Write {
+        const char *who;
+        std::string dn;
+        const char *attr, *value;
+        int status;
+    } writes[] = {
+        {"Xr", "cn=Xr," + person("Xr"), "userState", "Active", 50},
+        {"Xr", "cn=Xr," + person("Xr"), "userType", "Senior Admin", 50},
+        {"Agent", "cn=Agent," + person("Agent"), "userType", "Senior Admin", 50},
+        {"Agent", "cn=Agent," + person("Agent"), "associatedName", person("Jo").c_str(), 50},
+        {"Agent", "cn=Agent," + person("Agent"), "description", "mine to write", 0},
+        {"Xr", "principalName=Xr,cn=Users," + kDomain, "secAcctValid", "TRUE", 50},
+        {"Agent", "principalName=Agent,cn=Users," + kDomain, "secDN", person("Jo").c_str(), 50},
+    };
+    for (const Write &w : writes) {
+        CommandResult r = run_command({"ldapmodify", "-x", "-H", server->uri(), "-D", person(w.who), "-y",
+                                       server->password_file(password_of(w.who))},
+                                      "dn: " + w.dn + "\nchangetype: modify\nreplace: " + w.attr + "\n" + w.attr +
+                                          ": " + w.value + "\n");
+        EXPECT_EQ(r.status, w.status) << w.who << " " << w.attr << ": " << r.err;
+    }
+    EXPECT_EQ(server->search("cn=Xr," + person("Xr"), "(userState=Inactive)", {"1.1"}).size(), 1u);
+    // The Zel administrator still may.
+    Session zel_admin = open(kAdmin, kAdminPassword, 1);
+    ASSERT_TRUE(zel_admin);
+    ZelUser on = usertest::user_record("Xr", "XR User", person("Xr"));
+    EXPECT_EQ(Zel_updateZelUser(zel_admin.get(), &on), 0u);
 }
 
 }  // namespace

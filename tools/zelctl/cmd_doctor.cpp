@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "doctor_replication.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -339,6 +340,8 @@ int run_doctor(const Options &opts, Args args) {
     findings.push_back(storage_check(own));
     for (std::string &p : own.passwords) forget_secret(p);
     findings.push_back(size_limit_check(ld.get(), suffixes));
+    for (ReplicationFinding &f : replication_findings(ld.get(), suffixes, info->dirKind))
+        findings.push_back({f.check, f.danger ? Verdict::Danger : f.warning ? Verdict::Warning : Verdict::Ok, f.text, f.fix});
 
     bool dangerous = false;
     for (const Finding &f : findings) dangerous = dangerous || f.verdict == Verdict::Danger;

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "dry_run.h"
+#include "doctor_replication.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -191,7 +192,7 @@ int user_remove(const Options &opts, Args args) {
 }  // namespace
 
 int run_user(const Options &opts, Args args) {
-    if (args.empty()) return usage("user: expected list, add, update, verify or remove");
+    if (args.empty()) return usage("user: expected list, add, update, verify, remove or regroup");
     std::string sub = args.front();
     args.erase(args.begin());
     if (sub == "list") return user_list(opts, args);
@@ -199,7 +200,8 @@ int run_user(const Options &opts, Args args) {
     if (sub == "update") return user_update(opts, args);
     if (sub == "verify") return user_verify(opts, args);
     if (sub == "remove") return user_remove(opts, args);
-    return usage("user: unknown subcommand " + sub + " (list, add, update, verify, remove)");
+    if (sub == "regroup") return run_user_regroup(opts, args);
+    return usage("user: unknown subcommand " + sub + " (list, add, update, verify, remove, regroup)");
 }
 
 }  // namespace zelctl

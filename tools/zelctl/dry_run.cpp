@@ -16,7 +16,7 @@ const char *const kWriting[][2] = {
     {"domain", "update"},    {"domain", "remove"},       {"domain", "add-member"}, {"domain", "remove-member"},
     {"record", "add"},       {"record", "update"},       {"record", "remove"},    {"record", "rekey"},
     {"record", "import-csv"}, {"person", "add"},         {"db", "create"},        {"db", "remove"},
-    {"key", "generate"},     {"import", nullptr},
+    {"key", "generate"},     {"import", nullptr},        {"user", "regroup"},
 };
 
 std::string shown(const std::string &value) { return json_string(value.c_str()); }

@@ -71,7 +71,7 @@ _zelctl() {
         case $cmd in
             service) subs="list get add remove" ;;
             service-type) subs="add remove" ;;
-            user) subs="list add update verify remove" ;;
+            user) subs="list add update verify remove regroup" ;;
             record) subs="list get add update remove rekey import-csv" ;;
             export) subs="--passwords -o --quiet --json" ;;
             import) COMPREPLY=($(compgen -f -- "$cur")); return ;;
@@ -90,7 +90,7 @@ _zelctl() {
     local opts=""
     case "$cmd $sub" in
         "service add") opts="--type --description --id --dry-run" ;;
-        "service remove"|"service-type remove"|"user remove"|"domain remove"|"record remove") opts="--dry-run" ;;
+        "service remove"|"service-type remove"|"user remove"|"user regroup"|"domain remove"|"record remove") opts="--dry-run" ;;
         "domain add-member"|"domain remove-member") opts="--dry-run" ;;
         "service-type add") opts="--id --dry-run" ;;
         "user add") opts="--type --person --description --disabled --dry-run" ;;

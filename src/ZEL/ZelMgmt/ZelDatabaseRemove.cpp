@@ -71,7 +71,10 @@ int64_t count_subtree(ZelSession *s, const char *dn) {
     char no_attributes[] = LDAP_NO_ATTRS;
     char *attrs[] = {no_attributes, nullptr};
     zel::SearchPages res;
-    if (zel::search_all(s, dn, LDAP_SCOPE_SUBTREE, "(objectClass=*)", attrs, res) != LDAP_SUCCESS) return -1;
+    // Subentries too, as the removal finds them.
+    const char *filter = s->dir_kind == ZEL_DIR_ACTIVE_DIRECTORY ? "(objectClass=*)"
+                                                                 : "(|(objectClass=*)(objectClass=ldapSubEntry))";
+    if (zel::search_all(s, dn, LDAP_SCOPE_SUBTREE, filter, attrs, res) != LDAP_SUCCESS) return -1;
     return res.count(s->ld);
 }
 

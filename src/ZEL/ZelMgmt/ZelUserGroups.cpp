@@ -245,15 +245,17 @@ ZelRC Zel_removeZelUser(ZelSession *s, const char *nameOrDN) {
             rc = user_type ? read_user_type(s->ld, v1_res, user_type.get()) : ZEL_RC_NO_MEMORY;
         }
         if (rc == 0) {
-            // Every step runs and each one's status replaces the one before
-            // it; only running out of memory is never hidden by a later step.
-            auto step = [&rc](ZelRC status) {
-                if (rc != ZEL_RC_NO_MEMORY) rc = status;
-            };
-            if (!v1_dn.empty()) step(delete_tree(s, v1_dn.c_str()));
-            if (!v2_dn.empty())
-                step(s->domain_version < 6 ? delete_tree(s, v2_dn.c_str()) : release_domain_user(s, v2_dn));
-            if (!v1_dn.empty()) step(remove_ZelUser_from_group(s, v1_dn.c_str(), user_type.get()));
+            // The first failure is the call's answer, never hidden by a later
+            // step.  A profile that could not be deleted stops the removal
+            // there (it keeps its groups); once it is gone its groups go too.
+            if (!v1_dn.empty()) rc = delete_tree(s, v1_dn.c_str());
+            const bool v1_gone = !v1_dn.empty() && rc == 0;
+            if (rc == 0 && !v2_dn.empty())
+                rc = s->domain_version < 6 ? delete_tree(s, v2_dn.c_str()) : release_domain_user(s, v2_dn);
+            if (v1_gone) {
+                ZelRC groups = remove_ZelUser_from_group(s, v1_dn.c_str(), user_type.get());
+                if (rc == 0) rc = groups;
+            }
         }
 
         if (rc != 0)

@@ -153,7 +153,12 @@ ZelRC delete_tree(ZelSession *s, const char *dn) {
         if (lrc != LDAP_NOT_ALLOWED_ON_NONLEAF)
             return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_delete_ext_s()");
 
-        std::strcpy(filter.get(), "(objectClass=*)");
+        // Subentries (a replication conflict entry is one) answer only a
+        // filter that names their class; missed, they would keep the parent.
+        // Active Directory has no such class and needs no such term.
+        std::strcpy(filter.get(), s->dir_kind == ZEL_DIR_ACTIVE_DIRECTORY
+                                      ? "(objectClass=*)"
+                                      : "(|(objectClass=*)(objectClass=ldapSubEntry))");
         struct timeval tv = zel::no_time_limit();
         LDAPMessage *raw = nullptr;
         lrc = plat::ldap_search_ext_s(s->ld, dn, LDAP_SCOPE_ONELEVEL, filter.get(), nullptr, 1, nullptr,
