@@ -44,6 +44,15 @@ out="$prefix/c_program"
 cc -std=c99 -Wall -Werror $extra_cflags "$c_program" -o "$out" $(pkg-config --cflags --libs zelmgmt) -Wl,-rpath,"$prefix/lib"
 "$out" >/dev/null || fail "the program built against the installed tree failed"
 
+# The README's C example, built as its first line says: it must stay a whole
+# program that compiles cleanly (only built: it needs a directory to run).
+readme_c="$prefix/readme_example.c"
+awk '/^```c$/ {on = 1; next} on && /^```/ {exit} on' "$(dirname "$0")/../README.md" > "$readme_c"
+grep -q 'Zel_getCredential' "$readme_c" || fail "the README has no C example asking for a credential"
+# shellcheck disable=SC2046,SC2086
+cc -std=c99 -Wall -Wextra -Werror $extra_cflags "$readme_c" -o "$prefix/readme_example" \
+  $(pkg-config --cflags --libs zelmgmt) || fail "the README's C example does not build"
+
 # The Python binding finds the library of its own tree.
 if [ -z "$extra_cflags" ]; then
   PYTHONPATH="$prefix/lib/python3/dist-packages" /usr/bin/python3 -c \

@@ -31,6 +31,10 @@ SambaDc *dc_or_skip(std::string &why) {
 
 enum class Transport { Plain, Ldaps };
 
+std::string transport_name(const testing::TestParamInfo<Transport> &p) {
+    return p.param == Transport::Plain ? "Ldap" : "Ldaps";
+}
+
 // The security domain tree as the access-control product makes it, once.
 void seed_security_domain(const SambaDc &dc) {
     CommandResult seeded = dc.modify(
@@ -175,9 +179,7 @@ TEST_P(PeerSambaAD, EveryFamilyInBothStorageForms) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, PeerSambaAD, testing::Values(Transport::Plain, Transport::Ldaps),
-                         [](const testing::TestParamInfo<Transport> &info) {
-                             return std::string(info.param == Transport::Plain ? "Ldap" : "Ldaps");
-                         });
+                         transport_name);
 
 // The readers group: schema/ad-grant-readers.sh lets one security group read
 // the security domain and the Zel database.  A member's credential query
@@ -334,8 +336,6 @@ TEST_P(PeerSambaADRealm, LookupsWithTheRealmResolvingToTheDc) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, PeerSambaADRealm, testing::Values(Transport::Plain, Transport::Ldaps),
-                         [](const testing::TestParamInfo<Transport> &info) {
-                             return std::string(info.param == Transport::Plain ? "Ldap" : "Ldaps");
-                         });
+                         transport_name);
 
 }  // namespace

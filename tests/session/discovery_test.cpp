@@ -73,7 +73,7 @@ INSTANTIATE_TEST_SUITE_P(
                              ZEL_HOST_OTHER},
                     KindCase{"OldNovell", root_dse({{"vendorName", "novell, inc."}, {"vendorVersion", "84"}}),
                              ZEL_DIR_GENERIC, ZEL_HOST_OTHER}),
-    [](const testing::TestParamInfo<KindCase> &info) { return std::string(info.param.name); });
+    [](const testing::TestParamInfo<KindCase> &p) { return std::string(p.param.name); });
 
 // With several marks the attribute the server returns last decides.
 TEST(Discovery, LastMarkReturnedWins) {

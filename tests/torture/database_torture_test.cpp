@@ -20,11 +20,11 @@ protected:
         };
     }
     Scenario create_scenario(unsigned char flags) {
-        return {"create", [](ZelSession *s) { (void)delete_tree(s, kDb.c_str()); },
+        return {"create", [](ZelSession *z) { (void)delete_tree(z, kDb.c_str()); },
                 [this, flags](ZelSession *) { return this->create(flags); }};
     }
     Scenario remove_scenario() {
-        return {"remove", with_database(), [](ZelSession *s) { return Zel_removeDatabase(s); }};
+        return {"remove", with_database(), [](ZelSession *z) { return Zel_removeDatabase(z); }};
     }
 };
 using DatabaseTorture = ProvisioningTorture<Kind::Generic>;
@@ -39,8 +39,8 @@ TEST_F(DatabaseTorture, Torture) {
     torture::run("database", s.get(), {
         create_scenario(ZEL_CREATEDB_EXTENDED | ZEL_CREATEDB_XR_DEFAULTS),
         remove_scenario(),
-        {"person", [=](ZelSession *s) { with_db(s); (void)Zel_removeZelUser(s, "ann"); },
-         [&](ZelSession *s) { return Zel_create_ePerson(s, &ann, "XR User"); }},
+        {"person", [=](ZelSession *z) { with_db(z); (void)Zel_removeZelUser(z, "ann"); },
+         [&](ZelSession *z) { return Zel_create_ePerson(z, &ann, "XR User"); }},
     });
 }
 

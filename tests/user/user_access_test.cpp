@@ -165,4 +165,4 @@ TEST_P(KindUsers, RemovalLeavesTheAccessGroupsItJoined) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, KindUsers, ::testing::Values(Kind::ActiveDirectory, Kind::Generic),
-                         [](const ::testing::TestParamInfo<Kind> &info) { return std::string(kind_name(info.param)); });
+                         [](const ::testing::TestParamInfo<Kind> &p) { return std::string(kind_name(p.param)); });

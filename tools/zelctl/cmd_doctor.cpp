@@ -37,7 +37,7 @@ struct Finding {
     std::string fix;  // empty when nothing needs doing
 };
 
-constexpr const char *kSecuring = "see \"Securing a deployment\" in the README";
+constexpr const char *kSecuring = "see \"Securing a deployment\" in doc/admin.md";
 constexpr const char *kRecordFilter = "(|(objectClass=eTargetRecord)(objectClass=secResCreds))";
 
 struct LdapClose {

@@ -81,7 +81,7 @@ ZelRC read_credential(ZelSession *s, LDAPMessage *entry, ZelCredential *out) {
         const bool as_stored = account || (field == CredentialField::SecretKey && clear_secret_key(s));
         for (struct berval **v = values; *v; ++v) {
             char *text = nullptr;
-            if (ZelRC rc = clear_password(s, *v, as_stored, text)) return rc;
+            if (ZelRC clear_rc = clear_password(s, *v, as_stored, text)) return clear_rc;
             char *&target = account ? out->userId : out->password;
             if (!account && target) std::memset(target, 0, std::strlen(target));
             std::free(target);

@@ -48,7 +48,7 @@ ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record)
             bool as_stored = secret_key && zel::clear_secret_key(s);
             for (struct berval **v = bervals; *v; ++v) {
                 char *clear = nullptr;
-                if (ZelRC rc = zel::clear_password(s, *v, as_stored, clear)) return rc;
+                if (ZelRC clear_rc = zel::clear_password(s, *v, as_stored, clear)) return clear_rc;
                 free_secret(record->password);
                 record->password = clear;
             }
