@@ -12,8 +12,8 @@ from pathlib import Path
 import pytest
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
+from selenium.common.exceptions import WebDriverException
 from selenium.webdriver.common.by import By
-from selenium.webdriver.support import expected_conditions
 from selenium.webdriver.support.ui import WebDriverWait
 
 
@@ -98,11 +98,9 @@ class Browser:
                 element.send_keys(value)
         page = self.driver.find_element(By.TAG_NAME, "html")
         form.find_element(By.CSS_SELECTOR, "button[type=submit]").click()
-        WebDriverWait(self.driver, 30).until(expected_conditions.staleness_of(page))
         # The old page is gone once navigation starts; the next look must
         # wait for the new one, or it may catch a document still being built.
-        WebDriverWait(self.driver, 30).until(
-            lambda d: d.execute_script("return document.readyState") == "complete")
+        self.wait_for_next(page)
 
     def sign_in(self, login, password):
         self.driver.delete_all_cookies()
@@ -113,7 +111,16 @@ class Browser:
         """Opens the link or presses the button whose accessible name is `name`."""
         page = self.driver.find_element(By.TAG_NAME, "html")
         self.driver.find_element(By.CSS_SELECTOR, f'[aria-label="{name}"]').click()
-        WebDriverWait(self.driver, 30).until(expected_conditions.staleness_of(page))
+        self.wait_for_next(page)
+
+    def wait_for_next(self, page):
+        def gone(_):
+            try:
+                page.is_enabled()
+                return False
+            except WebDriverException:  # stale, or no longer of the document
+                return True
+        WebDriverWait(self.driver, 30).until(gone)
         WebDriverWait(self.driver, 30).until(
             lambda d: d.execute_script("return document.readyState") == "complete")
 

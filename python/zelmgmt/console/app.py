@@ -191,8 +191,9 @@ def create_app(uri: str, *, ca_file: Optional[str] = None, domain: str = "Defaul
         g.directory_gate = gate
         g.console = store.get(request.cookies.get(COOKIE))
         g.new_key = None
-        if request.method == "POST" and (g.console is None or
-                                          not g.console.token_matches(request.form.get("csrf_token"))):
+        # The form is read first, so that one too large is answered as such.
+        offered = request.form.get("csrf_token") if request.method == "POST" else None
+        if request.method == "POST" and (g.console is None or not g.console.token_matches(offered)):
             log.warning("refused a %s to %s without a valid form token", request.method, request.path)
             abort(403)
 
