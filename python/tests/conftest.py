@@ -70,7 +70,7 @@ class Directory:
             f"pidfile {work}/slapd.pid\n"
             "modulepath /usr/lib/ldap\nmoduleload back_mdb\n"
             f'database mdb\nsuffix "{SUFFIX}"\nrootdn "{ADMIN}"\nrootpw {ADMIN_PASSWORD}\n'
-            f"directory {work}/db\nmaxsize 33554432\n"
+            f"directory {work}/db\nmaxsize 33554432\ndbnosync\n"
             f"include {SOURCE}/schema/zel-indexes.conf\n")
         if access_rules:
             # The shipped rules, then a site's usual ones (as scripts/private-directory.sh sets them).
@@ -124,4 +124,11 @@ def directory():
 def module_directory():
     """One directory for a module whose tests build on each other's data."""
     with private_directory() as d:
+        yield d
+
+
+@pytest.fixture(scope="module")
+def ruled_directory():
+    """A module's directory under the shipped access rules."""
+    with private_directory(access_rules=True) as d:
         yield d
