@@ -42,6 +42,7 @@ def test_a_day_at_the_console(console, browser):
     browser.sign_in(d.admin, d.admin_password)
     assert "Security domain\nDefault" in text(browser)
     assert browser.driver.find_element(By.CSS_SELECTOR, "nav [aria-current=page]").text == "Overview"
+    browser.shoot("overview")
 
     browser.open("/services")
     browser.fill("/services/add", name="wiki", type="Web Resource", description=SCRIPT)
@@ -85,6 +86,7 @@ def test_a_day_at_the_console(console, browser):
     browser.fill("/credential", user="ann", resource="wiki")
     assert browser.driver.find_element(By.ID, "account").text == "ann.office"
     assert RECORD_PASSWORD not in browser.driver.page_source
+    browser.shoot("credential")
     browser.fill("/credential", user="ann", resource="mail")
     assert any("There is no such record." in n and "status 24" in n for n in browser.notices())
 
@@ -103,7 +105,7 @@ def test_a_day_at_the_console(console, browser):
     # Removal asks first, says what goes with the user, and a GET removes nothing.
     browser.open("/users")
     browser.follow("Remove ann")
-    assert "Its 1 record go with it: G:office." in text(browser)
+    assert "Its 1 record goes with it: G:office." in text(browser)
     browser.shoot("confirm")
     browser.driver.find_element(By.LINK_TEXT, "Cancel, keep it").click()
     assert "ann" in text(browser)

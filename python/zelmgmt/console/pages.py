@@ -395,7 +395,7 @@ def user_remove(zel):
         if user is None:
             return redirect(url_for(".users"))
         records = read(lambda: zel.get_all_target_records(name), [])
-        goes = [f"Its {len(records)} record{'s' if len(records) != 1 else ''} go with it"
+        goes = [f"Its {len(records)} record{'s go' if len(records) != 1 else ' goes'} with it"
                 + (": " + ", ".join(r.id for r in records[:10]) + (" …" if len(records) > 10 else "")
                    if records else "") + "."]
         if user.person_dn:
@@ -482,7 +482,17 @@ def record_add(zel):
             raise Refused("The password holds a NUL character; nothing was changed.")
         zel.add_target_record(user, record)
         notice("ok", f"Record {shorten(record.id)} added.")
-    attempt(add, "", "The record was not added.")
+    try:
+        add()
+    except Refused as e:
+        notice("error", str(e))
+    except zelmgmt.Error as e:
+        if e.status == 14 and mine:
+            # The access rules may hide the catalogue from a user.
+            notice("error", "The record was not added: there is no such service, or your account may not "
+                            "read it.", f"status {e.status}")
+        else:
+            fail(e, "The record was not added.")
     return back_to(user, mine)
 
 
