@@ -170,7 +170,7 @@ def test_names_are_checked_and_shortened(console, browser):
 @pytest.mark.parametrize("path, data, status, said", [
     ("/no-such-page", None, 404, "Page not found"),
     ("/services/add", None, 405, "Not allowed"),
-    ("/signin", b"x" * (5 * 1024 * 1024), 413, "Too large"),
+    ("/signin", b"x" * (17 * 1024 * 1024), 413, "Too large"),
 ])
 def test_error_pages_are_the_consoles_own(console, path, data, status, said):
     got, body = console.fetch(path, data)

@@ -180,7 +180,7 @@ def create_app(uri: str, *, ca_file: Optional[str] = None, domain: str = "Defaul
     here = Path(__file__).resolve().parent
     app = Flask(__name__, template_folder=str(here / "templates"), static_folder=str(here / "static"))
     app.config.update(ZEL_URI=uri, ZEL_CA_FILE=ca_file, ZEL_DOMAIN=domain, ZEL_AUDIT_FILE=audit_file,
-                      ZEL_ZELCTL=zelctl, ZEL_TIMEOUT=timeout, MAX_CONTENT_LENGTH=4 * 1024 * 1024)
+                      ZEL_ZELCTL=zelctl, ZEL_TIMEOUT=timeout, MAX_CONTENT_LENGTH=16 * 1024 * 1024)  # an import document of a large site
     store = SessionStore(idle_seconds)
     app.extensions["zelmgmt.sessions"] = store
     lookup = lookup or Lookup()

@@ -9,6 +9,7 @@ only on a second confirmation of that same file.
 """
 from __future__ import annotations
 
+import collections
 import hashlib
 import json
 import os
@@ -48,10 +49,14 @@ def verdict(path: str) -> tuple:
     return False, f"Broken at line {answer.get('line')}: {answer.get('fault', 'changed')}."
 
 
+# The newest lines of a trail the page reads; `zelctl audit verify` checks all of it.
+TRAIL_LINES = 100_000
+
+
 def trail_lines(path: str) -> List[dict]:
     lines = []
     with open(path, encoding="utf-8", errors="replace") as f:
-        for raw in f:
+        for raw in collections.deque(f, maxlen=TRAIL_LINES):
             try:
                 line = json.loads(raw)
             except ValueError:
@@ -110,6 +115,26 @@ def run_zelctl(password: str, *args: str) -> subprocess.CompletedProcess:
         os.close(read_end)
 
 
+class ToolFailed(Exception):
+    pass
+
+
+def run_or_say(password: str, *args: str) -> subprocess.CompletedProcess:
+    try:
+        return run_zelctl(password, *args)
+    except FileNotFoundError:
+        raise ToolFailed("zelctl was not found: start the console with --zelctl naming it.")
+    except subprocess.TimeoutExpired:
+        raise ToolFailed(f"zelctl did not finish within {RUN_SECONDS} seconds; look at the directory "
+                         "before trying again.")
+
+
+@operations.errorhandler(ToolFailed)
+def tool_failed(e):
+    notice("error", str(e))
+    return redirect(url_for(".transfer"))
+
+
 def said(done: subprocess.CompletedProcess) -> str:
     return (done.stdout + done.stderr).decode("utf-8", "replace").strip()[-20000:]
 
@@ -124,7 +149,7 @@ def transfer(zel):
 @signed_in(ADMIN)
 def export(zel):
     mode = "sealed" if request.form.get("passwords") == "sealed" else "omit"
-    done = run_zelctl(request.form.get("password", ""), "export", "--passwords", mode, "--quiet")
+    done = run_or_say(request.form.get("password", ""), "export", "--passwords", mode, "--quiet")
     if done.returncode != 0:
         log.info("export by %r from %s failed", g.console.who, request.remote_addr)
         notice("error", "The export failed.", said(done)[-300:])
@@ -152,7 +177,11 @@ def import_check(zel):
     fd, path = tempfile.mkstemp(prefix="zelconsole-import-", suffix=".json")
     with os.fdopen(fd, "wb") as f:
         f.write(data)
-    done = run_zelctl(request.form.get("password", ""), "import", path, "--dry-run")
+    try:
+        done = run_or_say(request.form.get("password", ""), "import", path, "--dry-run")
+    except ToolFailed:
+        Path(path).unlink(missing_ok=True)
+        raise
     digest = hashlib.sha256(data).hexdigest()
     if done.returncode == 0:
         g.console.pending = {"file": path, "digest": digest, "name": (upload.filename or "document")[:80]}
@@ -170,7 +199,7 @@ def import_apply(zel):
     if not pending or request.form.get("digest") != pending["digest"]:
         notice("error", "There is no checked import to apply; upload the document again.")
         return redirect(url_for(".transfer"))
-    done = run_zelctl(request.form.get("password", ""), "import", pending["file"])
+    done = run_or_say(request.form.get("password", ""), "import", pending["file"])
     log.info("import by %r from %s: exit %d", g.console.who, request.remote_addr, done.returncode)
     if done.returncode == 0:
         drop_pending()

@@ -383,7 +383,7 @@ def user_state(zel):
         user.enabled = enable
         zel.update_user(user)
     attempt(change, f"User {shorten(name)} {'enabled' if enable else 'disabled'}.", "The user was not changed.")
-    return redirect(request.form.get("back") or url_for(".users"))
+    return redirect(url_for(".users", q=name))
 
 
 @pages.route("/users/remove", methods=["GET", "POST"])
