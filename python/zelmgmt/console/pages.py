@@ -142,7 +142,12 @@ def replace_service(zel, old: zelmgmt.TargetService, new: zelmgmt.TargetService)
     try:
         zel.add_target_service(new)
     except zelmgmt.Error:
-        zel.add_target_service(old)  # put back what was there; the first failure is the one to tell
+        try:
+            zel.add_target_service(old)  # put back what was there; the first failure is the one to tell
+        except zelmgmt.Error:
+            log.error("service %r was removed for a change and could not be written again", old.name)
+            notice("error", f"The service {shorten(old.name)} could not be written again: add it back with "
+                            f"type {old.type or '(none)'} and description {shorten(old.description or '(none)')}.")
         raise
 
 
