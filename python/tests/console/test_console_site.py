@@ -111,3 +111,34 @@ def test_a_helpdesk_finds_one_service_among_1500(console, browser):
     browser.open("/services?sort=name&dir=desc")
     assert browser.driver.find_element(By.CSS_SELECTOR, "tbody tr td").text == "svc-1499"
     assert browser.driver.find_element(By.CSS_SELECTOR, "th[aria-sort=descending]").text.startswith("Name")
+
+
+def contrast(rgb_a, rgb_b):
+    def luminance(rgb):
+        channels = [int(v) / 255 for v in rgb.replace("rgba(", "").replace("rgb(", "").rstrip(")").split(",")[:3]]
+        linear = [c / 12.92 if c <= 0.03928 else ((c + 0.055) / 1.055) ** 2.4 for c in channels]
+        return 0.2126 * linear[0] + 0.7152 * linear[1] + 0.0722 * linear[2]
+    a, b = sorted((luminance(rgb_a), luminance(rgb_b)), reverse=True)
+    return (a + 0.05) / (b + 0.05)
+
+
+def test_pages_can_be_used_without_seeing_them(console, browser):
+    d = console.directory
+    browser.sign_in(d.admin, d.admin_password)
+    browser.open("/services")
+    # Repeated buttons carry their object's name, every one different.
+    names = [e.get_attribute("aria-label") for e in browser.driver.find_elements(By.CSS_SELECTOR, "tbody .actions a")]
+    assert "Edit intranet" in names and "Remove intranet" in names and len(set(names)) == len(names) == 100
+    # A skip link first, to the content; the current page is marked.
+    first = browser.driver.find_element(By.CSS_SELECTOR, "body a")
+    assert first.get_attribute("class") == "skip" and first.get_attribute("href").endswith("#main")
+    assert browser.driver.find_element(By.CSS_SELECTOR, "[aria-current=page]").text == "Services"
+    # Input borders stand out from the page behind them (3:1).
+    for selector in ("input[type=search]", "#name", "#type"):
+        field = browser.driver.find_element(By.CSS_SELECTOR, selector)
+        border = field.value_of_css_property("border-top-color")
+        behind = browser.driver.execute_script(
+            "let e = arguments[0].parentElement;"
+            "while (e && getComputedStyle(e).backgroundColor === 'rgba(0, 0, 0, 0)') e = e.parentElement;"
+            "return e ? getComputedStyle(e).backgroundColor : 'rgb(255, 255, 255)';", field)
+        assert contrast(border, behind) >= 3, (selector, border, behind)
