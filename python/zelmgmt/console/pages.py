@@ -221,7 +221,7 @@ def group_remove(zel):
         group = read(lambda: zel.get_domain(name), None)
         if group is None:
             return redirect(url_for(".groups"))
-        goes = [f"Its {len(group.members)} member{'s' if len(group.members) != 1 else ''} leave it: "
+        goes = [f"Its {len(group.members)} member{'s leave' if len(group.members) != 1 else ' leaves'} it: "
                 + ", ".join(group.members) + ". The services themselves stay."] if group.members else []
         goes.append("Group records (G:) kept for it stay, and answer nothing until it is added again.")
         return confirm(f"Remove resource group {shorten(name)}?", f"The resource group {name} will be removed.",
