@@ -317,10 +317,9 @@ def user_add(zel):
         zel.add_user(user)
     except zelmgmt.Error as e:
         if e.status == 5:
-            # The library names the holder of the person's profile, where it knows it.
-            held = f" It is held by {shorten(e.detail)}." if e.detail else ""
-            notice("error", f"User {shorten(user.name)} was not added: that person or name has a profile "
-                            f"already.{held}", f"status {e.status}")
+            # The library's detail names the holder of the person's profile, where it knows it.
+            notice("error", f"User {shorten(user.name)} was not added: that name, or that person, has a "
+                            "profile already.", words.failure(e)[1])
         else:
             fail(e, "The user was not added.")
         return redirect(url_for(".users"))
