@@ -112,6 +112,12 @@ def test_a_day_at_the_console(console, browser):
     browser.follow("Remove ann")
     browser.send(browser.driver.find_element(By.CSS_SELECTOR, "form.buttons"))
     assert "User ann removed." in browser.notices()
+    # Added again: what was typed is written, or the page says it was not and offers the edit page.
+    browser.fill("/users/add", name="ann", type="User", person_dn=f"cn=Ann,{d.suffix}", description="back again")
+    stored = zelmgmt.Session(d.uri, d.admin, password=d.admin_password).get_user("ann")
+    said = " ".join(browser.notices())
+    assert stored.description == "back again" and "User ann added" in said or \
+        "not written" in said and browser.driver.find_elements(By.LINK_TEXT, "Open its edit page")
 
     # The trail names who did it; the reveal's log line says who and from where.
     browser.open("/audit?user=ann&action=Remove")

@@ -324,19 +324,23 @@ def user_add(zel):
             fail(e, "The user was not added.")
         return redirect(url_for(".users"))
     # A profile that existed before (a removed one left behind) can come back
-    # as it was: say what differs from what was typed.
+    # as it was stored: then what was typed is written over it, or the page
+    # says what was not.
     stored = read(lambda: existing_user(zel, user.name), None)
-    differs = []
-    if stored is not None:
-        for label, asked, got in (("type", user.type, stored.type), ("description", user.description,
-                                                                     stored.description),
-                                  ("person", user.person_dn, stored.person_dn)):
-            if asked and got and asked.casefold() != got.casefold():
-                differs.append(f"{label} is {shorten(got)}")
-    if differs:
-        notice("error", f"User {shorten(user.name)} existed already and was restored as stored: "
-                        + "; ".join(differs) + ". What was typed is not written; change it on its edit page.",
-               link=url_for(".user_edit", name=user.name))
+    differs = stored is not None and any(
+        asked and (got or "").casefold() != asked.casefold()
+        for asked, got in ((user.description, stored.description), (user.person_dn, stored.person_dn),
+                           (user.type, stored.type if stored.type is not None else user.type)))
+    if stored is not None and (differs or stored.enabled != user.enabled):
+        try:
+            zel.update_user(zelmgmt.User(user.name, user.type or stored.type, user.description or stored.description,
+                                         user.enabled, user.person_dn or stored.person_dn))
+            notice("ok", f"User {shorten(user.name)} added: a removed profile of that name was found "
+                         "and now holds what was typed.")
+        except zelmgmt.Error as e:
+            notice("error", f"User {shorten(user.name)} existed already as a removed profile and came back as "
+                            "it was stored; what was typed is not written. Change it on its edit page.",
+                   words.failure(e)[1], link=url_for(".user_edit", name=user.name))
     else:
         notice("ok", f"User {shorten(user.name)} added.")
     return redirect(url_for(".users", q=user.name))
