@@ -124,7 +124,7 @@ def role_of(zel: zelmgmt.Session, dn: str, password: str, ca_file: Optional[str]
     shipped rules let members of the administrators' groups read them):
     administrators manage, sign-on agents read.  Anyone else with a profile
     is a user.  Someone with neither who may list the users is the
-    directory's own administrator."""
+    directory's own administrator; anyone else is a user without a profile."""
     own = None
     try:
         profile = zel.verify_user(dn)
@@ -147,7 +147,8 @@ def role_of(zel: zelmgmt.Session, dn: str, password: str, ca_file: Optional[str]
     except zelmgmt.Error as e:
         if e.status == 19:   # no users yet: listing was allowed
             return ADMIN, own
-    return AGENT, own
+    # Neither: "My sign-ons" tells them they have no profile yet.
+    return USER, own
 
 
 def zel_uri() -> str:
