@@ -199,7 +199,7 @@ def test_forms_without_their_token_are_refused(console, browser):
     ("cn=Manager,o=example", "not-this-one", False, "Sign-in failed"),
     ("nobody", "whatever", False, "Sign-in failed"),
     ("ann*", "ann-secret", False, "Sign-in failed"),  # a name is never a filter
-    ("ann", "ann-secret", True, "Overview"),
+    ("ann", "ann-secret", True, "My sign-ons"),  # a person with a profile is a user
 ])
 def test_sign_in(console, browser, login, password, signed_in, shown):
     browser.sign_in(login, password)
