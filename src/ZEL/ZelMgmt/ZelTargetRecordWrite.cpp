@@ -223,10 +223,13 @@ ZelRC create_update(ZelSession *s, const char *user, const ZelTargetRecord *r, i
 
     StoredValues v;
     rc = check_target_service(s, r, v.stored_kind);
-    // The domain form's update writes no kind, so it needs no service: a
-    // user whose access rules hide the catalogue still changes their own
-    // record (the first-generation form rewrites the kind and does need it).
-    bool unseen_service = rc == ZEL_RC_TS_NOT_FOUND && op == kUpdate && !first_gen;
+    // The domain form's update writes no kind, so it needs no service when
+    // the record names its own ("T:wiki" for wiki): a user whose access rules
+    // hide the catalogue still changes their own record.  Any other service
+    // must be found, and the first-generation form rewrites the kind.
+    const char *own = std::strchr(r->targetRecordId, ':');
+    bool unseen_service = rc == ZEL_RC_TS_NOT_FOUND && op == kUpdate && !first_gen && own &&
+                          zel::same_text(own + 1, r->targetServiceName);
     if (rc != 0 && !unseen_service) return rc;
     rc = 0;
 
