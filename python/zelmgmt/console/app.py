@@ -131,7 +131,10 @@ def role_of(zel: zelmgmt.Session, dn: str, password: str, ca_file: Optional[str]
         own = profile_name(profile) if profile else None
     except zelmgmt.Error:
         pass
-    database = getattr(zel.info(), "database_dn", None)
+    try:
+        database = zel.info().database_dn
+    except zelmgmt.Error:
+        database = None
     if database:
         groups = {f"cn={name},cn=Access Groups,{database}": role
                   for name, role in (("Administrators", ADMIN), ("Senior Administrators", ADMIN),
