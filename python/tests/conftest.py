@@ -57,7 +57,7 @@ def _free_port():
 class Directory:
     suffix, admin, admin_password, ann_password = SUFFIX, ADMIN, ADMIN_PASSWORD, ANN_PASSWORD
 
-    def __init__(self, work: Path):
+    def __init__(self, work: Path, access_rules: bool = False):
         self.work = work
         self.port = _free_port()
         self.uri = f"ldap://127.0.0.1:{self.port}"
@@ -70,8 +70,16 @@ class Directory:
             f"pidfile {work}/slapd.pid\n"
             "modulepath /usr/lib/ldap\nmoduleload back_mdb\n"
             f'database mdb\nsuffix "{SUFFIX}"\nrootdn "{ADMIN}"\nrootpw {ADMIN_PASSWORD}\n'
-            f"directory {work}/db\nmaxsize 33554432\n"
+            f"directory {work}/db\nmaxsize 33554432\ndbnosync\n"
             f"include {SOURCE}/schema/zel-indexes.conf\n")
+        if access_rules:
+            # The shipped rules, then a site's usual ones (as scripts/private-directory.sh sets them).
+            rules = (SOURCE / "schema/zel-access.conf").read_text().replace("@SUFFIX@", SUFFIX)
+            (work / "zel-access.conf").write_text(rules)
+            with open(work / "slapd.conf", "a") as conf:
+                conf.write(f"include {work}/zel-access.conf\n"
+                           "access to attrs=userPassword by self write by anonymous auth by * none\n"
+                           "access to * by users read by * none\n")
         self.proc = subprocess.Popen(["slapd", "-f", str(work / "slapd.conf"), "-h", self.uri + "/", "-d", "0"],
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         deadline = time.monotonic() + 10
@@ -96,9 +104,9 @@ class Directory:
 
 
 @contextlib.contextmanager
-def private_directory():
+def private_directory(access_rules: bool = False):
     work = Path(tempfile.mkdtemp(prefix="zelpy-"))
-    d = Directory(work)
+    d = Directory(work, access_rules)
     try:
         yield d
     finally:
@@ -116,4 +124,11 @@ def directory():
 def module_directory():
     """One directory for a module whose tests build on each other's data."""
     with private_directory() as d:
+        yield d
+
+
+@pytest.fixture(scope="module")
+def ruled_directory():
+    """A module's directory under the shipped access rules."""
+    with private_directory(access_rules=True) as d:
         yield d

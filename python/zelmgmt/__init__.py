@@ -24,6 +24,7 @@ from . import _c
 __all__ = [
     "Error", "Session", "SessionInfo", "TargetService", "ServiceType", "User", "TargetRecord",
     "Credential", "Explanation", "ExplainStep", "Domain", "Person", "strerror", "set_timeouts",
+    "last_error_detail",
     "OPEN_NONSSL", "OPEN_SSL", "OPEN_GSSAPI",
     "CREATEDB_SUFFIX", "CREATEDB_XR_DEFAULTS", "CREATEDB_EXTENDED",
 ]
@@ -35,11 +36,14 @@ _lib = _c.load()
 
 
 class Error(Exception):
-    """A library status other than success."""
+    """A library status other than success.  detail: what the library adds
+    to the status (the server's own diagnostic text, say), "" when nothing."""
 
-    def __init__(self, status: int, what: str = ""):
+    def __init__(self, status: int, what: str = "", detail: str = ""):
         self.status = status
         self.text = strerror(status)
+        self.what = what
+        self.detail = detail
         super().__init__(f"{what}: {self.text} (status {status})" if what else f"{self.text} (status {status})")
 
 
@@ -47,9 +51,16 @@ def strerror(status: int) -> str:
     return _lib.Zel_strerror(status).decode("utf-8", "replace")
 
 
+def last_error_detail() -> str:
+    """The library's detail of the last failed call on this thread, "" when none."""
+    raw = _lib.Zel_last_error_detail()
+    return raw.decode("utf-8", "replace") if raw else ""
+
+
 def _check(status: int, what: str) -> None:
     if status != 0:
-        raise Error(status, what)
+        # Read on the failing call's own thread, before anything else can replace it.
+        raise Error(status, what, last_error_detail())
 
 
 def _b(text: Optional[str]) -> Optional[bytes]:

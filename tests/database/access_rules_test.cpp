@@ -203,6 +203,27 @@ TEST_P(ShippedAccessRules, EachRoleReadsAndWritesWhatItMay) {
     }
 }
 
+// The services are hidden from a user outside the access groups, yet in the
+// security domain form they set their own record's password through the library.
+TEST_P(ShippedAccessRules, AUserOutsideTheGroupsSetsTheirOwnPassword) {
+    Session xr, admin;
+    ASSERT_EQ(open_as(*dir, &kXr, 2, xr), 0u);
+    ASSERT_EQ(open_as(*dir, &kZelAdmin, 2, admin), 0u);
+    ZelTargetService *hidden = nullptr;
+    EXPECT_EQ(Zel_getTargetService(xr.get(), "wiki", &hidden), ZEL_RC_TS_NOT_FOUND);
+    Zel_freeTargetService(hidden);
+    char id[] = "T:wiki", service[] = "wiki", password[] = "xr-chose-this";
+    ZelTargetRecord r{id, nullptr, nullptr, password, service, nullptr};
+    ASSERT_EQ(Zel_updateTargetRecord(xr.get(), "xr", &r), 0u);
+    ZelTargetRecord *stored = nullptr;
+    ASSERT_EQ(Zel_getTargetRecord(admin.get(), "xr", id, &stored), 0u);
+    EXPECT_STREQ(stored->password, password);
+    EXPECT_STREQ(stored->userId, "xr");  // what the update left out stays
+    Zel_freeTargetRecord(stored);
+    // Someone else's record stays out of reach.
+    EXPECT_NE(Zel_updateTargetRecord(xr.get(), "ann", &r), 0u);
+}
+
 INSTANTIATE_TEST_SUITE_P(Forms, ShippedAccessRules, testing::Values(AccessRules::SlapdConf, AccessRules::CnConfig),
                          [](const testing::TestParamInfo<AccessRules> &i) {
                              return i.param == AccessRules::SlapdConf ? "SlapdConf" : "CnConfig";

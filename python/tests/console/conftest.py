@@ -12,18 +12,27 @@ from pathlib import Path
 import pytest
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
+from selenium.common.exceptions import WebDriverException
 from selenium.webdriver.common.by import By
-from selenium.webdriver.support import expected_conditions
 from selenium.webdriver.support.ui import WebDriverWait
 
 
+def zelctl_path() -> str:
+    """The built zelctl: as the test run names it, else beside the library."""
+    if os.environ.get("ZELCTL"):
+        return os.environ["ZELCTL"]
+    return str(Path(os.environ.get("ZELMGMT_LIBRARY", "build/libzelmgmt.so.1")).resolve().parent
+               / "tools/zelctl/zelctl")
+
+
 class Console:
-    def __init__(self, directory):
+    def __init__(self, directory, *options, env=None):
         self.directory = directory
         self.log_file = tempfile.TemporaryFile(mode="w+")
         self.proc = subprocess.Popen(
-            [sys.executable, "-m", "zelmgmt.console", "--uri", directory.uri, "--port", "0"],
-            stdout=subprocess.PIPE, stderr=self.log_file, text=True)
+            [sys.executable, "-m", "zelmgmt.console", "--uri", directory.uri, "--port", "0",
+             "--zelctl", zelctl_path(), *options],
+            stdout=subprocess.PIPE, stderr=self.log_file, text=True, env={**os.environ, **(env or {})})
         line = self.proc.stdout.readline()
         if "serving" not in line:
             self.stop()
@@ -36,7 +45,11 @@ class Console:
 
     def post(self, path, fields, cookie=None):
         """A form sent outside the browser: (status, body)."""
-        req = urllib.request.Request(self.url + path, data=urllib.parse.urlencode(fields).encode())
+        return self.fetch(path, urllib.parse.urlencode(fields).encode(), cookie)
+
+    def fetch(self, path, data=None, cookie=None, method=None):
+        """(status, body) of one request outside the browser."""
+        req = urllib.request.Request(self.url + path, data=data, method=method)
         if cookie:
             req.add_header("Cookie", cookie)
         try:
@@ -71,26 +84,45 @@ class Browser:
 
     def fill(self, form_action, **fields):
         """Fills the form posting to `form_action` and sends it."""
-        form = self.driver.find_element(By.CSS_SELECTOR, f'form[action="{form_action}"]')
+        self.send(self.driver.find_element(By.CSS_SELECTOR, f'form[action="{form_action}"]'), **fields)
+
+    def send(self, form, **fields):
         for name, value in fields.items():
             element = form.find_element(By.NAME, name)
             if element.tag_name == "select":
                 element.find_element(By.XPATH, f'.//option[normalize-space()="{value}" or @value="{value}"]').click()
+            elif element.get_attribute("type") == "file":
+                element.send_keys(value)
             else:
                 element.clear()
                 element.send_keys(value)
         page = self.driver.find_element(By.TAG_NAME, "html")
         form.find_element(By.CSS_SELECTOR, "button[type=submit]").click()
-        WebDriverWait(self.driver, 30).until(expected_conditions.staleness_of(page))
         # The old page is gone once navigation starts; the next look must
         # wait for the new one, or it may catch a document still being built.
-        WebDriverWait(self.driver, 30).until(
-            lambda d: d.execute_script("return document.readyState") == "complete")
+        self.wait_for_next(page)
 
     def sign_in(self, login, password):
         self.driver.delete_all_cookies()
         self.open("/signin")
         self.fill("/signin", login=login, password=password)
+
+    def follow(self, name):
+        """Opens the link or presses the button whose accessible name is `name`."""
+        page = self.driver.find_element(By.TAG_NAME, "html")
+        self.driver.find_element(By.CSS_SELECTOR, f'[aria-label="{name}"]').click()
+        self.wait_for_next(page)
+
+    def wait_for_next(self, page):
+        def gone(_):
+            try:
+                page.is_enabled()
+                return False
+            except WebDriverException:  # stale, or no longer of the document
+                return True
+        WebDriverWait(self.driver, 30).until(gone)
+        WebDriverWait(self.driver, 30).until(
+            lambda d: d.execute_script("return document.readyState") == "complete")
 
     def notices(self):
         return [e.text for e in self.driver.find_elements(By.CSS_SELECTOR, ".notice")]
@@ -111,3 +143,20 @@ def browser(console):
     b = Browser(console)
     yield b
     b.driver.quit()
+
+
+def zelctl(directory, *args, check=True):
+    """zelctl as the directory's administrator; the password from its file."""
+    done = subprocess.run([zelctl_path(), "-H", directory.uri, "-D", directory.admin, "-y",
+                           str(directory.password_file), *args], capture_output=True, text=True)
+    if check and done.returncode != 0:
+        raise RuntimeError(f"zelctl {' '.join(args)}: {done.stderr}")
+    return done
+
+
+def create_database(directory):
+    """A Zel database with the default types and its access groups."""
+    secret = directory.work / "zel-admin.pw"
+    secret.write_text("zel-admin-secret\n")
+    secret.chmod(0o600)
+    zelctl(directory, "db", "create", directory.suffix, "--admin-password-file", str(secret), "--default-types")

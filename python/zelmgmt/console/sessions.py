@@ -11,6 +11,7 @@ import hmac
 import secrets
 import threading
 import time
+from pathlib import Path
 from dataclasses import dataclass, field
 from typing import Callable, Dict, List, Optional
 
@@ -27,7 +28,13 @@ class ConsoleSession:
     csrf_token: str
     last_used: float
     zel: Optional[zelmgmt.Session] = None
+    # The same person in the first-generation form, where services of the
+    # Zel database's own types are written; None when it could not open.
+    zel1: Optional[zelmgmt.Session] = None
     who: str = ""
+    role: str = ""
+    own: Optional[str] = None      # the signed-in person's own Zel user name
+    pending: Optional[dict] = None  # an uploaded import waiting for its confirmation
     notices: List[tuple] = field(default_factory=list)
     # One library session serves one thread at a time.
     lock: threading.Lock = field(default_factory=threading.Lock)
@@ -35,14 +42,20 @@ class ConsoleSession:
     def token_matches(self, offered: Optional[str]) -> bool:
         return offered is not None and hmac.compare_digest(offered.encode(), self.csrf_token.encode())
 
-    def notice(self, kind: str, text: str) -> None:
-        self.notices.append((kind, text))
+    def notice(self, kind: str, text: str, small: str = "", link: Optional[str] = None) -> None:
+        self.notices.append((kind, text, small, link))
 
     def take_notices(self) -> List[tuple]:
         taken, self.notices = self.notices, []
         return taken
 
     def close(self) -> None:
+        if self.pending:
+            Path(self.pending["file"]).unlink(missing_ok=True)
+            self.pending = None
+        if self.zel1 is not None:
+            self.zel1.close()
+            self.zel1 = None
         if self.zel is not None:
             self.zel.close()
             self.zel = None
@@ -77,7 +90,7 @@ class SessionStore:
     def start(self, zel: Optional[zelmgmt.Session] = None, who: str = "") -> ConsoleSession:
         """A new session under a fresh key (a sign-in never keeps the visitor's key)."""
         now = self._clock()
-        s = ConsoleSession(secrets.token_urlsafe(32), secrets.token_urlsafe(32), now, zel, who)
+        s = ConsoleSession(secrets.token_urlsafe(32), secrets.token_urlsafe(32), now, zel=zel, who=who)
         with self._mutex:
             self._expire(now)
             visitors = [k for k, v in self._sessions.items() if v.zel is None]

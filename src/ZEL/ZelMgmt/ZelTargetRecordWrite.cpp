@@ -222,7 +222,16 @@ ZelRC create_update(ZelSession *s, const char *user, const ZelTargetRecord *r, i
     if (rc != 0) return rc;
 
     StoredValues v;
-    if ((rc = check_target_service(s, r, v.stored_kind)) != 0) return rc;
+    rc = check_target_service(s, r, v.stored_kind);
+    // The domain form's update writes no kind, so it needs no service when
+    // the record names its own ("T:wiki" for wiki): a user whose access rules
+    // hide the catalogue still changes their own record.  Any other service
+    // must be found, and the first-generation form rewrites the kind.
+    const char *own = std::strchr(r->targetRecordId, ':');
+    bool unseen_service = rc == ZEL_RC_TS_NOT_FOUND && op == kUpdate && !first_gen && own &&
+                          zel::same_text(own + 1, r->targetServiceName);
+    if (rc != 0 && !unseen_service) return rc;
+    rc = 0;
 
     if (op == kUpdate && !first_gen && s->database_dn) {
         // A record known only in the first-generation form is updated there.
@@ -234,6 +243,7 @@ ZelRC create_update(ZelSession *s, const char *user, const ZelTargetRecord *r, i
             if ((rc = resolve_user(s, user, zel::kFirstGenerationMode, user_dn)) != 0) return rc;
         }
     }
+    if (first_gen && unseen_service) return ZEL_RC_TS_NOT_FOUND;
     // Only the first-generation form stores the service as "tsName=<name>".
     v.target_service = std::string("tsName") + "=" + r->targetServiceName;
     if (first_gen && v.target_service.size() >= zel::kShortValueSize) return ZEL_RC_INVALID_ARGUMENT;
