@@ -103,6 +103,7 @@ _PROTOTYPES = {
     "Zel_open_sec_domain": (c_uint32, _OPEN + [c_char_p, P(c_void_p), c_uint32]),
     "Zel_close": (c_uint32, [_S, ctypes.c_ubyte]),
     "Zel_strerror": (c_char_p, [c_uint32]),
+    "Zel_last_error_detail": (c_char_p, []),
     "Zel_memfree": (None, [c_void_p]),
     "Zel_getTargetService": (c_uint32, [_S, c_char_p, P(P(TargetService))]),
     "Zel_getAllTargetService": (c_uint32, [_S, P(P(TargetServiceList))]),
