@@ -306,7 +306,7 @@ TEST_P(PeerSambaADRealm, LookupsWithTheRealmResolvingToTheDc) {
         {"2", {"service", "add", "app", "--type", "Web Resource"}, 1, "status 5"},  // seeded
         {"2", {"domain", "add", "ops", "--member", "app"}},
         {"2", {"service", "add", "ops", "--type", "Resource Group"}},
-        {"2", {"user", "add", rj, "--type", "User", "--person", person}},
+        {"2", {"user", "add", rj, "--person", person}},
         {"2", {"user", "update", rj, "--disabled"}},
         {"2", {"user", "update", rj, "--enabled"}},
         {"2", with_pw({"record", "add", rj, "G:ops", "--service", "ops", "--account", "rj.ops"})},
