@@ -220,6 +220,11 @@ TEST_F(UserTest, ZelctlRegistersVerifiesUpdatesAndRemoves) {
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "zelctl: cannot remove Zel user jo: ZEL_RC_USER_NOT_FOUND: Zel user not found (status 19)\n");
 
+    // What the server said about a refused write follows the status.
+    r = zelctl(*dir, {"user", "add", "ghost", "--type", "User", "--person", "cn=Ghost,o=acme"});
+    EXPECT_EQ(r.err, "zelctl: cannot add Zel user ghost: ZEL_RC_NO_SUCH_OBJECT: no such entry (status 6): "
+                     "matched DN: o=acme\n");
+
     // A security domain profile keeps no type: --type is refused there, with
     // the group that gives the role.
     r = zelctl(*dir, {"user", "add", "ann", "--type", "user"}, "2");
