@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "doctor_ad.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -339,6 +340,10 @@ int run_doctor(const Options &opts, Args args) {
     findings.push_back(storage_check(own));
     for (std::string &p : own.passwords) forget_secret(p);
     findings.push_back(size_limit_check(ld.get(), suffixes));
+    if (info->dirKind == ZEL_DIR_ACTIVE_DIRECTORY) {
+        AdReadersFinding r = ad_readers_check(ld.get(), suffixes);
+        findings.push_back({"ad-readers", r.ok ? Verdict::Ok : Verdict::Warning, r.text, r.fix});
+    }
 
     bool dangerous = false;
     for (const Finding &f : findings) dangerous = dangerous || f.verdict == Verdict::Danger;
