@@ -8,7 +8,7 @@ FUZZ_TIME  ?= 600
 FUZZ_TARGETS = filter dn decode keyfile hosts split
 JOBS       ?= $(shell nproc)
 
-.PHONY: all deps build build-asan tsan build-fuzz fuzz fuzz-smoke test demo console bench bench-deps bench-instructions clean
+.PHONY: all deps build build-asan tsan build-fuzz fuzz-keys fuzz fuzz-smoke test demo console bench bench-deps bench-instructions clean
 
 all: build
 
@@ -35,16 +35,22 @@ build-fuzz: deps
 	  -DZEL_BUILD_TESTS=OFF -DZEL_BUILD_BENCH=OFF
 	cmake --build $(FUZZ_BUILD) -j$(JOBS) --target $(addprefix fuzz_,$(FUZZ_TARGETS))
 
+# The library refuses a key file others may read, and a clone leaves
+# fuzz/keys.txt at the umask's mode: the targets get a private copy.
+FUZZ_KEYS = $(abspath $(FUZZ_BUILD))/keys.txt
+fuzz-keys: build-fuzz
+	install -m 600 fuzz/keys.txt $(FUZZ_KEYS)
+
 # Each target for FUZZ_TIME seconds; what it finds goes to $(FUZZ_BUILD)/corpus.
-fuzz: build-fuzz
+fuzz: fuzz-keys
 	for t in $(FUZZ_TARGETS); do mkdir -p $(FUZZ_BUILD)/corpus/$$t; \
-	  ZEL_KEYFILE=$(CURDIR)/fuzz/keys.txt $(FUZZ_BUILD)/fuzz/fuzz_$$t -max_total_time=$(FUZZ_TIME) \
+	  ZEL_KEYFILE=$(FUZZ_KEYS) $(FUZZ_BUILD)/fuzz/fuzz_$$t -max_total_time=$(FUZZ_TIME) \
 	    -artifact_prefix=$(FUZZ_BUILD)/ $(FUZZ_BUILD)/corpus/$$t fuzz/corpus/$$t || exit 1; done
 
 # A few thousand runs each from the checked-in seeds, so the targets keep building and stay clean.
-fuzz-smoke: build-fuzz
+fuzz-smoke: fuzz-keys
 	for t in $(FUZZ_TARGETS); do rm -rf $(FUZZ_BUILD)/smoke/$$t; mkdir -p $(FUZZ_BUILD)/smoke/$$t; \
-	  ZEL_KEYFILE=$(CURDIR)/fuzz/keys.txt $(FUZZ_BUILD)/fuzz/fuzz_$$t -runs=20000 -max_total_time=10 \
+	  ZEL_KEYFILE=$(FUZZ_KEYS) $(FUZZ_BUILD)/fuzz/fuzz_$$t -runs=20000 -max_total_time=10 \
 	    -artifact_prefix=$(FUZZ_BUILD)/ $(FUZZ_BUILD)/smoke/$$t fuzz/corpus/$$t 2>$(FUZZ_BUILD)/smoke/$$t.log \
 	    || { tail -40 $(FUZZ_BUILD)/smoke/$$t.log; exit 1; }; done
 

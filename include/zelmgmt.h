@@ -218,10 +218,14 @@ ZEL_API int Zel_set_locale(const char *locale);
 ZEL_API void Zel_memfree(void *p);
 /* A static text naming the status, e.g. "ZEL_RC_TS_NOT_FOUND: target service not found". */
 ZEL_API const char *Zel_strerror(ZelRC rc);
-/* What the status of the last failed open on this thread cannot say, e.g.
-   "server certificate refused: the certificate does not name the host
-   connected to"; "" when there is nothing to add.  The text belongs to the
-   library and stays valid until the thread's next open. */
+/* What the status of the last failure on this thread cannot say: why the
+   server's certificate was refused ("server certificate refused: ..."), the
+   directory's own words and matched DN for a refused operation ("server:
+   ...; matched DN: ..."), or the entry that stood in the way of an add.  ""
+   when there is nothing to add.  Written only when a call fails (an open
+   clears it), so read it right after the failed call.  Never holds a
+   password.  The text belongs to the library and stays valid until the
+   thread's next call. */
 ZEL_API const char *Zel_last_error_detail(void);
 
 /* Target services. */

@@ -58,6 +58,18 @@ le16() { echo $(($1 + 256 * $2)); }
 hex_le16() { printf '\\x%02x\\x%02x' $(($1 & 255)) $(($1 >> 8 & 255)); }
 hex_bytes() { local b; for b in "$@"; do printf '\\x%02x' "$b"; done; }
 
+# Only a security group's members get rights from an ACE naming it: a
+# distribution group has a SID too, and its members would read nothing.
+# groupType's security bit is 0x80000000 (the value reads as negative).
+group_type=$(ldapsearch "${tool_args[@]}" -LLL -o ldif-wrap=no -s base -b "$group_dn" "(objectClass=group)" groupType \
+    | sed -n 's/^groupType: //Ip' | head -n 1) || group_type=""
+case $group_type in
+    '' | *[!0-9-]*) echo "${0##*/}: $group_dn: not a group, or not readable" >&2; exit 1 ;;
+esac
+if (((group_type & 0x80000000) == 0)); then
+    echo "${0##*/}: $group_dn: a distribution group, not a security group: its members would read nothing" >&2
+    exit 1
+fi
 sid_b64=$(read_binary "$group_dn" objectSid)
 [ -n "$sid_b64" ] || { echo "${0##*/}: $group_dn: no objectSid (not a security group, or not readable)" >&2; exit 1; }
 read -r -a sid <<< "$(bytes_of "$sid_b64" | tr '\n' ' ')"

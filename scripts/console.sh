@@ -25,7 +25,7 @@ z service add mail --type "Web Resource" --description "Mail"
 z service add payroll --type "Web Resource" --description "Payroll portal"
 z domain add Sales --description "The sales team's resources" --member intranet --member mail
 z service add Sales --type "Resource Group" --description "The sales team's resources"
-z user add jo --type User --person "cn=Jo,$suffix" --description "Demo user"
+z user add jo --person "cn=Jo,$suffix" --description "Demo user"
 z record add jo T:intranet --service intranet --account jo.direct --password-file "$(secret r1 intranet-secret)"
 z record add jo G:Sales --service Sales --account sales-team --password-file "$(secret r2 team-secret)"
 

@@ -50,7 +50,7 @@ z domain add-member staff payroll
 z domain list
 # --- end of resource groups ---
 echo "== a user registered for a person"
-z user add jo --type User --person "cn=Jo,$suffix" --description "Demo user"
+z user add jo --person "cn=Jo,$suffix" --description "Demo user"
 z user verify "cn=Jo,$suffix"
 # ---- target records and the sign-on question --------------------------------
 echo "== a Sales resource group, and the services records are kept for"

@@ -108,3 +108,21 @@ def test_the_readme_example_runs(directory, capsys):
     out = capsys.readouterr().out
     assert "Credential(account='ann.lee')" in out and "wiki-secret" not in out
     assert "24 ZEL_RC_TR_NOT_FOUND" in out
+
+
+def test_one_profile_per_person_and_a_released_user_taken_back(session):
+    ann = f"cn=Ann,{SUFFIX}"
+    session.add_user(zelmgmt.User("ann", "User", description="old", person_dn=ann))
+    with pytest.raises(zelmgmt.Error) as e:
+        session.add_user(zelmgmt.User("helpdesk", "User", person_dn=ann))
+    assert (e.value.status, e.value.detail) == (5, f"{ann} already has a profile: Zel user ann")
+    assert str(e.value).endswith(f"(status 5): {ann} already has a profile: Zel user ann")
+    # The domain keeps a removed user's entry; adding the name again writes what is given.
+    session.remove_user("ann")
+    session.add_user(zelmgmt.User("ann", "User", description="new", enabled=False, person_dn=ann))
+    back = session.get_user("ann")
+    assert (back.description, back.enabled, back.person_dn) == ("new", False, ann)
+    # A refused write carries the server's own words.
+    with pytest.raises(zelmgmt.Error) as e:
+        session.add_target_record("nobody", zelmgmt.TargetRecord("T:x", "x", account="a", password="never-shown"))
+    assert "never-shown" not in str(e.value) and "never-shown" not in e.value.detail

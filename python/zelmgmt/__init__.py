@@ -36,15 +36,20 @@ _lib = _c.load()
 
 
 class Error(Exception):
-    """A library status other than success.  detail: what the library adds
-    to the status (the server's own diagnostic text, say), "" when nothing."""
+    """A library status other than success.
 
-    def __init__(self, status: int, what: str = "", detail: str = ""):
+    detail: what the status cannot say (the directory's own message and
+    matched DN, or the entry that stood in the way), "" when nothing; read
+    from the library as the error is made, right after the failed call.
+    """
+
+    def __init__(self, status: int, what: str = "", detail: Optional[str] = None):
         self.status = status
         self.text = strerror(status)
         self.what = what
-        self.detail = detail
-        super().__init__(f"{what}: {self.text} (status {status})" if what else f"{self.text} (status {status})")
+        self.detail = last_error_detail() if detail is None else detail
+        message = f"{what}: {self.text} (status {status})" if what else f"{self.text} (status {status})"
+        super().__init__(f"{message}: {self.detail}" if self.detail else message)
 
 
 def strerror(status: int) -> str:
@@ -52,9 +57,8 @@ def strerror(status: int) -> str:
 
 
 def last_error_detail() -> str:
-    """The library's detail of the last failed call on this thread, "" when none."""
-    raw = _lib.Zel_last_error_detail()
-    return raw.decode("utf-8", "replace") if raw else ""
+    """What the last failed call on this thread left to add to its status, "" when none."""
+    return (_lib.Zel_last_error_detail() or b"").decode("utf-8", "replace")
 
 
 def _check(status: int, what: str) -> None:
@@ -281,7 +285,7 @@ class Session:
     @property
     def _h(self):
         if not getattr(self, "_handle", None):
-            raise Error(1010, "the session is closed")
+            raise Error(1010, "the session is closed", detail="")
         return self._handle
 
     def info(self) -> SessionInfo:

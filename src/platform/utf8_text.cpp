@@ -183,6 +183,40 @@ int zstricmp(Utf8Handle /*h*/, const char *a, const char *b) {
     }
 }
 
+namespace {
+
+// The text with its leading and trailing spaces dropped and each run of
+// spaces inside reduced to one; spaces are the only insignificant ones.
+std::string squeezed_spaces(const char *text) {
+    std::string out;
+    while (*text == ' ') ++text;
+    for (; *text != '\0'; ++text) {
+        if (*text == ' ' && (text[1] == ' ' || text[1] == '\0')) continue;
+        out += *text;
+    }
+    return out;
+}
+
+bool has_insignificant_space(const char *text) {
+    if (*text == ' ') return true;
+    for (; *text != '\0'; ++text)
+        if (*text == ' ' && (text[1] == ' ' || text[1] == '\0')) return true;
+    return false;
+}
+
+}  // namespace
+
+int zstricmp_spaced(Utf8Handle h, const char *a, const char *b) {
+    if (a == nullptr || b == nullptr) return zstricmp(h, a, b);
+    // Names rarely carry spaces that do not count: compare in place then.
+    if (!has_insignificant_space(a) && !has_insignificant_space(b)) return zstricmp(h, a, b);
+    try {
+        return zstricmp(h, squeezed_spaces(a).c_str(), squeezed_spaces(b).c_str());
+    } catch (const std::bad_alloc &) {
+        return zstricmp(h, a, b);
+    }
+}
+
 const char *zstrstr(Utf8Handle /*h*/, const char *haystack, const char *needle) {
     if (haystack == nullptr || needle == nullptr) return nullptr;
     size_t haystack_length = 0;

@@ -13,6 +13,10 @@ using Utf8Handle = const void *;
 Utf8Handle zgetUTF8Handle();
 // 0 when equal ignoring case, <0 or >0 otherwise.
 int zstricmp(Utf8Handle h, const char *a, const char *b);
+// 0 when equal as the directory matches names: ignoring case as zstricmp
+// does and ignoring insignificant spaces (leading and trailing ones, and the
+// length of a run of spaces inside).
+int zstricmp_spaced(Utf8Handle h, const char *a, const char *b);
 // The first occurrence of needle in haystack ignoring case (as zstricmp
 // compares, on whole code points), or null.
 const char *zstrstr(Utf8Handle h, const char *haystack, const char *needle);

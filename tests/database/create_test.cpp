@@ -243,3 +243,28 @@ TEST_F(NetscapeDatabase, AciTextsAndTheRefusedGroup) {
     got = values(access, "ACI");
     EXPECT_EQ(got.back(), deny(access, {"Senior Administrators", "Administrators", "Middle Tier Servers"}));
 }
+
+// On AD the default administrator is a domain account: without a password
+// of the caller's (the fixed default passes no domain's policy), or with one
+// over a plain connection, creation is refused before anything is written.
+using AdDatabase = DatabaseTestAs<Kind::ActiveDirectory>;
+TEST_F(AdDatabase, DefaultAdministratorNeedsAPasswordAndEncryption) {
+    const std::vector<std::string> before = tree();
+    const struct {
+        const char *password;
+        ZelRC rc;
+        const char *why;
+    } cases[] = {
+        {nullptr, ZEL_RC_INVALID_ARGUMENT, "needs a password"},
+        {"Admin-pw-AD-1", ZEL_RC_NOT_AUTHORIZED, "only over an encrypted connection"},
+    };
+    for (const auto &c : cases) {
+        fault::reset();
+        EXPECT_EQ(Zel_createDatabase(s.get(), "o=acme", nullptr, nullptr, c.password, 0), c.rc);
+        const std::string detail = Zel_last_error_detail();
+        EXPECT_NE(detail.find(c.why), std::string::npos) << detail;
+        EXPECT_EQ(detail.find("Admin-pw"), std::string::npos);
+        EXPECT_EQ(fault::count(Fn::Add) + fault::count(Fn::Modify), 0);
+    }
+    EXPECT_EQ(tree(), before);
+}

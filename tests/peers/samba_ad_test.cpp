@@ -125,7 +125,18 @@ TEST_P(PeerSambaAD, EveryFamilyInBothStorageForms) {
         return dc->search("cn=Users,cn=Access Groups,systemName=ORVZEL," + kBase, "(member=" + jo_person + ")",
                           {"1.1"}).empty() ? 1u : 0u;
     };
+    // The default administrator is an account: refused before any write
+    // without a password of the caller's, or over a plain connection.
+    auto default_admin_refused = [&] {
+        ZelRC rc = Zel_createDatabase(z, kBase.c_str(), nullptr, nullptr, nullptr, 0);
+        return rc == ZEL_RC_INVALID_ARGUMENT && dc->search(kBase, "(cn=Zel Sr Admin)", {"1.1"}).empty() ? 0u : rc + 1;
+    };
     std::vector<Step> first = {
+        {"default administrator without a password", default_admin_refused},
+        {"default administrator with one",
+         [&] { return Zel_createDatabase(z, kBase.c_str(), nullptr, nullptr, "Zel-Admin-pw-AD-1", 0); },
+         ssl ? 0u : ZEL_RC_NOT_AUTHORIZED},
+        {"its database removed", [&] { return ssl ? Zel_removeDatabase(z) : 0u; }},
         // The default administrator's password would not pass AD's policy: the DC's own signs in.
         {"create database", [&] { return Zel_createDatabase(z, kBase.c_str(), SambaDc::admin_dn().c_str(), nullptr,
                                                               nullptr, ZEL_CREATEDB_XR_DEFAULTS); }},
@@ -165,7 +176,16 @@ TEST_P(PeerSambaAD, EveryFamilyInBothStorageForms) {
     ZelTargetRecord app = record("T:app", "app", "jo.app", "app-pw");
     domaintest::DomainRecord ops("Ops", nullptr, {{"resourceName", "app"}}),
         stray("Stray", nullptr, {{"resourceName", "nosuch"}});
+    // AD's own words on a refused write reach the caller: a secDN naming no entry.
+    const std::string ghost_person = "CN=ghost," + kPeople;
+    ZelUser ghost = usertest::user_record("ghost", "User", ghost_person);
     std::vector<Step> second = {
+        {"server's words", [&] {
+             ZelRC rc = Zel_addZelUser(z, &ghost);
+             const std::string detail = Zel_last_error_detail();
+             EXPECT_EQ(detail.rfind("server: 000020B5: Referenced object not found", 0), 0u) << detail;
+             return rc;
+         }, ZEL_RC_REQUEST_ERROR},
         {"add group", [&] { return Zel_addZelDomain(z, &ops.d); }},
         {"add group naming no service", [&] { return Zel_addZelDomain(z, &stray.d); }, ZEL_RC_TS_NOT_FOUND},
         {"remove group", [&] { return Zel_removeZelDomain(z, "Ops"); }},
@@ -219,10 +239,43 @@ TEST(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
     };
     ASSERT_EQ(transcript(setup), expected(setup));
 
+    // doctor tells whether the grant is in place.
+    auto doctor = [&] {
+        return run_command({ZELCTL_PATH, "-H", dc->ldaps_uri(), "-D", SambaDc::admin_dn(), "-y",
+                            dc->password_file(dc->admin_password()), "--ca", dc->ca_file(), "--api-version", "1",
+                            "doctor"}).out;
+    };
+    std::string diagnosis = doctor();
+    EXPECT_NE(diagnosis.find("warning  ad-readers        no readers grant on "), std::string::npos) << diagnosis;
+
+    // A distribution group's members would read nothing: refused.
+    dc->add_group("Zel Mailing", {agent}, false);
+    CommandResult refused = dc->grant_readers("CN=Zel Mailing," + kPeople, {kDomain});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("a distribution group"), std::string::npos) << refused.err;
+
     // First-generation profiles and their records sit below their people.
     CommandResult granted = dc->grant_readers(agents, {kDomain, database, kPeople});
     ASSERT_EQ(granted.status, 0) << granted.err << granted.out;
     EXPECT_EQ(dc->grant_readers(agents, {kDomain}).out, kDomain + ": already granted\n") << "a second run changes nothing";
+    diagnosis = doctor();
+    EXPECT_NE(diagnosis.find("ok       ad-readers        readers granted on "), std::string::npos) << diagnosis;
+    EXPECT_NE(diagnosis.find(" to " + agents), std::string::npos) << diagnosis;
+
+    // Records made after the grant inherit it, in both forms.
+    ZelTargetService late{const_cast<char *>("late"), const_cast<char *>("Web Resource"), nullptr, 1, ids};
+    ZelTargetRecord late1 = record("T:late", "late", "ro.late1", "late-pw"), late2 = record("T:late", "late", "ro.late2", "late-pw");
+    std::vector<Step> after = {
+        {"add service", [&] { return Zel_addTargetService(v1.get(), &late); }},
+        {"add record", [&] { return Zel_addTargetRecord(v1.get(), "ro", &late1); }},
+        {"add domain resource", [&] {
+             return static_cast<ZelRC>(dc->modify("dn: secResourceID=late,cn=Resources," + kDomain +
+                                                      "\nobjectClass: secResource\nsecResourceID: late\nsecType: 1\n",
+                                                  true).status);
+         }},
+        {"add domain record", [&] { return Zel_addTargetRecord(v2.get(), "ro", &late2); }},
+    };
+    ASSERT_EQ(transcript(after), expected(after));
 
     struct Case {
         const std::string &who;
@@ -232,6 +285,8 @@ TEST(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
     } cases[] = {
         {agent, 1, "mail", "ro.mail/mail-pw"},
         {agent, 2, "app", "ro.app/app-pw"},
+        {agent, 1, "late", "ro.late1/late-pw"},
+        {agent, 2, "late", "ro.late2/late-pw"},
         {outsider, 1, "mail", "status 29"},  // the database is not there for it
         {outsider, 2, "app", "open 35"},     // nor the security domain
     };
@@ -243,7 +298,7 @@ TEST(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
     }
     const std::string records = "(|(objectClass=eTargetRecord)(objectClass=secResCreds))";
     CommandResult seen = dc->search_as(agent, pw, kBase, records, {"1.1"});
-    EXPECT_EQ(parse_ldif(seen.out).size(), 2u) << seen.err;
+    EXPECT_EQ(parse_ldif(seen.out).size(), 4u) << seen.err;
     seen = dc->search_as(outsider, pw, kBase, records, {"1.1"});
     EXPECT_TRUE(parse_ldif(seen.out).empty()) << seen.out;
 
@@ -308,7 +363,7 @@ TEST_P(PeerSambaADRealm, LookupsWithTheRealmResolvingToTheDc) {
         {"2", {"service", "add", "app", "--type", "Web Resource"}, 1, "status 5"},  // seeded
         {"2", {"domain", "add", "ops", "--member", "app"}},
         {"2", {"service", "add", "ops", "--type", "Resource Group"}},
-        {"2", {"user", "add", rj, "--type", "User", "--person", person}},
+        {"2", {"user", "add", rj, "--person", person}},
         {"2", {"user", "update", rj, "--disabled"}},
         {"2", {"user", "update", rj, "--enabled"}},
         {"2", with_pw({"record", "add", rj, "G:ops", "--service", "ops", "--account", "rj.ops"})},

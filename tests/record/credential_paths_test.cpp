@@ -1,8 +1,9 @@
 // The merged credential query against the step-by-step one over random
 // directories: both storage forms, with and without a Zel database, inactive
 // users, up to 20 group records in random order, groups that hold the
-// resource or not (or do not exist), missing services and names that need
-// escaping.  Every answer must agree in status, account and password; the
+// resource or not (or do not exist), missing services, names that need
+// escaping and records that spell a group's name in another case or with
+// other spaces.  Every answer must agree in status, account and password; the
 // cached path and the explanation must agree with them.
 #include <algorithm>
 #include <cstdlib>
@@ -41,8 +42,25 @@ std::string esc(const std::string &value) { return plat::escape_dn_value(value);
 std::string domain_resource(const std::string &r) { return "secResourceID=" + esc(r) + ",cn=Resources," + kDomain; }
 
 std::string group_name(int k) {
-    static const char *odd[] = {"g*", "g(", "g,", "g=", "g+", "g\\", "#g", "G\xc3\xa9"};
-    return k % 3 == 1 ? std::string(odd[(k / 3) % 8]) + std::to_string(k) : "g" + std::to_string(k);
+    static const char *odd[] = {"g*", "g(", "g,", "g=", "g+", "g\\", "#g", "G\xc3\xa9", "g s"};
+    return k % 3 == 1 ? std::string(odd[(k / 3) % 9]) + std::to_string(k) : "g" + std::to_string(k);
+}
+
+// A group's name as a record may spell it: the directory matches names
+// ignoring case (beyond ASCII too) and insignificant spaces.
+std::string spelled(const std::string &name, std::mt19937 &rng) {
+    std::string out;
+    const unsigned how = rng() % 8;
+    if (how & 1) out += ' ';
+    for (size_t i = 0; i < name.size(); ++i) {
+        char c = name[i];
+        if ((how & 2) && c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+        if ((how & 2) && c == '\xa9' && i > 0 && name[i - 1] == '\xc3') c = '\x89';  // é -> É
+        out += c;
+        if ((how & 4) && c == ' ') out += ' ';
+    }
+    if (how == 7) out += ' ';
+    return out;
 }
 
 std::string user_name(int i) {
@@ -102,7 +120,7 @@ std::string random_directory(uint32_t seed, bool with_database, int users) {
         std::shuffle(order.begin(), order.end(), rng);
         int count = static_cast<int>(rng() % 21);
         for (int k = 0; k < count; ++k)
-            ids.push_back(order[k] == groups ? "G:" : order[k] == groups + 1 ? "G:missing" : "G:" + group_name(order[k]));
+            ids.push_back(order[k] == groups ? "G:" : order[k] == groups + 1 ? "G:missing" : "G:" + spelled(group_name(order[k]), rng));
         std::shuffle(ids.begin(), ids.end(), rng);
         for (const std::string &id : ids) add_record(l, rng, form, parent, id);
     };

@@ -250,8 +250,9 @@ void SambaDc::add_account(const std::string &name, const std::string &password) 
     if (r.status != 0) throw std::runtime_error("adding account " + name + " failed: " + r.err);
 }
 
-void SambaDc::add_group(const std::string &name, const std::vector<std::string> &member_dns) const {
+void SambaDc::add_group(const std::string &name, const std::vector<std::string> &member_dns, bool security) const {
     std::string ldif = "dn: CN=" + name + ",CN=Users," + base() + "\nobjectClass: group\nsAMAccountName: " + name + "\n";
+    if (!security) ldif += "groupType: 2\n";  // global distribution group
     for (const std::string &m : member_dns) ldif += "member: " + m + "\n";
     CommandResult r = modify(ldif, true);
     if (r.status != 0) throw std::runtime_error("adding group " + name + " failed: " + r.err);

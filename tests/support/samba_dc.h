@@ -47,8 +47,9 @@ public:
     // An enabled account CN=<name>,CN=Users,<base> with sAMAccountName and uid
     // <name> that signs in with password.
     void add_account(const std::string &name, const std::string &password) const;
-    // A global security group CN=<name>,CN=Users,<base> holding member_dns.
-    void add_group(const std::string &name, const std::vector<std::string> &member_dns) const;
+    // A global security (or distribution) group CN=<name>,CN=Users,<base>
+    // holding member_dns.
+    void add_group(const std::string &name, const std::vector<std::string> &member_dns, bool security = true) const;
     // schema/ad-grant-readers.sh as the administrator, over LDAPS.
     CommandResult grant_readers(const std::string &group_dn, const std::vector<std::string> &entry_dns) const;
     // A hosts file that maps the realm's DNS names to the DC.

@@ -26,7 +26,7 @@ std::vector<std::string> complete(const Directory &dir, const std::string &pwfil
 
 TEST_F(UserTest, UserListFeedsCompletionOfUserNames) {
     ASSERT_EQ(zelctl(*dir, {"user", "add", "jo", "--type", "User", "--person", kJo}, "1").status, 0);
-    ASSERT_EQ(zelctl(*dir, {"user", "add", "ann", "--type", "User", "--person", kAnn, "--disabled"}, "2").status, 0);
+    ASSERT_EQ(zelctl(*dir, {"user", "add", "ann", "--person", kAnn, "--disabled"}, "2").status, 0);
     CommandResult r = zelctl(*dir, {"--json", "user", "list"}, "2");
     ASSERT_EQ(r.status, 0) << r.err;
     // The security domain's users first, then the Zel database's.

@@ -20,7 +20,7 @@ protected:
             {"service", "add", "intranet", "--type", "Web Resource"},
             {"service", "add", "mail", "--type", "Web Resource"},
             {"domain", "add", "staff", "--member", "intranet"},
-            {"user", "add", "jo", "--type", "User", "--person", kJo},
+            {"user", "add", "jo", "--person", kJo},
         };
         for (const auto &step : steps) ASSERT_EQ(zelctl(*dir, step, "2").status, 0) << step[0] << " " << step[2];
         ASSERT_EQ(zelctl(*dir, {"record", "add", "jo", "T:intranet", "--service", "intranet", "--account", "jo.direct",
@@ -59,7 +59,7 @@ TEST_F(ZelctlDryRun, EveryWritingCommandLeavesTheDirectoryAsItWas) {
         {{"service", "remove", "mail"}, "2", 0, "would remove target service mail"},
         {{"service-type", "add", "Web Application", "--id", "url"}, "1", 0, "would add target service type"},
         {{"service-type", "remove", "Web Application"}, "1", 0, "would remove target service type"},
-        {{"user", "add", "ann", "--type", "User", "--person", kAnn}, "2", 0, "would add Zel user ann"},
+        {{"user", "add", "ann", "--person", kAnn}, "2", 0, "would add Zel user ann"},
         {{"user", "update", "jo", "--disabled"}, "2", 0, "state: \"enabled\" -> \"disabled\""},
         {{"user", "remove", "jo"}, "2", 0, "with its 1 target records"},
         {{"domain", "add", "ops", "--member", "mail"}, "2", 0, "members: \"mail\""},

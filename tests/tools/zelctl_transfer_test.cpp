@@ -71,7 +71,7 @@ protected:
             {"domain", "add", "Sales", "--description", "The sales team's resources", "--member", "intranet",
              "--member", "mail"},
             {"service", "add", "Sales", "--type", "Resource Group", "--description", "The sales team's resources"},
-            {"user", "add", "jo", "--type", "User", "--person", "cn=Jo,o=acme", "--description", "Demo user"},
+            {"user", "add", "jo", "--person", "cn=Jo,o=acme", "--description", "Demo user"},
         };
         for (const auto &step : steps) ASSERT_EQ(run(dir, step).status, 0) << step[0] << " " << step[2];
         for (const auto &[id, service, account, secret] :

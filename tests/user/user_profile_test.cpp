@@ -81,14 +81,70 @@ TEST_F(UserTest, SecurityDomainProfileLifecycle) {
     EXPECT_EQ(dir->entry(dn).first("secAcctValid"), "FALSE");
     EXPECT_EQ(dir->entry(dn).first("description"), "Jo") << "a null description is left alone";
 
-    // Adding again claims the entry for this domain, then meets the existing container.
+    // An entry some domain claims is another user's: an add changes nothing.
     dir->modify("dn: " + dn + "\nchangetype: modify\nreplace: secAuthority\nsecAuthority: Elsewhere:\n");
-    EXPECT_EQ(Zel_addZelUser(s.get(), &jo), ZEL_RC_ALREADY_EXISTS);
-    EXPECT_EQ(dir->entry(dn).first("secAuthority"), "Default:");
+    ZelUser other = user_record("jo", "User", kAnn, "Ann");
+    EXPECT_EQ(Zel_addZelUser(s.get(), &other), ZEL_RC_ALREADY_EXISTS);
+    EXPECT_EQ(std::string(Zel_last_error_detail()), "Zel user jo already exists for " + kJo);
+    EXPECT_EQ((Strings{dir->entry(dn).first("secAuthority"), dir->entry(dn).first("secDN")}),
+              (Strings{"Elsewhere:", kJo}));
 
     ASSERT_EQ(Zel_removeZelUser(s.get(), "jo"), 0u);
     EXPECT_FALSE(dir->exists(dn)) << "below domain version 6 the entry goes";
     EXPECT_EQ(Zel_removeZelUser(s.get(), "jo"), ZEL_RC_USER_NOT_FOUND);
+}
+
+// A second profile on a person would hide the first from every look-up
+// through the person: an add refuses it, names the holder, writes nothing.
+TEST_F(UserTest, APersonHasOneProfileInEachForm) {
+    for (uint32_t version : {1u, 2u}) {
+        open(version);
+        ZelUser jo = user_record("jo", "User", kJo);
+        ZelUser helpdesk = user_record("helpdesk", "User", kJo);
+        ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
+        for (ZelUser *again : {&helpdesk, &jo}) {
+            EXPECT_EQ(Zel_addZelUser(s.get(), again), ZEL_RC_ALREADY_EXISTS) << version;
+            EXPECT_EQ(std::string(Zel_last_error_detail()), kJo + " already has a profile: Zel user jo");
+        }
+        EXPECT_FALSE(dir->exists("cn=helpdesk," + kJo));
+        EXPECT_FALSE(dir->exists("principalName=helpdesk," + kDomainUsers));
+        EXPECT_EQ(members("Users"), version == 1 ? Strings{kJo} : Strings{}) << "the refused add granted nothing";
+        EXPECT_EQ(verify(s.get(), kJo).first, 1u);
+        ASSERT_EQ(Zel_removeZelUser(s.get(), "jo"), 0u);
+    }
+}
+
+// From domain version 6 a removal keeps the entry; adding the name again
+// takes it back with the values given, as a fresh add would write them.
+using ReleasingDomain = SeededAs<Kind::Generic, 6>;
+TEST_F(ReleasingDomain, AddingAReleasedUserWritesTheValuesGiven) {
+    open(2);
+    const std::string dn = "principalName=bob," + kDomainUsers;
+    ZelUser bob = user_record("bob", "User", kJo, "old");
+    ASSERT_EQ(Zel_addZelUser(s.get(), &bob), 0u);
+    ASSERT_EQ(Zel_removeZelUser(s.get(), "bob"), 0u);
+    ASSERT_EQ(dir->entry(dn).first("secAuthority"), "Default");
+
+    ZelUser again = user_record("bob", "User", kAnn, "new", 0);
+    ASSERT_EQ(Zel_addZelUser(s.get(), &again), 0u);
+    Entry e = dir->entry(dn);
+    EXPECT_EQ((Strings{e.first("secAuthority"), e.first("secDN"), e.first("secAcctValid"), e.first("description")}),
+              (Strings{"Default:", kAnn, "FALSE", "new"}));
+    EXPECT_TRUE(dir->exists("cn=ResCreds," + dn));
+    EXPECT_EQ(verify(s.get(), kJo).first, 0u);
+
+    ASSERT_EQ(Zel_removeZelUser(s.get(), "bob"), 0u);
+    ZelUser bare = user_record("bob", "User", kAnn);
+    ASSERT_EQ(Zel_addZelUser(s.get(), &bare), 0u);
+    EXPECT_FALSE(dir->entry(dn).has("description")) << "no description given, none kept";
+
+    CommandResult r = zelctl(*dir, {"user", "remove", "bob"}, "2");
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = zelctl(*dir, {"user", "add", "bob", "--person", kMax, "--description", "via zelctl"}, "2");
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "Zel user bob added\n");
+    EXPECT_EQ((Strings{dir->entry(dn).first("secDN"), dir->entry(dn).first("description")}),
+              (Strings{kMax, "via zelctl"}));
 }
 
 TEST_F(UserTest, SecurityDomainSessionReachesFirstGenerationProfiles) {
@@ -164,9 +220,22 @@ TEST_F(UserTest, ZelctlRegistersVerifiesUpdatesAndRemoves) {
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "zelctl: cannot remove Zel user jo: ZEL_RC_USER_NOT_FOUND: Zel user not found (status 19)\n");
 
-    // A security domain session, and usage errors.
-    ASSERT_EQ(zelctl(*dir, {"user", "add", "ann", "--type", "Senior Admin"}, "2").status, 0);
+    // What the server said about a refused write follows the status.
+    r = zelctl(*dir, {"user", "add", "ghost", "--type", "User", "--person", "cn=Ghost,o=acme"});
+    EXPECT_EQ(r.err, "zelctl: cannot add Zel user ghost: ZEL_RC_NO_SUCH_OBJECT: no such entry (status 6): "
+                     "matched DN: o=acme\n");
+
+    // A security domain profile keeps no type: --type is refused there, with
+    // the group that gives the role.
+    r = zelctl(*dir, {"user", "add", "ann", "--type", "user"}, "2");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("keeps no user type"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("User: cn=Users"), std::string::npos) << r.err;
+    ASSERT_EQ(zelctl(*dir, {"user", "add", "ann"}, "2").status, 0);
     EXPECT_TRUE(dir->exists("principalName=ann," + kDomainUsers));
+    r = zelctl(*dir, {"user", "add", "helpdesk", "--person", kAnn}, "2");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("(status 5): " + kAnn + " already has a profile: Zel user ann"), std::string::npos) << r.err;
     EXPECT_EQ(zelctl(*dir, {"user", "add", "jo"}).status, 2) << "the type is required";
     EXPECT_EQ(zelctl(*dir, {"user", "add", "jo", "--type"}).status, 2);
     EXPECT_EQ(zelctl(*dir, {"user", "update", "jo", "--enabled", "--disabled"}).status, 2);
@@ -184,8 +253,14 @@ TEST_F(UserTest, ZelctlUpdateChangesOnlyWhatItNames) {
             return dir->entry(first_gen ? "cn=" + std::string(name) + "," + person
                                         : "principalName=" + std::string(name) + "," + kDomainUsers);
         };
-        ASSERT_EQ(zelctl(*dir, {"user", "add", "max", "--type", "User", "--person", kMax, "--disabled"}, version).status, 0);
-        ASSERT_EQ(zelctl(*dir, {"user", "add", "ann", "--type", "User", "--person", kAnn}, version).status, 0);
+        auto add = [&](const char *name, const std::string &person, std::vector<std::string> more) {
+            std::vector<std::string> args = {"user", "add", name, "--person", person};
+            if (first_gen) more.insert(more.end(), {"--type", "User"});  // the domain form keeps no type
+            args.insert(args.end(), more.begin(), more.end());
+            return zelctl(*dir, args, version).status;
+        };
+        ASSERT_EQ(add("max", kMax, {"--disabled"}), 0);
+        ASSERT_EQ(add("ann", kAnn, {}), 0);
         (void)zelctl(*dir, {"user", "update", "max", "--description=Max"}, version);
         CommandResult r = zelctl(*dir, {"user", "update", "ann", "--description=Ann"}, version);
         EXPECT_EQ(r.status, 0) << r.err;

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "doctor_ad.h"
 #include "doctor_replication.h"
 #include "zelctl.h"
 
@@ -342,6 +343,10 @@ int run_doctor(const Options &opts, Args args) {
     findings.push_back(size_limit_check(ld.get(), suffixes));
     for (ReplicationFinding &f : replication_findings(ld.get(), suffixes, info->dirKind))
         findings.push_back({f.check, f.danger ? Verdict::Danger : f.warning ? Verdict::Warning : Verdict::Ok, f.text, f.fix});
+    if (info->dirKind == ZEL_DIR_ACTIVE_DIRECTORY) {
+        AdReadersFinding r = ad_readers_check(ld.get(), suffixes);
+        findings.push_back({"ad-readers", r.ok ? Verdict::Ok : Verdict::Warning, r.text, r.fix});
+    }
 
     bool dangerous = false;
     for (const Finding &f : findings) dangerous = dangerous || f.verdict == Verdict::Danger;

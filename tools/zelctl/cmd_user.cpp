@@ -39,6 +39,17 @@ int user_list(const Options &opts, Args args) {
     return 0;
 }
 
+// The access groups that give a security domain user the rights of a
+// first-generation user type.
+std::string access_group_hint(const std::string &type) {
+    if (same_ignoring_case(type, "Senior Admin")) return "Senior Admin: cn=Administrators and cn=Senior Administrators";
+    if (same_ignoring_case(type, "Middle Tier Server")) return "Middle Tier Server: cn=Middle Tier Servers";
+    if (same_ignoring_case(type, "User")) return "User: cn=Users";
+    if (same_ignoring_case(type, "XR User")) return "XR User: none";
+    return "Senior Admin: cn=Administrators and cn=Senior Administrators; Middle Tier Server: cn=Middle Tier "
+           "Servers; User: cn=Users";
+}
+
 const char *state_text(unsigned char enabled) { return enabled ? "enabled" : "disabled"; }
 
 // An unknown type fails with 1005.  A security domain session refuses a name
@@ -53,7 +64,8 @@ int dry_user_add(ZelSession *s, const Options &opts, const ZelUser &user, const 
     if (opts.api_version >= 2 && in_domain) return DryRun::would_fail(failed, ZEL_RC_ALREADY_EXISTS);
     DryRun dry(opts, std::string("add Zel user ") + user.userName);
     dry.name("user", user.userName).done("added");
-    dry.field("type", user.userType).field("person", user.personDN).field("description", user.description);
+    if (opts.api_version < 2) dry.field("type", user.userType);
+    dry.field("person", user.personDN).field("description", user.description);
     dry.field("state", state_text(user.enabled));
     if (user.personDN == nullptr) dry.note("the person is looked up by the user name when written");
     if (rc == 0) dry.note("a Zel user of this name exists already");
@@ -72,7 +84,17 @@ int user_add(const Options &opts, Args args) {
     std::vector<std::string> operands;
     if (!take_operands(args, "user add", {"NAME"}, operands, status)) return status;
     std::string &name = operands[0];
-    if (!have_type) return usage("user add: --type is required (Senior Admin, Middle Tier Server, User, XR User)");
+    // A security domain profile keeps no type: what its user may do follows
+    // the access groups the person belongs to, which the add does not touch.
+    const bool domain_form = opts.api_version >= 2;
+    if (domain_form && have_type)
+        return usage("user add: a security domain profile keeps no user type; leave out --type and make the person "
+                     "a member of the access group for the role (" + access_group_hint(type) +
+                     "), below cn=Access Groups in the Zel database, or add the user with --api-version 1");
+    if (!have_type) {
+        if (!domain_form) return usage("user add: --type is required (Senior Admin, Middle Tier Server, User, XR User)");
+        type = "XR User";  // the library asks for a type; this one joins no group in either form
+    }
 
     ZelUser user{};
     user.userName = name.data();

@@ -264,14 +264,14 @@ def create_app(uri: str, *, ca_file: Optional[str] = None, domain: str = "Defaul
         password = request.form.get("password", "")
         try:
             if "\x00" in login or "\x00" in password:
-                raise zelmgmt.Error(1005, "cannot sign in")
+                raise zelmgmt.Error(1005, "cannot sign in", detail="")
             if "=" in login:
                 dn = login
             else:
                 dn = directory_call(lambda: person_dn(uri, login, ca_file, lookup, timeout)) if login else None
                 if dn is None:
                     # The library's own bind gives 1004 for a name it cannot place.
-                    raise zelmgmt.Error(1004, "cannot sign in")
+                    raise zelmgmt.Error(1004, "cannot sign in", detail="")
             zel = directory_call(lambda: zelmgmt.Session(uri, dn, password=password, domain=domain,
                                                          ca_file=ca_file))
             role, own = directory_call(lambda: role_of(zel, dn, password, ca_file, timeout))

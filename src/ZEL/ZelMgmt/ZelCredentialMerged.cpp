@@ -14,6 +14,7 @@
 #include "ZelIdentifierText.h"
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
+#include "platform/utf8_text.h"
 
 namespace {
 
@@ -121,12 +122,15 @@ void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const
 }
 
 // Marks the candidates an entry of the answer names, if it is a child of
-// the ask's container.
+// the ask's container.  The server found the entry by the group's name as
+// its matching rule compares them (case and insignificant spaces ignored);
+// the name is matched back to the candidates the same way.
 void mark_held(FormAsk &ask, const Rdns &entry, const std::vector<std::string> &groups) {
     if (entry.empty() || !zel::same_text(entry[0].first.c_str(), ask.naming) || !same_rdns(entry, 1, ask.container))
         return;
     for (size_t i = 0; i < groups.size(); ++i)
-        if (ask.fits[i] && zel::same_text(groups[i].c_str(), entry[0].second.c_str())) ask.held[i] = true;
+        if (ask.fits[i] && plat::zstricmp_spaced(plat::zgetUTF8Handle(), groups[i].c_str(), entry[0].second.c_str()) == 0)
+            ask.held[i] = true;
 }
 
 // The deepest DN both containers lie below, as text; empty when none.

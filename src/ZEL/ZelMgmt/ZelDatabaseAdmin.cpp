@@ -63,7 +63,9 @@ ZelRC add_person(ZelSession *s, const ZelPerson *p, const char *user_type) {
         if (!plat::connection_encrypted(s->ld)) {
             zel::trace_line(s, zel::kTraceFailures,
                             "zelmgmt:Active Directory takes a password only over an encrypted connection.");
-            return check_LDAP_rc(s, LDAP_CONFIDENTIALITY_REQUIRED, 0, "ldap_add_ext_s()");
+            ZelRC refused = check_LDAP_rc(s, LDAP_CONFIDENTIALITY_REQUIRED, 0, "ldap_add_ext_s()");
+            zel::set_error_detail("Active Directory sets an account's password only over an encrypted connection");
+            return refused;
         }
         ad_password = plat::ad_password_value(p->password);
         if (!ad_password) return ZEL_RC_INVALID_ARGUMENT;

@@ -9,6 +9,7 @@
 #include "ZelAudit.h"
 #include "ZelAccessText.h"
 #include "ZelDatabase.h"
+#include "platform/ad_account.h"
 
 namespace {
 
@@ -247,6 +248,25 @@ void add_access_control(ZelSession *s, const Plan &p, const char *admin_dn, unsi
     attempt([&] { return set_owner(s, p.db.c_str(), ad, 0, 0); });
 }
 
+// On AD the default administrator's person is a domain account that must
+// get a password: the fixed default never passes a domain's password
+// policy, and the account's password is set only over an encrypted
+// connection.  Both are known before anything is written.
+ZelRC check_ad_default_admin(ZelSession *s, const char *admin, const char *admin_password) {
+    if (s->dir_kind != ZEL_DIR_ACTIVE_DIRECTORY || admin != nullptr) return 0;
+    if (admin_password == nullptr) {
+        zel::set_error_detail("on Active Directory the default administrator's account needs a password the "
+                              "domain's policy accepts: give one, or name an existing person as the administrator");
+        return ZEL_RC_INVALID_ARGUMENT;
+    }
+    if (!plat::connection_encrypted(s->ld)) {
+        zel::set_error_detail("Active Directory sets an account's password only over an encrypted connection "
+                              "(ldaps or StartTLS)");
+        return ZEL_RC_NOT_AUTHORIZED;
+    }
+    return 0;
+}
+
 ZelRC create_database(ZelSession *s, const char *suffix, const char *admin, const char *admin_uid,
                       const char *admin_password, unsigned char flags) {
     Plan plan;
@@ -258,6 +278,7 @@ ZelRC create_database(ZelSession *s, const char *suffix, const char *admin, cons
     rc = locate_ZEL_database(s, s->suffixes, existing.get());
     if (rc == 0) return ZEL_RC_DATABASE_EXISTS;
     if (rc != ZEL_RC_DATABASE_NOT_FOUND) return rc;
+    if ((rc = check_ad_default_admin(s, admin, admin_password)) != 0) return rc;
     if ((rc = ensure_suffix(s, suffix, (flags & ZEL_CREATEDB_SUFFIX) != 0)) != 0) return rc;
 
     // A database DN the session already holds stays as it is.

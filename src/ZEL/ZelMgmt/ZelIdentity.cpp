@@ -19,14 +19,18 @@ ZelRC search_profile_below_person(ZelSession *s, const char *person_dn, const ch
                                   zel::Message &out) {
     char *attrs[] = {const_cast<char *>("objectClass"), const_cast<char *>("userState"), nullptr};
     ZelRC rc = zel::search_mapped(s, person_dn, LDAP_SCOPE_ONELEVEL, filter, attrs, 0, 2, ZEL_RC_ENTRY_NOT_FOUND, out);
-    return rc == ZEL_RC_NO_SUCH_OBJECT ? 0 : rc;  // no person entry: no user either
+    if (rc != ZEL_RC_NO_SUCH_OBJECT) return rc;
+    zel::clear_error_detail();  // no person entry: no user either, and no failure
+    return 0;
 }
 
 // Subtree search of the security domain for the person's secUser entry.
 ZelRC search_domain_user(ZelSession *s, const char *filter, zel::Message &out) {
     ZelRC rc = zel::search_mapped(s, s->domain_dn, LDAP_SCOPE_SUBTREE, filter, nullptr, 0, 2, ZEL_RC_ENTRY_NOT_FOUND,
                                   out);
-    return rc == ZEL_RC_NO_SUCH_OBJECT ? 0 : rc;
+    if (rc != ZEL_RC_NO_SUCH_OBJECT) return rc;
+    zel::clear_error_detail();
+    return 0;
 }
 
 bool marks_inactive(char **values) {

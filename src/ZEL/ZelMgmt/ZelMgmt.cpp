@@ -318,8 +318,8 @@ ZelRC bind_to_LDAP(ZelSession *s, const char *user, const char *password, char *
         if (lrc == LDAP_SUCCESS) {
             zel::tracef(s, zel::kTraceProgress, "zelmgmt:Back from bind. rc=%d\n", lrc);
         } else {
-            zel::explain_connection_failure(s, lrc);
             rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), ZEL_RC_AUTHENTICATION_FAILED, "ldap_simple_bind_s()");
+            zel::explain_connection_failure(s, lrc);  // a refused certificate says more than the server's words
         }
         return rc;
     });

@@ -96,6 +96,7 @@ ZelRC check_LDAP_rc(ZelSession *s, uint32_t ldap_rc, ZelRC default_code, const c
     return zel::guarded([&]() -> ZelRC {
         zel::tracef(s, zel::kTraceFailures, "zelmgmt:%s failed.  RC=x%x\n", operation ? operation : "",
                     ldap_rc);
+        zel::capture_server_detail(s, static_cast<int>(ldap_rc));
         if (ZelRC mapped = mapped_status(ldap_rc)) return mapped;
         return default_code != 0 ? default_code : ldap_rc;
     });

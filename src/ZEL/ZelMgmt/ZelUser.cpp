@@ -14,6 +14,12 @@ constexpr int32_t kUpdate = 2;
 
 constexpr const char *kLoginType = "Default:LDAP";
 
+// The derived values a profile is written with.
+struct ProfilePlanValues {
+    const char *authority;
+    const char *state;
+};
+
 // A first-generation profile must be named after its user.
 ZelRC check_profile_name(const char *user_dn, const char *name) {
     size_t dn_len = std::strlen(user_dn), name_len = std::strlen(name);
@@ -105,16 +111,83 @@ ZelRC fill_update_mods(ZelSession *s, const ZelUser *user, const char *state, ze
     return mods.add(LDAP_MOD_REPLACE, "description", {user->description});
 }
 
-ZelRC add_profile(ZelSession *s, const std::string &user_dn, const std::string &authority, LDAPMod **mods) {
+// The value of a DN's first RDN ("jo" of "principalName=jo,cn=Users,..."),
+// or the DN itself when it does not parse.
+std::string first_rdn_value(const std::string &dn) {
+    zel::Values parts(ldap_explode_dn(dn.c_str(), 1));
+    return parts && parts.get()[0] ? std::string(parts.get()[0]) : dn;
+}
+
+// A person has at most one profile in a storage form: a second one would
+// hide the first from every look-up that starts at the person.
+ZelRC check_person_free(ZelSession *s, const char *person_dn) {
+    std::string held;
+    ZelRC rc = verify_into(s, person_dn, zel::first_generation(s) ? 1 : 2, held);
+    if (rc != 1) return rc;
+    zel::set_error_detail("%s already has a profile: Zel user %s", person_dn, first_rdn_value(held).c_str());
+    return ZEL_RC_ALREADY_EXISTS;
+}
+
+// The authority values of an existing domain profile and the person it names.
+ZelRC read_domain_profile(ZelSession *s, const std::string &user_dn, std::vector<std::string> &authorities,
+                          std::string &person) {
+    char *attrs[] = {const_cast<char *>("secAuthority"), const_cast<char *>("secDN"), nullptr};
+    zel::Message res;
+    ZelRC rc = zel::search_mapped(s, user_dn.c_str(), LDAP_SCOPE_BASE, "(objectClass=*)", attrs, 0, 2, 0, res);
+    LDAPMessage *e = rc == 0 && res ? ldap_first_entry(s->ld, res.get()) : nullptr;
+    if (rc != 0 || e == nullptr) return rc != 0 ? rc : ZEL_RC_USER_NOT_FOUND;
+    return zel::walk_attributes(s->ld, e, [&](const char *name, char **values, struct berval **) -> ZelRC {
+        if (zel::same_text(name, "secAuthority"))
+            for (char **v = values; *v; ++v) authorities.emplace_back(*v);
+        else if (zel::same_text(name, "secDN"))
+            person = values[0];
+        return 0;
+    });
+}
+
+// The name's entry is there already.  One this domain released (removal
+// keeps the entry on later domain versions, without its records) is taken
+// back and given what the caller asked for, as a fresh add would write it;
+// an entry that a domain still claims is another user's and stays as it is.
+ZelRC reclaim_profile(ZelSession *s, const ZelUser *user, const char *person_dn, const std::string &user_dn,
+                      const ProfilePlanValues &plan) {
+    std::vector<std::string> authorities;
+    std::string holder;
+    if (ZelRC rc = read_domain_profile(s, user_dn, authorities, holder)) return rc;
+    const std::string released = s->domain_name ? s->domain_name : "";
+    for (const std::string &a : authorities) {
+        if (zel::same_text(a.c_str(), released.c_str())) continue;
+        zel::set_error_detail("Zel user %s already exists%s%s", user->userName, holder.empty() ? "" : " for ",
+                              holder.c_str());
+        return ZEL_RC_ALREADY_EXISTS;
+    }
+    zel::ModList mods(5);
+    if (!mods.ok()) return ZEL_RC_NO_MEMORY;
+    ZelRC rc = 0;
+    if ((rc = mods.add(LDAP_MOD_REPLACE, "secAuthority", {plan.authority})) ||
+        (rc = mods.add(LDAP_MOD_REPLACE, "secDN", {person_dn})) ||
+        (rc = mods.add(LDAP_MOD_REPLACE, "secAcctValid", {plan.state})))
+        return rc;
+    rc = zel::writes_description(s, user->description) ? mods.add(LDAP_MOD_REPLACE, "description", {user->description})
+                                                        : mods.add(LDAP_MOD_DELETE, "description", {});
+    if (rc != 0) return rc;
+    int lrc = zel::modify_clearing(s, user_dn.c_str(), mods.get());
+    return lrc == LDAP_SUCCESS ? 0 : check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
+}
+
+ZelRC add_profile(ZelSession *s, const ZelUser *user, const char *person_dn, const std::string &user_dn,
+                  const ProfilePlanValues &plan, LDAPMod **mods) {
     int lrc = plat::ldap_add_ext_s(s->ld, user_dn.c_str(), mods, nullptr, nullptr);
     if (lrc == LDAP_SUCCESS) return 0;
     ZelRC rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
     if (rc != ZEL_RC_ALREADY_EXISTS) return rc;
+    if (!zel::first_generation(s)) return reclaim_profile(s, user, person_dn, user_dn, plan);
 
-    // The profile exists already: claim it for this session's domain.
+    // A first-generation profile a new database's administrator already has
+    // (database removal keeps it below the person) is claimed as it is.
     zel::ModList repoint(2);
     if (!repoint.ok()) return ZEL_RC_NO_MEMORY;
-    if ((rc = repoint.add(LDAP_MOD_REPLACE, "secAuthority", {authority.c_str()})) != 0) return rc;
+    if ((rc = repoint.add(LDAP_MOD_REPLACE, "secAuthority", {plan.authority})) != 0) return rc;
     lrc = plat::ldap_modify_ext_s(s->ld, user_dn.c_str(), repoint.get(), nullptr, nullptr);
     return lrc == LDAP_SUCCESS ? 0 : check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_modify_ext_s()");
 }
@@ -233,7 +306,7 @@ ZelRC create_update_ZelUser(ZelSession *s, const ZelUser *user, const char *pers
                 if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
                 if ((rc = fill_create_mods(s, user, person_dn, plan.state, plan.authority, plan.access, mods)) != 0)
                     return rc;
-                rc = add_profile(s, plan.user_dn, plan.authority, mods.get());
+                rc = add_profile(s, user, person_dn, plan.user_dn, {plan.authority.c_str(), plan.state}, mods.get());
             }
             if (rc == 0 && !first_gen) rc = add_credentials_container(s, plan.user_dn);
             return rc;
@@ -265,7 +338,9 @@ ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u) {
         // before the membership is granted, and the profile DN the rollback
         // needs is in hand before anything is written.
         ProfilePlan plan;
-        if ((rc = plan_profile(s, u, person_dn.get(), kCreate, plan)) != 0) return rc;
+        if ((rc = plan_profile(s, u, person_dn.get(), kCreate, plan)) != 0 ||
+            (rc = check_person_free(s, person_dn.get())) != 0)
+            return rc;
         if ((rc = add_ZelUser_to_group(s, person_dn.get(), u->userType)) != 0) return rc;
 
         rc = create_update_ZelUser(s, u, person_dn.get(), kCreate);

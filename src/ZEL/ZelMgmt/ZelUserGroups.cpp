@@ -237,7 +237,10 @@ ZelRC Zel_removeZelUser(ZelSession *s, const char *nameOrDN) {
             if (rc == ZEL_RC_USER_NOT_FOUND || rc == ZEL_RC_NO_SUCH_OBJECT) rc = 0;
             else if (rc == 0) v2_dn = first_dn(s->ld, v2_res);
         }
-        if (rc == 0 && v1_dn.empty() && v2_dn.empty()) rc = ZEL_RC_USER_NOT_FOUND;
+        if (rc == 0 && v1_dn.empty() && v2_dn.empty()) {
+            zel::clear_error_detail();  // the searches' "no such entry" is the answer, not a failure
+            rc = ZEL_RC_USER_NOT_FOUND;
+        }
 
         zel::CText user_type;
         if (rc == 0 && !v1_dn.empty()) {

@@ -105,11 +105,15 @@ void tracef(const ZelSession *s, int above, const char *fmt, ...) ZEL_PRINTF(3, 
 void trace_line(const ZelSession *s, int above, const char *text);
 int read_debug_level();
 
-// The thread's detail of a failed open (Zel_last_error_detail): cleared as an
-// open starts; a connection failure that was the server's certificate says
-// so there and in the trace.
+// The thread's detail of the last failure (Zel_last_error_detail): cleared as
+// an open starts; a connection failure that was the server's certificate says
+// so there and in the trace; check_LDAP_rc replaces it with the server's
+// message and matched DN of the result it maps; set_error_detail with what
+// the library itself found in the way.
 void clear_error_detail();
 void explain_connection_failure(const ZelSession *s, int ldap_rc);
+void capture_server_detail(const ZelSession *s, int ldap_rc);
+void set_error_detail(const char *fmt, ...) ZEL_PRINTF(1, 2);
 
 // Prints the Entered line on construction and the Exited line, with the
 // status the routine returns, on destruction.  Declare the status first.
