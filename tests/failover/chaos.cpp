@@ -60,7 +60,8 @@ TEST_F(Chaos, AgentsAreAnsweredThroughHangsStopsAndRestarts) {
         Session two = open_on("127.0.0.1:" + std::to_string(pair->port(2)));
         ASSERT_TRUE(one && two);
         for (const char *service : kWritten) {
-            ZelTargetRecord r = record((std::string("T:") + service).c_str(), service, "jdoe", "start");
+            const std::string id = std::string("T:") + service;
+            ZelTargetRecord r = record(id.c_str(), service, "jdoe", "start");
             ZelRC rc = Zel_addTargetRecord(one.get(), "jo", &r);
             ASSERT_TRUE(rc == 0 || rc == ZEL_RC_ALREADY_EXISTS) << rc;
             ASSERT_EQ(Zel_updateTargetRecord(one.get(), "jo", &r), 0u);

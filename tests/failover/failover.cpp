@@ -188,8 +188,11 @@ TEST_F(Failover, AWriteThatTimesOutHasAnOutcomeOfItsOwn) {
 }
 
 // Writes go to the first server of the list that is not held down, and go
-// back to it once it is; reads stay where the session is.
+// back to it once it is; reads stay where the session is.  (A long hold-down
+// keeps server 1 held down however slow the machine; forgetting it stands
+// for the hold-down having passed.)
 TEST_F(Failover, WritesGoBackToTheFirstServer) {
+    ASSERT_EQ(Zel_setHoldDown(60), 0u);
     Session s = open_on(pair->hosts());
     ASSERT_TRUE(s);
     pair->stop(1);
@@ -200,10 +203,12 @@ TEST_F(Failover, WritesGoBackToTheFirstServer) {
     ZelTargetRecord shop = record("T:shop", "shop", "jdoe", "sh0p");
     ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &shop), 0u);
     EXPECT_EQ(server_of(s.get()), pair->uri(2)) << "server 1 is still held down";
-    std::this_thread::sleep_for(std::chrono::milliseconds(1000 * kTimeout + 100));
+    ASSERT_EQ(Zel_setHoldDown(-1), 0u);
     EXPECT_EQ(credential(s.get(), "jo", "app"), kJoApp);
     EXPECT_EQ(server_of(s.get()), pair->uri(2)) << "a read stays";
     EXPECT_EQ(eventually_answers(s.get(), "shop", "jdoe/sh0p"), "jdoe/sh0p");
+    Session on_one = open_on("127.0.0.1:" + std::to_string(pair->port(1)));
+    ASSERT_EQ(eventually_answers(on_one.get(), "shop", "jdoe/sh0p"), "jdoe/sh0p") << "replicated to server 1";
     EXPECT_EQ(Zel_removeTargetRecord(s.get(), "jo", "T:shop"), 0u);
     EXPECT_EQ(server_of(s.get()), pair->uri(1)) << "a write goes back";
 }
