@@ -24,12 +24,12 @@ from . import _c
 __all__ = [
     "Error", "Session", "SessionInfo", "TargetService", "ServiceType", "User", "TargetRecord",
     "Credential", "Explanation", "ExplainStep", "Domain", "Person", "strerror", "set_timeouts",
-    "set_hold_down", "TIMEOUT",
-    "OPEN_NONSSL", "OPEN_SSL", "OPEN_GSSAPI", "OPEN_STARTTLS",
+    "OPEN_NONSSL", "OPEN_SSL", "OPEN_GSSAPI",
     "CREATEDB_SUFFIX", "CREATEDB_XR_DEFAULTS", "CREATEDB_EXTENDED",
 ]
 
 OPEN_NONSSL, OPEN_SSL, OPEN_GSSAPI, OPEN_STARTTLS = 1, 2, 4, 8
+__all__ += ["OPEN_STARTTLS", "TIMEOUT", "set_hold_down"]
 # The directory did not answer in time: a change sent may or may not have been
 # applied.  Read it back once the directory answers, and write again if needed.
 TIMEOUT = 1015
