@@ -70,6 +70,7 @@ typedef uint32_t ZelRC;
 #define ZEL_RC_NO_MEMORY                1012u
 #define ZEL_RC_DECODE_FAILED            1013u
 #define ZEL_RC_SCHEMA_VIOLATION         1014u
+#define ZEL_RC_TIMEOUT                  1015u
 #define ZEL_RC_NOT_UNIQUE               8999u
 #define ZEL_RC_UNSUPPORTED_OPERATION    9000u
 
@@ -91,6 +92,10 @@ typedef uint32_t ZelRC;
 #define ZEL_OPEN_NONSSL  1
 #define ZEL_OPEN_SSL     2
 #define ZEL_OPEN_GSSAPI  4
+/* Plain connections (bare hosts, ldap:// entries) are upgraded with StartTLS
+ * before anything else is sent, checking the server's certificate against
+ * the keyring's CA; ldaps:// entries keep TLS from the start. */
+#define ZEL_OPEN_STARTTLS 8
 
 /* Database creation flags. */
 #define ZEL_CREATEDB_SUFFIX       1
@@ -363,6 +368,12 @@ ZEL_API void Zel_freeCredentialExplanation(ZelCredentialExplanation *e);
  * to the defaults of 5 s to connect and 30 s per request.  1005 for anything
  * else. */
 ZEL_API ZelRC Zel_setTimeouts(int32_t networkSeconds, int32_t requestSeconds);
+/* How long, in whole seconds, every session of this process avoids a server
+ * that refused a connection, timed out or dropped one: opens and reconnects
+ * try it after the others until then.  0: failures are not remembered; -1
+ * hands the choice back to ZEL_HOLD_DOWN, else the request time-out.  Each
+ * call also forgets the failures remembered so far.  1005 for anything else. */
+ZEL_API ZelRC Zel_setHoldDown(int32_t seconds);
 
 /* The profile of the Zel user `name` as stored: the security domain's first
  * in a version 2 session, else the Zel database's.  userType is null where

@@ -32,11 +32,15 @@ def test_a_server_list_and_time_outs(directory):
         with zelmgmt.Session(f"ldap://127.0.0.1:1 {directory.uri}", ADMIN,
                              password_file=str(directory.password_file)) as s:
             assert s.info().server == directory.uri
-        with pytest.raises(zelmgmt.Error) as e:
-            zelmgmt.set_timeouts(request=-2)
-        assert e.value.status == 1005
+        for refused in (lambda: zelmgmt.set_timeouts(request=-2), lambda: zelmgmt.set_hold_down(-2)):
+            with pytest.raises(zelmgmt.Error) as e:
+                refused()
+            assert e.value.status == 1005
+        zelmgmt.set_hold_down(0)
+        assert "may or may not" in zelmgmt.strerror(zelmgmt.TIMEOUT)
     finally:
         zelmgmt.set_timeouts()
+        zelmgmt.set_hold_down()
 
 
 def test_services_round_trip(session):

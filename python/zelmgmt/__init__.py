@@ -29,7 +29,11 @@ __all__ = [
     "CREATEDB_SUFFIX", "CREATEDB_XR_DEFAULTS", "CREATEDB_EXTENDED",
 ]
 
-OPEN_NONSSL, OPEN_SSL, OPEN_GSSAPI = 1, 2, 4
+OPEN_NONSSL, OPEN_SSL, OPEN_GSSAPI, OPEN_STARTTLS = 1, 2, 4, 8
+__all__ += ["OPEN_STARTTLS", "TIMEOUT", "set_hold_down"]
+# The directory did not answer in time: a change sent may or may not have been
+# applied.  Read it back once the directory answers, and write again if needed.
+TIMEOUT = 1015
 CREATEDB_SUFFIX, CREATEDB_XR_DEFAULTS, CREATEDB_EXTENDED = 1, 2, 4
 
 _lib = _c.load()
@@ -219,6 +223,15 @@ def set_timeouts(request: Optional[int] = None, network: Optional[int] = None) -
     else 30 s per request and 5 s to connect."""
     _check(_lib.Zel_setTimeouts(-1 if network is None else network, -1 if request is None else request),
            "cannot set the time-outs")
+
+
+def set_hold_down(seconds: Optional[int] = None) -> None:
+    """How long, in whole seconds, every session of this process tries a
+    server that failed (refused, timed out, dropped a connection) only after
+    the others.  0 remembers no failure; None leaves the choice to
+    ZEL_HOLD_DOWN, else the request time-out.  Also forgets the failures
+    remembered so far."""
+    _check(_lib.Zel_setHoldDown(-1 if seconds is None else seconds), "cannot set the hold-down")
 
 
 class Session:

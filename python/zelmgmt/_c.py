@@ -127,6 +127,7 @@ _PROTOTYPES = {
     "Zel_freeRekeyReport": (None, [P(RekeyReport)]),
     "Zel_getSessionInfo": (c_uint32, [_S, P(P(SessionInfo))]),
     "Zel_setTimeouts": (c_uint32, [c_int32, c_int32]),
+    "Zel_setHoldDown": (c_uint32, [c_int32]),
     "Zel_freeSessionInfo": (None, [P(SessionInfo)]),
     "Zel_getTargetRecord": (c_uint32, [_S, c_char_p, c_char_p, P(P(TargetRecord))]),
     "Zel_getAllTargetRecord": (c_uint32, [_S, c_char_p, P(P(TargetRecordList))]),

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <shared_mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,6 +23,7 @@
 
 #include <fcntl.h>
 #include <strings.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -306,10 +308,30 @@ struct UrlDesc {
     }
 };
 
-// Handles with a recovery attached.  Looked at only when a request failed on
-// the client side, so a healthy connection never takes the lock.
+// A handle's time-out, or nullopt when it has none.
+std::optional<std::chrono::microseconds> timeout_of(LDAP *ld, int option) {
+    struct timeval *tv = nullptr;
+    if (::ldap_get_option(ld, option, &tv) != LDAP_OPT_SUCCESS || tv == nullptr) return std::nullopt;
+    std::optional<std::chrono::microseconds> limit;
+    if (tv->tv_sec >= 0) limit = std::chrono::seconds(tv->tv_sec) + std::chrono::microseconds(tv->tv_usec);
+    ::ldap_memfree(tv);
+    return limit;
+}
+
+void set_timeout(LDAP *ld, int option, std::optional<std::chrono::microseconds> limit) {
+    if (!limit) {
+        ::ldap_set_option(ld, option, nullptr);
+        return;
+    }
+    struct timeval tv = {static_cast<time_t>(limit->count() / 1000000),
+                         static_cast<suseconds_t>(limit->count() % 1000000)};
+    ::ldap_set_option(ld, option, &tv);
+}
+
+// Handles with a recovery attached.  Looked up before every request, by
+// many sessions at once: readers share the lock.
 struct RecoveryRegistry {
-    std::mutex mutex;
+    std::shared_mutex mutex;
     std::unordered_map<LDAP *, Recovery *> attached;
 };
 
@@ -320,32 +342,99 @@ RecoveryRegistry &recoveries() {
 
 Recovery *recovery_of(LDAP *ld) {
     RecoveryRegistry &registry = recoveries();
-    std::lock_guard<std::mutex> lock(registry.mutex);
+    std::shared_lock<std::shared_mutex> lock(registry.mutex);
     auto found = registry.attached.find(ld);
     return found == registry.attached.end() ? nullptr : found->second;
 }
 
-// Runs call(handle) and, when it failed on the client side on a handle with
-// a recovery, lets the recovery connect again; a read is sent once more on
-// the new handle.  `before_resend` drops what the failed attempt left.
+// Runs call(handle) on the handle the recovery chooses and, when it failed
+// on the client side, lets the recovery connect again; a read is sent once
+// more on the new handle, within what is left of the call's deadline.
+// `before_resend` drops what the failed attempt left.
 template <class Call, class Drop>
-int with_recovery(LDAP *ld, bool resend, Call &&call, Drop &&before_resend) {
-    int rc = call(ld);
-    if (!connection_lost(rc)) return rc;
+int with_recovery(LDAP *ld, Request kind, Call &&call, Drop &&before_resend) {
     Recovery *recovery = recovery_of(ld);
-    if (recovery == nullptr) return rc;
-    LDAP *fresh = recovery->recover(ld, rc);   // ld may be gone from here on
-    if (fresh == nullptr || !resend) return rc;
+    if (recovery == nullptr) return call(ld);
+    const Deadline deadline = request_deadline(ld);
+    int refusal = kServerDown;
+    LDAP *use = recovery->prepare(ld, kind, deadline, refusal);
+    if (use == nullptr) return refusal;
+    int rc = call(use);
+    if (!connection_lost(rc)) return rc;
+    refusal = 0;
+    LDAP *fresh = recovery->recover(use, rc, deadline, refusal);   // `use` may be gone from here on
+    if (refusal != 0) return refusal;
+    if (fresh == nullptr || kind != Request::Read) return rc;
     before_resend();
+    KeptTimeouts kept(fresh);
+    if (!limit_to_deadline(fresh, deadline)) return rc;
     return call(fresh);
 }
 
 template <class Call>
 int write_with_recovery(LDAP *ld, Call &&call) {
-    return with_recovery(ld, false, call, [] {});
+    return with_recovery(ld, Request::Write, call, [] {});
+}
+
+template <class Call>
+int bind_with_recovery(LDAP *ld, Call &&call) {
+    return with_recovery(ld, Request::Bind, call, [] {});
 }
 
 }  // namespace
+
+std::optional<std::chrono::microseconds> ldap_get_timeout(LDAP *ld, bool request) {
+    return timeout_of(ld, request ? LDAP_OPT_TIMEOUT : LDAP_OPT_NETWORK_TIMEOUT);
+}
+
+KeptTimeouts::KeptTimeouts(LDAP *ld)
+    : ld_(ld), network_(timeout_of(ld, LDAP_OPT_NETWORK_TIMEOUT)), request_(timeout_of(ld, LDAP_OPT_TIMEOUT)) {}
+
+KeptTimeouts::~KeptTimeouts() {
+    set_timeout(ld_, LDAP_OPT_NETWORK_TIMEOUT, network_);
+    set_timeout(ld_, LDAP_OPT_TIMEOUT, request_);
+}
+
+Deadline request_deadline(LDAP *ld) {
+    auto request = timeout_of(ld, LDAP_OPT_TIMEOUT);
+    if (!request) return Deadline::max();
+    // Without a connect limit, a reconnect gets as long as a request.
+    auto network = timeout_of(ld, LDAP_OPT_NETWORK_TIMEOUT);
+    return std::chrono::steady_clock::now() + *request + (network ? *network : *request);
+}
+
+bool limit_to_deadline(LDAP *ld, Deadline deadline) {
+    if (deadline == Deadline::max()) return true;
+    auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return false;
+    for (int option : {LDAP_OPT_NETWORK_TIMEOUT, LDAP_OPT_TIMEOUT}) {
+        auto limit = timeout_of(ld, option);
+        if (!limit || *limit > left) set_timeout(ld, option, left);
+    }
+    return true;
+}
+
+int ldap_drop(LDAP *ld) {
+    if (ld == nullptr) return kParamError;
+    set_recovery(ld, nullptr);
+    int fd = -1;
+    if (::ldap_get_option(ld, LDAP_OPT_DESC, &fd) == LDAP_OPT_SUCCESS && fd >= 0) {
+        struct linger reset = {1, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    }
+    return classic_result(::ldap_unbind_ext(ld, nullptr, nullptr));
+}
+
+int ldap_whoami(LDAP *ld, std::string &identity) {
+    identity.clear();
+    if (ld == nullptr) return kParamError;
+    struct berval *authzid = nullptr;
+    int rc = ::ldap_whoami_s(ld, &authzid, nullptr, nullptr);
+    if (rc == LDAP_SUCCESS && authzid != nullptr && authzid->bv_val != nullptr)
+        identity.assign(authzid->bv_val, authzid->bv_len);
+    if (authzid != nullptr) ::ber_bvfree(authzid);
+    return classic_result(rc);
+}
 
 bool connection_lost(int classic_rc) {
     // Classic numbers: OpenLDAP's own names for these stand for negative codes.
@@ -354,7 +443,7 @@ bool connection_lost(int classic_rc) {
 
 void set_recovery(LDAP *ld, Recovery *recovery) {
     RecoveryRegistry &registry = recoveries();
-    std::lock_guard<std::mutex> lock(registry.mutex);
+    std::unique_lock<std::shared_mutex> lock(registry.mutex);
     if (recovery == nullptr) registry.attached.erase(ld);
     else registry.attached[ld] = recovery;
 }
@@ -417,7 +506,7 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
             rc = LDAP_SUCCESS;
         return rc;
     };
-    return with_recovery(ld, true, once, [&] {
+    return with_recovery(ld, Request::Read, once, [&] {
         if (res != nullptr && *res != nullptr) {
             ::ldap_msgfree(*res);
             *res = nullptr;
@@ -459,7 +548,7 @@ int ldap_delete_ext_s(LDAP *ld, const char *dn, LDAPControl **serverctrls,
 
 int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *password) {
     if (ld == nullptr) return kParamError;
-    return write_with_recovery(ld, [&](LDAP *handle) { return classic_result(::ldap_simple_bind_s(handle, dn, password)); });
+    return bind_with_recovery(ld, [&](LDAP *handle) { return classic_result(::ldap_simple_bind_s(handle, dn, password)); });
 }
 
 // ---- GSSAPI sign-on ------------------------------------------------------
@@ -481,7 +570,7 @@ int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mechanism, struct ber
                      LDAPControl **serverctrls, LDAPControl **clientctrls,
                      struct berval **servercredp) {
     if (ld == nullptr) return kParamError;
-    return write_with_recovery(ld, [&](LDAP *handle) {
+    return bind_with_recovery(ld, [&](LDAP *handle) {
         int rc = ::ldap_sasl_bind_s(handle, dn, mechanism, cred, serverctrls, clientctrls, servercredp);
         // A GSSAPI bind without a token of the caller's only opens the exchange
         // (the server answers "in progress" and waits for the ticket): carry it
@@ -621,6 +710,22 @@ LDAP *ldap_ssl_init(const char *host, int port, const char *cert_label) {
         return nullptr;
     }
     return ld;
+}
+
+int ldap_start_tls(LDAP *ld, const char *cert_label) {
+    if (ld == nullptr) return kParamError;
+    std::string keyring;
+    {
+        SslState &state = ssl_state();
+        std::lock_guard<std::mutex> lock(state.mutex);
+        keyring = state.keyring;
+    }
+    if ((!keyring.empty() && !readable_file(keyring.c_str())) ||
+        (cert_label != nullptr && !readable_file(cert_label)) || !configure_tls(ld, keyring, cert_label))
+        return kParamError;
+    return bind_with_recovery(ld, [&](LDAP *handle) {
+        return classic_result(::ldap_start_tls_s(handle, nullptr, nullptr));
+    });
 }
 
 namespace {

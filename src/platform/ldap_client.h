@@ -58,6 +58,8 @@
 #endif
 #include <ldap.h>
 
+#include <chrono>
+#include <optional>
 #include <string>
 
 namespace zel::platform {
@@ -119,6 +121,12 @@ int ldap_ssl_client_init(const char *keyring, const char *keyring_pw, int ssl_ti
                          int *reason);
 LDAP *ldap_ssl_init(const char *host, int port, const char *cert_label);
 
+// Upgrades a plain handle with StartTLS, checking the server's certificate
+// against the keyring remembered by ldap_ssl_client_init (cert_label as for
+// ldap_ssl_init).  Sends the request: a client-side failure goes to the
+// handle's recovery as a bind's does.
+int ldap_start_tls(LDAP *ld, const char *cert_label);
+
 // One configured server.
 constexpr int kReplicaMaster = 1;
 constexpr int kSecurityNone = 1;
@@ -152,18 +160,59 @@ int ldap_set_timeouts(LDAP *ld, int network_seconds, int request_seconds);
 // LDAPNETWORK_TIMEOUT) sets each time-out.
 void configured_timeouts(bool &network, bool &request);
 
-// What a handle falls back on when one of its requests fails on the client
-// side.  The adapter calls recover() with the handle and the classic result;
-// it answers the handle to use from now on, or null when none is at hand.
-// A search is then sent once more on that handle; a write or a bind never is
-// (a write may have been applied), the caller gets the first result.
+// What a handle falls back on.  Each request on a handle with a recovery
+// attached runs within one deadline: its own request time-out plus one
+// connect time-out of the handle, from when it was first sent.
+//
+// Before a request, prepare() answers the handle to send it on: the same,
+// or another one the recovery moved the session to (a write may go back to
+// a preferred server), or null when the session cannot go on (`refusal`
+// then holds the classic result the request answers).  When the request
+// fails on the client side, recover() answers the handle to use from now
+// on, or null when none is at hand; `refusal`, when the recovery sets it,
+// replaces the request's result.  A search is then sent once more on the
+// new handle, within what is left of the deadline; a write or a bind never
+// is (a write may have been applied), the caller gets the first result.
+using Deadline = std::chrono::steady_clock::time_point;
+enum class Request { Read, Write, Bind };
 class Recovery {
 public:
-    virtual LDAP *recover(LDAP *failed, int classic_rc) = 0;
+    virtual LDAP *prepare(LDAP *ld, Request kind, Deadline deadline, int &refusal) = 0;
+    virtual LDAP *recover(LDAP *failed, int classic_rc, Deadline deadline, int &refusal) = 0;
 
 protected:
     ~Recovery() = default;
 };
+
+// A handle's request (or connect) time-out; nullopt when it has none.
+std::optional<std::chrono::microseconds> ldap_get_timeout(LDAP *ld, bool request);
+
+// A handle's time-outs, put back as they were when the scope ends.
+class KeptTimeouts {
+public:
+    explicit KeptTimeouts(LDAP *ld);
+    ~KeptTimeouts();
+    KeptTimeouts(const KeptTimeouts &) = delete;
+    KeptTimeouts &operator=(const KeptTimeouts &) = delete;
+
+private:
+    LDAP *ld_;
+    std::optional<std::chrono::microseconds> network_, request_;
+};
+
+// The deadline of a request sent now on ld (Deadline::max() when the
+// handle waits without limit).
+Deadline request_deadline(LDAP *ld);
+// Shortens ld's connect and request time-outs to what is left until
+// `deadline` (never lengthens them); false when nothing is left.
+bool limit_to_deadline(LDAP *ld, Deadline deadline);
+// Releases a handle whose server may still hold a request of ours unread:
+// the connection is reset rather than closed in order, so that the server
+// discards what it has not read yet.
+int ldap_drop(LDAP *ld);
+// Who the server says a bound handle is (the Who Am I extended operation):
+// "dn:..." or "u:...", empty for anonymous.  A classic result.
+int ldap_whoami(LDAP *ld, std::string &identity);
 // The URI list a handle was made for ("" when it has none).
 std::string connection_uri(LDAP *ld);
 

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "record/record_fixture.h"
+#include "support/directory.h"
 #include "support/pair.h"
 
 namespace failovertest {
@@ -20,14 +21,17 @@ using Clock = std::chrono::steady_clock;
 
 inline const char *kJoApp = "jdoe/pa55word";   // what jo's "app" credential answers
 
-inline ZelRC open_on(const std::string &hosts, ZelSession **out) {
+// flags other than plain LDAP check the server against the test CA.
+inline ZelRC open_on(const std::string &hosts, ZelSession **out, int32_t flags = ZEL_OPEN_NONSSL) {
+    const std::string ca = zeltest::test_tls_files().ca;
     return Zel_open_sec_domain(nullptr, ReplicatedPair::admin_dn(), ReplicatedPair::admin_password(), hosts.c_str(),
-                               0, ZEL_OPEN_NONSSL, nullptr, nullptr, nullptr, "Default", out, 2);
+                               0, flags, flags == ZEL_OPEN_NONSSL ? nullptr : ca.c_str(), nullptr, nullptr, "Default",
+                               out, 2);
 }
 
-inline Session open_on(const std::string &hosts) {
+inline Session open_on(const std::string &hosts, int32_t flags = ZEL_OPEN_NONSSL) {
     ZelSession *s = nullptr;
-    ZelRC rc = open_on(hosts, &s);
+    ZelRC rc = open_on(hosts, &s, flags);
     EXPECT_EQ(rc, 0u) << "open on " << hosts;
     return Session(rc == 0 ? s : nullptr);
 }
@@ -80,9 +84,15 @@ protected:
     }
     static void TearDownTestSuite() {
         pair.reset();
+        Zel_setHoldDown(-1);
         Zel_setTimeouts(-1, -1);
     }
-    void TearDown() override { pair->heal(); }
+    // Both servers back, and the failures the process remembered forgotten.
+    static void heal() {
+        pair->heal();
+        Zel_setHoldDown(-1);
+    }
+    void TearDown() override { heal(); }
 
     static inline std::unique_ptr<ReplicatedPair> pair;
 };

@@ -39,7 +39,7 @@ LDAP *connection_to(uint16_t port) {
 std::unique_ptr<Directory> directory_with_anns_record(const KerberosRealm &realm, bool machine_name = false) {
     Profile p;
     p.extra_config = realm.slapd_config("o=acme", machine_name);
-    p.seed_ldif = database_ldif("o=acme") + person_ldif("o=acme", "Ann", "ann") +
+    p.seed_ldif = database_ldif("o=acme") + person_ldif("o=acme", "Ann", "ann") + person_ldif("o=acme", "Bob", "bob") +
                   "dn: krbRealmName=" + std::string(realm.realm()) + ",o=acme\nobjectClass: krbRealm\nkrbRealmName: " +
                   realm.realm() + "\nprincSubtree: cn=Principals,o=acme\n\n"
                   "dn: cn=Principals,o=acme\nobjectClass: container\ncn: Principals\n\n"
@@ -93,7 +93,8 @@ TEST(PeerKerberos, TicketSignOnAndPrincipalCredential) {
 
 // A session the library connected itself binds again with the ticket when
 // its server restarts under it, and the read is answered on the new
-// connection.
+// connection.  A ticket cache that names someone else by then does not
+// carry the session over to them: the session refuses every later call.
 TEST(PeerKerberos, TicketSessionBindsAgainAfterTheServerRestarts) {
     KerberosRealm realm("ann");
     std::unique_ptr<Directory> dir = directory_with_anns_record(realm, true);
@@ -109,6 +110,11 @@ TEST(PeerKerberos, TicketSessionBindsAgainAfterTheServerRestarts) {
     EXPECT_EQ(credential(s.get(), realm.principal().c_str(), "mail"), "ann.mail/mail-pw")
         << "the read is re-sent after a new GSSAPI bind";
     EXPECT_EQ(whoami(s->ld), "dn:cn=ann,o=acme") << "bound again as Ann, not anonymously";
+
+    realm.sign_in_as("bob");
+    dir->restart();
+    for (int call = 0; call < 2; ++call)
+        EXPECT_EQ(credential(s.get(), realm.principal().c_str(), "mail"), "status 4") << "call " << call;
 }
 
 }  // namespace

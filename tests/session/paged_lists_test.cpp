@@ -108,6 +108,27 @@ TEST_F(PagedLists, ListsReadEveryPage) {
     }
 }
 
+// A page's cookie belongs to the connection that handed it out: a list
+// whose connection is replaced half-way starts again on the new one and
+// comes back whole, each service once.
+TEST_F(PagedLists, AListThatMeetsAReconnectStartsAgain) {
+    // Once the session has read what it keeps, the list is its only search:
+    // the second search is its second page.
+    ZelTargetServiceList *services = nullptr;
+    ASSERT_EQ(Zel_getAllTargetService(s.get(), &services), 0u);
+    Zel_freeTargetServices(services);
+    fault::reset();
+    fault::fail_call(Fn::Search, 2, LDAP_SERVER_DOWN);
+    services = nullptr;
+    ASSERT_EQ(Zel_getAllTargetService(s.get(), &services), 0u);
+    std::set<std::string> names;
+    for (int32_t i = 0; i < services->count; ++i) names.insert(services->services[i]->name);
+    EXPECT_EQ(services->count, kServices);
+    EXPECT_EQ(names.size(), static_cast<size_t>(kServices));
+    Zel_freeTargetServices(services);
+    EXPECT_GT(fault::count(Fn::Search), 5) << "the list started again";
+}
+
 // The operator may read but not write: every record is read and left
 // current without a key file; with one, every refused write is listed and
 // the run still hands out its report.  Both runs count every record of

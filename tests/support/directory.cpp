@@ -122,6 +122,15 @@ const TestCa &test_ca() {
     return ca;
 }
 
+}  // namespace
+
+TlsFiles test_tls_files() {
+    const TestCa &ca = test_ca();
+    return {ca.ca, ca.cert, ca.key};
+}
+
+namespace {
+
 std::string rdn_type(const std::string &dn) { return lower(dn.substr(0, dn.find('='))); }
 std::string rdn_value(const std::string &dn) {
     size_t eq = dn.find('='), comma = dn.find(',');

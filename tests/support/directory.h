@@ -133,6 +133,12 @@ std::string server_config_head(const std::string &dir);
 void write_file(const std::string &path, const std::string &text);
 std::string make_temp_dir(const char *what);
 std::pair<uint16_t, uint16_t> free_ports();  // two distinct free loopback ports
+// The private CA of the test servers and the certificate (with its key) it
+// signed for 127.0.0.1 and localhost: PEM files, made once per process.
+struct TlsFiles {
+    std::string ca, cert, key;
+};
+TlsFiles test_tls_files();
 bool port_open(uint16_t port);                // something listens on 127.0.0.1:port
 std::vector<Entry> parse_ldif(const std::string &text);
 // Runs a server in the foreground (argv[0] searched in PATH), its output in

@@ -71,6 +71,12 @@ KerberosRealm::KerberosRealm(const std::string &user) : user_(user) {
 
 KerberosRealm::~KerberosRealm() { stop(); }
 
+void KerberosRealm::sign_in_as(const std::string &user) {
+    const std::string password = random_secret();
+    run_admin({"kadmin.local", "-r", realm()}, "addprinc -pw " + password + " " + user + "\n");
+    run_admin({"kinit", user + "@" + realm()}, password + "\n");
+}
+
 void KerberosRealm::stop() {
     if (pid_ > 0) {
         kill(pid_, SIGTERM);

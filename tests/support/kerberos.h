@@ -27,6 +27,9 @@ public:
     KerberosRealm &operator=(const KerberosRealm &) = delete;
 
     std::string principal() const { return user_ + "@" + realm(); }
+    // Adds the principal `user` and puts its ticket in the credential cache,
+    // in place of the first user's (what kinit as someone else does).
+    void sign_in_as(const std::string &user);
     // slapd.conf lines that make a directory accept GSSAPI binds from this
     // realm, mapping a principal to the entry below base whose uid is its name.
     // The directory's service principal is ldap/localhost, which clients reach

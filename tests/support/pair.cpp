@@ -32,6 +32,12 @@ ReplicatedPair::ReplicatedPair(const std::string &seed_ldif) {
     auto [p1, p2] = free_ports();
     ports_[0] = p1;
     ports_[1] = p2;
+    // Four distinct ports: the second draw may repeat one of the first.
+    do {
+        auto [t1, t2] = free_ports();
+        tls_ports_[0] = t1;
+        tls_ports_[1] = t2;
+    } while (tls_ports_[0] == p1 || tls_ports_[0] == p2 || tls_ports_[1] == p1 || tls_ports_[1] == p2);
     write_config(1);
     write_config(2);
     // Offline seeding with server id 1 and contextCSN: server 2 then pulls
@@ -57,6 +63,8 @@ ReplicatedPair::~ReplicatedPair() {
 
 std::string ReplicatedPair::uri(int n) const { return "ldap://127.0.0.1:" + std::to_string(port(n)); }
 
+std::string ReplicatedPair::tls_uri(int n) const { return "ldaps://127.0.0.1:" + std::to_string(tls_port(n)); }
+
 std::string ReplicatedPair::hosts() const {
     return "127.0.0.1:" + std::to_string(port(1)) + " 127.0.0.1:" + std::to_string(port(2));
 }
@@ -65,8 +73,11 @@ void ReplicatedPair::write_config(int n) {
     const std::string src = ZEL_SOURCE_DIR;
     const std::string d = dir_ + "/s" + std::to_string(n);
     std::filesystem::create_directories(d + "/db");
+    const TlsFiles tls = test_tls_files();
     std::ostringstream conf;
     conf << server_config_head(d) << "moduleload syncprov\n"
+         << "TLSCACertificateFile " << tls.ca << "\nTLSCertificateFile " << tls.cert
+         << "\nTLSCertificateKeyFile " << tls.key << "\n"
          << "serverID " << n << "\n"
          << "access to * by dn.exact=\"" << admin_dn() << "\" manage by * read\n"
          << "database mdb\nsuffix \"" << suffix() << "\"\n"
@@ -85,9 +96,9 @@ void ReplicatedPair::write_config(int n) {
 
 void ReplicatedPair::start(int n) {
     const std::string d = dir_ + "/s" + std::to_string(n);
-    pids_[n - 1] = spawn_server({"env", "LDAPNOINIT=1", "slapd", "-f", d + "/slapd.conf", "-h", uri(n) + "/", "-d",
-                                 "0"},
-                                d + "/slapd.log", {port(n)});
+    pids_[n - 1] = spawn_server({"env", "LDAPNOINIT=1", "slapd", "-f", d + "/slapd.conf", "-h",
+                                 uri(n) + "/ " + tls_uri(n) + "/", "-d", "0"},
+                                d + "/slapd.log", {port(n), tls_port(n)});
 }
 
 namespace {

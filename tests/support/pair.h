@@ -3,7 +3,9 @@
 // folder, with the Zel schema, the suffix o=acme and its security domain.
 // Server 1 is seeded offline; server 2 starts empty and pulls.  A test can
 // hang a server (SIGSTOP: connections are still accepted, nothing answers),
-// resume it, stop it and start it again on the same port and data.
+// resume it, stop it and start it again on the same port and data.  Each
+// server also serves ldaps:// on a port of its own and StartTLS on its
+// plain port, with a certificate of the test CA (test_tls_files()).
 #pragma once
 
 #include <sys/types.h>
@@ -27,6 +29,8 @@ public:
     // Servers are numbered 1 and 2.
     uint16_t port(int n) const { return ports_[n - 1]; }
     std::string uri(int n) const;
+    uint16_t tls_port(int n) const { return tls_ports_[n - 1]; }
+    std::string tls_uri(int n) const;
     // "127.0.0.1:P1 127.0.0.1:P2": the host argument of an open.
     std::string hosts() const;
 
@@ -43,6 +47,7 @@ private:
     void write_config(int n);
     std::string dir_;
     uint16_t ports_[2] = {0, 0};
+    uint16_t tls_ports_[2] = {0, 0};
     pid_t pids_[2] = {-1, -1};
 };
 

@@ -30,7 +30,7 @@ Parsed parse(const std::vector<std::string> &words) {
     if (zelctl::parse_command_line(static_cast<int>(argv.size()), argv.data(), line, p.error)) {
         const zelctl::Options &o = line.opts;
         p.summary = o.uri + "|" + o.bind_dn + "|" + o.password + "|" + line.password_file + "|" + o.ca_file + "|" + o.domain + "|" +
-                    std::to_string(o.api_version) + "|" + (o.json ? "json" : "") + "|";
+                    std::to_string(o.api_version) + "|" + (o.json ? "json" : "") + (o.starttls ? "+tls" : "") + "|";
         for (const std::string &r : line.rest) p.summary += r + " ";
     }
     for (auto &s : storage) p.argv_text.append(s.begin(), s.end());
@@ -67,7 +67,7 @@ TEST(ZelctlOptions, AttachedAndSeparateValues) {
         {{"-qS3cret"}, "unknown option -q"},
         {{"--json=S3cret"}, "--json takes no value"},
         {{"--api-version", "4294967298"}, "--api-version wants a number from 0 to 2"},
-        {{"-wS3cret", "-ZZ"}, "-ZZ: StartTLS is not offered; use -H ldaps://HOST for an encrypted connection"},
+        {{"-wS3cret", "-ZZ", "info"}, "||S3cret|||Default|2|+tls|info "},
     };
     std::vector<std::string> got, want;
     for (const Case &c : cases) {

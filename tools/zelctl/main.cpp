@@ -79,7 +79,7 @@ const char *kOptionsHelp =
     "                     the password: given (wiped from the process's arguments at once),\n"
     "                     asked for on the terminal, or the whole content of FILE less one\n"
     "                     trailing newline (FILE should be readable by its owner only)\n"
-    "  --ca FILE          CA certificates to check an ldaps:// server with\n"
+    "  --ca FILE          CA certificates to check an ldaps:// or StartTLS server with\n"
     "  --domain NAME      the security domain (default: Default)\n"
     "  --api-version N    0 or 1: first-generation storage; 2 (default): the security domain\n"
     "  --json             results as JSON, for scripts\n"
@@ -87,7 +87,8 @@ const char *kOptionsHelp =
     "                     or the failure it would meet (exit 1); nothing is written.  A usage\n"
     "                     error with a command that only reads\n"
     "  Values may be attached: -wPW, -HURI, -DDN, -yFILE, --domain=NAME.\n"
-    "  -Z and -ZZ are refused: StartTLS is not offered, use ldaps:// instead.\n";
+    "  -Z, -ZZ            upgrade ldap:// servers with StartTLS (required: a server that refuses\n"
+    "                     it, or whose certificate --ca does not vouch for, is not used)\n";
 
 const char *kExitHelp =
     "exit status: 0 success; 1 the library reported a failure (the message names its\n"

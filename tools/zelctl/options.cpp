@@ -123,9 +123,7 @@ bool apply(const OptionSpec &o, const char *value, CommandLine &line, std::strin
         break;
     }
     case Opt::SimpleBind: break;  // the only bind there is
-    case Opt::StartTls:
-        error = std::string(o.name) + ": StartTLS is not offered; use -H ldaps://HOST for an encrypted connection";
-        return false;
+    case Opt::StartTls: opts.starttls = true; break;
     case Opt::Help: line.help = true; break;
     case Opt::Version: line.version = true; break;
     case Opt::Count: break;

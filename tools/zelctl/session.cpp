@@ -41,6 +41,7 @@ ZelSession *open_session(const Options &opts) {
         port = 0;
         flags = 0;
     }
+    if (opts.starttls) flags |= ZEL_OPEN_STARTTLS;
     if (ZelRC rc = Zel_setTimeouts(opts.network_timeout, opts.timeout)) {
         fail("cannot set the time-outs", rc);
         return nullptr;

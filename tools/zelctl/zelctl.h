@@ -22,7 +22,8 @@ struct Options {
     bool api_version_given = false;  // commands of one storage form choose theirs otherwise
     bool json = false;               // --json
     bool dry_run = false;            // --dry-run after a command that writes (dry_run.h)
-    std::string ca_file;             // --ca: CA certificates for ldaps://
+    std::string ca_file;             // --ca: CA certificates for ldaps:// and StartTLS
+    bool starttls = false;           // -Z, -ZZ: ldap:// servers upgraded with StartTLS
     int32_t timeout = -1;            // --timeout: seconds per request; -1: the library's choice
     int32_t network_timeout = -1;    // --network-timeout: seconds to connect
 };

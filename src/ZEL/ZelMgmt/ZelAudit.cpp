@@ -210,6 +210,8 @@ ZelRC Call::line(const char *phase, const ZelRC *status) noexcept {
         append_field(fields, "target", subject_.target);
         if (subject_.member) append_field(fields, "member", subject_.member);
         if (status) fields.append(",\"status\":").append(std::to_string(*status));
+        // A change that timed out may still be applied by the server.
+        if (status && *status == ZEL_RC_TIMEOUT) append_field(fields, "outcome", "outcome unknown");
         if (status && !trail.answer.empty()) {
             append_field(fields, "record", trail.answer.c_str());
             if (trail.answer.compare(0, 2, "G:") == 0)

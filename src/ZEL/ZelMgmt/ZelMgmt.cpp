@@ -123,6 +123,7 @@ ZelRC connect_to_LDAP(ZelSession *s, const char *host, uint16_t port, int32_t fl
         if (flags != 0) {
             if (flags & ZEL_OPEN_NONSSL) ssl = false;
             else if (flags & ZEL_OPEN_SSL) ssl = true;
+            else if (flags & ZEL_OPEN_STARTTLS) ssl = false;
         }
 
         char *located = nullptr;
@@ -143,6 +144,16 @@ ZelRC connect_to_LDAP(ZelSession *s, const char *host, uint16_t port, int32_t fl
         if (!ssl) {
             zel::tracef(s, zel::kTraceProgress,
                         "zelmgmt:About to invoke ldap_init() with ldaphost: %s ldapport %d...\n", host, use_port);
+            // StartTLS checks the server against the same CA as ldaps does;
+            // the upgrade itself is sent before the bind (ZelFailover.cpp).
+            int init = 0, reason = 0;
+            if (flags & ZEL_OPEN_STARTTLS) init = plat::ldap_ssl_client_init(keyring, keyring_pw, 0, &reason);
+            if (init != 0 && init != plat::kSslAlreadyInitialised) {
+                zel::tracef(s, zel::kTraceFailures,
+                            "zelmgmt:ldap_ssl_client_init() failed with rc: x%x, SSLReasonCode: %d\n", init, reason);
+                std::free(located);
+                return rc = ZEL_RC_SSL_INIT_FAILED;
+            }
             s->ld = plat::ldap_init(host, use_port);
             if (s->ld == nullptr) {
                 zel::trace_line(s, zel::kTraceProgress, "zelmgmt:ldap_init() failed.");

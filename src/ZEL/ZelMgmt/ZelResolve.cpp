@@ -22,9 +22,6 @@ bool suffix_holds_nothing(int ldap_rc) {
     }
 }
 
-// The client gave up waiting for the server (classic LDAP_TIMEOUT).
-constexpr int kNoAnswerInTime = 85;
-
 // Copies an entry's DN into a 1000-byte buffer.
 ZelRC copy_entry_dn(LDAP *ld, LDAPMessage *entry, char *dn) {
     zel::LdapText text(ldap_get_dn(ld, entry));
@@ -73,11 +70,10 @@ ZelRC determine_DN(ZelSession *s, ZelSuffixNode *suffixes, const char *filter, c
             zel::Message res(raw);
             if (lrc != LDAP_SUCCESS) {
                 if (suffix_holds_nothing(lrc)) continue;
+                // (a server that did not answer in time answers 1015: it has
+                // said nothing about the entry, and the look-ups built on this
+                // walk pass that on rather than report the entry missing)
                 rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), ZEL_RC_ENTRY_NOT_FOUND, "ldap_search_ext_s()");
-                // A server that did not answer in time has said nothing about
-                // the entry: the lookups built on this walk must not report
-                // it missing, as they would any other limit.
-                if (lrc == kNoAnswerInTime) rc = ZEL_RC_DIRECTORY_ERROR;
                 break;
             }
             int count = ldap_count_entries(s->ld, res.get());
@@ -148,7 +144,7 @@ ZelRC locate_ZEL_database(ZelSession *s, ZelSuffixNode *suffixes, char *dn) {
         std::strcat(filter.get(), "ORVZEL");
         std::strcat(filter.get(), "))");
         rc = determine_DN(s, suffixes, filter.get(), dn, nullptr);
-        if (rc != 0 && rc != ZEL_RC_DIRECTORY_ERROR) rc = ZEL_RC_DATABASE_NOT_FOUND;
+        if (rc != 0 && rc != ZEL_RC_DIRECTORY_ERROR && rc != ZEL_RC_TIMEOUT) rc = ZEL_RC_DATABASE_NOT_FOUND;
         return rc;
     });
 }
@@ -162,7 +158,7 @@ ZelRC locate_ePerson(ZelSession *s, const char *user, ZelSuffixNode *suffixes, c
             !zel::format_filter(filter, "(&(objectClass=Person)(uid=%s))", user))
             return rc = ZEL_RC_INVALID_ARGUMENT;
         rc = determine_DN(s, suffixes, filter.c_str(), dn, nullptr);
-        if (rc != 0 && rc != ZEL_RC_DIRECTORY_ERROR) rc = ZEL_RC_EPERSON_NOT_FOUND;
+        if (rc != 0 && rc != ZEL_RC_DIRECTORY_ERROR && rc != ZEL_RC_TIMEOUT) rc = ZEL_RC_EPERSON_NOT_FOUND;
         return rc;
     });
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "ZelFailover.h"
 #include "platform/filter_format.h"
 #include "zel_internal.h"
 
@@ -11,6 +12,9 @@ namespace zel {
 
 namespace {
 constexpr int kFilterError = 87;  // the client's "bad search filter"
+constexpr int kListRestarts = 3;  // a list that meets more moves than this fails
+
+unsigned moves_of(const ZelSession *s) { return s->failover ? s->failover->moves() : 0; }
 }  // namespace
 
 int search(ZelSession *s, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
@@ -62,6 +66,10 @@ public:
     Cookie &operator=(const Cookie &) = delete;
     struct berval *get() { return &value_; }
     bool more() const { return value_.bv_len > 0; }
+    void clear() {
+        ber_memfree(value_.bv_val);
+        value_ = {0, nullptr};
+    }
     // Takes the cookie of a page's result; false when the server sent none.
     bool take_from(LDAP *ld, LDAPMessage *res) {
         ber_memfree(value_.bv_val);
@@ -90,6 +98,7 @@ int search_all(ZelSession *s, const char *base, int scope, const char *filter, c
         return lrc;
     }
     Cookie cookie;
+    int restarts = 0;
     for (;;) {
         LDAPControl *raw_control = nullptr;
         // Not critical: a server that turns the control down answers unpaged.
@@ -99,8 +108,18 @@ int search_all(ZelSession *s, const char *base, int scope, const char *filter, c
         LDAPControl *controls[] = {control.get(), nullptr};
         struct timeval tv = no_time_limit();
         LDAPMessage *raw = nullptr;
+        const unsigned moves = moves_of(s);
         lrc = plat::ldap_search_ext_s(s->ld, base, scope, filter, attrs, 0, controls, nullptr, &tv, 0, &raw);
         Message res(raw);
+        // A cookie belongs to the connection that handed it out: after the
+        // session moved to another one, the list starts again from its first
+        // page, so that it is whole or fails.
+        if (moves_of(s) != moves && cookie.more() && restarts++ < kListRestarts) {
+            trace_line(s, kTraceProgress, "zelmgmt:The connection changed between pages; the list starts again.");
+            out.pages.clear();
+            cookie.clear();
+            continue;
+        }
         bool more = lrc == LDAP_SUCCESS && res && cookie.take_from(s->ld, res.get()) && cookie.more();
         if (res) out.pages.push_back(std::move(res));
         if (!more) return lrc;

@@ -48,6 +48,8 @@ constexpr StatusText kStatusTexts[] = {
     {ZEL_RC_NO_MEMORY, "ZEL_RC_NO_MEMORY: out of memory"},
     {ZEL_RC_DECODE_FAILED, "ZEL_RC_DECODE_FAILED: a stored password could not be decoded"},
     {ZEL_RC_SCHEMA_VIOLATION, "ZEL_RC_SCHEMA_VIOLATION: object class violation"},
+    {ZEL_RC_TIMEOUT, "ZEL_RC_TIMEOUT: the directory did not answer in time; a change sent may or may not have "
+                     "been applied: read it back once the directory answers"},
     {ZEL_RC_NOT_UNIQUE, "ZEL_RC_NOT_UNIQUE: more than one entry matched"},
     {ZEL_RC_UNSUPPORTED_OPERATION, "ZEL_RC_UNSUPPORTED_OPERATION: unsupported operation"},
 };
@@ -60,7 +62,7 @@ ZelRC mapped_status(uint32_t ldap_rc) {
         return ZEL_RC_DIRECTORY_ERROR;
     case 2:
         return ZEL_RC_PROTOCOL_ERROR;
-    case 4: case 11: case 70: case 85: case 101:
+    case 4: case 11: case 70: case 101:
         return ZEL_RC_LIMIT_EXCEEDED;
     case 5: case 6: case 9: case 10: case 12: case 17: case 18: case 19: case 21: case 33: case 36:
     case 64:
@@ -79,6 +81,8 @@ ZelRC mapped_status(uint32_t ldap_rc) {
         return ZEL_RC_NOT_LEAF;
     case 68:
         return ZEL_RC_ALREADY_EXISTS;
+    case 85:
+        return ZEL_RC_TIMEOUT;
     case 116:
         return ZEL_RC_LDAP_116;
     case 208:

@@ -16,6 +16,7 @@ constexpr int32_t kMaxSeconds = 1000000;   // about 11 days: past any useful lim
 // to the environment.
 std::atomic<int> g_network_seconds{kUnset};
 std::atomic<int> g_request_seconds{kUnset};
+std::atomic<int> g_hold_down_seconds{kUnset};
 
 // Whole seconds as digits only: no sign, blank or unit.
 int seconds_from_environment(const char *name) {
@@ -57,6 +58,14 @@ ZelRC apply_timeouts(ZelSession *s) {
     return platform::ldap_set_timeouts(s->ld, network, request) == LDAP_SUCCESS ? 0 : ZEL_RC_SET_OPTION_FAILED;
 }
 
+int hold_down_seconds(int request_seconds) {
+    int seconds = g_hold_down_seconds.load();
+    if (seconds == kUnset) seconds = seconds_from_environment("ZEL_HOLD_DOWN");
+    // A malformed variable is not worth failing a request over: the default.
+    if (seconds < 0) seconds = request_seconds;
+    return seconds;
+}
+
 }  // namespace zel
 
 extern "C" {
@@ -67,6 +76,13 @@ ZEL_API ZelRC Zel_setTimeouts(int32_t networkSeconds, int32_t requestSeconds) {
         return ZEL_RC_INVALID_ARGUMENT;
     g_network_seconds = networkSeconds;
     g_request_seconds = requestSeconds;
+    return 0;
+}
+
+ZEL_API ZelRC Zel_setHoldDown(int32_t seconds) {
+    if (seconds < kUnset || seconds > kMaxSeconds) return ZEL_RC_INVALID_ARGUMENT;
+    g_hold_down_seconds = seconds;
+    zel::forget_failures();
     return 0;
 }
 
