@@ -5,7 +5,7 @@ TSAN_BUILD ?= build-tsan
 FUZZ_BUILD ?= build-fuzz
 # Seconds each fuzz target runs under `make fuzz`.
 FUZZ_TIME  ?= 600
-FUZZ_TARGETS = filter dn decode keyfile hosts split
+FUZZ_TARGETS = filter dn decode keyfile hosts split document
 JOBS       ?= $(shell nproc)
 
 .PHONY: all deps build build-asan tsan build-fuzz fuzz-keys fuzz fuzz-smoke test demo console bench bench-deps bench-instructions clean

@@ -421,11 +421,13 @@ typedef struct ZelRekeyReport {
  * database (when the session knows it, or is of the first generation), each
  * in the directory's order.  Passwords are in clear, as
  * Zel_getAllTargetRecord hands them out (and audited alike); one that cannot
- * be read fails the call (1013).  An empty list is success. */
+ * be read with the keys at hand is listed with a null password and
+ * `unreadable` set, and the list goes on.  An empty list is success. */
 typedef struct ZelUserTargetRecord {
     char *userName;
     int32_t form;              /* ZEL_FORM_* the record is stored in */
     ZelTargetRecord *record;
+    int32_t unreadable;        /* 1: the stored password could not be read */
 } ZelUserTargetRecord;
 
 typedef struct ZelUserTargetRecordList {

@@ -393,6 +393,7 @@ void Directory::write_config() {
         fs::create_directory(db);
         conf << "database mdb\nsuffix \"" << profile_.suffixes[i] << "\"\n"
              << "directory " << db << "\nmaxsize 33554432\n"
+             << (profile_.no_sync ? "dbnosync\n" : "")
              << "include " << src << "/schema/zel-indexes.conf\n";
         if (i == 0) conf << "rootdn \"" << admin_dn() << "\"\nrootpw " << admin_password() << "\n";
         if (i == 0 && profile_.access_rules == AccessRules::SlapdConf)

@@ -39,6 +39,9 @@ struct Profile {
     // Further slapd.conf lines, placed before the databases (e.g. SASL settings).
     std::string extra_config;
     AccessRules access_rules = AccessRules::None;
+    // Writes are not flushed to disk one by one (dbnosync): for tests that
+    // write much and never outlive the machine's page cache.
+    bool no_sync = false;
 
     Profile &kind_is(Kind k) { kind = k; return *this; }
     Profile &seeded(std::string ldif) { seed_ldif += std::move(ldif); return *this; }

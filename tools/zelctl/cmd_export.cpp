@@ -9,6 +9,8 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <set>
+#include <stdexcept>
 #include <string>
 
 #include "document.h"
@@ -20,6 +22,30 @@ namespace {
 
 Text text_of(const char *value) { return value ? Text(value) : Text(); }
 
+// Which entries of a list of both forms are of the first generation: the
+// names the first-generation session lists, matched from the end of the
+// list where that form comes last (users), else from its start.
+std::vector<bool> first_generation_marks(const std::vector<std::string> &all, std::vector<std::string> older,
+                                         bool older_last) {
+    std::multiset<std::string> left(older.begin(), older.end());
+    std::vector<bool> marks(all.size(), false);
+    for (size_t k = 0; k < all.size(); ++k) {
+        size_t i = older_last ? all.size() - 1 - k : k;
+        auto it = left.find(all[i]);
+        if (it != left.end()) marks[i] = true, left.erase(it);
+    }
+    return marks;
+}
+
+template <class List, class Item, class NameOf>
+std::vector<std::string> names_of(const List *list, Item **List::*items, NameOf name) {
+    std::vector<std::string> out;
+    for (int32_t i = 0; list && i < list->count; ++i) out.emplace_back(name((list->*items)[i]));
+    return out;
+}
+
+const char *or_empty(const char *text) { return text ? text : ""; }
+
 // A list that finds nothing answers its family's "not found": an empty list.
 ZelRC read_types(ZelSession *s, Document &doc) {
     ZelTargetServiceTypeList *raw = nullptr;
@@ -28,70 +54,97 @@ ZelRC read_types(ZelSession *s, Document &doc) {
     if (rc == ZEL_RC_TST_NOT_FOUND) return 0;
     for (int32_t i = 0; rc == 0 && i < list->count; ++i) {
         const ZelTargetServiceType *t = list->types[i];
-        DocServiceType out{t->typeName ? t->typeName : "", {}};
-        for (int32_t k = 0; k < t->identifierCount; ++k)
-            out.identifiers.emplace_back(t->identifierNames[k] ? t->identifierNames[k] : "");
+        DocServiceType out{or_empty(t->typeName), {}};
+        for (int32_t k = 0; k < t->identifierCount; ++k) out.identifiers.emplace_back(or_empty(t->identifierNames[k]));
         doc.types.push_back(std::move(out));
     }
     return rc;
 }
 
-ZelRC read_services(ZelSession *s, Document &doc) {
-    ZelTargetServiceList *raw = nullptr;
+// The session of the security domain form also lists the first
+// generation's objects; `older`, when open, tells which those are.
+ZelRC read_services(ZelSession *s, ZelSession *older, Document &doc) {
+    ZelTargetServiceList *raw = nullptr, *raw_older = nullptr;
     ZelRC rc = Zel_getAllTargetService(s, &raw);
     Held<ZelTargetServiceList, Zel_freeTargetServices> list(raw);
     if (rc == ZEL_RC_TS_NOT_FOUND) return 0;
-    for (int32_t i = 0; rc == 0 && i < list->count; ++i) {
+    if (rc != 0) return rc;
+    ZelRC older_rc = older ? Zel_getAllTargetService(older, &raw_older) : 0;
+    Held<ZelTargetServiceList, Zel_freeTargetServices> older_list(raw_older);
+    if (older_rc != 0 && older_rc != ZEL_RC_TS_NOT_FOUND) return older_rc;
+    auto name = [](const ZelTargetService *ts) { return or_empty(ts->name); };
+    std::vector<bool> marks = first_generation_marks(names_of(list.get(), &ZelTargetServiceList::services, name),
+                                                     names_of(older_list.get(), &ZelTargetServiceList::services, name),
+                                                     false);
+    for (int32_t i = 0; i < list->count; ++i) {
         const ZelTargetService *ts = list->services[i];
-        DocService out{ts->name ? ts->name : "", text_of(ts->type), text_of(ts->description), {}};
+        DocService out{marks[i] ? kFirstGenerationForm : kDocumentForm, or_empty(ts->name), text_of(ts->type),
+                       text_of(ts->description), {}};
         for (int32_t k = 0; k < ts->reqIdentifierCount; ++k) {
             const ZelReqIdentifier *id = ts->reqIdentifiers[k];
-            out.identifiers.emplace_back(id->name ? id->name : "", id->value ? id->value : "");
+            out.identifiers.emplace_back(or_empty(id->name), or_empty(id->value));
         }
         doc.services.push_back(std::move(out));
     }
-    return rc;
+    return 0;
 }
 
-ZelRC read_groups(ZelSession *s, Document &doc) {
-    ZelDomainList *raw = nullptr;
+ZelRC read_groups(ZelSession *s, ZelSession *older, Document &doc) {
+    ZelDomainList *raw = nullptr, *raw_older = nullptr;
     ZelRC rc = Zel_getAllZelDomain(s, &raw);
     Held<ZelDomainList, Zel_freeZelDomains> list(raw);
     if (rc == ZEL_RC_ZEL_DOMAIN_NOT_FOUND) return 0;
-    for (int32_t i = 0; rc == 0 && i < list->count; ++i) {
+    if (rc != 0) return rc;
+    ZelRC older_rc = older ? Zel_getAllZelDomain(older, &raw_older) : 0;
+    Held<ZelDomainList, Zel_freeZelDomains> older_list(raw_older);
+    if (older_rc != 0 && older_rc != ZEL_RC_ZEL_DOMAIN_NOT_FOUND) return older_rc;
+    auto name = [](const ZelDomain *d) { return or_empty(d->name); };
+    std::vector<bool> marks = first_generation_marks(names_of(list.get(), &ZelDomainList::domains, name),
+                                                     names_of(older_list.get(), &ZelDomainList::domains, name), false);
+    for (int32_t i = 0; i < list->count; ++i) {
         const ZelDomain *d = list->domains[i];
-        DocGroup out{d->name ? d->name : "", text_of(d->description), {}};
+        DocGroup out{marks[i] ? kFirstGenerationForm : kDocumentForm, or_empty(d->name), text_of(d->description), {}};
         for (int32_t k = 0; k < d->locationCount; ++k)
-            out.members.emplace_back(d->locations[k]->type ? d->locations[k]->type : "",
-                                     d->locations[k]->value ? d->locations[k]->value : "");
+            out.members.emplace_back(or_empty(d->locations[k]->type), or_empty(d->locations[k]->value));
         doc.groups.push_back(std::move(out));
     }
-    return rc;
+    return 0;
 }
 
-ZelRC read_users(ZelSession *s, Document &doc) {
-    ZelUserList *raw = nullptr;
+ZelRC read_users(ZelSession *s, ZelSession *older, Document &doc) {
+    ZelUserList *raw = nullptr, *raw_older = nullptr;
     ZelRC rc = Zel_getAllZelUser(s, &raw);
     Held<ZelUserList, Zel_freeZelUsers> list(raw);
-    for (int32_t i = 0; rc == 0 && i < list->count; ++i) {
+    if (rc != 0) return rc;
+    if (older && (rc = Zel_getAllZelUser(older, &raw_older)) != 0) return rc;
+    Held<ZelUserList, Zel_freeZelUsers> older_list(raw_older);
+    auto name = [](const ZelUser *u) { return or_empty(u->userName); };
+    std::vector<bool> marks = first_generation_marks(names_of(list.get(), &ZelUserList::users, name),
+                                                     names_of(older_list.get(), &ZelUserList::users, name), true);
+    for (int32_t i = 0; i < list->count; ++i) {
         const ZelUser *u = list->users[i];
         if (u->userName == nullptr) continue;
-        doc.users.push_back({u->userName, text_of(u->userType), text_of(u->description), text_of(u->personDN),
-                             u->enabled != 0});
+        doc.users.push_back({marks[i] ? kFirstGenerationForm : kDocumentForm, u->userName, text_of(u->userType),
+                             text_of(u->description), text_of(u->personDN), u->enabled != 0});
     }
-    return rc;
+    return 0;
 }
 
-// One user's records; the clear password is sealed at once and wiped.
-ZelRC read_records(ZelSession *s, const std::string &user, bool sealed, Document &doc) {
-    ZelTargetRecordList *raw = nullptr;
-    ZelRC rc = Zel_getAllTargetRecord(s, user.c_str(), &raw);
-    Held<ZelTargetRecordList, Zel_freeTargetRecords> list(raw);
-    if (rc == ZEL_RC_TR_NOT_FOUND) return 0;
+// Every record in one read, each with its user and form; the clear
+// password is sealed at once and wiped.  One the keys at hand cannot open
+// is exported without its password and named in `unopened`.
+ZelRC read_records(ZelSession *s, bool two_forms, bool sealed, Document &doc, std::vector<std::string> &unopened) {
+    ZelUserTargetRecordList *raw = nullptr;
+    ZelRC rc = Zel_getAllUserTargetRecord(s, &raw);
+    Held<ZelUserTargetRecordList, Zel_freeUserTargetRecords> list(raw);
     for (int32_t i = 0; rc == 0 && i < list->count; ++i) {
-        ZelTargetRecord *r = list->records[i];
-        DocRecord out{user, r->targetRecordId ? r->targetRecordId : "", text_of(r->targetServiceName),
+        ZelUserTargetRecord *item = list->records[i];
+        ZelTargetRecord *r = item->record;
+        if (item->userName == nullptr || r == nullptr) continue;
+        int form = two_forms && item->form == ZEL_FORM_FIRST_GENERATION ? kFirstGenerationForm : kDocumentForm;
+        DocRecord out{form, item->userName, or_empty(r->targetRecordId), text_of(r->targetServiceName),
                       text_of(r->targetServiceType), text_of(r->userId), text_of(r->description), {}};
+        if (item->unreadable) unopened.push_back(out.user + " " + out.id);
         if (sealed && r->password) {
             char *seal = nullptr;
             rc = Zel_sealPassword(r->password, &seal);
@@ -150,24 +203,55 @@ int run_export(const Options &opts, Args args) {
 
     Session s(open_session(opts));
     if (!s) return 1;
+    // A security domain session that knows the Zel database sees both
+    // forms; a first-generation session beside it tells them apart.
+    Session older;
+    ZelSessionInfo *info = nullptr;
+    if (opts.api_version >= 2 && Zel_getSessionInfo(s.get(), &info) == 0 && info->databaseDN != nullptr) {
+        Options first_generation = opts;
+        first_generation.api_version = 1;
+        older.reset(open_session(first_generation));
+        if (!older) {
+            Zel_freeSessionInfo(info);
+            return 1;
+        }
+    }
+    Zel_freeSessionInfo(info);
     Document doc;
     doc.storage = static_cast<int>(opts.api_version);
     doc.passwords = passwords;
+    std::vector<std::string> unopened;
     ZelRC rc = 0;
+    Progress progress("export", 5, quiet);
     if ((rc = read_types(s.get(), doc)) != 0) return fail("cannot list the target service types", rc);
-    if ((rc = read_services(s.get(), doc)) != 0) return fail("cannot list the target services", rc);
-    if ((rc = read_groups(s.get(), doc)) != 0) return fail("cannot list the resource groups", rc);
-    if ((rc = read_users(s.get(), doc)) != 0) return fail("cannot list the Zel users", rc);
-    Progress progress("export", doc.users.size(), quiet);
-    for (const DocUser &u : doc.users) {
-        if ((rc = read_records(s.get(), u.name, sealed, doc)) != 0 && rc != ZEL_RC_USER_NOT_FOUND)
-            return fail("cannot list the target records of " + u.name, rc);
-        progress.step();
-    }
+    progress.step();
+    if ((rc = read_services(s.get(), older.get(), doc)) != 0) return fail("cannot list the target services", rc);
+    progress.step();
+    if ((rc = read_groups(s.get(), older.get(), doc)) != 0) return fail("cannot list the resource groups", rc);
+    progress.step();
+    if ((rc = read_users(s.get(), older.get(), doc)) != 0) return fail("cannot list the Zel users", rc);
+    progress.step();
+    if ((rc = read_records(s.get(), static_cast<bool>(older), sealed, doc, unopened)) != 0)
+        return fail("cannot list the target records", rc);
+    progress.step();
     progress.done();
     doc.sort();
-    if (!write_output(output, document_text(doc, utc_now())))
+    std::string text;
+    try {
+        text = document_text(doc, utc_now());
+    } catch (const std::exception &e) {
+        return fail(std::string("cannot write the document: ") + e.what(), ZEL_RC_SYSTEM_ERROR);
+    }
+    if (!write_output(output, text))
         return fail("cannot write " + output + ": " + std::strerror(errno), ZEL_RC_SYSTEM_ERROR);
+    // Without passwords nothing is missing; with them, what could not be
+    // opened is named, and the rest is in the document.
+    if (sealed && !unopened.empty()) {
+        for (const std::string &name : unopened)
+            std::fprintf(stderr, "zelctl: export: record %s: its password cannot be read with the keys at hand; "
+                                 "exported without it\n", name.c_str());
+        return 1;
+    }
     return 0;
 }
 

@@ -99,9 +99,7 @@ public:
                 ids.emplace_back(t->identifierNames[k] ? t->identifierNames[k] : "");
             known_types_[folded(t->typeName ? t->typeName : "")] = folded_sorted(std::move(ids));
         }
-        ZelSessionInfo *info = nullptr;
-        if (Zel_getSessionInfo(s_, &info) == 0) types_have_a_home_ = info->databaseDN != nullptr;
-        Zel_freeSessionInfo(info);
+        types_have_a_home_ = knows_database();
     }
 
     void service_type(const DocServiceType &d) {
@@ -124,20 +122,22 @@ public:
         ZelTargetServiceType t{const_cast<char *>(d.name.c_str()), static_cast<int32_t>(names.size()),
                                names.empty() ? nullptr : names.data()};
         write(kind, d.name, [&] {
-            ZelSession *ts = type_session();
+            ZelSession *ts = older_session();
             return ts ? Zel_addTargetServiceType(ts, &t) : ZEL_RC_CONNECT_FAILED;
         }, Outcome::Created);
     }
 
     void service(const DocService &d) {
+        ZelSession *s = session_of(d.storage);
+        if (s == nullptr) return report("service", d.name, Outcome::Failed, ZEL_RC_CONNECT_FAILED);
         ZelTargetService *raw = nullptr;
-        ZelRC rc = Zel_getTargetService(s_, d.name.c_str(), &raw);
+        ZelRC rc = Zel_getTargetService(s, d.name.c_str(), &raw);
         Held<ZelTargetService, Zel_freeTargetService> old(raw);
         CPairs<ZelReqIdentifier> ids(d.identifiers, &ZelReqIdentifier::name, &ZelReqIdentifier::value);
         if (rc == ZEL_RC_TS_NOT_FOUND) {
             ZelTargetService ts{const_cast<char *>(d.name.c_str()), c_text(d.type), c_text(d.description),
                                 ids.count(), ids.array()};
-            write("service", d.name, [&] { return Zel_addTargetService(s_, &ts); }, Outcome::Created);
+            write("service", d.name, [&] { return Zel_addTargetService(s, &ts); }, Outcome::Created);
             return;
         }
         if (rc != 0) return report("service", d.name, Outcome::Failed, rc);
@@ -150,13 +150,15 @@ public:
     }
 
     void group(const DocGroup &d) {
+        ZelSession *s = session_of(d.storage);
+        if (s == nullptr) return report("resource group", d.name, Outcome::Failed, ZEL_RC_CONNECT_FAILED);
         ZelDomain *raw = nullptr;
-        ZelRC rc = Zel_getZelDomain(s_, d.name.c_str(), &raw);
+        ZelRC rc = Zel_getZelDomain(s, d.name.c_str(), &raw);
         Held<ZelDomain, Zel_freeZelDomain> old(raw);
         CPairs<ZelDomainLocation> locs(d.members, &ZelDomainLocation::type, &ZelDomainLocation::value);
         ZelDomain wanted{const_cast<char *>(d.name.c_str()), c_text(d.description), locs.count(), locs.array()};
         if (rc == ZEL_RC_ZEL_DOMAIN_NOT_FOUND) {
-            write("resource group", d.name, [&] { return Zel_addZelDomain(s_, &wanted); }, Outcome::Created);
+            write("resource group", d.name, [&] { return Zel_addZelDomain(s, &wanted); }, Outcome::Created);
             return;
         }
         if (rc != 0) return report("resource group", d.name, Outcome::Failed, rc);
@@ -164,7 +166,7 @@ public:
                                  &ZelDomainLocation::value);
         if (same(d.description, old->description) && now == sorted(d.members))
             return report("resource group", d.name, Outcome::Unchanged, 0);
-        write("resource group", d.name, [&] { return Zel_updateZelDomain(s_, &wanted); }, Outcome::Updated);
+        write("resource group", d.name, [&] { return Zel_updateZelDomain(s, &wanted); }, Outcome::Updated);
     }
 
     // Every user the session sees, read once: a document of thousands of
@@ -174,21 +176,37 @@ public:
         ZelUserList *raw = nullptr;
         if (Zel_getAllZelUser(s_, &raw) != 0) return;
         users_.reset(raw);
-        // The list has the security domain's users first, as a look-up finds them.
-        for (int32_t i = 0; i < users_->count; ++i)
-            if (users_->users[i]->userName) known_users_.emplace(users_->users[i]->userName, users_->users[i]);
+        // A security domain session lists its own users first, then the
+        // first generation's: as many at the end as that form's session lists.
+        int32_t older_count = 0;
+        if (opts_.api_version >= 2 && knows_database()) {
+            ZelSession *older = older_session();
+            ZelUserList *raw_older = nullptr;
+            if (older == nullptr || Zel_getAllZelUser(older, &raw_older) != 0) return users_.reset();
+            older_count = raw_older->count;
+            Zel_freeZelUsers(raw_older);
+        } else if (opts_.api_version < 2) {
+            older_count = users_->count;
+        }
+        for (int32_t i = 0; i < users_->count; ++i) {
+            bool older = i >= users_->count - older_count;
+            if (users_->users[i]->userName) known_users_[older].emplace(users_->users[i]->userName, users_->users[i]);
+        }
     }
 
     void user(const DocUser &d) {
+        ZelSession *s = session_of(d.storage);
+        if (s == nullptr) return report("user", d.name, Outcome::Failed, ZEL_RC_CONNECT_FAILED);
         ZelUser *raw = nullptr;
         const ZelUser *old = nullptr;
         ZelRC rc = 0;
         if (users_) {
-            auto found = known_users_.find(d.name);
-            old = found == known_users_.end() ? nullptr : found->second;
+            const auto &known = known_users_[first_generation(d.storage)];
+            auto found = known.find(d.name);
+            old = found == known.end() ? nullptr : found->second;
             rc = old ? 0 : ZEL_RC_USER_NOT_FOUND;
         } else {
-            rc = Zel_getZelUser(s_, d.name.c_str(), &raw);
+            rc = Zel_getZelUser(s, d.name.c_str(), &raw);
             old = raw;
         }
         Held<ZelUser, Zel_freeZelUser> looked_up(raw);
@@ -197,15 +215,15 @@ public:
                        static_cast<unsigned char>(d.enabled ? 1 : 0), c_text(d.person)};
         if (rc == ZEL_RC_USER_NOT_FOUND) {
             // A user made now has no records yet: they need no look-up.
-            if (write("user", d.name, [&] { return Zel_addZelUser(s_, &wanted); }, Outcome::Created))
-                new_users_.insert(d.name);
+            if (write("user", d.name, [&] { return Zel_addZelUser(s, &wanted); }, Outcome::Created))
+                new_users_.insert({d.name, first_generation(d.storage)});
             return;
         }
         if (rc != 0) return report("user", d.name, Outcome::Failed, rc);
         bool equal = (old->enabled != 0) == d.enabled && same(d.description, old->description) &&
                      (!d.person || same(d.person, old->personDN)) && (!d.type || same(d.type, old->userType));
         if (equal) return report("user", d.name, Outcome::Unchanged, 0);
-        write("user", d.name, [&] { return Zel_updateZelUser(s_, &wanted); }, Outcome::Updated);
+        write("user", d.name, [&] { return Zel_updateZelUser(s, &wanted); }, Outcome::Updated);
     }
 
     // Every record the session sees, read once in bulk: an unchanged record
@@ -216,6 +234,7 @@ public:
         ZelUserTargetRecordList *raw = nullptr;
         if (Zel_getAllUserTargetRecord(s_, &raw) != 0) return;
         records_.reset(raw);
+        records_read_ = true;
         for (int32_t i = 0; i < records_->count; ++i) {
             const ZelUserTargetRecord *r = records_->records[i];
             if (r->userName == nullptr || r->record->targetRecordId == nullptr) continue;
@@ -235,12 +254,19 @@ public:
             std::memset(clear, 0, password.size());
             Zel_memfree(clear);
         }
+        // The security domain form keeps only whether the service is a web
+        // resource, and reads anything else back as a resource group: there
+        // the service's own type is the record's, whatever the document says.
         ZelTargetRecord wanted{const_cast<char *>(d.id.c_str()), c_text(d.description), c_text(d.account),
-                               sealed && d.password ? password.data() : nullptr, c_text(d.service), c_text(d.type)};
-        if (const ZelTargetRecord *known = known_record(d); known && same_record(d, wanted, known)) {
+                               sealed && d.password ? password.data() : nullptr, c_text(d.service),
+                               first_generation(d.storage) ? c_text(d.type) : nullptr};
+        ZelSession *s = session_of(d.storage);
+        if (s == nullptr) {
+            report("record", name, Outcome::Failed, ZEL_RC_CONNECT_FAILED);
+        } else if (const ZelTargetRecord *known = known_record(d); known && same_record(d, wanted, known)) {
             report("record", name, Outcome::Unchanged, 0);
         } else {
-            compare_and_write(d, name, wanted);
+            compare_and_write(s, d, name, wanted);
         }
         forget_secret(password);
     }
@@ -259,33 +285,54 @@ public:
 
 private:
     // Only a first-generation session writes type entries (a security
-    // domain session takes its built-in ones as written): for a security
-    // domain session one of the first generation is opened on the same
-    // directory, when a type is missing.
-    ZelSession *type_session() {
+    // domain session takes its built-in ones as written) and objects of that
+    // form: for a security domain session one of the first generation is
+    // opened on the same directory, when needed.
+    ZelSession *older_session() {
         if (opts_.api_version < 2) return s_;
-        if (!type_session_) {
+        if (!older_session_) {
             Options first_generation = opts_;
             first_generation.api_version = 1;
-            type_session_.reset(open_session(first_generation));
+            older_session_.reset(open_session(first_generation));
         }
-        return type_session_.get();
+        return older_session_.get();
+    }
+
+    // An object without a form of its own is written in the session's.
+    bool first_generation(int storage) const {
+        return storage == kFirstGenerationForm || (storage == kDocumentForm && opts_.api_version < 2);
+    }
+    ZelSession *session_of(int storage) { return first_generation(storage) ? older_session() : s_; }
+
+    bool knows_database() {
+        if (database_known_ < 0) {
+            ZelSessionInfo *info = nullptr;
+            database_known_ = Zel_getSessionInfo(s_, &info) == 0 && info->databaseDN != nullptr;
+            Zel_freeSessionInfo(info);
+        }
+        return database_known_ == 1;
     }
 
     struct Stored {
         std::vector<const ZelTargetRecord *> domain, first_generation;
     };
 
-    // The record a look-up of this user and id would answer with, as far as
-    // the bulk read tells: the security domain's one, else the Zel
-    // database's one.  Null when it cannot tell.
+    // The record of this user and id in the document's form, as far as the
+    // bulk read tells.  Null when there is none or it cannot tell.
     const ZelTargetRecord *known_record(const DocRecord &d) const {
+        const std::vector<const ZelTargetRecord *> *in_form = stored(d);
+        return in_form && in_form->size() == 1 ? in_form->front() : nullptr;
+    }
+    const std::vector<const ZelTargetRecord *> *stored(const DocRecord &d) const {
         auto it = known_records_.find({d.user, d.id});
         if (it == known_records_.end()) return nullptr;
-        const Stored &stored = it->second;
-        if (stored.domain.size() == 1) return stored.domain.front();
-        if (stored.domain.empty() && stored.first_generation.size() == 1) return stored.first_generation.front();
-        return nullptr;
+        return first_generation(d.storage) ? &it->second.first_generation : &it->second.domain;
+    }
+    // The bulk read saw every record: one it did not list in this form is new.
+    bool known_missing(const DocRecord &d) const {
+        if (!records_read_) return false;
+        const std::vector<const ZelTargetRecord *> *in_form = stored(d);
+        return in_form == nullptr || in_form->empty();
     }
 
     static bool same_record(const DocRecord &d, const ZelTargetRecord &wanted, const ZelTargetRecord *old) {
@@ -295,19 +342,20 @@ private:
                 (old->password != nullptr && std::strcmp(wanted.password, old->password) == 0));
     }
 
-    void compare_and_write(const DocRecord &d, const std::string &name, ZelTargetRecord &wanted) {
+    void compare_and_write(ZelSession *s, const DocRecord &d, const std::string &name, ZelTargetRecord &wanted) {
         ZelTargetRecord *raw = nullptr;
-        ZelRC rc = new_users_.count(d.user) ? ZEL_RC_TR_NOT_FOUND
-                                             : Zel_getTargetRecord(s_, d.user.c_str(), d.id.c_str(), &raw);
+        ZelRC rc = new_users_.count({d.user, first_generation(d.storage)}) || known_missing(d)
+                       ? ZEL_RC_TR_NOT_FOUND
+                       : Zel_getTargetRecord(s, d.user.c_str(), d.id.c_str(), &raw);
         Held<ZelTargetRecord, Zel_freeTargetRecord> old(raw);
         if (rc == ZEL_RC_TR_NOT_FOUND || rc == ZEL_RC_USER_NOT_FOUND) {
-            write("record", name, [&] { return Zel_addTargetRecord(s_, d.user.c_str(), &wanted); }, Outcome::Created);
+            write("record", name, [&] { return Zel_addTargetRecord(s, d.user.c_str(), &wanted); }, Outcome::Created);
         } else if (rc != 0) {
             report("record", name, Outcome::Failed, rc);
         } else if (same_record(d, wanted, old.get())) {
             report("record", name, Outcome::Unchanged, 0);
         } else {
-            write("record", name, [&] { return Zel_updateTargetRecord(s_, d.user.c_str(), &wanted); },
+            write("record", name, [&] { return Zel_updateTargetRecord(s, d.user.c_str(), &wanted); },
                   Outcome::Updated);
         }
     }
@@ -339,13 +387,15 @@ private:
     }
 
     ZelSession *s_;
-    Session type_session_;
+    Session older_session_;
+    int database_known_ = -1;  // the session knows a Zel database; -1 not asked yet
     ZelRC types_read_ = 0;
     bool types_have_a_home_ = true;  // the session knows a Zel database to keep types in
     std::map<std::string, std::vector<std::string>> known_types_;  // folded name: folded, sorted identifier names
     Held<ZelUserList, Zel_freeZelUsers> users_;
-    std::map<std::string, const ZelUser *> known_users_;
-    std::set<std::string> new_users_;
+    std::map<std::string, const ZelUser *> known_users_[2];  // by form: [1] the first generation
+    std::set<std::pair<std::string, bool>> new_users_;        // name, of the first generation
+    bool records_read_ = false;
     Held<ZelUserTargetRecordList, Zel_freeUserTargetRecords> records_;
     std::map<std::pair<std::string, std::string>, Stored> known_records_;  // by user and id
     const Options &opts_;

@@ -18,22 +18,28 @@ struct RecordListFree { void operator()(ZelTargetRecordList *l) const { Zel_free
 
 const char *or_empty(const char *text) { return text ? text : ""; }
 
-std::string record_json(const ZelTargetRecord *r, bool reveal) {
+std::string record_json(const ZelTargetRecord *r, bool reveal, bool unreadable = false) {
     std::string out = "{\"id\":" + json_string(r->targetRecordId) + ",\"service\":" + json_string(r->targetServiceName) +
                       ",\"type\":" + json_string(r->targetServiceType) + ",\"account\":" + json_string(r->userId) +
                       ",\"description\":" + json_string(r->description);
-    if (reveal) out += ",\"password\":" + json_string(r->password);
+    if (unreadable) out += ",\"unreadable\":true";
+    else if (reveal) out += ",\"password\":" + json_string(r->password);
     return out + "}";
 }
 
-void print_record(const ZelTargetRecord *r, bool reveal) {
+constexpr const char *kUnreadable = "its password cannot be read with the keys at hand";
+
+void print_record(const ZelTargetRecord *r, bool reveal, bool unreadable = false) {
     std::printf("id:          %s\n", or_empty(r->targetRecordId));
     std::printf("service:     %s\n", or_empty(r->targetServiceName));
     std::printf("type:        %s\n", or_empty(r->targetServiceType));
     std::printf("account:     %s\n", or_empty(r->userId));
     std::printf("description: %s\n", or_empty(r->description));
-    if (reveal) std::printf("password:    %s\n", or_empty(r->password));
+    if (unreadable) std::printf("unreadable:  %s\n", kUnreadable);
+    else if (reveal) std::printf("password:    %s\n", or_empty(r->password));
 }
+
+struct UserRecordsFree { void operator()(ZelUserTargetRecordList *l) const { Zel_freeUserTargetRecords(l); } };
 
 int record_list(const Options &opts, Args args) {
     int status = 0;
@@ -46,17 +52,34 @@ int record_list(const Options &opts, Args args) {
     ZelRC rc = Zel_getAllTargetRecord(s.get(), operands[0].c_str(), &raw);
     std::unique_ptr<ZelTargetRecordList, RecordListFree> list(raw);
     // A user without records is no error for a listing.
-    if (rc != 0 && rc != ZEL_RC_TR_NOT_FOUND) return fail("cannot list the target records of " + operands[0], rc);
-    int32_t count = list ? list->count : 0;
+    if (rc != 0 && rc != ZEL_RC_TR_NOT_FOUND && rc != ZEL_RC_DECODE_FAILED)
+        return fail("cannot list the target records of " + operands[0], rc);
+    std::vector<std::pair<const ZelTargetRecord *, bool>> shown;  // record, unreadable
+    for (int32_t i = 0; list && i < list->count; ++i) shown.emplace_back(list->records[i], false);
+    // One record the keys at hand cannot open fails the user's list whole:
+    // the list of every record marks it instead, and the rest is shown.
+    std::unique_ptr<ZelUserTargetRecordList, UserRecordsFree> every;
+    if (rc == ZEL_RC_DECODE_FAILED) {
+        ZelUserTargetRecordList *raw_every = nullptr;
+        ZelRC every_rc = Zel_getAllUserTargetRecord(s.get(), &raw_every);
+        every.reset(raw_every);
+        if (every_rc != 0) return fail("cannot list the target records of " + operands[0], rc);
+        for (int32_t i = 0; i < every->count; ++i) {
+            const ZelUserTargetRecord *item = every->records[i];
+            if (item->userName && same_ignoring_case(item->userName, operands[0].c_str()))
+                shown.emplace_back(item->record, item->unreadable != 0);
+        }
+    }
     if (opts.json) {
         std::string out = "[";
-        for (int32_t i = 0; i < count; ++i) out += (i ? "," : "") + record_json(list->records[i], reveal);
+        for (size_t i = 0; i < shown.size(); ++i)
+            out += (i ? "," : "") + record_json(shown[i].first, reveal, shown[i].second);
         std::printf("%s]\n", out.c_str());
         return 0;
     }
-    for (int32_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < shown.size(); ++i) {
         if (i) std::printf("\n");
-        print_record(list->records[i], reveal);
+        print_record(shown[i].first, reveal, shown[i].second);
     }
     return 0;
 }

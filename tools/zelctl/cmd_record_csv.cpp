@@ -42,6 +42,12 @@ void import_row(ZelSession *s, CsvRow &row, bool dry_run, Tally &tally) {
     if (!row.error.empty()) return row_failed(row, row.error, tally);
     if (row.fields.size() < 4 || row.fields.size() > 5)
         return row_failed(row, "expected user, resource or group, account, password[, description]", tally);
+    // The directory cannot keep a NUL: a value would be cut at it unseen.
+    static const char *const kColumns[] = {"user", "resource or group", "account", "password", "description"};
+    for (size_t i = 0; i < row.fields.size(); ++i)
+        if (row.fields[i].find('\0') != std::string::npos)
+            return row_failed(row, std::string("the ") + kColumns[i] + " holds a NUL byte, which cannot be stored",
+                              tally);
     const std::string &user = row.fields[0], &service = row.fields[1], &account = row.fields[2];
     std::string &password = row.fields[3];
     if (user.empty() || service.empty()) return row_failed(row, "the user and the service must be given", tally);

@@ -41,16 +41,23 @@ char **field_of(ZelTargetRecord *r, const char *attr) {
     return nullptr;
 }
 
+// A password that cannot be read (1013) does not stop the other fields:
+// the record comes back whole but for its password, with that status, so a
+// list of many can name it and go on.
 ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record) {
+    ZelRC unreadable = 0;
     ZelRC rc = zel::walk_attributes(s->ld, entry, [&](const char *attr, char **strings, struct berval **bervals) -> ZelRC {
         bool secret_key = zel::same_text(attr, "secretKey");
         if (secret_key || zel::same_text(attr, "secAuthnData")) {
             bool as_stored = secret_key && zel::clear_secret_key(s);
             for (struct berval **v = bervals; *v; ++v) {
                 char *clear = nullptr;
-                if (ZelRC clear_rc = zel::clear_password(s, *v, as_stored, clear)) return clear_rc;
+                ZelRC clear_rc = zel::clear_password(s, *v, as_stored, clear);
+                if (clear_rc == ZEL_RC_DECODE_FAILED) unreadable = clear_rc;
+                else if (clear_rc != 0) return clear_rc;
                 free_secret(record->password);
-                record->password = clear;
+                record->password = unreadable ? nullptr : clear;
+                if (unreadable) free_secret(clear);
             }
             return 0;
         }
@@ -73,11 +80,12 @@ ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record)
         }
         return 0;
     });
-    if (rc != 0 || record->targetServiceName || zel::first_generation(s) || !record->targetRecordId) return rc;
+    if (rc != 0 || record->targetServiceName || zel::first_generation(s) || !record->targetRecordId)
+        return rc ? rc : unreadable;
     // The security domain form names the service in the identifier: "T:<service>".
     std::string service = zel::token(record->targetRecordId, ':', 1);
     if (!service.empty() && zel::replace_text(record->targetServiceName, service.c_str()) != 0) return ZEL_RC_NO_MEMORY;
-    return rc;
+    return unreadable;
 }
 
 ZelRC mask(const char *text, int32_t *length_out, char **buffer_out, int32_t direction) {

@@ -84,7 +84,10 @@ ZelRC add_records(ZelSession *s, const zel::SearchPages &records, const Owners &
         if ((item->userName = strdup(owner->c_str())) == nullptr) return ZEL_RC_NO_MEMORY;
         item->record = static_cast<ZelTargetRecord *>(std::calloc(1, sizeof(ZelTargetRecord)));
         if (item->record == nullptr) return ZEL_RC_NO_MEMORY;
-        return dissect_TR(s, e, item->record);
+        // One record that cannot be read is marked, not the whole list failed.
+        ZelRC rc = dissect_TR(s, e, item->record);
+        if (rc == ZEL_RC_DECODE_FAILED) item->unreadable = 1;
+        return rc == ZEL_RC_DECODE_FAILED ? 0 : rc;
     });
 }
 
