@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "ZelCredentialQuery.h"
 #include "ZelIdentifierText.h"
 #include "platform/dn_escape.h"
@@ -13,12 +13,10 @@
 
 namespace {
 
-struct DnFree { void operator()(LDAPDN dn) const { if (dn) ldap_dnfree(dn); } };
-using ParsedDn = std::unique_ptr<LDAPRDN, DnFree>;
+using zel::ParsedDn;
 
 ZelRC get_credential(ZelSession *s, const char *user, const ZelCredentialRequest *req, ZelCredential *out) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_getCredential", rc);
     zel::CredentialAnswer answer;
     return rc = zel::query_credential(s, user, req, out, nullptr, answer);
 }
@@ -133,8 +131,8 @@ extern "C" {
 ZEL_API ZelRC Zel_getCredential(ZelSession *s, const char *user, const ZelCredentialRequest *req, ZelCredential *out) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     if (out) out->userId = out->password = nullptr;
-    ZelRC rc = zel::audit::read(s, "Zel_getCredential", {user, req ? req->resourceName : nullptr},
-                                [&] { return get_credential(s, user, req, out); }, [] {});  // cleared below
+    ZelRC rc = zel::read_call(s, "Zel_getCredential", {user, req ? req->resourceName : nullptr},
+                              [&] { return get_credential(s, user, req, out); }, [] {});  // cleared below
     // Whatever failed, nothing half-filled is handed out.
     if (rc != 0 && out) zel::clear_credential(out);
     return rc;

@@ -20,8 +20,7 @@ namespace {
 using zel::CredentialQuery;
 using zel::CredentialTrail;
 
-struct DnFree { void operator()(LDAPDN dn) const { if (dn) ldap_dnfree(dn); } };
-using ParsedDn = std::unique_ptr<LDAPRDN, DnFree>;
+using zel::ParsedDn;
 
 // A DN as (type, value) pairs, first RDN first; false for text that is no DN
 // or an RDN of several values, which none of the entries asked for has.

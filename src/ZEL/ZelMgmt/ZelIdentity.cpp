@@ -2,6 +2,7 @@
 // the account), and which person a Kerberos principal stands for.
 #include <cstring>
 
+#include "ZelEntry.h"
 #include "ZelIdentifierText.h"
 #include "platform/filter_format.h"
 #include "zel_internal.h"
@@ -74,8 +75,7 @@ extern "C" {
 
 ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_out, int32_t mode) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "verify_ZEL_user", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "verify_ZEL_user", [&]() -> ZelRC {
         if (profile_dn_out) *profile_dn_out = nullptr;
         if (person_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
 
@@ -138,8 +138,7 @@ ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_ou
 
 ZelRC locate_krb_ePerson(ZelSession *s, const char *principal, ZelSuffixNode *suffixes, char *dn) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "locate_krb_ePerson", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "locate_krb_ePerson", [&]() -> ZelRC {
         if (principal == nullptr || dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         std::string filter;
         std::string name_text, realm_text;
