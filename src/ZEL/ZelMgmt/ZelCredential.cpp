@@ -55,6 +55,14 @@ namespace {
 
 enum class CredentialField { None, Account, Password, SecretKey };
 
+}  // namespace
+
+char *const kCredentialAttributes[] = {const_cast<char *>("uid"),          const_cast<char *>("secUid"),
+                                       const_cast<char *>("secretKey"),    const_cast<char *>("secAuthnData"),
+                                       const_cast<char *>("principalName"), nullptr};
+
+namespace {
+
 // What an attribute of the answering record fills.  Every read walks all of
 // the record's attributes: the name's length picks the one name worth
 // comparing.

@@ -75,7 +75,8 @@ ZelRC search_form_records(ZelSession *s, const std::string &user_dn, int32_t mod
                                    ? "(&(objectClass=eTargetRecord)(|(cn=" + id + ")(cn=G:*)))"
                                    : "(|(secResCredsID=" + id + ")(secResCredsID=G:*))";
     zel::tracef(s, zel::kTraceProgress, "zelmgmt:Target being looked for: %s\n", q.credential_id.c_str());
-    if ((rc = zel::search_mapped(s, user_dn.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), nullptr, 0, 0, 0,
+    char **attrs = const_cast<char **>(zel::kCredentialAttributes);
+    if ((rc = zel::search_mapped(s, user_dn.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), attrs, 0, 0, 0,
                                  out.result)) != 0)
         return rc;
     for (LDAPMessage *e = ldap_first_entry(s->ld, out.result.get()); e; e = ldap_next_entry(s->ld, e)) {

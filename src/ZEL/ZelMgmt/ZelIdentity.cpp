@@ -23,9 +23,12 @@ ZelRC search_profile_below_person(ZelSession *s, const char *person_dn, const ch
     return rc == ZEL_RC_NO_SUCH_OBJECT ? 0 : rc;  // no person entry: no user either
 }
 
-// Subtree search of the security domain for the person's secUser entry.
+// Subtree search of the security domain for the person's secUser entry,
+// asking only for what tells a user and an inactive account.
 ZelRC search_domain_user(ZelSession *s, const char *filter, zel::Message &out) {
-    ZelRC rc = zel::search_mapped(s, s->domain_dn, LDAP_SCOPE_SUBTREE, filter, nullptr, 0, 2, ZEL_RC_ENTRY_NOT_FOUND,
+    char *attrs[] = {const_cast<char *>("objectClass"), const_cast<char *>("secAcctValid"),
+                     const_cast<char *>("userState"), nullptr};
+    ZelRC rc = zel::search_mapped(s, s->domain_dn, LDAP_SCOPE_SUBTREE, filter, attrs, 0, 2, ZEL_RC_ENTRY_NOT_FOUND,
                                   out);
     return rc == ZEL_RC_NO_SUCH_OBJECT ? 0 : rc;
 }
