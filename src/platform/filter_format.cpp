@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -98,6 +99,15 @@ std::string escape_filter_value(std::string_view value) {
     const unsigned char *const end = p + value.size();
     // Most values hold nothing to escape: one scan, one copy.
     const unsigned char *q = p;
+    // Eight bytes at a time up to the word that holds a reserved byte.
+    constexpr uint64_t kOnes = 0x0101010101010101ULL, kHigh = 0x8080808080808080ULL;
+    auto any_zero = [](uint64_t v) { return (v - kOnes) & ~v & kHigh; };
+    for (uint64_t w; end - q >= 8; q += 8) {
+        std::memcpy(&w, q, 8);
+        if (any_zero(w) | any_zero((w | kOnes) ^ (kOnes * 0x29)) | any_zero(w ^ (kOnes * '*')) |
+            any_zero(w ^ (kOnes * '\\')))
+            break;
+    }
     while (q != end && !kReserved[*q]) ++q;
     if (q == end) return std::string(value);
     std::string out;
