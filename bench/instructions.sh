@@ -23,7 +23,7 @@ count() {  # side op -> "total own" instructions per call
   callgrind_annotate --inclusive=no --threshold=100 "$out" 2>/dev/null |
     awk -v n=$((calls + warm)) '
       /PROGRAM TOTALS/ { gsub(",", "", $1); total = $1 }
-      /\[.*\/zel_bench\]$/ && !/ bench\// { v = $1; gsub(",", "", v); own += v }
+      /\[.*\/zel_bench\]$/ && !/\/bench\/[^ \/]+\.(cpp|h):/ { v = $1; gsub(",", "", v); own += v }
       END { printf "%d %d\n", total / n, own / n }'
 }
 
