@@ -27,20 +27,28 @@ namespace zel {
 
 ZelRC form_credential_query(const ZelSession *s, const char *resource, CredentialQuery &q) {
     q.resource = resource;
-    q.credential_id = std::string("T:") + resource;
+    const size_t resource_size = std::strlen(resource);
+    q.credential_id.reserve(resource_size + 2);
+    q.credential_id.assign("T:").append(resource, resource_size);
     if (q.credential_id.size() >= kCredentialIdSize) return ZEL_RC_INVALID_ARGUMENT;
-    const std::string domain = s->domain_dn ? s->domain_dn : "";
+    const char *domain = s->domain_dn ? s->domain_dn : "";
+    const size_t domain_size = std::strlen(domain);
     // Measured as the fixed buffers hold these texts, with the resource as
     // given: its escaping never refuses a name that fits.
-    size_t dn_size = std::strlen("secResourceID=,cn=Resources,") + std::strlen(resource) + domain.size();
+    size_t dn_size = std::strlen("secResourceID=,cn=Resources,") + resource_size + domain_size;
     if (dn_size >= kDnSize || std::strlen("(member=)") + dn_size >= kFilterSize ||
         std::strlen("(&(objectClass=eZelDomain)(targetLocation=))") + q.credential_id.size() >= kFilterSize)
         return ZEL_RC_INVALID_ARGUMENT;
-    std::string resource_dn = "secResourceID=" + plat::escape_dn_value(resource) + ",cn=Resources," + domain;
-    q.member_filter = "(member=" + plat::escape_filter_value(resource_dn) + ")";
+    // Each text is built in place: a query is formed on every credential read.
+    std::string resource_dn;
+    resource_dn.reserve(dn_size + 16);
+    resource_dn.append("secResourceID=").append(plat::escape_dn_value(resource)).append(",cn=Resources,").append(
+        domain, domain_size);
+    q.member_filter.reserve(resource_dn.size() + 16);
+    q.member_filter.assign("(member=").append(plat::escape_filter_value(resource_dn)).append(")");
     q.id_assertion = plat::escape_filter_value(q.credential_id);
-    q.location_filter = std::string("(&(") + "objectClass" + "=" + "eZelDomain" + ")(" + "targetLocation" + "=" +
-                        q.id_assertion + "))";
+    q.location_filter.reserve(q.id_assertion.size() + 48);
+    q.location_filter.assign("(&(objectClass=eZelDomain)(targetLocation=").append(q.id_assertion).append("))");
     return 0;
 }
 

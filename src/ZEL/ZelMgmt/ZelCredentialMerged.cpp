@@ -71,9 +71,12 @@ ZelRC search_form_records(ZelSession *s, const std::string &user_dn, int32_t mod
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "locate_ZEL_TR", rc);
     const std::string &id = q.id_assertion;
-    const std::string filter = mode == zel::kFirstGenerationMode
-                                   ? "(&(objectClass=eTargetRecord)(|(cn=" + id + ")(cn=G:*)))"
-                                   : "(|(secResCredsID=" + id + ")(secResCredsID=G:*))";
+    std::string filter;
+    filter.reserve(id.size() + 64);
+    if (mode == zel::kFirstGenerationMode)
+        filter.assign("(&(objectClass=eTargetRecord)(|(cn=").append(id).append(")(cn=G:*)))");
+    else
+        filter.assign("(|(secResCredsID=").append(id).append(")(secResCredsID=G:*))");
     zel::tracef(s, zel::kTraceProgress, "zelmgmt:Target being looked for: %s\n", q.credential_id.c_str());
     char **attrs = const_cast<char **>(zel::kCredentialAttributes);
     if ((rc = zel::search_mapped(s, user_dn.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), attrs, 0, 0, 0,
