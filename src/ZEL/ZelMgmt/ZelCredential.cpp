@@ -13,7 +13,7 @@
 
 namespace {
 
-using zel::ParsedDn;
+using zel::ParsedRdn;
 
 ZelRC get_credential(ZelSession *s, const char *user, const ZelCredentialRequest *req, ZelCredential *out) {
     ZelRC rc = 0;
@@ -130,11 +130,13 @@ ZelRC query_credential(ZelSession *s, const char *user, const ZelCredentialReque
 
 ZelRC credential_group(const char *dn, std::string &group) {
     group.clear();
-    LDAPDN raw = nullptr;
-    if (ldap_str2dn(dn, &raw, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) return ZEL_RC_SYSTEM_ERROR;
-    ParsedDn parsed(raw);
-    if (!parsed || !parsed.get()[0] || !parsed.get()[0][0]) return ZEL_RC_SYSTEM_ERROR;
-    const struct berval &value = parsed.get()[0][0]->la_value;
+    // The record's own RDN names the group: the rest of the DN is not parsed.
+    LDAPRDN raw = nullptr;
+    char *rest = nullptr;
+    if (ldap_str2rdn(dn, &raw, &rest, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) return ZEL_RC_SYSTEM_ERROR;
+    ParsedRdn parsed(raw);
+    if (!parsed || !parsed.get()[0]) return ZEL_RC_SYSTEM_ERROR;
+    const struct berval &value = parsed.get()[0]->la_value;
     std::string id(value.bv_val, value.bv_len);
     group = token(id.c_str(), ':', 1);
     return 0;

@@ -40,6 +40,28 @@ bool split_dn(const char *dn, Rdns &out) {
     return true;
 }
 
+// The same for a container's DN, which is the same text on every query of a
+// session: the last two parsed are kept (a domain's and the database's).
+bool split_container(const std::string &dn, Rdns &out) {
+    struct Parsed {
+        std::string dn;
+        Rdns rdns;
+        bool ok = false;
+    };
+    thread_local Parsed kept[2];
+    thread_local unsigned next = 0;
+    for (const Parsed &p : kept)
+        if (!p.dn.empty() && p.dn == dn) {
+            out = p.rdns;
+            return p.ok;
+        }
+    Parsed &p = kept[next++ % 2];
+    p.ok = split_dn(dn.c_str(), p.rdns);
+    p.dn = dn;
+    out = p.rdns;
+    return p.ok;
+}
+
 bool same_rdns(const Rdns &a, size_t a_from, const Rdns &b) {
     if (a.size() - a_from != b.size()) return false;
     for (size_t i = 0; i < b.size(); ++i)
@@ -110,7 +132,7 @@ void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const
     ask.mode = mode;
     ask.naming = naming;
     ask.container_dn = container;
-    ask.needed = split_dn(container.c_str(), ask.container);
+    ask.needed = split_container(container, ask.container);
     ask.fits.assign(groups.size(), false);
     ask.held.assign(groups.size(), false);
     std::string any;

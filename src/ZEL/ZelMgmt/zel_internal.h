@@ -156,6 +156,7 @@ struct BervalsFree { void operator()(struct berval **v) const { if (v) ldap_valu
 struct LdapMemFree { void operator()(void *p) const { if (p) ldap_memfree(p); } };
 struct CFree { void operator()(void *p) const { std::free(p); } };
 struct DnFree { void operator()(LDAPDN dn) const { if (dn) ldap_dnfree(dn); } };
+struct RdnFree { void operator()(LDAPRDN rdn) const { if (rdn) ldap_rdnfree(rdn); } };
 // What the public calls hand out, freed with the call that frees it.
 template <class T, void (*Free)(T *)>
 struct FreeWith { void operator()(T *p) const { Free(p); } };
@@ -167,6 +168,7 @@ using Bervals = std::unique_ptr<struct berval *, BervalsFree>;
 using LdapText = std::unique_ptr<char, LdapMemFree>;
 using CText = std::unique_ptr<char, CFree>;
 using ParsedDn = std::unique_ptr<LDAPRDN, DnFree>;
+using ParsedRdn = std::unique_ptr<LDAPAVA *, RdnFree>;
 template <class T, void (*Free)(T *)>
 using Owned = std::unique_ptr<T, FreeWith<T, Free>>;
 
