@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -79,31 +80,47 @@ bool format_text(std::string &out, const char *format, va_list args) {
 
 }  // namespace
 
+namespace {
+
+// What the filter syntax itself reserves; UTF-8 stands as it is, so a name's
+// filter is as long as the name.
+constexpr std::array<bool, 256> reserved_in_filter() {
+    std::array<bool, 256> table{};
+    table['\0'] = table['*'] = table['('] = table[')'] = table['\\'] = true;
+    return table;
+}
+constexpr std::array<bool, 256> kReserved = reserved_in_filter();
+
+}  // namespace
+
 std::string escape_filter_value(std::string_view value) {
     static const char hex[] = "0123456789ABCDEF";
-    // Only what the filter syntax itself reserves; UTF-8 stands as it is,
-    // so a name's filter is as long as the name.
-    static const auto reserved = [] {
-        std::array<bool, 256> table{};
-        for (unsigned char c : {'\0', '*', '(', ')', '\\'}) table[c] = true;
-        return table;
-    }();
-    std::string out;
-    out.reserve(value.size());
-    const char *p = value.data();
-    const size_t n = value.size();
-    // Runs between reserved characters are copied whole: most values have
-    // none, and a credential query escapes several DNs.
-    for (size_t run = 0, i = 0; i <= n; ++i) {
-        if (i < n && !reserved[static_cast<unsigned char>(p[i])]) continue;
-        out.append(p + run, i - run);
-        if (i < n) {
-            const unsigned char c = static_cast<unsigned char>(p[i]);
-            const char escaped[3] = {'\\', hex[c >> 4], hex[c & 0x0F]};
-            out.append(escaped, 3);
-        }
-        run = i + 1;
+    const unsigned char *p = reinterpret_cast<const unsigned char *>(value.data());
+    const unsigned char *const end = p + value.size();
+    // Most values hold nothing to escape: one scan, one copy.
+    const unsigned char *q = p;
+    // Eight bytes at a time up to the word that holds a reserved byte.
+    constexpr uint64_t kOnes = 0x0101010101010101ULL, kHigh = 0x8080808080808080ULL;
+    auto any_zero = [](uint64_t v) { return (v - kOnes) & ~v & kHigh; };
+    for (uint64_t w; end - q >= 8; q += 8) {
+        std::memcpy(&w, q, 8);
+        if (any_zero(w) | any_zero((w | kOnes) ^ (kOnes * 0x29)) | any_zero(w ^ (kOnes * '*')) |
+            any_zero(w ^ (kOnes * '\\')))
+            break;
     }
+    while (q != end && !kReserved[*q]) ++q;
+    if (q == end) return std::string(value);
+    std::string out;
+    out.reserve(value.size() + 8);
+    const unsigned char *run = p;
+    for (; q != end; ++q) {
+        if (!kReserved[*q]) continue;
+        out.append(reinterpret_cast<const char *>(run), static_cast<size_t>(q - run));
+        const char escaped[3] = {'\\', hex[*q >> 4], hex[*q & 0x0F]};
+        out.append(escaped, 3);
+        run = q + 1;
+    }
+    out.append(reinterpret_cast<const char *>(run), static_cast<size_t>(end - run));
     return out;
 }
 

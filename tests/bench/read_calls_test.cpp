@@ -62,21 +62,24 @@ void credential(ZelSession *s, const char *resource, ZelRC want) {
     Zel_memfree(c.password);
 }
 
-const std::string kPerson = "search o=acme scope=2 (&(objectClass=Person)(uid=u0)) limit=2 attrsonly";
+const std::string kPerson = "search o=acme scope=2 (&(objectClass=Person)(uid=u0)) limit=2 attrsonly +1.1";
 const std::string kUser = "search secAuthority=Default,o=acme scope=2 (&(objectClass=secUser)"
-                          "(secDN=cn=u0,ou=People,o=acme)(secAuthority=Default:)) limit=2";
+                          "(secDN=cn=u0,ou=People,o=acme)(secAuthority=Default:)) limit=2 "
+                          "+objectClass +secAcctValid +userState";
 const std::string kProfile = "search cn=u0,ou=People,o=acme scope=1 (associatedName=cn=u0,ou=People,o=acme) limit=2 "
                              "+objectClass +userState";
 const std::string kRecords = "search principalName=u0,cn=Users,secAuthority=Default,o=acme scope=2 ";
 const std::string kOldRecords = "search cn=u0,cn=u0,ou=People,o=acme scope=2 ";
 const std::string kMember = "(member=secResourceID=";
+// A record search that may answer a credential asks for what the answer reads.
+const std::string kCredentialAttrs = " +uid +secUid +secretKey +secAuthnData +principalName";
 
 // The direct record and the group records of one form in one search.
 std::string records(const std::string &resource) {
-    return kRecords + "(|(secResCredsID=T:" + resource + ")(secResCredsID=G:*)) limit=0";
+    return kRecords + "(|(secResCredsID=T:" + resource + ")(secResCredsID=G:*)) limit=0" + kCredentialAttrs;
 }
 std::string old_records(const std::string &resource) {
-    return kOldRecords + "(&(objectClass=eTargetRecord)(|(cn=T:" + resource + ")(cn=G:*))) limit=0";
+    return kOldRecords + "(&(objectClass=eTargetRecord)(|(cn=T:" + resource + ")(cn=G:*))) limit=0" + kCredentialAttrs;
 }
 std::string held(const std::string &resource) {
     return kMember + resource + ",cn=Resources,secAuthority=Default,o=acme)";

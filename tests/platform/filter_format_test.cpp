@@ -29,6 +29,16 @@ TEST(FilterQuoting, EscapesFilterSyntaxAndNulOnly) {
     EXPECT_EQ(escape_filter_value("(*)"), "\\28\\2A\\29") << "reserved characters side by side";
     EXPECT_EQ(escape_filter_value("a*"), "a\\2A") << "one at the end";
     EXPECT_EQ(escape_filter_value("J\xC3\xBCrgen\t\x7F"), "J\xC3\xBCrgen\t\x7F");
+    // Long values are scanned a word at a time: each reserved byte is found
+    // wherever it falls, and bytes next to the reserved ones are left alone.
+    const std::pair<char, const char *> reserved[] = {
+        {'\0', "\\00"}, {'*', "\\2A"}, {'(', "\\28"}, {')', "\\29"}, {'\\', "\\5C"}};
+    for (size_t at = 0; at < 20; ++at)
+        for (const auto &[c, escaped] : reserved) {
+            std::string value = "'+[]^_'+[]^_'+[]^_'+";
+            value[at] = c;
+            EXPECT_EQ(escape_filter_value(value), value.substr(0, at) + escaped + value.substr(at + 1)) << "at " << at;
+        }
 }
 
 // A DN value keeps its text but can never add an RDN or end early.

@@ -2,6 +2,7 @@
 // comparisons every family uses.
 #include <cstdarg>
 #include <cstdio>
+#include <cctype>
 #include <cstring>
 
 #include "platform/utf8_text.h"
@@ -76,6 +77,14 @@ bool builtin_service_type(const char *type) {
 }
 
 bool contains(const char *haystack, const char *needle) {
+    // A needle of ASCII without letters ("=", "@") has no other case: no
+    // folded form of any text holds it where the text itself does not.
+    bool caseless = needle != nullptr && haystack != nullptr;
+    for (const char *p = needle; caseless && *p; ++p) {
+        unsigned char c = static_cast<unsigned char>(*p);
+        caseless = c < 0x80 && !std::isalpha(c);
+    }
+    if (caseless) return std::strstr(haystack, needle) != nullptr;
     return plat::zstrstr(plat::zgetUTF8Handle(), haystack, needle) != nullptr;
 }
 

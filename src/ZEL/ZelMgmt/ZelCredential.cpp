@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "ZelCredentialQuery.h"
 #include "ZelIdentifierText.h"
 #include "platform/dn_escape.h"
@@ -13,12 +13,10 @@
 
 namespace {
 
-struct DnFree { void operator()(LDAPDN dn) const { if (dn) ldap_dnfree(dn); } };
-using ParsedDn = std::unique_ptr<LDAPRDN, DnFree>;
+using zel::ParsedRdn;
 
 ZelRC get_credential(ZelSession *s, const char *user, const ZelCredentialRequest *req, ZelCredential *out) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_getCredential", rc);
     zel::CredentialAnswer answer;
     return rc = zel::query_credential(s, user, req, out, nullptr, answer);
 }
@@ -29,20 +27,28 @@ namespace zel {
 
 ZelRC form_credential_query(const ZelSession *s, const char *resource, CredentialQuery &q) {
     q.resource = resource;
-    q.credential_id = std::string("T:") + resource;
+    const size_t resource_size = std::strlen(resource);
+    q.credential_id.reserve(resource_size + 2);
+    q.credential_id.assign("T:").append(resource, resource_size);
     if (q.credential_id.size() >= kCredentialIdSize) return ZEL_RC_INVALID_ARGUMENT;
-    const std::string domain = s->domain_dn ? s->domain_dn : "";
+    const char *domain = s->domain_dn ? s->domain_dn : "";
+    const size_t domain_size = std::strlen(domain);
     // Measured as the fixed buffers hold these texts, with the resource as
     // given: its escaping never refuses a name that fits.
-    size_t dn_size = std::strlen("secResourceID=,cn=Resources,") + std::strlen(resource) + domain.size();
+    size_t dn_size = std::strlen("secResourceID=,cn=Resources,") + resource_size + domain_size;
     if (dn_size >= kDnSize || std::strlen("(member=)") + dn_size >= kFilterSize ||
         std::strlen("(&(objectClass=eZelDomain)(targetLocation=))") + q.credential_id.size() >= kFilterSize)
         return ZEL_RC_INVALID_ARGUMENT;
-    std::string resource_dn = "secResourceID=" + plat::escape_dn_value(resource) + ",cn=Resources," + domain;
-    q.member_filter = "(member=" + plat::escape_filter_value(resource_dn) + ")";
+    // Each text is built in place: a query is formed on every credential read.
+    std::string resource_dn;
+    resource_dn.reserve(dn_size + 16);
+    resource_dn.append("secResourceID=").append(plat::escape_dn_value(resource)).append(",cn=Resources,").append(
+        domain, domain_size);
+    q.member_filter.reserve(resource_dn.size() + 16);
+    q.member_filter.assign("(member=").append(plat::escape_filter_value(resource_dn)).append(")");
     q.id_assertion = plat::escape_filter_value(q.credential_id);
-    q.location_filter = std::string("(&(") + "objectClass" + "=" + "eZelDomain" + ")(" + "targetLocation" + "=" +
-                        q.id_assertion + "))";
+    q.location_filter.reserve(q.id_assertion.size() + 48);
+    q.location_filter.assign("(&(objectClass=eZelDomain)(targetLocation=").append(q.id_assertion).append("))");
     return 0;
 }
 
@@ -56,6 +62,14 @@ void clear_credential(ZelCredential *out) {
 namespace {
 
 enum class CredentialField { None, Account, Password, SecretKey };
+
+}  // namespace
+
+char *const kCredentialAttributes[] = {const_cast<char *>("uid"),          const_cast<char *>("secUid"),
+                                       const_cast<char *>("secretKey"),    const_cast<char *>("secAuthnData"),
+                                       const_cast<char *>("principalName"), nullptr};
+
+namespace {
 
 // What an attribute of the answering record fills.  Every read walks all of
 // the record's attributes: the name's length picks the one name worth
@@ -116,11 +130,13 @@ ZelRC query_credential(ZelSession *s, const char *user, const ZelCredentialReque
 
 ZelRC credential_group(const char *dn, std::string &group) {
     group.clear();
-    LDAPDN raw = nullptr;
-    if (ldap_str2dn(dn, &raw, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) return ZEL_RC_SYSTEM_ERROR;
-    ParsedDn parsed(raw);
-    if (!parsed || !parsed.get()[0] || !parsed.get()[0][0]) return ZEL_RC_SYSTEM_ERROR;
-    const struct berval &value = parsed.get()[0][0]->la_value;
+    // The record's own RDN names the group: the rest of the DN is not parsed.
+    LDAPRDN raw = nullptr;
+    char *rest = nullptr;
+    if (ldap_str2rdn(dn, &raw, &rest, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) return ZEL_RC_SYSTEM_ERROR;
+    ParsedRdn parsed(raw);
+    if (!parsed || !parsed.get()[0]) return ZEL_RC_SYSTEM_ERROR;
+    const struct berval &value = parsed.get()[0]->la_value;
     std::string id(value.bv_val, value.bv_len);
     group = token(id.c_str(), ':', 1);
     return 0;
@@ -133,8 +149,8 @@ extern "C" {
 ZEL_API ZelRC Zel_getCredential(ZelSession *s, const char *user, const ZelCredentialRequest *req, ZelCredential *out) {
     if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     if (out) out->userId = out->password = nullptr;
-    ZelRC rc = zel::audit::read(s, "Zel_getCredential", {user, req ? req->resourceName : nullptr},
-                                [&] { return get_credential(s, user, req, out); }, [] {});  // cleared below
+    ZelRC rc = zel::read_call(s, "Zel_getCredential", {user, req ? req->resourceName : nullptr},
+                              [&] { return get_credential(s, user, req, out); }, [] {});  // cleared below
     // Whatever failed, nothing half-filled is handed out.
     if (rc != 0 && out) zel::clear_credential(out);
     return rc;

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <vector>
 
+#include "ZelEntry.h"
 #include "ZelCredentialQuery.h"
 
 namespace {
@@ -81,13 +82,10 @@ char *copy_or_null(const std::string &text, bool empty_is_null) {
     return copy;
 }
 
-struct ExplanationFree {
-    void operator()(ZelCredentialExplanation *e) const { Zel_freeCredentialExplanation(e); }
-};
+using ExplanationFree = zel::FreeWith<ZelCredentialExplanation, Zel_freeCredentialExplanation>;
 
 ZelRC explain(ZelSession *s, const char *user, const ZelCredentialRequest *req, ZelCredentialExplanation **out) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_explainCredential", rc);
     if (req == nullptr || req->resourceName == nullptr || user == nullptr || out == nullptr)
         return rc = ZEL_RC_INVALID_ARGUMENT;
     Recorder recorder(s, std::string("T:") + req->resourceName);
@@ -137,9 +135,10 @@ extern "C" {
 
 ZEL_API ZelRC Zel_explainCredential(ZelSession *s, const char *user, const ZelCredentialRequest *req,
                                     ZelCredentialExplanation **out) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    if (out) *out = nullptr;
-    return zel::guarded([&] { return explain(s, user, req, out); });
+    return zel::call(s, "Zel_explainCredential", [&] {
+        if (out) *out = nullptr;
+        return explain(s, user, req, out);
+    });
 }
 
 ZEL_API void Zel_freeCredentialExplanation(ZelCredentialExplanation *e) {

@@ -21,8 +21,7 @@ namespace {
 using zel::CredentialQuery;
 using zel::CredentialTrail;
 
-struct DnFree { void operator()(LDAPDN dn) const { if (dn) ldap_dnfree(dn); } };
-using ParsedDn = std::unique_ptr<LDAPRDN, DnFree>;
+using zel::ParsedDn;
 
 // A DN as (type, value) pairs, first RDN first; false for text that is no DN
 // or an RDN of several values, which none of the entries asked for has.
@@ -40,6 +39,28 @@ bool split_dn(const char *dn, Rdns &out) {
                          std::string(ava->la_value.bv_val, ava->la_value.bv_len));
     }
     return true;
+}
+
+// The same for a container's DN, which is the same text on every query of a
+// session: the last two parsed are kept (a domain's and the database's).
+bool split_container(const std::string &dn, Rdns &out) {
+    struct Parsed {
+        std::string dn;
+        Rdns rdns;
+        bool ok = false;
+    };
+    thread_local Parsed kept[2];
+    thread_local unsigned next = 0;
+    for (const Parsed &p : kept)
+        if (!p.dn.empty() && p.dn == dn) {
+            out = p.rdns;
+            return p.ok;
+        }
+    Parsed &p = kept[next++ % 2];
+    p.ok = split_dn(dn.c_str(), p.rdns);
+    p.dn = dn;
+    out = p.rdns;
+    return p.ok;
 }
 
 bool same_rdns(const Rdns &a, size_t a_from, const Rdns &b) {
@@ -73,11 +94,15 @@ ZelRC search_form_records(ZelSession *s, const std::string &user_dn, int32_t mod
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "locate_ZEL_TR", rc);
     const std::string &id = q.id_assertion;
-    const std::string filter = mode == zel::kFirstGenerationMode
-                                   ? "(&(objectClass=eTargetRecord)(|(cn=" + id + ")(cn=G:*)))"
-                                   : "(|(secResCredsID=" + id + ")(secResCredsID=G:*))";
+    std::string filter;
+    filter.reserve(id.size() + 64);
+    if (mode == zel::kFirstGenerationMode)
+        filter.assign("(&(objectClass=eTargetRecord)(|(cn=").append(id).append(")(cn=G:*)))");
+    else
+        filter.assign("(|(secResCredsID=").append(id).append(")(secResCredsID=G:*))");
     zel::tracef(s, zel::kTraceProgress, "zelmgmt:Target being looked for: %s\n", q.credential_id.c_str());
-    if ((rc = zel::search_mapped(s, user_dn.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), nullptr, 0, 0, 0,
+    char **attrs = const_cast<char **>(zel::kCredentialAttributes);
+    if ((rc = zel::search_mapped(s, user_dn.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), attrs, 0, 0, 0,
                                  out.result)) != 0)
         return rc;
     for (LDAPMessage *e = ldap_first_entry(s->ld, out.result.get()); e; e = ldap_next_entry(s->ld, e)) {
@@ -108,7 +133,7 @@ void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const
     ask.mode = mode;
     ask.naming = naming;
     ask.container_dn = container;
-    ask.needed = split_dn(container.c_str(), ask.container);
+    ask.needed = split_container(container, ask.container);
     ask.fits.assign(groups.size(), false);
     ask.held.assign(groups.size(), false);
     std::string any;

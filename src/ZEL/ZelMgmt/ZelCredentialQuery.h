@@ -49,6 +49,9 @@ ZelRC merged_credential(ZelSession *s, const char *user, const CredentialQuery &
 
 // The account and clear password of the answering record.
 ZelRC read_credential(ZelSession *s, LDAPMessage *entry, ZelCredential *out);
+// The attributes read_credential reads: all a search for records that may
+// answer needs to ask for.
+extern char *const kCredentialAttributes[];
 // Frees both fields, the password overwritten first.
 void clear_credential(ZelCredential *out);
 

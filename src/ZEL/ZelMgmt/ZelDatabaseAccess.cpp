@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "ZelEntry.h"
 #include "ZelAccessText.h"
 #include "ZelDatabase.h"
 
@@ -110,8 +111,7 @@ extern "C" {
 
 ZelRC create_access_group(ZelSession *s, const char *dn, const char *name, const char *member, const char *owner) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "create_access_group", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "create_access_group", [&]() -> ZelRC {
         if (dn == nullptr || name == nullptr || member == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         const int32_t kind = s->dir_kind;
         const bool owned =
@@ -154,8 +154,7 @@ ZelRC create_access_group(ZelSession *s, const char *dn, const char *name, const
 ZelRC set_owner(ZelSession *s, const char *dn, const char *subject, unsigned char deny,
                 unsigned char deny_variant) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "set_owner", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "set_owner", [&]() -> ZelRC {
         if (dn == nullptr || subject == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         std::vector<zel::db::Change> changes;
         if ((rc = zel::db::owner_changes(s->dir_kind, s->database_dn, dn, subject, deny != 0, deny_variant != 0,
@@ -170,8 +169,7 @@ ZelRC set_owner(ZelSession *s, const char *dn, const char *subject, unsigned cha
 // The failure is reported as an add: the modify adds a value.
 ZelRC set_nds_group_acl(ZelSession *s, const char *dn, const char *subject) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "set_nds_group_acl", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "set_nds_group_acl", [&]() -> ZelRC {
         if (subject == nullptr) return rc;
         if (dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         std::string acl;
@@ -185,8 +183,7 @@ ZelRC set_nds_group_acl(ZelSession *s, const char *dn, const char *subject) {
 ZelRC set_nds_sradmin_acl(ZelSession *s, const char *person_dn, const char *admins_dn,
                           const char *middle_tier_dn) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "set_nds_sradmin_acl", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "set_nds_sradmin_acl", [&]() -> ZelRC {
         if (admins_dn == nullptr) return rc;
         if (person_dn == nullptr || middle_tier_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         std::string entry_rights, secret_key, read_all;

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "ZelDatabase.h"
 #include "platform/ad_account.h"
 #include "platform/dn_escape.h"
@@ -173,8 +173,7 @@ extern "C" {
 ZelRC determine_initial_ZelAdmin(ZelSession *s, const char *admin, const char *suffix, const char *uid,
                                  const char *password, char **uid_out, char **dn_out) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "determine_initial_ZelAdmin", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "determine_initial_ZelAdmin", [&]() -> ZelRC {
         if (uid_out == nullptr || dn_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         *uid_out = *dn_out = nullptr;
         if (suffix == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
@@ -200,11 +199,8 @@ ZelRC determine_initial_ZelAdmin(ZelSession *s, const char *admin, const char *s
 }
 
 ZEL_API ZelRC Zel_create_ePerson(ZelSession *s, const ZelPerson *p, const char *userType) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    zel::forget_users(s);
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_create_ePerson", rc);
-    return rc = zel::audit::write(s, "Zel_create_ePerson", {p ? p->cn : nullptr, p ? p->parentDN : nullptr}, [&]() -> ZelRC {
+    return zel::user_write_call(s, "Zel_create_ePerson", {p ? p->cn : nullptr, p ? p->parentDN : nullptr}, [&]() -> ZelRC {
         return rc = add_person(s, p, userType);
     });
 }

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "ZelAccessText.h"
 #include "ZelDatabase.h"
 #include "platform/ad_account.h"
@@ -319,8 +319,7 @@ extern "C" {
 // Only the entry of the suffix's first RDN is made; its parent must exist.
 ZelRC instantiate_suffix(ZelSession *s, const char *dn) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "instantiate_suffix", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "instantiate_suffix", [&]() -> ZelRC {
         zel::ModList mods(3);
         if (!mods.ok()) return rc = ZEL_RC_NO_MEMORY;
         LDAPDN parsed = nullptr;
@@ -358,8 +357,7 @@ ZelRC instantiate_suffix(ZelSession *s, const char *dn) {
 ZelRC create_container(ZelSession *s, const char *dn, const char *cn, const char *owner, int32_t count,
                        char **values) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "create_container", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "create_container", [&]() -> ZelRC {
         if (dn == nullptr || cn == nullptr || (count > 0 && values == nullptr)) return rc = ZEL_RC_INVALID_ARGUMENT;
         const int32_t kind = s->dir_kind;
         // The owner's rule and the given values go in one modification.
@@ -398,8 +396,7 @@ ZelRC create_container(ZelSession *s, const char *dn, const char *cn, const char
 
 ZelRC create_xr_defaults(ZelSession *s) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "routine", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "routine", [&]() -> ZelRC {
         char resource_name[] = "resourceName", group_name[] = "groupName";
         char *resource_ids[] = {resource_name}, *group_ids[] = {group_name};
         char web_resource[] = "Web Resource", resource_group[] = "Resource Group";
@@ -412,11 +409,8 @@ ZelRC create_xr_defaults(ZelSession *s) {
 
 ZEL_API ZelRC Zel_createDatabase(ZelSession *s, const char *suffix, const char *admin, const char *adminUid,
                                  const char *adminPassword, unsigned char flags) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    zel::forget_users(s);
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_createDatabase", rc);
-    return rc = zel::audit::write(s, "Zel_createDatabase", {admin, suffix}, [&]() -> ZelRC {
+    return zel::user_write_call(s, "Zel_createDatabase", {admin, suffix}, [&]() -> ZelRC {
         // A security domain session has no first-generation tree to build.
         if (s->version > 1) return rc = ZEL_RC_UNSUPPORTED_VERSION;
         if (suffix == nullptr || suffix[0] == '\0') return rc = ZEL_RC_INVALID_ARGUMENT;

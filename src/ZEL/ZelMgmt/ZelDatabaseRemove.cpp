@@ -2,7 +2,7 @@
 // the directory's schema.
 #include <cstring>
 
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "ZelDatabase.h"
 #include "ZelProgress.h"
 
@@ -83,11 +83,8 @@ int64_t count_subtree(ZelSession *s, const char *dn) {
 extern "C" {
 
 ZEL_API ZelRC Zel_removeDatabase(ZelSession *s) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    zel::forget_users(s);
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_removeDatabase", rc);
-    return rc = zel::audit::write(s, "Zel_removeDatabase", {}, [&]() -> ZelRC {
+    return zel::user_write_call(s, "Zel_removeDatabase", {}, [&]() -> ZelRC {
         if (s->version > 1) return rc = ZEL_RC_UNSUPPORTED_VERSION;
         if (probes_schema(s->dir_kind) && (rc = probe_schema(s)) != 0) return rc;
         if ((rc = zel::ensure_database_dn(s)) != 0) return rc;

@@ -6,6 +6,7 @@
 
 #include <strings.h>
 
+#include "ZelEntry.h"
 #include "zel_internal.h"
 
 namespace {
@@ -48,8 +49,7 @@ extern "C" {
 
 ZelRC determine_suffixes(ZelSession *s) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "determine_suffixes", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "determine_suffixes", [&]() -> ZelRC {
         const char *attrs[] = {"namingcontexts", "orvdirectoryversion", "netscapemdsuffix", "vendorName",
                                "vendorVersion", "forestFunctionality", "rootDomainNamingContext", "supportedControl",
                                nullptr};
@@ -125,8 +125,7 @@ ZelRC determine_suffixes(ZelSession *s) {
 
 ZelRC get_novell_suffixes(ZelSession *s) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "get_novell_suffixes", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "get_novell_suffixes", [&]() -> ZelRC {
         const char *attrs[] = {"1.1", nullptr};
         struct timeval tv = zel::no_time_limit();
         LDAPMessage *raw = nullptr;
@@ -153,8 +152,7 @@ ZelRC get_novell_suffixes(ZelSession *s) {
 
 ZelRC get_domain(ZelSession *s, const char *name) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "get_domain", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "get_domain", [&]() -> ZelRC {
         std::string filter;
         char *domain_dn = static_cast<char *>(std::calloc(1, zel::kDnSize));
         if (!domain_dn) {

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "ZelDomain.h"
 #include "ZelIdentifierText.h"
 #include "platform/dn_escape.h"
@@ -65,10 +65,8 @@ ZelRC member_service_name(const char *member, char *&out) {
 
 namespace {
 
-struct DomainFree { void operator()(ZelDomain *d) const { Zel_freeZelDomain(d); } };
-struct DomainListFree { void operator()(ZelDomainList *l) const { Zel_freeZelDomains(l); } };
-using DomainHolder = std::unique_ptr<ZelDomain, DomainFree>;
-using DomainListHolder = std::unique_ptr<ZelDomainList, DomainListFree>;
+using DomainHolder = zel::Owned<ZelDomain, Zel_freeZelDomain>;
+using DomainListHolder = zel::Owned<ZelDomainList, Zel_freeZelDomains>;
 
 void free_locations(ZelDomain *d) {
     if (d->locations) {
@@ -292,37 +290,26 @@ extern "C" {
 // Mode 1 searches first-generation domains, any other mode the security
 // domain's.  32 (a missing base) comes back as it stands, with the result.
 ZelRC locate_ZEL_Domain(ZelSession *s, const char *name, LDAPMessage **result, int32_t mode) {
-    ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "locate_ZEL_Domain", rc);
-    return rc = zel::guarded([&] { return locate_domains(s, name, result, mode); });
+    return zel::routine(s, "locate_ZEL_Domain", [&] { return locate_domains(s, name, result, mode); });
 }
 
 ZelRC dissect_ZelDomain(ZelSession *s, LDAPMessage *entry, ZelDomain *record) {
-    ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "dissect_ZelDomain", rc);
-    if (entry == nullptr || record == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    return rc = zel::guarded([&] { return read_domain_entry(s, entry, record); });
+    return zel::routine(s, "dissect_ZelDomain", [&]() -> ZelRC {
+        if (entry == nullptr || record == nullptr) return ZEL_RC_INVALID_ARGUMENT;
+        return read_domain_entry(s, entry, record);
+    });
 }
 
 ZEL_API ZelRC Zel_getZelDomain(ZelSession *s, const char *name, ZelDomain **out) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_getZelDomain", rc);
-    return rc = zel::guarded([&] { return get_domain(s, name, out); });
+    return zel::call(s, "Zel_getZelDomain", [&] { return get_domain(s, name, out); });
 }
 
 ZEL_API ZelRC Zel_getAllZelDomain(ZelSession *s, ZelDomainList **out) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_getAllZelDomain", rc);
-    return rc = zel::guarded([&] { return get_all_domains(s, out); });
+    return zel::call(s, "Zel_getAllZelDomain", [&] { return get_all_domains(s, out); });
 }
 
 ZEL_API ZelRC Zel_removeZelDomain(ZelSession *s, const char *name) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_removeZelDomain", rc);
-    return rc = zel::audit::write(s, "Zel_removeZelDomain", {nullptr, name}, [&] { return remove_domain(s, name); });
+    return zel::write_call(s, "Zel_removeZelDomain", {nullptr, name}, [&] { return remove_domain(s, name); });
 }
 
 ZEL_API void Zel_freeZelDomain(ZelDomain *d) {

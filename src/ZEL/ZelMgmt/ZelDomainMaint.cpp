@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "ZelDomain.h"
 #include "platform/dn_escape.h"
 
@@ -203,34 +203,24 @@ extern "C" {
 
 // Operation 1 adds the domain, 2 updates it; anything else is 9000.
 ZelRC create_update_ZelDomain(ZelSession *s, const ZelDomain *domain, int32_t operation) {
-    ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "create_update_ZelDomain", rc);
-    return rc = zel::guarded([&] { return write_domain(s, domain, operation); });
+    return zel::routine(s, "create_update_ZelDomain", [&] { return write_domain(s, domain, operation); });
 }
 
 // Operation 3 adds the member, 4 removes it; anything else is 9000.
 ZelRC add_remove_Location(ZelSession *s, const char *domain, const char *locType, const char *locName,
                           int32_t operation) {
-    ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "add_remove_Location", rc);
-    return rc = zel::guarded([&] { return edit_location(s, domain, locType, locName, operation); });
+    return zel::routine(s, "add_remove_Location", [&] { return edit_location(s, domain, locType, locName, operation); });
 }
 
 ZEL_API ZelRC Zel_addZelDomain(ZelSession *s, const ZelDomain *d) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_addZelDomain", rc);
-    return rc = zel::audit::write(s, "Zel_addZelDomain", {nullptr, d ? d->name : nullptr}, [&] {
+    return zel::write_call(s, "Zel_addZelDomain", {nullptr, d ? d->name : nullptr}, [&] {
         return add_or_update(s, d, kAdd, "zelmgmt:Were able to add Zel Domain successfully!",
                              "zelmgmt:Were unable to add Zel Domain. Return Code: x%x\n");
     });
 }
 
 ZEL_API ZelRC Zel_updateZelDomain(ZelSession *s, const ZelDomain *d) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_updateZelDomain", rc);
-    return rc = zel::audit::write(s, "Zel_updateZelDomain", {nullptr, d ? d->name : nullptr}, [&] {
+    return zel::write_call(s, "Zel_updateZelDomain", {nullptr, d ? d->name : nullptr}, [&] {
         return add_or_update(s, d, kUpdate, "zelmgmt:Were able to update Zel Domain successfully!",
                              "zelmgmt:Were unable to update Zel Domain. Return Code: x%x\n");
     });
@@ -238,11 +228,8 @@ ZEL_API ZelRC Zel_updateZelDomain(ZelSession *s, const ZelDomain *d) {
 
 // The location type is required to add a member but not to remove one.
 ZEL_API ZelRC Zel_addLocationToDomain(ZelSession *s, const char *domain, const char *locType, const char *locName) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_addLocationToDomain", rc);
-    if (domain == nullptr || locType == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    return rc = zel::audit::write(s, "Zel_addLocationToDomain", {nullptr, domain, locName}, [&] {
+    return zel::write_call(s, "Zel_addLocationToDomain", {nullptr, domain, locName}, [&]() -> ZelRC {
+        if (domain == nullptr || locType == nullptr) return ZEL_RC_INVALID_ARGUMENT;
         return reported(s, add_remove_Location(s, domain, locType, locName, kAddLocation),
                         "zelmgmt:Were able to add Location to Zel Domain successfully!",
                         "zelmgmt:Were unable to add Location to Zel Domain. Return Code: x%x\n");
@@ -251,11 +238,8 @@ ZEL_API ZelRC Zel_addLocationToDomain(ZelSession *s, const char *domain, const c
 
 ZEL_API ZelRC Zel_removeLocationFromDomain(ZelSession *s, const char *domain, const char *locType,
                                            const char *locName) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_removeLocationFromDomain", rc);
-    if (domain == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
-    return rc = zel::audit::write(s, "Zel_removeLocationFromDomain", {nullptr, domain, locName}, [&] {
+    return zel::write_call(s, "Zel_removeLocationFromDomain", {nullptr, domain, locName}, [&]() -> ZelRC {
+        if (domain == nullptr) return ZEL_RC_INVALID_ARGUMENT;
         return reported(s, add_remove_Location(s, domain, locType, locName, kRemoveLocation),
                         "zelmgmt:Were able to remove Location from Zel Domain successfully!",
                         "zelmgmt:Were unable to remove Location from Zel Domain. Return Code: x%x\n");

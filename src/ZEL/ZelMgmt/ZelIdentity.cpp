@@ -2,6 +2,7 @@
 // the account), and which person a Kerberos principal stands for.
 #include <cstring>
 
+#include "ZelEntry.h"
 #include "ZelIdentifierText.h"
 #include "platform/filter_format.h"
 #include "zel_internal.h"
@@ -24,9 +25,12 @@ ZelRC search_profile_below_person(ZelSession *s, const char *person_dn, const ch
     return 0;
 }
 
-// Subtree search of the security domain for the person's secUser entry.
+// Subtree search of the security domain for the person's secUser entry,
+// asking only for what tells a user and an inactive account.
 ZelRC search_domain_user(ZelSession *s, const char *filter, zel::Message &out) {
-    ZelRC rc = zel::search_mapped(s, s->domain_dn, LDAP_SCOPE_SUBTREE, filter, nullptr, 0, 2, ZEL_RC_ENTRY_NOT_FOUND,
+    char *attrs[] = {const_cast<char *>("objectClass"), const_cast<char *>("secAcctValid"),
+                     const_cast<char *>("userState"), nullptr};
+    ZelRC rc = zel::search_mapped(s, s->domain_dn, LDAP_SCOPE_SUBTREE, filter, attrs, 0, 2, ZEL_RC_ENTRY_NOT_FOUND,
                                   out);
     if (rc != ZEL_RC_NO_SUCH_OBJECT) return rc;
     zel::clear_error_detail();
@@ -78,8 +82,7 @@ extern "C" {
 
 ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_out, int32_t mode) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "verify_ZEL_user", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "verify_ZEL_user", [&]() -> ZelRC {
         if (profile_dn_out) *profile_dn_out = nullptr;
         if (person_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
 
@@ -142,8 +145,7 @@ ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_ou
 
 ZelRC locate_krb_ePerson(ZelSession *s, const char *principal, ZelSuffixNode *suffixes, char *dn) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "locate_krb_ePerson", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "locate_krb_ePerson", [&]() -> ZelRC {
         if (principal == nullptr || dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         std::string filter;
         std::string name_text, realm_text;

@@ -5,7 +5,7 @@
 
 #include "ZelUserLookup.h"
 #include "ZelFailover.h"
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "zel_internal.h"
 
 namespace {
@@ -193,8 +193,7 @@ ZelRC connect_to_LDAP(ZelSession *s, const char *host, uint16_t port, int32_t fl
 
 ZelRC locate_LDAP_Server(ZelSession *s, int nonssl, char **host_out, int *port_out, char **suffix_array) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "locate_LDAP_Server", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "locate_LDAP_Server", [&]() -> ZelRC {
         *host_out = nullptr;
         *port_out = 0;
         if (suffix_array) std::memset(suffix_array, 0, kSuffixSlots * sizeof(char *));
@@ -249,8 +248,7 @@ ZelRC locate_LDAP_Server(ZelSession *s, int nonssl, char **host_out, int *port_o
 
 ZelRC set_LDAP_options(ZelSession *s, int protocol_version) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "set_LDAP_options", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "set_LDAP_options", [&]() -> ZelRC {
         using plat::OptionPassing;
         int version = protocol_version;
         if (plat::ldap_set_option(s->ld, plat::kOptProtocolVersion, &version, OptionPassing::ByAddress) != 0 ||
@@ -279,8 +277,7 @@ ZelRC set_LDAP_options(ZelSession *s, int protocol_version) {
 ZelRC bind_to_LDAP(ZelSession *s, const char *user, const char *password, char **dn_out,
                    const ZelBindCredentials *credentials) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "bind_to_LDAP", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "bind_to_LDAP", [&]() -> ZelRC {
         char *dn = static_cast<char *>(std::calloc(1, zel::kDnSize));
         *dn_out = dn;
         if (!dn) return rc = ZEL_RC_NO_MEMORY;

@@ -1,3 +1,4 @@
+#include "ZelEntry.h"
 #include "ZelProgress.h"
 
 namespace zel {
@@ -50,10 +51,8 @@ void progress_step(ZelSession *s) {
 extern "C" {
 
 ZEL_API ZelRC Zel_setProgressCallback(ZelSession *s, ZelProgressFn fn, void *context) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&] {
+    return zel::call(s, "Zel_setProgressCallback", [&] {
         ZelRC rc = 0;
-        zel::RoutineTrace trace(s, "Zel_setProgressCallback", rc);
         s->progress.fn = fn;
         s->progress.context = fn ? context : nullptr;
         return rc;

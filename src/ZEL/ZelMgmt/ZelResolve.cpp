@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "ZelEntry.h"
 #include "zel_internal.h"
 
 namespace {
@@ -52,8 +53,7 @@ extern "C" {
 ZelRC determine_DN(ZelSession *s, ZelSuffixNode *suffixes, const char *filter, char *dn,
                    LDAPMessage **result) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "determine_DN", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "determine_DN", [&]() -> ZelRC {
         if (result) *result = nullptr;
         // No filter is a malformed request: refused here, never sent.
         if (filter == nullptr || *filter == '\0') return rc = ZEL_RC_INVALID_ARGUMENT;
@@ -65,7 +65,9 @@ ZelRC determine_DN(ZelSession *s, ZelSuffixNode *suffixes, const char *filter, c
             zel::tracef(s, zel::kTraceProgress, "zelmgmt:Suffix being searched: %s\n", node->suffix);
             struct timeval tv = zel::no_time_limit();
             LDAPMessage *raw = nullptr;
-            int lrc = plat::ldap_search_ext_s(s->ld, node->suffix, LDAP_SCOPE_SUBTREE, filter, nullptr,
+            // A caller that keeps no result needs the DN alone.
+            char *dn_only[] = {const_cast<char *>(LDAP_NO_ATTRS), nullptr};
+            int lrc = plat::ldap_search_ext_s(s->ld, node->suffix, LDAP_SCOPE_SUBTREE, filter, result ? nullptr : dn_only,
                                               result ? 0 : 1, nullptr, nullptr, &tv, 2, &raw);
             zel::Message res(raw);
             if (lrc != LDAP_SUCCESS) {
@@ -94,8 +96,7 @@ ZelRC determine_DN(ZelSession *s, ZelSuffixNode *suffixes, const char *filter, c
 ZelRC determine_unique_DN(ZelSession *s, ZelSuffixNode *suffixes, const char *filter, char *dn,
                           LDAPMessage **result) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "determine_unique_DN", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "determine_unique_DN", [&]() -> ZelRC {
         if (result) *result = nullptr;
         if (suffixes == nullptr || suffixes->suffix == nullptr) return rc = ZEL_RC_ENTRY_NOT_FOUND;
 
@@ -130,8 +131,7 @@ ZelRC determine_unique_DN(ZelSession *s, ZelSuffixNode *suffixes, const char *fi
 
 ZelRC locate_ZEL_database(ZelSession *s, ZelSuffixNode *suffixes, char *dn) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "locate_ZEL_database", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "locate_ZEL_database", [&]() -> ZelRC {
         zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
         if (!filter) return rc = ZEL_RC_NO_MEMORY;
         std::strcat(filter.get(), "(&(");
@@ -151,8 +151,7 @@ ZelRC locate_ZEL_database(ZelSession *s, ZelSuffixNode *suffixes, char *dn) {
 
 ZelRC locate_ePerson(ZelSession *s, const char *user, ZelSuffixNode *suffixes, char *dn) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "locate_ePerson", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "locate_ePerson", [&]() -> ZelRC {
         std::string filter;
         if (user == nullptr ||
             !zel::format_filter(filter, "(&(objectClass=Person)(uid=%s))", user))
@@ -165,8 +164,7 @@ ZelRC locate_ePerson(ZelSession *s, const char *user, ZelSuffixNode *suffixes, c
 
 ZelRC construct_ePersonDN_from_UP(ZelSession *s, const char *up_dn, char *dn) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "construct_ePersonDN_from_UP", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "construct_ePersonDN_from_UP", [&]() -> ZelRC {
         std::memset(dn, 0, zel::kDnSize);
         if (up_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         size_t len = std::strlen(up_dn);

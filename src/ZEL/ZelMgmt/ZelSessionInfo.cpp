@@ -4,12 +4,12 @@
 #include <cstring>
 #include <memory>
 
+#include "ZelEntry.h"
 #include "zel_internal.h"
 
 namespace {
 
-struct InfoFree { void operator()(ZelSessionInfo *info) const { Zel_freeSessionInfo(info); } };
-using InfoHolder = std::unique_ptr<ZelSessionInfo, InfoFree>;
+using InfoHolder = zel::Owned<ZelSessionInfo, Zel_freeSessionInfo>;
 
 // A private copy, or null for null.  False only when memory runs out.
 bool copy_text(char *&field, const char *text) {
@@ -36,10 +36,8 @@ bool copy_suffixes(const ZelSession *s, ZelSessionInfo *info) {
 extern "C" {
 
 ZEL_API ZelRC Zel_getSessionInfo(ZelSession *s, ZelSessionInfo **out) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_getSessionInfo", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::call(s, "Zel_getSessionInfo", [&]() -> ZelRC {
         if (out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         *out = nullptr;
         InfoHolder info(static_cast<ZelSessionInfo *>(std::calloc(1, sizeof(ZelSessionInfo))));

@@ -1,4 +1,5 @@
 // LDAP result mapping and the texts of status codes.
+#include "ZelEntry.h"
 #include "zel_internal.h"
 
 namespace {
@@ -97,7 +98,7 @@ ZelRC mapped_status(uint32_t ldap_rc) {
 extern "C" {
 
 ZelRC check_LDAP_rc(ZelSession *s, uint32_t ldap_rc, ZelRC default_code, const char *operation) {
-    return zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, nullptr, [&]() -> ZelRC {
         zel::tracef(s, zel::kTraceFailures, "zelmgmt:%s failed.  RC=x%x\n", operation ? operation : "",
                     ldap_rc);
         zel::capture_server_detail(s, static_cast<int>(ldap_rc));

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ZelEntry.h"
 #include "ZelTargetRecord.h"
 #include "platform/filter_format.h"
 #include "platform/password_mask.h"
@@ -230,8 +231,7 @@ extern "C" {
 
 ZelRC get_verify_User_Profile(ZelSession *s, const char *user, char **user_dn_out, int32_t mode) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "get_verify_User_profile", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "get_verify_User_profile", [&]() -> ZelRC {
         if (user_dn_out) *user_dn_out = nullptr;
         if (user == nullptr || user_dn_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         zel::CText person_dn = zel::zeroed_buffer(zel::kDnSize);
@@ -254,7 +254,7 @@ ZelRC get_verify_User_Profile(ZelSession *s, const char *user, char **user_dn_ou
 }
 
 ZelRC locate_ZEL_TR(ZelSession *s, const char *target, const char *user, LDAPMessage **result, int32_t mode) {
-    return zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, nullptr, [&]() -> ZelRC {
         if (result == nullptr) return ZEL_RC_INVALID_ARGUMENT;
         *result = nullptr;
         zel::Message res;
@@ -266,8 +266,7 @@ ZelRC locate_ZEL_TR(ZelSession *s, const char *target, const char *user, LDAPMes
 
 ZelRC mask_password(ZelSession *s, const char *text, int32_t *length_out, char **buffer_out, int32_t direction) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "mask_password", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "mask_password", [&]() -> ZelRC {
         if (buffer_out) *buffer_out = nullptr;
         if (text == nullptr || length_out == nullptr || buffer_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         if (direction != zel::kMask && direction != zel::kUnmask) return rc = ZEL_RC_UNSUPPORTED_OPERATION;
@@ -277,8 +276,7 @@ ZelRC mask_password(ZelSession *s, const char *text, int32_t *length_out, char *
 
 ZelRC dissect_TR(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "dissect_TR", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "dissect_TR", [&]() -> ZelRC {
         if (entry == nullptr || record == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         return rc = dissect_record(s, entry, record);
     });

@@ -10,14 +10,13 @@
 #include <unordered_map>
 #include <vector>
 
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "ZelTargetRecord.h"
 #include "platform/filter_format.h"
 
 namespace {
 
-struct ListFree { void operator()(ZelUserTargetRecordList *l) const { Zel_freeUserTargetRecords(l); } };
-using ListHolder = std::unique_ptr<ZelUserTargetRecordList, ListFree>;
+using ListHolder = zel::Owned<ZelUserTargetRecordList, Zel_freeUserTargetRecords>;
 
 // Zel user entry DN -> user name.
 using Owners = std::unordered_map<std::string, std::string>;
@@ -136,7 +135,6 @@ ZelRC first_generation_records(ZelSession *s, Collected &out) {
 
 ZelRC all_user_records(ZelSession *s, ZelUserTargetRecordList **out) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_getAllUserTargetRecord", rc);
     if (out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     *out = nullptr;
     Collected collected;
@@ -161,8 +159,7 @@ ZelRC all_user_records(ZelSession *s, ZelUserTargetRecordList **out) {
 extern "C" {
 
 ZEL_API ZelRC Zel_getAllUserTargetRecord(ZelSession *s, ZelUserTargetRecordList **out) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::audit::read(
+    return zel::read_call(
         s, "Zel_getAllUserTargetRecord", {}, [&] { return all_user_records(s, out); },
         [&] {
             Zel_freeUserTargetRecords(*out);

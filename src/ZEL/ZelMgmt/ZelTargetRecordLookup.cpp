@@ -2,15 +2,13 @@
 // that knows the Zel database also sees the user's first-generation records.
 #include <cstring>
 
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "ZelTargetRecord.h"
 
 namespace {
 
-struct RecordFree { void operator()(ZelTargetRecord *r) const { Zel_freeTargetRecord(r); } };
-struct RecordListFree { void operator()(ZelTargetRecordList *l) const { Zel_freeTargetRecords(l); } };
-using RecordHolder = std::unique_ptr<ZelTargetRecord, RecordFree>;
-using RecordListHolder = std::unique_ptr<ZelTargetRecordList, RecordListFree>;
+using RecordHolder = zel::Owned<ZelTargetRecord, Zel_freeTargetRecord>;
+using RecordListHolder = zel::Owned<ZelTargetRecordList, Zel_freeTargetRecords>;
 
 // The user's one record for `target`, in the session's form and then, where
 // the Zel database is known, among the first-generation records.  Two
@@ -34,7 +32,6 @@ ZelRC find_one_record(ZelSession *s, const char *user, const char *target, zel::
 
 ZelRC get_target_record(ZelSession *s, const char *user, const char *target, ZelTargetRecord **out) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_getTargetRecord", rc);
     if (out) *out = nullptr;
     if (user == nullptr || target == nullptr || out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     RecordHolder record(static_cast<ZelTargetRecord *>(std::calloc(1, sizeof(ZelTargetRecord))));
@@ -68,7 +65,6 @@ ZelRC fill_records(ZelSession *s, const zel::SearchPages &res, ZelTargetRecordLi
 
 ZelRC get_all_target_records(ZelSession *s, const char *user, ZelTargetRecordList **out) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_getAllTargetRecord", rc);
     if (out) *out = nullptr;
     if (user == nullptr || out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     RecordListHolder list(static_cast<ZelTargetRecordList *>(std::calloc(1, sizeof(ZelTargetRecordList))));
@@ -97,7 +93,6 @@ ZelRC get_all_target_records(ZelSession *s, const char *user, ZelTargetRecordLis
 
 ZelRC remove_target_record(ZelSession *s, const char *user, const char *target) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_removeTargetRecord", rc);
     if (user == nullptr || target == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
 
     zel::Message res;
@@ -120,8 +115,7 @@ ZelRC remove_target_record(ZelSession *s, const char *user, const char *target) 
 extern "C" {
 
 ZEL_API ZelRC Zel_getTargetRecord(ZelSession *s, const char *user, const char *target, ZelTargetRecord **out) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::audit::read(
+    return zel::read_call(
         s, "Zel_getTargetRecord", {user, target}, [&] { return get_target_record(s, user, target, out); },
         [&] {
             Zel_freeTargetRecord(*out);
@@ -130,8 +124,7 @@ ZEL_API ZelRC Zel_getTargetRecord(ZelSession *s, const char *user, const char *t
 }
 
 ZEL_API ZelRC Zel_getAllTargetRecord(ZelSession *s, const char *user, ZelTargetRecordList **out) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::audit::read(
+    return zel::read_call(
         s, "Zel_getAllTargetRecord", {user}, [&] { return get_all_target_records(s, user, out); },
         [&] {
             Zel_freeTargetRecords(*out);
@@ -140,9 +133,8 @@ ZEL_API ZelRC Zel_getAllTargetRecord(ZelSession *s, const char *user, ZelTargetR
 }
 
 ZEL_API ZelRC Zel_removeTargetRecord(ZelSession *s, const char *user, const char *target) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::audit::write(s, "Zel_removeTargetRecord", {user, target},
-                             [&] { return remove_target_record(s, user, target); });
+    return zel::write_call(s, "Zel_removeTargetRecord", {user, target},
+                           [&] { return remove_target_record(s, user, target); });
 }
 
 }  // extern "C"

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "ZelProgress.h"
 #include "ZelTargetRecord.h"
 #include "platform/password_mask.h"
@@ -170,9 +170,7 @@ ZelRC rekey_all(ZelSession *s, zel::ProgressRun &progress, Tally &tally) {
     return 0;
 }
 
-struct ReportFree {
-    void operator()(ZelRekeyReport *r) const { Zel_freeRekeyReport(r); }
-};
+using ReportFree = zel::FreeWith<ZelRekeyReport, Zel_freeRekeyReport>;
 
 ZelRC copy_dns(const std::vector<std::string> &dns, char **&array, int32_t &count) {
     if (dns.empty()) return 0;
@@ -199,7 +197,6 @@ ZelRC hand_out(const Tally &tally, ZelRekeyReport **out) {
 
 ZelRC rekey_target_records(ZelSession *s, const char *user, ZelRekeyReport **out) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_rekeyTargetRecords", rc);
     if (out) *out = nullptr;
     if (out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     // Nothing is read before the key file is known to be usable.
@@ -222,9 +219,8 @@ ZelRC rekey_target_records(ZelSession *s, const char *user, ZelRekeyReport **out
 extern "C" {
 
 ZEL_API ZelRC Zel_rekeyTargetRecords(ZelSession *s, const char *user, ZelRekeyReport **out) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::audit::write(s, "Zel_rekeyTargetRecords", {user},
-                             [&] { return rekey_target_records(s, user, out); });
+    return zel::write_call(s, "Zel_rekeyTargetRecords", {user},
+                           [&] { return rekey_target_records(s, user, out); });
 }
 
 ZEL_API void Zel_freeRekeyReport(ZelRekeyReport *report) {

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "ZelTargetRecord.h"
 
 namespace {
@@ -278,9 +278,8 @@ ZelRC create_update(ZelSession *s, const char *user, const ZelTargetRecord *r, i
 }
 
 // Both public writes: the same checks, the worker, and their report.
-ZelRC write_record(ZelSession *s, const char *name, const char *user, const ZelTargetRecord *r, int32_t op) {
+ZelRC write_record(ZelSession *s, const char *user, const ZelTargetRecord *r, int32_t op) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, name, rc);
     if (user == nullptr || r == nullptr || r->targetServiceName == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     if (zel::first_generation(s) && (rc = zel::ensure_database_dn(s)) != 0) return rc;
     rc = create_update_TargetRecord(s, user, r, op);
@@ -301,24 +300,19 @@ extern "C" {
 
 ZelRC create_update_TargetRecord(ZelSession *s, const char *user, const ZelTargetRecord *record, int32_t operation) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "create_update_TargetRecord", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "create_update_TargetRecord", [&]() -> ZelRC {
         return rc = create_update(s, user, record, operation);
     });
 }
 
 ZEL_API ZelRC Zel_addTargetRecord(ZelSession *s, const char *user, const ZelTargetRecord *r) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    zel::forget_users(s);
-    return zel::audit::write(s, "Zel_addTargetRecord", {user, r ? r->targetRecordId : nullptr},
-                             [&] { return write_record(s, "Zel_addTargetRecord", user, r, kAdd); });
+    return zel::user_write_call(s, "Zel_addTargetRecord", {user, r ? r->targetRecordId : nullptr},
+                                [&] { return write_record(s, user, r, kAdd); });
 }
 
 ZEL_API ZelRC Zel_updateTargetRecord(ZelSession *s, const char *user, const ZelTargetRecord *r) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    zel::forget_users(s);
-    return zel::audit::write(s, "Zel_updateTargetRecord", {user, r ? r->targetRecordId : nullptr},
-                             [&] { return write_record(s, "Zel_updateTargetRecord", user, r, kUpdate); });
+    return zel::user_write_call(s, "Zel_updateTargetRecord", {user, r ? r->targetRecordId : nullptr},
+                                [&] { return write_record(s, user, r, kUpdate); });
 }
 
 }  // extern "C"

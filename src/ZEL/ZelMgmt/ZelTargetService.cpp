@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "ZelEntry.h"
 #include "ZelIdentifierText.h"
 #include "platform/filter_format.h"
 #include "zel_internal.h"
@@ -33,10 +34,8 @@ ZelRC split_identifier(const char *stored, ZelReqIdentifier *pair) {
 
 namespace {
 
-struct ServiceFree { void operator()(ZelTargetService *ts) const { Zel_freeTargetService(ts); } };
-struct ServiceListFree { void operator()(ZelTargetServiceList *l) const { Zel_freeTargetServices(l); } };
-using ServiceHolder = std::unique_ptr<ZelTargetService, ServiceFree>;
-using ServiceListHolder = std::unique_ptr<ZelTargetServiceList, ServiceListFree>;
+using ServiceHolder = zel::Owned<ZelTargetService, Zel_freeTargetService>;
+using ServiceListHolder = zel::Owned<ZelTargetServiceList, Zel_freeTargetServices>;
 
 const char *type_of_sec_type(const char *value) {
     if (std::strcmp(value, "1") == 0) return "Web Resource";
@@ -123,7 +122,6 @@ ZelRC fill_services(ZelSession *s, const zel::SearchPages &res, ZelTargetService
 
 ZelRC get_all_target_services(ZelSession *s, ZelTargetServiceList **out) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_getAllTargetService", rc);
     if (out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     *out = nullptr;
     ServiceListHolder list(static_cast<ZelTargetServiceList *>(std::calloc(1, sizeof(ZelTargetServiceList))));
@@ -154,7 +152,6 @@ ZelRC get_all_target_services(ZelSession *s, ZelTargetServiceList **out) {
 
 ZelRC get_target_service(ZelSession *s, const char *name, ZelTargetService **out) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_getTargetService", rc);
     if (out) *out = nullptr;
     if (name == nullptr || out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     ServiceHolder ts(static_cast<ZelTargetService *>(std::calloc(1, sizeof(ZelTargetService))));
@@ -202,8 +199,7 @@ extern "C" {
 
 ZelRC dissect_TS(ZelSession *s, LDAPMessage *entry, ZelTargetService *record) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "dissect_TS", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "dissect_TS", [&]() -> ZelRC {
         if (entry == nullptr || record == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         return rc = zel::walk_attributes(s->ld, entry, [record](const char *attr, char **strings,
                                                                 struct berval **) -> ZelRC {
@@ -229,8 +225,7 @@ ZelRC dissect_TS(ZelSession *s, LDAPMessage *entry, ZelTargetService *record) {
 ZelRC locate_ZEL_TS(ZelSession *s, const char *name, const char *type, LDAPMessage **result,
                     int32_t mode) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "locate_ZEL_TS", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "locate_ZEL_TS", [&]() -> ZelRC {
         if (result == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         *result = nullptr;
         bool v1 = mode == 1;
@@ -270,8 +265,7 @@ ZelRC locate_ZEL_TS(ZelSession *s, const char *name, const char *type, LDAPMessa
 
 ZelRC locate_ZEL_TST(ZelSession *s, const char *type, LDAPMessage **result) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "locate_ZEL_TST", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "locate_ZEL_TST", [&]() -> ZelRC {
         if (result == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         *result = nullptr;
         if (s->database_dn == nullptr) return rc = ZEL_RC_DATABASE_NOT_FOUND;
@@ -291,13 +285,11 @@ ZelRC locate_ZEL_TST(ZelSession *s, const char *type, LDAPMessage **result) {
 }
 
 ZEL_API ZelRC Zel_getAllTargetService(ZelSession *s, ZelTargetServiceList **out) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&] { return get_all_target_services(s, out); });
+    return zel::call(s, "Zel_getAllTargetService", [&] { return get_all_target_services(s, out); });
 }
 
 ZEL_API ZelRC Zel_getTargetService(ZelSession *s, const char *name, ZelTargetService **out) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&] { return get_target_service(s, name, out); });
+    return zel::call(s, "Zel_getTargetService", [&] { return get_target_service(s, name, out); });
 }
 
 ZEL_API void Zel_freeTargetService(ZelTargetService *ts) {

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "zel_internal.h"
 
 namespace {
@@ -136,7 +136,6 @@ ZelRC domain_mods(ZelSession *s, const ZelTargetService *ts, zel::ModList &mods)
 
 ZelRC add_target_service(ZelSession *s, const ZelTargetService *ts) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_addTargetService", rc);
     if (ts == nullptr || ts->name == nullptr || ts->type == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     bool v1 = zel::first_generation(s);
     if (v1 && (rc = check_identifier_pairs(ts)) != 0) return rc;
@@ -187,7 +186,6 @@ ZelRC check_type_record(const ZelTargetServiceType *t) {
 
 ZelRC add_target_service_type(ZelSession *s, const ZelTargetServiceType *t) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_addTargetServiceType", rc);
     if (t == nullptr || t->typeName == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     const char *done = "zelmgmt:Were able add Target Service Type successfully!";
     const char *failed = "zelmgmt:LDAP error when trying to add Target Service Type.";
@@ -239,7 +237,6 @@ ZelRC delete_entry(ZelSession *s, LDAPMessage *entry, ZelRC no_dn) {
 // service stay as they are.
 ZelRC remove_target_service(ZelSession *s, const char *name) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_removeTargetService", rc);
     if (name == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     bool v1 = zel::first_generation(s);
     if (v1 && (rc = zel::ensure_database_dn(s)) != 0) return rc;
@@ -260,7 +257,6 @@ ZelRC remove_target_service(ZelSession *s, const char *name) {
 
 ZelRC remove_target_service_type(ZelSession *s, const char *type_name) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_removeTargetServiceType", rc);
     if (type_name == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     if (zel::first_generation(s) && (rc = zel::ensure_database_dn(s)) != 0) return rc;
 
@@ -284,27 +280,23 @@ ZelRC remove_target_service_type(ZelSession *s, const char *type_name) {
 extern "C" {
 
 ZEL_API ZelRC Zel_addTargetService(ZelSession *s, const ZelTargetService *ts) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::audit::write(s, "Zel_addTargetService", {nullptr, ts ? ts->name : nullptr},
-                             [&] { return add_target_service(s, ts); });
+    return zel::write_call(s, "Zel_addTargetService", {nullptr, ts ? ts->name : nullptr},
+                           [&] { return add_target_service(s, ts); });
 }
 
 ZEL_API ZelRC Zel_addTargetServiceType(ZelSession *s, const ZelTargetServiceType *t) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::audit::write(s, "Zel_addTargetServiceType", {nullptr, t ? t->typeName : nullptr},
-                             [&] { return add_target_service_type(s, t); });
+    return zel::write_call(s, "Zel_addTargetServiceType", {nullptr, t ? t->typeName : nullptr},
+                           [&] { return add_target_service_type(s, t); });
 }
 
 ZEL_API ZelRC Zel_removeTargetService(ZelSession *s, const char *name) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::audit::write(s, "Zel_removeTargetService", {nullptr, name},
-                             [&] { return remove_target_service(s, name); });
+    return zel::write_call(s, "Zel_removeTargetService", {nullptr, name},
+                           [&] { return remove_target_service(s, name); });
 }
 
 ZEL_API ZelRC Zel_removeTargetServiceType(ZelSession *s, const char *typeName) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::audit::write(s, "Zel_removeTargetServiceType", {nullptr, typeName},
-                             [&] { return remove_target_service_type(s, typeName); });
+    return zel::write_call(s, "Zel_removeTargetServiceType", {nullptr, typeName},
+                           [&] { return remove_target_service_type(s, typeName); });
 }
 
 }  // extern "C"

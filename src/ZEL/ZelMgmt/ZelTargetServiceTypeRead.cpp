@@ -6,12 +6,12 @@
 #include <cstring>
 #include <string>
 
+#include "ZelEntry.h"
 #include "zel_internal.h"
 
 namespace {
 
-struct TypeListFree { void operator()(ZelTargetServiceTypeList *l) const { Zel_freeTargetServiceTypes(l); } };
-using TypeListHolder = std::unique_ptr<ZelTargetServiceTypeList, TypeListFree>;
+using TypeListHolder = zel::Owned<ZelTargetServiceTypeList, Zel_freeTargetServiceTypes>;
 
 void free_identifier_names(ZelTargetServiceType *t) {
     if (t->identifierNames) {
@@ -62,7 +62,6 @@ ZelRC list_types(ZelSession *s, zel::SearchPages &res) {
 
 ZelRC get_all_target_service_types(ZelSession *s, ZelTargetServiceTypeList **out) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_getAllTargetServiceType", rc);
     if (out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
     *out = nullptr;
     TypeListHolder list(static_cast<ZelTargetServiceTypeList *>(std::calloc(1, sizeof(ZelTargetServiceTypeList))));
@@ -96,8 +95,7 @@ ZelRC get_all_target_service_types(ZelSession *s, ZelTargetServiceTypeList **out
 extern "C" {
 
 ZEL_API ZelRC Zel_getAllTargetServiceType(ZelSession *s, ZelTargetServiceTypeList **out) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&] { return get_all_target_service_types(s, out); });
+    return zel::call(s, "Zel_getAllTargetServiceType", [&] { return get_all_target_service_types(s, out); });
 }
 
 ZEL_API void Zel_freeTargetServiceTypes(ZelTargetServiceTypeList *l) {

@@ -12,8 +12,6 @@ bool valid_handle(const ZelSession *s) {
     return s != nullptr && std::memcmp(s->tag, "ZEL", 4) == 0;
 }
 
-bool tracing(const ZelSession *s, int above) { return s != nullptr && s->debug_level > above; }
-
 void tracef(const ZelSession *s, int above, const char *fmt, ...) {
     if (!tracing(s, above)) return;
     va_list ap;
@@ -40,12 +38,9 @@ int read_debug_level() {
     return static_cast<int>(n);
 }
 
-RoutineTrace::RoutineTrace(const ZelSession *s, const char *name, const ZelRC &rc)
-    : s_(s), name_(name), rc_(rc) {
-    tracef(s_, kTraceFlow, "zelmgmt:%s:Entered...\n", name_);
-}
+void RoutineTrace::entered() const { tracef(s_, kTraceFlow, "zelmgmt:%s:Entered...\n", name_); }
 
-RoutineTrace::~RoutineTrace() {
+void RoutineTrace::exited() const {
     tracef(s_, kTraceFlow, "zelmgmt:%s:Exited...rc=%d\n", name_, static_cast<int>(rc_));
 }
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "ZelUserAccess.h"
 #include "zel_internal.h"
 
@@ -262,9 +262,7 @@ void report(ZelSession *s, ZelRC rc, const char *failed, const char *succeeded) 
 extern "C" {
 
 int check_entry_exists(ZelSession *s, const char *dn) {
-    ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "check_entry_exists", rc);
-    return static_cast<int>(rc = zel::guarded([&]() -> ZelRC {
+    return static_cast<int>(zel::routine(s, "check_entry_exists", [&]() -> ZelRC {
         zel::Message res;
         return static_cast<ZelRC>(zel::search(s, dn, LDAP_SCOPE_BASE, "(objectclass=*)", nullptr, 1, 2, res));
     }));
@@ -272,8 +270,7 @@ int check_entry_exists(ZelSession *s, const char *dn) {
 
 ZelRC form_UP_ePersonDN(ZelSession *s, const ZelUser *user, char **person_dn_out) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "form_UP_ePersonDN", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "form_UP_ePersonDN", [&]() -> ZelRC {
         if (person_dn_out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         *person_dn_out = nullptr;
         if (user == nullptr || (user->personDN == nullptr && user->userName == nullptr))
@@ -293,8 +290,7 @@ ZelRC form_UP_ePersonDN(ZelSession *s, const ZelUser *user, char **person_dn_out
 
 ZelRC create_update_ZelUser(ZelSession *s, const ZelUser *user, const char *person_dn, int32_t mode) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "create_update_ZelUser", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "create_update_ZelUser", [&]() -> ZelRC {
         ProfilePlan plan;
         if ((rc = plan_profile(s, user, person_dn, mode, plan)) != 0) return rc;
         const bool first_gen = zel::first_generation(s);
@@ -322,11 +318,8 @@ ZelRC create_update_ZelUser(ZelSession *s, const ZelUser *user, const char *pers
 }
 
 ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    zel::forget_users(s);
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_addZelUser", rc);
-    return rc = zel::audit::write(s, "Zel_addZelUser", {u ? u->userName : nullptr}, [&]() -> ZelRC {
+    return zel::user_write_call(s, "Zel_addZelUser", {u ? u->userName : nullptr}, [&]() -> ZelRC {
         if (u == nullptr || u->userType == nullptr || !zel::known_user_type(u->userType) ||
             u->userName == nullptr)
             return rc = ZEL_RC_INVALID_ARGUMENT;
@@ -353,11 +346,8 @@ ZelRC Zel_addZelUser(ZelSession *s, const ZelUser *u) {
 }
 
 ZelRC Zel_updateZelUser(ZelSession *s, const ZelUser *u) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    zel::forget_users(s);
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_updateZelUser", rc);
-    return rc = zel::audit::write(s, "Zel_updateZelUser", {u ? u->userName : nullptr}, [&]() -> ZelRC {
+    return zel::user_write_call(s, "Zel_updateZelUser", {u ? u->userName : nullptr}, [&]() -> ZelRC {
         if (u == nullptr || u->userName == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
 
         char *raw = nullptr;

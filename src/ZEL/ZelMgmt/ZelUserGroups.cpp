@@ -3,7 +3,7 @@
 #include <cstring>
 #include <string>
 
-#include "ZelAudit.h"
+#include "ZelEntry.h"
 #include "ZelUserAccess.h"
 #include "zel_internal.h"
 
@@ -72,8 +72,7 @@ extern "C" {
 
 ZelRC add_ZelUser_to_group(ZelSession *s, const char *person_dn, const char *user_type) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "add_ZelUser_to_group", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "add_ZelUser_to_group", [&]() -> ZelRC {
         if (!zel::first_generation(s)) return rc;  // security domain users have no access groups
         if (person_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         if ((rc = zel::ensure_database_dn(s)) != 0) return rc;
@@ -110,8 +109,7 @@ ZelRC add_ZelUser_to_group(ZelSession *s, const char *person_dn, const char *use
 
 ZelRC remove_ZelUser_from_group(ZelSession *s, const char *user_dn, const char *user_type) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "remove_ZelUser_from_group", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "remove_ZelUser_from_group", [&]() -> ZelRC {
         // Creation puts a user in its groups on every kind, so removal takes it out on every kind.
         if (s->database_dn == nullptr || user_dn == nullptr) return rc;
 
@@ -154,8 +152,7 @@ ZelRC remove_ZelUser_from_group(ZelSession *s, const char *user_dn, const char *
 
 ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result, int32_t mode) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "locate_ZelUser", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "locate_ZelUser", [&]() -> ZelRC {
         if (result) *result = nullptr;
         if (name_or_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         zel::CText dn = zel::zeroed_buffer(zel::kDnSize);
@@ -190,10 +187,8 @@ ZelRC locate_ZelUser(ZelSession *s, const char *name_or_dn, LDAPMessage **result
 }
 
 ZelRC Zel_verifyZelUser(ZelSession *s, const char *personDN, char **userDN_out) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_verifyZelUser", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::call(s, "Zel_verifyZelUser", [&]() -> ZelRC {
         if (userDN_out) *userDN_out = nullptr;
         if (personDN == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         // The buffer is the caller's from here on, whatever the answer.
@@ -211,11 +206,8 @@ ZelRC Zel_verifyZelUser(ZelSession *s, const char *personDN, char **userDN_out) 
 }
 
 ZelRC Zel_removeZelUser(ZelSession *s, const char *nameOrDN) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    zel::forget_users(s);
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_removeZelUser", rc);
-    return rc = zel::audit::write(s, "Zel_removeZelUser", {nameOrDN}, [&]() -> ZelRC {
+    return zel::user_write_call(s, "Zel_removeZelUser", {nameOrDN}, [&]() -> ZelRC {
         if (nameOrDN == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
 
         // First-generation profiles live in the Zel database, located lazily;

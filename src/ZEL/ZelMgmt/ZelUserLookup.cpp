@@ -2,6 +2,7 @@
 // resolved to.  The cache keeps only answers the directory gave (a user, an
 // inactive user, no Zel user), never a failure, and lets an entry live for
 // the session's TTL at most: another process's change shows after that.
+#include "ZelEntry.h"
 #include "ZelUserLookup.h"
 
 #include <chrono>
@@ -162,8 +163,7 @@ void forget_users(ZelSession *s) {
 extern "C" {
 
 ZEL_API ZelRC Zel_setSessionCacheTTL(ZelSession *s, uint32_t seconds) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
-    return zel::guarded([&] { return zel::set_cache_ttl(s, seconds); });
+    return zel::call(s, nullptr, [&] { return zel::set_cache_ttl(s, seconds); });
 }
 
 }  // extern "C"

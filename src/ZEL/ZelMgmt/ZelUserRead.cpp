@@ -7,14 +7,14 @@
 #include <utility>
 #include <vector>
 
+#include "ZelEntry.h"
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
 #include "zel_internal.h"
 
 namespace {
 
-struct UserFree { void operator()(ZelUser *u) const { Zel_freeZelUser(u); } };
-using UserHolder = std::unique_ptr<ZelUser, UserFree>;
+using UserHolder = zel::Owned<ZelUser, Zel_freeZelUser>;
 
 // The profile under the security domain: "principalName=<name>,cn=Users,<domain DN>".
 // An entry whose secAuthority lacks the domain's "<name>:" mark is no
@@ -125,10 +125,8 @@ ZelRC all_users(ZelSession *s, ZelUserList **out) {
 extern "C" {
 
 ZEL_API ZelRC Zel_getZelUser(ZelSession *s, const char *name, ZelUser **out) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_getZelUser", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::call(s, "Zel_getZelUser", [&]() -> ZelRC {
         if (out) *out = nullptr;
         if (out == nullptr || name == nullptr || *name == '\0') return rc = ZEL_RC_INVALID_ARGUMENT;
 
@@ -157,10 +155,8 @@ ZEL_API ZelRC Zel_getZelUser(ZelSession *s, const char *name, ZelUser **out) {
 }
 
 ZEL_API ZelRC Zel_getAllZelUser(ZelSession *s, ZelUserList **out) {
-    if (!zel::valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "Zel_getAllZelUser", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::call(s, "Zel_getAllZelUser", [&]() -> ZelRC {
         if (out == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
         *out = nullptr;
         return rc = all_users(s, out);

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "ZelEntry.h"
 #include "ZelProgress.h"
 #include "zel_internal.h"
 
@@ -140,8 +141,7 @@ void zel_mods_free(LDAPMod **mods) {
 
 ZelRC delete_tree(ZelSession *s, const char *dn) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "delete_tree", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "delete_tree", [&]() -> ZelRC {
         zel::CText filter = zel::zeroed_buffer(zel::kFilterSize);
         if (!filter) return rc = ZEL_RC_NO_MEMORY;
 
@@ -183,8 +183,7 @@ ZelRC delete_tree(ZelSession *s, const char *dn) {
 
 ZelRC internal_nds_member_add(ZelSession *s, const char *group_dn, const char *member_dn) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "internal_nds_member_add", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "internal_nds_member_add", [&]() -> ZelRC {
         return rc = nds_member_edit(s, group_dn, member_dn, LDAP_MOD_ADD);
     });
 }
@@ -193,8 +192,7 @@ ZelRC internal_nds_member_add(ZelSession *s, const char *group_dn, const char *m
 // only those of group_dn: a delete without values removes the attribute.
 ZelRC internal_nds_member_rem(ZelSession *s, const char *group_dn, const char *member_dn) {
     ZelRC rc = 0;
-    zel::RoutineTrace trace(s, "internal_nds_member_rem", rc);
-    return rc = zel::guarded([&]() -> ZelRC {
+    return zel::routine(s, "internal_nds_member_rem", [&]() -> ZelRC {
         (void)group_dn;
         return rc = nds_member_edit(s, nullptr, member_dn, LDAP_MOD_DELETE);
     });

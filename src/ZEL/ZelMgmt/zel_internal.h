@@ -75,6 +75,7 @@ struct ZelSession {
     int32_t paged_results;     // the root DSE lists the paged-results control
     int32_t caller_referrals;       // a caller's handle chased referrals before open turned it off
     ZelProgressHook progress;
+    int32_t guard_depth;       // guarded calls in progress (ZelEntry.h)
 };
 
 namespace zel {
@@ -98,7 +99,7 @@ constexpr const char *kMaskedPassword = "XXXXXXXX";
 bool valid_handle(const ZelSession *s);
 // The session changed a user (or may have): what it cached about users goes.
 void forget_users(ZelSession *s);
-bool tracing(const ZelSession *s, int above);
+inline bool tracing(const ZelSession *s, int above) { return s != nullptr && s->debug_level > above; }
 // Formatted trace; the format carries its own newline where it has one.
 void tracef(const ZelSession *s, int above, const char *fmt, ...) ZEL_PRINTF(3, 4);
 // Line trace: the text is printed followed by a newline.
@@ -117,14 +118,23 @@ void set_error_detail(const char *fmt, ...) ZEL_PRINTF(1, 2);
 
 // Prints the Entered line on construction and the Exited line, with the
 // status the routine returns, on destruction.  Declare the status first.
+// A null name prints nothing; so does a session that traces no flow.
 class RoutineTrace {
 public:
-    RoutineTrace(const ZelSession *s, const char *name, const ZelRC &rc);
-    ~RoutineTrace();
+    RoutineTrace(const ZelSession *s, const char *name, const ZelRC &rc)
+        : s_(tracing(s, kTraceFlow) && name ? s : nullptr), name_(name), rc_(rc) {
+        if (s_) entered();
+    }
+    ~RoutineTrace() {
+        if (s_) exited();
+    }
     RoutineTrace(const RoutineTrace &) = delete;
     RoutineTrace &operator=(const RoutineTrace &) = delete;
 
 private:
+    void entered() const;
+    void exited() const;
+
     const ZelSession *s_;
     const char *name_;
     const ZelRC &rc_;
@@ -149,6 +159,11 @@ struct ValuesFree { void operator()(char **v) const { if (v) ldap_value_free(v);
 struct BervalsFree { void operator()(struct berval **v) const { if (v) ldap_value_free_len(v); } };
 struct LdapMemFree { void operator()(void *p) const { if (p) ldap_memfree(p); } };
 struct CFree { void operator()(void *p) const { std::free(p); } };
+struct DnFree { void operator()(LDAPDN dn) const { if (dn) ldap_dnfree(dn); } };
+struct RdnFree { void operator()(LDAPRDN rdn) const { if (rdn) ldap_rdnfree(rdn); } };
+// What the public calls hand out, freed with the call that frees it.
+template <class T, void (*Free)(T *)>
+struct FreeWith { void operator()(T *p) const { Free(p); } };
 
 using Message = std::unique_ptr<LDAPMessage, MessageFree>;
 using Ber = std::unique_ptr<BerElement, BerFree>;
@@ -156,6 +171,10 @@ using Values = std::unique_ptr<char *, ValuesFree>;
 using Bervals = std::unique_ptr<struct berval *, BervalsFree>;
 using LdapText = std::unique_ptr<char, LdapMemFree>;
 using CText = std::unique_ptr<char, CFree>;
+using ParsedDn = std::unique_ptr<LDAPRDN, DnFree>;
+using ParsedRdn = std::unique_ptr<LDAPAVA *, RdnFree>;
+template <class T, void (*Free)(T *)>
+using Owned = std::unique_ptr<T, FreeWith<T, Free>>;
 
 // A zero-filled C buffer of n bytes, or null.
 inline CText zeroed_buffer(size_t n) { return CText(static_cast<char *>(std::calloc(1, n))); }
