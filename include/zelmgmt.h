@@ -280,7 +280,22 @@ ZEL_API ZelRC Zel_addLocationToDomain(ZelSession *s, const char *domain, const c
 ZEL_API ZelRC Zel_removeLocationFromDomain(ZelSession *s, const char *domain, const char *locType,
                                            const char *locName);
 
-/* Database provisioning. */
+/* Database provisioning.
+ *
+ * Zel_createDatabase with a null `admin` makes the first senior
+ * administrator "cn=Zel Sr Admin,<suffix>"; with a null `adminPassword` too,
+ * that person gets a well-known default password, kept for callers written
+ * against it (a warning is traced at level 1).  Name a password, or an
+ * existing person as `admin`: anyone who knows the default can sign on as
+ * the administrator.
+ *
+ * A person's password (Zel_create_ePerson, the first administrator) is
+ * never stored as given: where the server offers the Password Modify
+ * extended operation it is set through it once the entry exists, so the
+ * server hashes it under its own policy (the entry is removed again when
+ * that fails); elsewhere the entry is written with a salted {SSHA} hash.
+ * Active Directory takes it as the account's unicodePwd, over an encrypted
+ * connection only. */
 ZEL_API ZelRC Zel_createDatabase(ZelSession *s, const char *suffix, const char *admin,
                                  const char *adminUid, const char *adminPassword,
                                  unsigned char flags);

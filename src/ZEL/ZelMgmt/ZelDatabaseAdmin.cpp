@@ -9,6 +9,7 @@
 #include "platform/ad_account.h"
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
+#include "platform/person_password.h"
 
 namespace {
 
@@ -68,6 +69,15 @@ ZelRC add_person(ZelSession *s, const ZelPerson *p, const char *user_type) {
         ad_password = plat::ad_password_value(p->password);
         if (!ad_password) return ZEL_RC_INVALID_ARGUMENT;
     }
+    // Elsewhere the password is never stored as given: the server hashes it
+    // when it offers Password Modify (set once the person exists), else the
+    // entry carries a salted hash made here.
+    const bool server_hashes = !ad && p->password && plat::offers_password_modify(s->ld);
+    std::string salted;
+    if (!ad && p->password && !server_hashes) {
+        salted = plat::salted_password_value(p->password);
+        if (salted.empty()) return ZEL_RC_SYSTEM_ERROR;
+    }
     struct berval password_value{};
     struct berval *password_values[] = {&password_value, nullptr};
     if (ad_password) {
@@ -86,12 +96,20 @@ ZelRC add_person(ZelSession *s, const ZelPerson *p, const char *user_type) {
         (ad_password && ((rc = mods.add(LDAP_MOD_ADD | LDAP_MOD_BVALUES, "unicodePwd", 1,
                                         reinterpret_cast<char *const *>(password_values))) ||
                          (rc = mods.add(LDAP_MOD_ADD, "userAccountControl", {kAdEnabledAccount})))) ||
-        (!ad && p->password && (rc = mods.add(LDAP_MOD_ADD, "userPassword", {p->password}))))
+        (!salted.empty() && (rc = mods.add(LDAP_MOD_ADD, "userPassword", {salted.c_str()}))))
         return rc;
     // A person that exists already is taken as it is.
     int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);
     if (lrc != LDAP_SUCCESS && lrc != LDAP_ALREADY_EXISTS)
         return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
+    if (server_hashes && lrc == LDAP_SUCCESS) {
+        if ((lrc = plat::set_password(s->ld, dn.c_str(), p->password)) != LDAP_SUCCESS) {
+            // A person nobody can sign on as is taken away again.
+            rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_passwd_s()");
+            plat::ldap_delete_ext_s(s->ld, dn.c_str(), nullptr, nullptr);
+            return rc;
+        }
+    }
     if (user_type == nullptr) return 0;
 
     ZelUser user{};
@@ -140,6 +158,11 @@ ZelRC add_default_admin(ZelSession *s, const char *suffix, const char *uid, cons
     person.description = const_cast<char *>(kDefaultAdminDescription);
     person.uid = const_cast<char *>(uid ? uid : kDefaultAdmin);
     person.password = const_cast<char *>(password ? password : kDefaultAdminPassword);
+    // Kept for callers written against it; the words say so, never the password.
+    if (password == nullptr)
+        zel::trace_line(s, zel::kTraceFailures,
+                        "zelmgmt:Warning: the first administrator gets the well-known default password; "
+                        "name a password, or change it at once.");
     return Zel_create_ePerson(s, &person, nullptr);
 }
 
