@@ -41,7 +41,9 @@ const Command kCommands[] = {
      "     | import-csv FILE [--dry-run]    rows: user, resource or group, account, password[, description]\n"
      "     (add, update, remove, rekey: [--dry-run])\n"},
     {"key", run_key, "key generate FILE [--add] [--dry-run]   a new key file (mode 0600), or a new active key in FILE\n"},
-    {"audit", run_audit, "audit verify FILE    the first changed, removed or inserted line of a ZEL_AUDIT trail\n"},
+    {"audit", run_audit,
+     "audit verify FILE [--expect HEAD]   the first changed, removed or inserted line of a ZEL_AUDIT trail\n"
+     "audit head FILE                     the head to keep: <lines>:<seal of the last line>\n"},
     {"credential", run_credential,
      "credential get USER RESOURCE [--reveal]    the account a sign-on agent presents\n"
      "credential explain USER RESOURCE [--json]  which record answers, and why\n"},
