@@ -17,7 +17,7 @@ constexpr size_t kSha1Bytes = 20;
 
 }  // namespace
 
-bool offers_password_modify(LDAP *ld) {
+bool offers_password_modify(LDAP *const &ld) {
     char attr[] = "supportedExtension";
     char *attrs[] = {attr, nullptr};
     struct timeval tv = {30, 0};

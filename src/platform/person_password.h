@@ -13,8 +13,10 @@ namespace zel::platform {
 
 // Whether the server's root entry lists the Password Modify extended
 // operation: the server then hashes a password it is given under its own
-// policy.  False when the root entry cannot be read.
-bool offers_password_modify(LDAP *ld);
+// policy.  False when the root entry cannot be read.  `ld` is the session's
+// own handle, read again after the search: a lost connection's recovery
+// replaces it.
+bool offers_password_modify(LDAP *const &ld);
 
 // Sets the password of the entry `dn` through that operation; an LDAP
 // result code.

@@ -116,6 +116,20 @@ TEST_F(OrvDatabase, PersonsAndTheirZelProfiles) {
     EXPECT_EQ(values(group("Users"), "member"), (std::vector<std::string>{kDb, "cn=Jo\\2C Jr.,o=acme"}));
 }
 
+// Where the server offers no Password Modify (here: its root entry cannot be
+// read) the library writes a salted hash the server still signs the person on with.
+TEST_F(DatabaseTest, PersonPasswordIsASaltedHashWithoutPasswordModify) {
+    std::string pw = "pw-ed";
+    ZelPerson ed{const_cast<char *>("o=acme"), const_cast<char *>("Ed"), const_cast<char *>("Ed"), nullptr,
+                 nullptr, pw.data()};
+    fault::reset();
+    fault::fail_call(Fn::Search, 1, LDAP_OTHER);
+    ASSERT_EQ(Zel_create_ePerson(s.get(), &ed, nullptr), 0u);
+    const std::string stored = dir->entry("cn=Ed,o=acme").first("userPassword");
+    EXPECT_EQ(stored.rfind("{SSHA}", 0), 0u) << stored;
+    EXPECT_EQ(run_command({"ldapwhoami", "-x", "-H", dir->uri(), "-D", "cn=Ed,o=acme", "-w", pw}).status, 0);
+}
+
 TEST_F(DatabaseTest, ZelctlCreatesAndRemovesTheDatabase) {
     const std::string path = key_file("pw-jo\n");  // any file of the caller's alone
     CommandResult r = zelctl(
