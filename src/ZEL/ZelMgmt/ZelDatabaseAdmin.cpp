@@ -43,6 +43,24 @@ ZelRC check_profile_fits(ZelSession *s, const char *user_name, const std::string
                : ZEL_RC_INVALID_ARGUMENT;
 }
 
+// The password of a person just added, given to a server that hashes it;
+// when that fails the person, whom nobody could sign on as, is taken away.
+ZelRC set_new_person_password(ZelSession *s, const std::string &dn, const char *password) {
+    int lrc = plat::set_password(s->ld, dn.c_str(), password);
+    ZelRC rc = 0;
+    // A Netscape-kind server takes the operation only over an encrypted
+    // connection, but hashes a userPassword written in clear itself.
+    if (lrc == LDAP_CONFIDENTIALITY_REQUIRED && s->dir_kind == ZEL_DIR_NETSCAPE) {
+        zel::ModList change(2);
+        rc = change.ok() ? change.add(LDAP_MOD_REPLACE, "userPassword", {password}) : ZEL_RC_NO_MEMORY;
+        if (rc == 0) lrc = plat::ldap_modify_ext_s(s->ld, dn.c_str(), change.get(), nullptr, nullptr);
+    }
+    if (rc == 0 && lrc == LDAP_SUCCESS) return 0;
+    if (rc == 0) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_passwd_s()");
+    plat::ldap_delete_ext_s(s->ld, dn.c_str(), nullptr, nullptr);
+    return rc;
+}
+
 ZelRC add_person(ZelSession *s, const ZelPerson *p, const char *user_type) {
     if (p == nullptr || p->parentDN == nullptr || p->cn == nullptr || p->sn == nullptr)
         return ZEL_RC_INVALID_ARGUMENT;
@@ -102,14 +120,7 @@ ZelRC add_person(ZelSession *s, const ZelPerson *p, const char *user_type) {
     int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);
     if (lrc != LDAP_SUCCESS && lrc != LDAP_ALREADY_EXISTS)
         return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
-    if (server_hashes && lrc == LDAP_SUCCESS) {
-        if ((lrc = plat::set_password(s->ld, dn.c_str(), p->password)) != LDAP_SUCCESS) {
-            // A person nobody can sign on as is taken away again.
-            rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_passwd_s()");
-            plat::ldap_delete_ext_s(s->ld, dn.c_str(), nullptr, nullptr);
-            return rc;
-        }
-    }
+    if (server_hashes && lrc == LDAP_SUCCESS && (rc = set_new_person_password(s, dn, p->password)) != 0) return rc;
     if (user_type == nullptr) return 0;
 
     ZelUser user{};
