@@ -19,6 +19,7 @@
 #include "platform/key_file.h"
 #include "record/record_fixture.h"
 #include "support/env.h"
+#include "support/key_files.h"
 
 using namespace recordtest;
 namespace plat = zel::platform;
@@ -276,6 +277,44 @@ TEST(AuditChain, TheTrailFileIsOpenedSafely) {
     EXPECT_EQ(verify(trail).status, 0) << "only whole lines stay";
 }
 
+// A session seals under ZEL_AUDIT_KEY and sends the head out every
+// ZEL_AUDIT_CHECKPOINT lines and when it closes; a key file it cannot use
+// stops every audited call.
+TEST_F(AuditTest, ASessionSealsUnderTheTrailKeyAndChecksPointsTheHead) {
+    const std::string key = folder.dir + "/trail.key";
+    ASSERT_EQ(Zel_generateKeyFile(key.c_str(), 0, nullptr), 0u);
+    open_with_jo(2);
+    ZelTargetRecord direct = record("T:app", "app", "jo.app", "Direct-Pw-41");
+    ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &direct), 0u);
+    {
+        ScopedEnv on("ZEL_AUDIT", trail.c_str()), keyed("ZEL_AUDIT_KEY", key.c_str()),
+            every("ZEL_AUDIT_CHECKPOINT", "2");
+        Session audited = open_session(*dir, 2);
+        ASSERT_TRUE(audited);
+        audited.get()->debug_level = 10;  // progress: the checkpoints
+        testing::internal::CaptureStdout();
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(credential(audited.get(), "jo", "app"), "jo.app/Direct-Pw-41");
+        audited.reset();
+        const std::string traced = testing::internal::GetCapturedStdout();
+        CommandResult head = run_command({ZELCTL_PATH, "audit", "head", trail});
+        ASSERT_EQ(head.status, 0) << head.err;
+        EXPECT_EQ(head.out.rfind("3:", 0), 0u);
+        EXPECT_NE(traced.find("Audit checkpoint: head 2:"), std::string::npos) << traced;
+        EXPECT_NE(traced.find("Audit checkpoint: head " + head.out), std::string::npos) << "at close\n" << traced;
+    }
+    EXPECT_NE(slurp(trail).find(",\"mac\":\""), std::string::npos);
+    EXPECT_EQ(verify(trail).status, 1) << "a keyed trail cannot be checked without the key";
+
+    const std::string loose = key_file(slurp(key), 0644);
+    ScopedEnv on("ZEL_AUDIT", trail.c_str()), keyed("ZEL_AUDIT_KEY", loose.c_str());
+    Session refused = open_session(*dir, 2);
+    ASSERT_TRUE(refused);
+    ZelCredentialRequest req{nullptr, nullptr, const_cast<char *>("app")};
+    ZelCredential c{};
+    EXPECT_EQ(Zel_getCredential(refused.get(), "jo", &req, &c), ZEL_RC_SYSTEM_ERROR);
+    EXPECT_EQ(c.password, nullptr);
+}
+
 // Fail closed: a trail that cannot be opened, a full disk, or a trail whose
 // last line is not one of ours stops every read and every write.
 TEST_F(AuditTest, AnUnwritableTrailRefusesReadsAndWrites) {
@@ -289,15 +328,25 @@ TEST_F(AuditTest, AnUnwritableTrailRefusesReadsAndWrites) {
     write_lines(shared, {});
     ASSERT_EQ(chmod(shared.c_str(), 0666), 0);
     ASSERT_EQ(symlink(garbled.c_str(), link.c_str()), 0);
-    for (const std::string &path : {std::string("/nonexistent/trail"), std::string("/dev/full"), garbled, shared, link}) {
+    const std::pair<std::string, const char *> trails[] = {
+        {"/nonexistent/trail", "No such file"}, {"/dev/full", "it is not a regular file"},
+        {garbled, "its last line is not a trail line"}, {shared, "group or others may write it"},
+        {link, "it is a symbolic link"}};
+    for (const auto &[path, why] : trails) {
         ScopedEnv on("ZEL_AUDIT", path.c_str());
         Session audited = open_session(*dir, 2);
         ASSERT_TRUE(audited);
+        audited.get()->debug_level = 2;  // failures traced
         fault::reset();
 
         ZelCredentialRequest req{nullptr, nullptr, const_cast<char *>("app")};
         ZelCredential c{reinterpret_cast<char *>(1), reinterpret_cast<char *>(1)};
+        testing::internal::CaptureStdout();
         EXPECT_EQ(Zel_getCredential(audited.get(), "jo", &req, &c), ZEL_RC_SYSTEM_ERROR) << path;
+        EXPECT_NE(testing::internal::GetCapturedStdout().find(std::string("Audit trail not written: ") + why),
+                  std::string::npos)
+            << path;
+        audited.get()->debug_level = 0;
         EXPECT_EQ(c.userId, nullptr);
         EXPECT_EQ(c.password, nullptr);
         ZelTargetRecord *one = reinterpret_cast<ZelTargetRecord *>(1);
