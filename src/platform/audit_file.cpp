@@ -148,7 +148,8 @@ int append_audit_line(const char *path, std::string_view fields, const AuditKey 
     struct stat st {};
     if (::fstat(fd.get(), &st) != 0) return errno;
     if (!S_ISREG(st.st_mode)) return ENOTSUP;
-    if (st.st_mode & (S_IWGRP | S_IWOTH)) return EPERM;
+    // Whoever owns the file may change its mode and rewrite it.
+    if ((st.st_mode & (S_IWGRP | S_IWOTH)) || (st.st_uid != ::geteuid() && st.st_uid != 0)) return EPERM;
     while (::flock(fd.get(), LOCK_EX) != 0)
         if (errno != EINTR) return errno;
     if (::fstat(fd.get(), &st) != 0) return errno;

@@ -13,8 +13,9 @@ namespace zel::platform {
 // gets the new line's link.  The file is made with mode 0600 if missing.
 //
 // Answers 0, or the errno of the step that failed: ELOOP the path is a
-// symbolic link, EPERM the file may be written by group or others (whoever
-// can write it can rewrite the trail), ENOTSUP it is no regular file,
+// symbolic link, EPERM the file may be written by group or others or belongs
+// to another user than the caller or root (whoever can write it can rewrite
+// the trail), ENOTSUP it is no regular file,
 // EBADMSG the last whole line is not a sealed line, EFBIG the file size
 // limit was reached (the signal that limit raises is held back, never fatal
 // to the caller).  A line that could be written only in part is cut off

@@ -121,6 +121,9 @@ SecurityFinding trail_check() {
         if (st.st_mode & (S_IWGRP | S_IWOTH))
             return {check, kDanger, "group or others may write the trail file, so they may rewrite it",
                     "chmod go-w the file (the library refuses it until then)"};
+        if (st.st_uid != geteuid() && st.st_uid != 0)
+            return {check, kDanger, "another user owns the trail file, so it may rewrite it",
+                    "give the file to the user that writes it (the library refuses it until then)"};
     }
     const char *key = std::getenv("ZEL_AUDIT_KEY");
     if (key == nullptr || *key == '\0')

@@ -154,7 +154,7 @@ ZelRC emit(const ZelSession *s, ZelAuditTrail &trail, const std::string &fields)
                                               &written)) {
         const char *why = err == EBADMSG ? "its last line is not a trail line"
                           : err == ELOOP ? "it is a symbolic link"
-                          : err == EPERM ? "group or others may write it"
+                          : err == EPERM ? "group or others may write it, or another user owns it"
                           : err == ENOTSUP ? "it is not a regular file"
                           : err == EFBIG ? "the file size limit is reached"
                                          : std::strerror(err);
