@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <string>
 
@@ -180,6 +182,16 @@ int append_audit_line(const char *path, std::string_view fields, const AuditKey 
     }
     if (written) *written = next;
     return 0;
+}
+
+KeyFileState read_configured_audit_key(AuditKey &key) {
+    const char *path = std::getenv("ZEL_AUDIT_KEY");
+    if (path == nullptr || *path == '\0') return KeyFileState::absent;
+    KeyRing ring;
+    if (read_key_file(path, ring) != KeyFileState::usable || ring.active() == nullptr) return KeyFileState::refused;
+    static_assert(sizeof key.bytes == kOperatorKeyBytes, "a trail key is an operator key");
+    std::memcpy(key.bytes, ring.active()->key, sizeof key.bytes);
+    return KeyFileState::usable;
 }
 
 }  // namespace zel::platform

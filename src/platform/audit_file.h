@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "platform/audit_chain.h"
+#include "platform/key_file.h"
 
 namespace zel::platform {
 
@@ -23,5 +24,10 @@ namespace zel::platform {
 // writer died half way) is ended and sealed over by a repair line first.
 int append_audit_line(const char *path, std::string_view fields, const AuditKey *key = nullptr,
                       AuditLink *written = nullptr);
+
+// The trail key: the active key of the key file ZEL_AUDIT_KEY names.  absent
+// when the variable is unset or empty, refused when the file cannot be used
+// (read_key_file's checks); `key` is set only when usable.
+KeyFileState read_configured_audit_key(AuditKey &key);
 
 }  // namespace zel::platform

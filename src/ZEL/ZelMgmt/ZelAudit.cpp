@@ -16,7 +16,6 @@
 #include "ZelTargetRecord.h"
 #include "platform/audit_chain.h"
 #include "platform/audit_file.h"
-#include "platform/key_file.h"
 
 struct ZelAuditTrail {
     ~ZelAuditTrail() { sodium_memzero(&key, sizeof key); }
@@ -186,14 +185,12 @@ ZelRC attach(ZelSession *s, const char *bind_dn) {
         trail->checkpoint_every = kCheckpointEvery;
         if (const char *every = std::getenv("ZEL_AUDIT_CHECKPOINT"); every && *every)
             trail->checkpoint_every = std::strtoull(every, nullptr, 10);
-        if (const char *key_file = std::getenv("ZEL_AUDIT_KEY"); key_file && *key_file) {
-            platform::KeyRing ring;
-            if (platform::read_key_file(key_file, ring) != platform::KeyFileState::usable || !ring.active())
-                trail->key_problem = "the trail key file ZEL_AUDIT_KEY names cannot be used";
-            else {
-                std::memcpy(trail->key.bytes, ring.active()->key, sizeof trail->key.bytes);
-                trail->keyed = true;
-            }
+        switch (platform::read_configured_audit_key(trail->key)) {
+        case platform::KeyFileState::absent: break;
+        case platform::KeyFileState::usable: trail->keyed = true; break;
+        case platform::KeyFileState::refused:
+            trail->key_problem = "the trail key file ZEL_AUDIT_KEY names cannot be used";
+            break;
         }
     }
     s->audit = trail.release();

@@ -9,6 +9,7 @@
 
 #include "zel_internal.h"
 #include "platform/audit_chain.h"
+#include "platform/audit_file.h"
 #include "platform/key_file.h"
 
 namespace {
@@ -51,14 +52,9 @@ ZEL_API ZelRC Zel_verifyAuditTrail(const char *path, const char *expectHead, Zel
         *out = nullptr;
         if (path == nullptr) return ZEL_RC_INVALID_ARGUMENT;
         plat::AuditKey key{};
-        bool keyed = false;
-        if (const char *key_file = std::getenv("ZEL_AUDIT_KEY"); key_file && *key_file) {
-            plat::KeyRing ring;
-            if (plat::read_key_file(key_file, ring) != plat::KeyFileState::usable || !ring.active())
-                return ZEL_RC_SYSTEM_ERROR;
-            std::memcpy(key.bytes, ring.active()->key, sizeof key.bytes);
-            keyed = true;
-        }
+        const plat::KeyFileState state = plat::read_configured_audit_key(key);
+        if (state == plat::KeyFileState::refused) return ZEL_RC_SYSTEM_ERROR;
+        const bool keyed = state == plat::KeyFileState::usable;
         std::unique_ptr<std::FILE, FileClose> f(std::fopen(path, "re"));
         plat::AuditCheck check;
         if (f) check = plat::check_audit_trail(f.get(), keyed ? &key : nullptr, expectHead);
