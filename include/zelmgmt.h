@@ -289,12 +289,63 @@ ZEL_API ZelRC Zel_addLocationToDomain(ZelSession *s, const char *domain, const c
 ZEL_API ZelRC Zel_removeLocationFromDomain(ZelSession *s, const char *domain, const char *locType,
                                            const char *locName);
 
-/* Database provisioning. */
+/* Database provisioning.
+ *
+ * Zel_createDatabase with a null `admin` makes the first senior
+ * administrator "cn=Zel Sr Admin,<suffix>"; with a null `adminPassword` too,
+ * that person gets a well-known default password, kept for callers written
+ * against it (a warning is traced at level 1).  Name a password, or an
+ * existing person as `admin`: anyone who knows the default can sign on as
+ * the administrator.
+ *
+ * A person's password (Zel_create_ePerson, the first administrator) is
+ * never stored as given: where the server offers the Password Modify
+ * extended operation it is set through it once the entry exists, so the
+ * server hashes it under its own policy (the entry is removed again when
+ * that fails); elsewhere the entry is written with a salted {SSHA} hash.
+ * Active Directory takes it as the account's unicodePwd, over an encrypted
+ * connection only. */
 ZEL_API ZelRC Zel_createDatabase(ZelSession *s, const char *suffix, const char *admin,
                                  const char *adminUid, const char *adminPassword,
                                  unsigned char flags);
 ZEL_API ZelRC Zel_create_ePerson(ZelSession *s, const ZelPerson *p, const char *userType);
 ZEL_API ZelRC Zel_removeDatabase(ZelSession *s);
+
+/* Key files and the audit trail, for tools: neither call needs a session.
+ *
+ * Zel_generateKeyFile writes a new key file at `path` (mode 0600, one fresh
+ * random key, active) in the format ZEL_KEYFILE and ZEL_AUDIT_KEY read.  An
+ * existing file is never overwritten; with ZEL_KEYFILE_ADD a new active key
+ * is added to the usable key file there instead (its other keys kept, the
+ * file replaced at once).  ZEL_KEYFILE_CHECK writes nothing and only answers
+ * whether ZEL_KEYFILE_ADD would find a usable file.  The new key's id goes to
+ * *keyIdOut when it is not null (release with Zel_memfree); key bytes never
+ * leave the library.  1005 for a null or empty path or unknown flags, 1000
+ * when the file cannot be read or written as asked, 1012.
+ *
+ * Zel_verifyAuditTrail walks the chain of a ZEL_AUDIT trail file under the
+ * trail key of ZEL_AUDIT_KEY (every line must be sealed under it; without
+ * it, lines sealed under a key cannot be checked).  With `expectHead` (a
+ * head as `head` gives it, "<line>:<seal>", kept from an earlier check or a
+ * syslog checkpoint) the trail must still hold that line with that seal, so
+ * that a cut end or an emptied file shows.  0 with a check handed out
+ * whenever the file was read, intact or not; 1005 for a null path or out or
+ * an expected head of the wrong shape, 1000 when the file or the key file
+ * cannot be read, 1012. */
+#define ZEL_KEYFILE_ADD   1u
+#define ZEL_KEYFILE_CHECK 2u
+typedef struct ZelAuditCheck {
+    int32_t intact;        /* 1 when every line checks out and the expected head is there */
+    uint64_t lines;        /* lines read */
+    uint64_t faultLine;    /* the first line that does not check out; 0 when intact */
+    char *fault;           /* what is wrong there, one phrase; null when intact */
+    uint64_t tornLine;     /* the first line torn by an interrupted write and sealed over
+                              by the next writer (not intact then); 0 when none */
+    char *head;            /* "<line>:<seal>" of the last line that checks out; "0:" for none */
+} ZelAuditCheck;
+ZEL_API ZelRC Zel_generateKeyFile(const char *path, uint32_t flags, char **keyIdOut);
+ZEL_API ZelRC Zel_verifyAuditTrail(const char *path, const char *expectHead, ZelAuditCheck **out);
+ZEL_API void Zel_freeAuditCheck(ZelAuditCheck *c);
 
 /* Additions of ours: what a session learnt, and one Zel user read back.
  * Both hand out records the caller releases with the matching free call

@@ -35,8 +35,11 @@ bad=$(nm -D --defined-only "$so" | awk '{print $3}' | grep -v -E '^(Zel_|_init$|
 if nm -D --defined-only "$so" | awk '{print $3}' | grep -E '^_Z|zstricmp|util_encode|ku_mbs' ; then
   fail "platform or C++ symbols are exported"
 fi
-nm -D --defined-only "$so" | grep -q ' Zel_open$' || fail "Zel_open is not exported"
-nm -D --defined-only "$so" | grep -q ' check_LDAP_rc$' || fail "check_LDAP_rc is not exported"
+# Read once: grep -q leaving a pipe early would fail nm under pipefail.
+exported=$(nm -D --defined-only "$so")
+for name in Zel_open check_LDAP_rc Zel_generateKeyFile Zel_verifyAuditTrail Zel_freeAuditCheck; do
+  grep -q " $name\$" <<<"$exported" || fail "$name is not exported"
+done
 
 export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
 out="$prefix/c_program"

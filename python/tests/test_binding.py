@@ -130,3 +130,19 @@ def test_one_profile_per_person_and_a_released_user_taken_back(session):
     with pytest.raises(zelmgmt.Error) as e:
         session.add_target_record("nobody", zelmgmt.TargetRecord("T:x", "x", account="a", password="never-shown"))
     assert "never-shown" not in str(e.value) and "never-shown" not in e.value.detail
+
+
+def test_a_key_file_and_a_keyed_trail(tmp_path, monkeypatch):
+    key = tmp_path / "trail.key"
+    key_id = zelmgmt.generate_key_file(str(key))
+    assert key_id and oct(key.stat().st_mode & 0o777) == "0o600"
+    assert key_id.encode() in key.read_bytes()
+    with pytest.raises(zelmgmt.Error) as e:
+        zelmgmt.generate_key_file(str(key))
+    assert e.value.status == 1000, "an existing key file is never overwritten"
+    monkeypatch.setenv("ZEL_AUDIT_KEY", str(key))
+    trail = tmp_path / "trail"
+    trail.write_text("")
+    check = zelmgmt.verify_audit_trail(str(trail))
+    assert check.intact and check.lines == 0 and check.head == "0:"
+    assert not zelmgmt.verify_audit_trail(str(trail), "3:" + "0" * 64).intact

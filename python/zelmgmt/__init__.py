@@ -79,6 +79,39 @@ def _s(raw: Optional[bytes]) -> Optional[str]:
     return None if raw is None else raw.decode("utf-8", "replace")
 
 
+def generate_key_file(path: str, add: bool = False) -> str:
+    """Writes a new key file (mode 0600), or with add a new active key into the
+    one at path; the new key's id.  Key bytes never leave the library."""
+    out = ctypes.c_void_p()
+    _check(_lib.Zel_generateKeyFile(_b(path), 1 if add else 0, ctypes.byref(out)), f"cannot write the key file {path}")
+    try:
+        return _s(ctypes.cast(out, ctypes.c_char_p).value)
+    finally:
+        _lib.Zel_memfree(out)
+
+
+@dataclass
+class AuditCheck:
+    intact: bool
+    lines: int
+    fault_line: int
+    fault: Optional[str]
+    torn_line: int
+    head: str
+
+
+def verify_audit_trail(path: str, expect_head: Optional[str] = None) -> AuditCheck:
+    """Checks a ZEL_AUDIT trail's chain (under ZEL_AUDIT_KEY when set) and, with
+    expect_head, that it still holds that head."""
+    out = ctypes.POINTER(_c.AuditCheck)()
+    _check(_lib.Zel_verifyAuditTrail(_b(path), _b(expect_head), ctypes.byref(out)), f"cannot check {path}")
+    try:
+        c = out.contents
+        return AuditCheck(bool(c.intact), c.lines, c.faultLine, _s(c.fault), c.tornLine, _s(c.head))
+    finally:
+        _lib.Zel_freeAuditCheck(out)
+
+
 @dataclass
 class TargetService:
     name: str

@@ -94,6 +94,11 @@ class RekeyReport(ctypes.Structure):
                 ("failedCount", c_int32), ("failed", P(c_char_p))]
 
 
+class AuditCheck(ctypes.Structure):
+    _fields_ = [("intact", c_int32), ("lines", ctypes.c_uint64), ("faultLine", ctypes.c_uint64),
+                ("fault", c_char_p), ("tornLine", ctypes.c_uint64), ("head", c_char_p)]
+
+
 _OPEN = [c_void_p, c_char_p, c_char_p, c_char_p, ctypes.c_uint16, c_int32, c_char_p, c_char_p, c_char_p]
 _S = c_void_p  # ZelSession *
 ProgressFn = ctypes.CFUNCTYPE(None, c_void_p, ctypes.c_int64, ctypes.c_int64)
@@ -153,6 +158,9 @@ _PROTOTYPES = {
     "Zel_createDatabase": (c_uint32, [_S, c_char_p, c_char_p, c_char_p, c_char_p, ctypes.c_ubyte]),
     "Zel_create_ePerson": (c_uint32, [_S, P(Person), c_char_p]),
     "Zel_removeDatabase": (c_uint32, [_S]),
+    "Zel_generateKeyFile": (c_uint32, [c_char_p, c_uint32, P(c_void_p)]),
+    "Zel_verifyAuditTrail": (c_uint32, [c_char_p, c_char_p, P(P(AuditCheck))]),
+    "Zel_freeAuditCheck": (None, [P(AuditCheck)]),
 }
 
 

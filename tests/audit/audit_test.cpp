@@ -2,18 +2,24 @@
 // `zelctl audit verify` names the first broken line, that a trail which
 // cannot be written stops reads and writes, and that processes appending at
 // once keep one chain.
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <sstream>
 
 #include "platform/audit_chain.h"
 #include "platform/audit_file.h"
+#include "platform/key_file.h"
 #include "record/record_fixture.h"
 #include "support/env.h"
+#include "support/key_files.h"
 
 using namespace recordtest;
 namespace plat = zel::platform;
@@ -150,12 +156,163 @@ TEST_F(AuditTest, VerifyNamesTheFirstBrokenLine) {
         EXPECT_EQ(v.status, 1) << c.what;
         EXPECT_EQ(v.err, "zelctl: audit verify: " + trail + ": " + c.error + "\n") << c.what;
     }
-    // A torn last line (no newline) is no line the chain carries on from.
+    // A torn last line (no newline) is no line the chain carries on from,
+    // until the next writer seals over it: then the damage is reported, and
+    // the lines after it still check.
     write_lines(trail, intact);
     std::ofstream(trail, std::ios::app) << "{\"seq\":7";
     EXPECT_EQ(verify(trail).err, "zelctl: audit verify: " + trail + ": line 7 changed\n");
-    EXPECT_EQ(plat::append_audit_line(trail.c_str(), "\"op\":\"more\""), EBADMSG);
+    EXPECT_EQ(plat::append_audit_line(trail.c_str(), "\"op\":\"more\""), 0);
+    EXPECT_EQ(plat::append_audit_line(trail.c_str(), "\"op\":\"more\""), 0);
+    CommandResult v = verify(trail);
+    EXPECT_EQ(v.status, 1);
+    EXPECT_EQ(v.err, "zelctl: audit verify: " + trail + ": line 7 torn by an interrupted write (sealed over by the next writer)\n");
+    std::vector<std::string> repaired = read_lines(trail);
+    ASSERT_EQ(repaired.size(), 10u);
+    EXPECT_EQ(field(repaired[7], "torn"), "8");
+    repaired[9].replace(repaired[9].find("more"), 4, "less");
+    write_lines(trail, repaired);
+    EXPECT_EQ(verify(trail).err, "zelctl: audit verify: " + trail + ": line 10 changed\n");
     EXPECT_EQ(verify(trail + ".missing").status, 1);
+}
+
+// Under a trail key a forger without it can neither re-seal an edit nor add a
+// line; a cut end or an emptied file shows against a head kept elsewhere.
+TEST(AuditChain, AKeyedTrailCannotBeResealedOrCutUnseen) {
+    TrailFolder folder;
+    const std::string &trail = folder.trail, key = folder.dir + "/trail.key";
+    ASSERT_EQ(run_command({ZELCTL_PATH, "key", "generate", key}).status, 0);
+    ScopedEnv keyed("ZEL_AUDIT_KEY", key.c_str());
+    plat::KeyRing ring;
+    ASSERT_EQ(plat::read_key_file(key.c_str(), ring), plat::KeyFileState::usable);
+    plat::AuditKey k{};
+    std::memcpy(k.bytes, ring.active()->key, sizeof k.bytes);
+    for (int i = 0; i < 5; ++i)
+        ASSERT_EQ(plat::append_audit_line(trail.c_str(), "\"op\":\"line " + std::to_string(i + 1) + "\"", &k), 0);
+    const std::vector<std::string> intact = read_lines(trail);
+    CommandResult head = run_command({ZELCTL_PATH, "audit", "head", trail});
+    ASSERT_EQ(head.status, 0) << head.err;
+    const std::string kept = head.out.substr(0, head.out.size() - 1);
+    EXPECT_EQ(kept.rfind("5:", 0), 0u) << kept;
+    EXPECT_EQ(run_command({ZELCTL_PATH, "audit", "verify", trail, "--expect", kept}).status, 0);
+
+    // Re-sealing from line 3 on without the key, as anyone could before.
+    auto reseal = [&](std::vector<std::string> lines, size_t from, const plat::AuditKey *with) {
+        plat::AuditLink link;
+        ASSERT_TRUE(from == 0 || plat::read_audit_link(lines[from - 1], link));
+        for (size_t i = from; i < lines.size(); ++i) {
+            std::string fields = lines[i].substr(lines[i].find(',') + 1);
+            fields.erase(fields.rfind(",\""));
+            plat::AuditLink next;
+            lines[i] = plat::seal_audit_line(link, fields, next, with);
+            lines[i].pop_back();
+            link = next;
+        }
+        write_lines(trail, lines);
+    };
+    std::vector<std::string> edited = intact;
+    edited[2].replace(edited[2].find("line 3"), 6, "line 9");
+    const plat::AuditKey other{{7}};
+    struct Case {
+        const char *what;
+        std::function<void()> forge;
+        const char *expect;  // --expect, or null
+        const char *error;   // after "<file>: "
+    } cases[] = {
+        {"an edit re-sealed unkeyed", [&] { reseal(edited, 2, nullptr); }, nullptr,
+         "line 3 not sealed under the trail key"},
+        {"an edit re-sealed under another key", [&] { reseal(edited, 2, &other); }, nullptr, "line 3 changed"},
+        {"a whole unkeyed trail", [&] { reseal(intact, 0, nullptr); }, nullptr,
+         "line 1 not sealed under the trail key"},
+        {"a forged line appended", [&] { write_lines(trail, intact); plat::append_audit_line(trail.c_str(), "\"op\":\"x\""); },
+         nullptr, "line 6 not sealed under the trail key"},
+        {"the end cut", [&] { write_lines(trail, {intact[0], intact[1]}); }, kept.c_str(),
+         "line 3 missing: the trail ends before the expected head"},
+        {"emptied", [&] { write_lines(trail, {}); }, kept.c_str(),
+         "line 1 missing: the trail ends before the expected head"},
+        {"another trail", [&] { reseal(edited, 2, &k); }, kept.c_str(), "line 5 is not the expected head"},
+    };
+    for (const Case &c : cases) {
+        c.forge();
+        std::vector<std::string> args = {ZELCTL_PATH, "audit", "verify", trail};
+        if (c.expect) args.insert(args.end(), {"--expect", c.expect});
+        CommandResult v = run_command(args);
+        EXPECT_EQ(v.status, 1) << c.what;
+        EXPECT_EQ(v.err, "zelctl: audit verify: " + trail + ": " + c.error + "\n") << c.what;
+    }
+    // Without the key nothing keyed is taken as checked.
+    write_lines(trail, intact);
+    ScopedEnv unkeyed("ZEL_AUDIT_KEY", nullptr);
+    EXPECT_EQ(verify(trail).err, "zelctl: audit verify: " + trail +
+                                     ": line 1 sealed under a trail key (set ZEL_AUDIT_KEY to check it)\n");
+}
+
+// The trail file is taken only as a regular file of its writers alone, and
+// a size limit fails the write instead of killing the caller.
+TEST(AuditChain, TheTrailFileIsOpenedSafely) {
+    TrailFolder folder;
+    const std::string &trail = folder.trail;
+    const std::string link = folder.dir + "/link", open = folder.dir + "/open";
+    ASSERT_EQ(plat::append_audit_line(trail.c_str(), "\"op\":\"a\""), 0);
+    ASSERT_EQ(symlink(trail.c_str(), link.c_str()), 0);
+    write_lines(open, {});
+    ASSERT_EQ(chmod(open.c_str(), 0620), 0);
+    EXPECT_EQ(plat::append_audit_line(link.c_str(), "\"op\":\"b\""), ELOOP);
+    EXPECT_EQ(plat::append_audit_line(open.c_str(), "\"op\":\"b\""), EPERM);
+    EXPECT_EQ(plat::append_audit_line("/dev/null", "\"op\":\"b\""), ENOTSUP);
+
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        struct rlimit limit = {4096, 4096};
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(2);
+        for (int i = 0; i < 1000; ++i)
+            if (int err = plat::append_audit_line(trail.c_str(), "\"op\":\"filling\"")) _exit(err == EFBIG ? 0 : 3);
+        _exit(4);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(verify(trail).status, 0) << "only whole lines stay";
+}
+
+// A session seals under ZEL_AUDIT_KEY and sends the head out every
+// ZEL_AUDIT_CHECKPOINT lines and when it closes; a key file it cannot use
+// stops every audited call.
+TEST_F(AuditTest, ASessionSealsUnderTheTrailKeyAndChecksPointsTheHead) {
+    const std::string key = folder.dir + "/trail.key";
+    ASSERT_EQ(Zel_generateKeyFile(key.c_str(), 0, nullptr), 0u);
+    open_with_jo(2);
+    ZelTargetRecord direct = record("T:app", "app", "jo.app", "Direct-Pw-41");
+    ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &direct), 0u);
+    {
+        ScopedEnv on("ZEL_AUDIT", trail.c_str()), keyed("ZEL_AUDIT_KEY", key.c_str()),
+            every("ZEL_AUDIT_CHECKPOINT", "2");
+        Session audited = open_session(*dir, 2);
+        ASSERT_TRUE(audited);
+        audited.get()->debug_level = 10;  // progress: the checkpoints
+        testing::internal::CaptureStdout();
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(credential(audited.get(), "jo", "app"), "jo.app/Direct-Pw-41");
+        audited.reset();
+        const std::string traced = testing::internal::GetCapturedStdout();
+        CommandResult head = run_command({ZELCTL_PATH, "audit", "head", trail});
+        ASSERT_EQ(head.status, 0) << head.err;
+        EXPECT_EQ(head.out.rfind("3:", 0), 0u);
+        EXPECT_NE(traced.find("Audit checkpoint: head 2:"), std::string::npos) << traced;
+        EXPECT_NE(traced.find("Audit checkpoint: head " + head.out), std::string::npos) << "at close\n" << traced;
+    }
+    EXPECT_NE(slurp(trail).find(",\"mac\":\""), std::string::npos);
+    EXPECT_EQ(verify(trail).status, 1) << "a keyed trail cannot be checked without the key";
+
+    const std::string loose = key_file(slurp(key), 0644);
+    ScopedEnv on("ZEL_AUDIT", trail.c_str()), keyed("ZEL_AUDIT_KEY", loose.c_str());
+    Session refused = open_session(*dir, 2);
+    ASSERT_TRUE(refused);
+    ZelCredentialRequest req{nullptr, nullptr, const_cast<char *>("app")};
+    ZelCredential c{};
+    EXPECT_EQ(Zel_getCredential(refused.get(), "jo", &req, &c), ZEL_RC_SYSTEM_ERROR);
+    EXPECT_EQ(c.password, nullptr);
 }
 
 // Fail closed: a trail that cannot be opened, a full disk, or a trail whose
@@ -167,15 +324,29 @@ TEST_F(AuditTest, AnUnwritableTrailRefusesReadsAndWrites) {
     const std::string garbled = trail + ".garbled";
     write_lines(garbled, {"not a trail line"});
 
-    for (const std::string &path : {std::string("/nonexistent/trail"), std::string("/dev/full"), garbled}) {
+    const std::string shared = trail + ".shared", link = trail + ".link";
+    write_lines(shared, {});
+    ASSERT_EQ(chmod(shared.c_str(), 0666), 0);
+    ASSERT_EQ(symlink(garbled.c_str(), link.c_str()), 0);
+    const std::pair<std::string, const char *> trails[] = {
+        {"/nonexistent/trail", "No such file"}, {"/dev/full", "it is not a regular file"},
+        {garbled, "its last line is not a trail line"}, {shared, "group or others may write it"},
+        {link, "it is a symbolic link"}};
+    for (const auto &[path, why] : trails) {
         ScopedEnv on("ZEL_AUDIT", path.c_str());
         Session audited = open_session(*dir, 2);
         ASSERT_TRUE(audited);
+        audited.get()->debug_level = 2;  // failures traced
         fault::reset();
 
         ZelCredentialRequest req{nullptr, nullptr, const_cast<char *>("app")};
         ZelCredential c{reinterpret_cast<char *>(1), reinterpret_cast<char *>(1)};
+        testing::internal::CaptureStdout();
         EXPECT_EQ(Zel_getCredential(audited.get(), "jo", &req, &c), ZEL_RC_SYSTEM_ERROR) << path;
+        EXPECT_NE(testing::internal::GetCapturedStdout().find(std::string("Audit trail not written: ") + why),
+                  std::string::npos)
+            << path;
+        audited.get()->debug_level = 0;
         EXPECT_EQ(c.userId, nullptr);
         EXPECT_EQ(c.password, nullptr);
         ZelTargetRecord *one = reinterpret_cast<ZelTargetRecord *>(1);

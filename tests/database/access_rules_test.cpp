@@ -192,11 +192,12 @@ TEST_P(ShippedAccessRules, EachRoleReadsAndWritesWhatItMay) {
             Zel_memfree(c.password);
         }
     }
-    // Whoever may not read a password cannot find one by searching for it.
+    // Whoever may not read a password cannot find one by searching for it; nobody
+    // finds a person's password.
     for (const Person *who : {static_cast<const Person *>(nullptr), &kOlga, &kAnn}) {
         Ldap ld = bind_as(*dir, who);
         LDAPMessage *res = nullptr;
-        ldap_search_ext_s(ld.get(), "o=acme", LDAP_SCOPE_SUBTREE, "(|(secretKey=*)(secAuthnData=*))", nullptr, 0,
+        ldap_search_ext_s(ld.get(), "o=acme", LDAP_SCOPE_SUBTREE, "(|(secretKey=*)(secAuthnData=*)(userPassword=*))", nullptr, 0,
                           nullptr, nullptr, nullptr, 0, &res);
         EXPECT_EQ(ldap_count_entries(ld.get(), res), 0) << (who ? who->uid : "anonymous");
         ldap_msgfree(res);

@@ -116,13 +116,32 @@ TEST_F(OrvDatabase, PersonsAndTheirZelProfiles) {
     EXPECT_EQ(values(group("Users"), "member"), (std::vector<std::string>{kDb, "cn=Jo\\2C Jr.,o=acme"}));
 }
 
+// Where the server offers no Password Modify (here: its root entry cannot be
+// read) the library writes a salted hash the server still signs the person on with.
+TEST_F(DatabaseTest, PersonPasswordIsASaltedHashWithoutPasswordModify) {
+    std::string pw = "pw-ed";
+    ZelPerson ed{const_cast<char *>("o=acme"), const_cast<char *>("Ed"), const_cast<char *>("Ed"), nullptr,
+                 nullptr, pw.data()};
+    fault::reset();
+    fault::fail_call(Fn::Search, 1, LDAP_OTHER);
+    ASSERT_EQ(Zel_create_ePerson(s.get(), &ed, nullptr), 0u);
+    const std::string stored = dir->entry("cn=Ed,o=acme").first("userPassword");
+    EXPECT_EQ(stored.rfind("{SSHA}", 0), 0u) << stored;
+    EXPECT_EQ(run_command({"ldapwhoami", "-x", "-H", dir->uri(), "-D", "cn=Ed,o=acme", "-w", pw}).status, 0);
+}
+
 TEST_F(DatabaseTest, ZelctlCreatesAndRemovesTheDatabase) {
     const std::string path = key_file("pw-jo\n");  // any file of the caller's alone
     CommandResult r = zelctl(
         *dir, {"person", "add", "o=acme", "--cn", "Jo", "--sn", "Ex", "--uid", "jo", "--password-file", path});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "Person Jo added\n");
-    EXPECT_EQ(dir->entry("cn=Jo,o=acme").values("userPassword"), std::vector<std::string>{"pw-jo"});
+    // The server hashed the password: nobody reads it back, and Jo still signs on.
+    const std::string stored = dir->entry("cn=Jo,o=acme").first("userPassword");
+    EXPECT_EQ(stored.find("pw-jo"), std::string::npos) << stored;
+    EXPECT_EQ(stored.rfind("{", 0), 0u) << stored;
+    EXPECT_EQ(run_command({"ldapwhoami", "-x", "-H", dir->uri(), "-D", "cn=Jo,o=acme", "-y", key_file("pw-jo")}).status,
+              0);
 
     // Without --api-version the db commands open a first-generation session.
     r = run_command({ZELCTL_PATH, "-H", dir->uri(), "-D", dir->admin_dn(), "-w", Directory::admin_password(), "db",
@@ -138,11 +157,17 @@ TEST_F(DatabaseTest, ZelctlCreatesAndRemovesTheDatabase) {
         int status;
         std::string err;
     } cases[] = {
-        {{"db", "create", "o=acme"},
+        {{"db", "create", "o=acme", "--admin", "Jo"},
          "1",
          1,
          "zelctl: cannot create a Zel database under o=acme: " +
              std::string(Zel_strerror(ZEL_RC_DATABASE_EXISTS)) + " (status 901)\n"},
+        // No administrator anyone could guess: zelctl never takes the library's default.
+        {{"db", "create", "o=other"},
+         "1",
+         2,
+         "zelctl: db create: give --admin-password-file F for the new administrator, or --admin for an "
+         "existing person\n"},
         {{"db", "remove"},
          "1",
          2,

@@ -124,6 +124,15 @@ TEST_F(PeerDs389, WholeLibraryInBothStorageForms) {
         want.push_back(std::string("tsType=") + type + ",cn=Target Service Types," + kDb);
     for (const char *cn : {"Jo", "Ann", "Agent", "Xr"}) want.push_back("cn=" + std::string(cn) + "," + person(cn));
     EXPECT_EQ(with_acis, want);
+    // Each person's password was hashed by the server: none reads back as given.
+    size_t hashed = 0;
+    for (const Entry &e : server->search(kSuffix, "(objectClass=person)", {"userPassword"}))
+        for (const std::string &v : e.values("userPassword")) {
+            EXPECT_EQ(v.rfind("{", 0), 0u) << e.dn;
+            EXPECT_EQ(v.find(password_of("Jo")), std::string::npos) << e.dn;
+            ++hashed;
+        }
+    EXPECT_EQ(hashed, 5u) << "the administrator and four persons";
 
     EXPECT_EQ(credential(admin.get(), "Jo", "mail"), "Jo.mail/Jo-mail-pw");
 

@@ -2,6 +2,11 @@
 // access rules: the same data, the same small size limit, told apart by who
 // can read the stored passwords.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
 
 #include "support/key_files.h"
 #include "support/zelctl.h"
@@ -75,3 +80,60 @@ INSTANTIATE_TEST_SUITE_P(Directories, Doctor,
                          testing::Values(DoctorCase{"Open", AccessRules::None, 3, "danger", "danger"},
                                          DoctorCase{"Protected", AccessRules::SlapdConf, 0, "ok", "ok"}),
                          [](const testing::TestParamInfo<DoctorCase> &i) { return std::string(i.param.name); });
+
+namespace {
+
+class DoctorSecurity : public DirectoryTest {
+protected:
+    Profile profile() const override {
+        Profile p;
+        p.access_rules = AccessRules::SlapdConf;
+        return p;
+    }
+};
+
+}  // namespace
+
+// One unsafe thing at a time on a directory that is otherwise safe: each is
+// named as a danger and makes doctor exit 3; undone, doctor is content again.
+TEST_F(DoctorSecurity, NamesEachUnsafeSecretOutsideTheRecords) {
+    const std::string admin_pw = key_file("pw-admin"), folder = make_temp_dir("doctor");
+    ASSERT_EQ(zelctl(*dir, {"db", "create", "o=acme", "--admin-password-file", admin_pw}).status, 0);
+    const std::string trail = folder + "/trail";
+    std::ofstream(trail).close();
+    chmod(trail.c_str(), 0600);
+    auto password_of = [&](const std::string &dn, const std::string &value) {
+        dir->modify("dn: " + dn + "\nchangetype: modify\nreplace: userPassword\nuserPassword: " + value + "\n\n");
+    };
+    struct Case {
+        const char *check, *finding;
+        std::function<void()> make, undo;
+    } cases[] = {
+        {"default-password", "signs on with the library's default password",
+         [&] { password_of("cn=Zel Sr Admin,o=acme", "qim"); },
+         [&] { password_of("cn=Zel Sr Admin,o=acme", "{SSHA}x"); }},
+        {"person-passwords", "1 person password is stored in clear",
+         [&] { dir->add("dn: cn=Clear,o=acme\nobjectClass: person\ncn: Clear\nsn: C\nuserPassword: pw-clear\n\n"); },
+         [&] { dir->modify("dn: cn=Clear,o=acme\nchangetype: delete\n\n"); }},
+        {"audit-trail", "group or others may write the trail file",
+         [&] { chmod(trail.c_str(), 0662); }, [&] { chmod(trail.c_str(), 0600); }},
+    };
+    const std::map<std::string, std::string> env = {{"ZEL_AUDIT", trail}};
+    auto doctor = [&] { return zelctl(*dir, {"--json", "doctor"}, "2", "", env); };
+    CommandResult r = doctor();
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_EQ(verdict(r.out, "user-read"), "warning") << "the skipped check is said";
+    EXPECT_EQ(verdict(r.out, "audit-trail"), "warning") << "no trail key";
+    EXPECT_EQ(verdict(r.out, "person-passwords"), "ok") << r.out;
+    for (const Case &c : cases) {
+        c.make();
+        r = doctor();
+        EXPECT_EQ(r.status, 3) << c.check << "\n" << r.out;
+        EXPECT_EQ(verdict(r.out, c.check), "danger") << r.out;
+        EXPECT_NE(r.out.find(c.finding), std::string::npos) << r.out;
+        EXPECT_EQ(r.out.find("pw-clear"), std::string::npos);
+        c.undo();
+        EXPECT_EQ(doctor().status, 0) << c.check;
+    }
+    std::filesystem::remove_all(folder);
+}

@@ -76,7 +76,7 @@ TEST_F(ZelctlDryRun, EveryWritingCommandLeavesTheDirectoryAsItWas) {
         {{"record", "remove", "jo", "T:intranet"}, "2", 0, "would remove target record T:intranet of jo"},
         {{"record", "rekey", "--all"}, "2", 0, "1 target records"},
         {{"person", "add", "o=acme", "--cn", "Al", "--sn", "Lee"}, "2", 0, "would add person Al"},
-        {{"db", "create", "o=acme"}, "1", 1, "dry run: cannot create a Zel database under o=acme"},
+        {{"db", "create", "o=acme", "--admin-password-file", admin_pw}, "1", 1, "dry run: cannot create a Zel database under o=acme"},
         {{"db", "remove"}, "1", 0, "would remove the Zel database " + kDb},
         {{"key", "generate", new_key_file}, "2", 0, "would write a new key file"},
         {{"--json", "service", "add", "wiki", "--type", "Web Resource"}, "2", 0, "\"added\":true,\"dryRun\":true"},

@@ -1,6 +1,8 @@
 // zelctl as an administrator runs it: a separate process against a directory.
 #include <gtest/gtest.h>
 
+#include "support/key_files.h"
+
 #include "support/session.h"
 #include "support/zelctl.h"
 
@@ -90,11 +92,26 @@ TEST_F(ZelctlInfo, AttachedValuesAndUsageErrorsNeverShowAValue) {
         {{"-wS3cret", "--bogus=S3cret", "info"}, 2, "zelctl: unknown option --bogus"},
         {{"help", "user"}, 0, "usage: zelctl [OPTIONS]\n  user list | add NAME"},
         {{"--version"}, 0, "zelctl 1."},
+        // A password typed after -W by mistake is taken for the command: never echoed.
+        {{"-W", "S3cret", "info"}, 2, "zelctl: unknown command after -W"},
     };
     for (const Case &c : cases) {
         r = zelctl(c.args);
         EXPECT_EQ(r.status, c.status) << c.args.front();
         EXPECT_EQ((r.out + r.err).rfind(c.start, 0), 0u) << r.out << r.err;
+        EXPECT_EQ((r.out + r.err).find("S3cret"), std::string::npos);
+    }
+    // Every option that reads a password file warns when others may read it.
+    const std::string loose = key_file("S3cret", 0644);
+    for (const std::vector<std::string> &args :
+         {std::vector<std::string>{"-H", dir->uri(), "-D", dir->admin_dn(), "-y", loose, "info"},
+          {"-H", dir->uri(), "-D", dir->admin_dn(), "-w", pw, "doctor", "--user", dir->admin_dn(),
+           "--user-password-file", loose},
+          {"-H", dir->uri(), "-D", dir->admin_dn(), "-w", pw, "person", "add", "o=acme", "--cn", "A", "--sn", "A",
+           "--password-file", loose, "--dry-run"}}) {
+        r = zelctl(args);
+        EXPECT_NE(r.err.find("warning: others may read or change the password file " + loose), std::string::npos)
+            << args[5] << "\n" << r.err;
         EXPECT_EQ((r.out + r.err).find("S3cret"), std::string::npos);
     }
 }

@@ -1,55 +1,80 @@
-// zelctl audit verify: walks a trail file's chain and names the first line
-// that was changed, removed or inserted.  Local: no directory, no bind.
+// zelctl audit verify / head: checks a trail file's chain through the
+// library, names the first line that was changed, removed or inserted, and
+// prints or compares the head an auditor keeps.  Local: no directory, no bind.
 #include <cstdio>
-#include <memory>
 #include <string>
 
-#include "platform/audit_chain.h"
 #include "zelctl.h"
 
 namespace zelctl {
 namespace {
 
-namespace plat = zel::platform;
+using HeldCheck = Held<ZelAuditCheck, Zel_freeAuditCheck>;
 
-struct FileClose {
-    void operator()(std::FILE *f) const { std::fclose(f); }
-};
+// The check of `file`, or null after saying why there is none.
+HeldCheck check_trail(const std::string &command, const std::string &file, const char *expect, int &status) {
+    ZelAuditCheck *raw = nullptr;
+    ZelRC rc = Zel_verifyAuditTrail(file.c_str(), expect, &raw);
+    HeldCheck check(raw);
+    if (rc == ZEL_RC_INVALID_ARGUMENT) status = usage(command + ": --expect takes a head as audit head prints it");
+    else if (rc != 0) status = fail(command + ": cannot read " + file + " (or the trail key ZEL_AUDIT_KEY names)", rc);
+    return check;
+}
+
+int report_fault(const std::string &command, const std::string &file, const ZelAuditCheck &c) {
+    std::fprintf(stderr, "zelctl: %s: %s: line %llu %s\n", command.c_str(), file.c_str(),
+                 static_cast<unsigned long long>(c.faultLine), c.fault);
+    return 1;
+}
 
 int audit_verify(const Options &opts, Args args) {
     int status = 0;
+    std::string expect;
+    bool have_expect = false;
+    if (!take_value(args, "--expect", expect, have_expect, status)) return status;
     std::vector<std::string> operands;
     if (!take_operands(args, "audit verify", {"FILE"}, operands, status)) return status;
     const std::string &file = operands[0];
-    std::unique_ptr<std::FILE, FileClose> f(std::fopen(file.c_str(), "re"));
-    plat::AuditCheck check;
-    if (!f) check.fault = plat::AuditFault::Unreadable;
-    else check = plat::check_audit_trail(f.get());
-
-    const bool intact = check.fault == plat::AuditFault::None;
+    HeldCheck c = check_trail("audit verify", file, have_expect ? expect.c_str() : nullptr, status);
+    if (!c) return status;
     if (opts.json) {
-        std::printf("{\"file\":%s,\"intact\":%s,", json_string(file.c_str()).c_str(), intact ? "true" : "false");
-        if (intact) std::printf("\"lines\":%llu}\n", static_cast<unsigned long long>(check.line));
-        else std::printf("\"line\":%llu,\"fault\":%s}\n", static_cast<unsigned long long>(check.line),
-                         json_string(plat::audit_fault_text(check.fault)).c_str());
-    } else if (intact) {
-        std::printf("%s: %llu lines, chain intact\n", file.c_str(), static_cast<unsigned long long>(check.line));
+        std::printf("{\"file\":%s,\"intact\":%s,", json_string(file.c_str()).c_str(), c->intact ? "true" : "false");
+        if (c->intact) std::printf("\"lines\":%llu,\"head\":%s}\n", static_cast<unsigned long long>(c->lines),
+                                   json_string(c->head).c_str());
+        else std::printf("\"line\":%llu,\"fault\":%s}\n", static_cast<unsigned long long>(c->faultLine),
+                         json_string(c->fault).c_str());
+    } else if (c->intact) {
+        std::printf("%s: %llu lines, chain intact\n", file.c_str(), static_cast<unsigned long long>(c->lines));
     }
-    if (intact) return 0;
-    if (check.fault == plat::AuditFault::Unreadable)
-        std::fprintf(stderr, "zelctl: audit verify: cannot read %s\n", file.c_str());
+    return c->intact ? 0 : report_fault("audit verify", file, *c);
+}
+
+// The head is printed only for a trail that checks out: a head of a broken
+// chain is nothing to keep.
+int audit_head(const Options &opts, Args args) {
+    int status = 0;
+    std::vector<std::string> operands;
+    if (!take_operands(args, "audit head", {"FILE"}, operands, status)) return status;
+    const std::string &file = operands[0];
+    HeldCheck c = check_trail("audit head", file, nullptr, status);
+    if (!c) return status;
+    if (!c->intact) return report_fault("audit head", file, *c);
+    if (opts.json)
+        std::printf("{\"file\":%s,\"lines\":%llu,\"head\":%s}\n", json_string(file.c_str()).c_str(),
+                    static_cast<unsigned long long>(c->lines), json_string(c->head).c_str());
     else
-        std::fprintf(stderr, "zelctl: audit verify: %s: line %llu %s\n", file.c_str(),
-                     static_cast<unsigned long long>(check.line), plat::audit_fault_text(check.fault));
-    return 1;
+        std::printf("%s\n", c->head);
+    return 0;
 }
 
 }  // namespace
 
 int run_audit(const Options &opts, Args args) {
-    if (args.empty() || args.front() != "verify") return usage("audit: expected verify FILE");
+    if (args.empty() || (args.front() != "verify" && args.front() != "head"))
+        return usage("audit: expected verify FILE [--expect HEAD] or head FILE");
+    std::string sub = args.front();
     args.erase(args.begin());
-    return audit_verify(opts, args);
+    return sub == "verify" ? audit_verify(opts, args) : audit_head(opts, args);
 }
 
 }  // namespace zelctl

@@ -37,6 +37,11 @@ int db_create(const Options &opts, Args args) {
     if (!take_operands(args, "db create", {"SUFFIX"}, operands, status)) return status;
     const std::string &suffix = operands.front();
 
+    // The library would give the new administrator a password everyone can
+    // look up; zelctl never lets it.
+    if (!have_admin && !have_password)
+        return usage("db create: give --admin-password-file F for the new administrator, or --admin for an "
+                     "existing person");
     std::string password;
     if (have_password && !(opts.dry_run ? secret_file_readable(password_file) : read_secret_file(password_file, password)))
         return usage("cannot read the password file " + password_file);

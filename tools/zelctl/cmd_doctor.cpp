@@ -15,6 +15,7 @@
 
 #include "doctor_ad.h"
 #include "doctor_replication.h"
+#include "doctor_security.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -175,7 +176,8 @@ Finding storage_check(const RecordView &view) {
         return {check, Verdict::Warning,
                 "this identity reads no stored password, so their form is unknown",
                 "run doctor as a Zel administrator or sign-on agent"};
-    return {check, Verdict::Ok, "no stored passwords yet", ""};
+    // Nothing seen is not nothing stored: this identity may see no record.
+    return {check, Verdict::Ok, "no target record visible to this identity; any stored password is unknown to it", ""};
 }
 
 Finding connection_check(LDAP *ld) {
@@ -330,12 +332,14 @@ int run_doctor(const Options &opts, Args args) {
     findings.push_back(anonymous ? read_check("anonymous-read", "anonymous callers",
                                               view_records(anonymous.get(), suffixes), true)
                                  : bind_refused("anonymous-read", "anonymous callers", error, true));
+    Ldap user = user_given ? connect_as(opts, user_dn, user_password, error) : nullptr;
     if (user_given) {
-        Ldap user = connect_as(opts, user_dn, user_password, error);
         std::string who = "the identity " + user_dn;
         findings.push_back(user ? read_check("user-read", who.c_str(), view_records(user.get(), suffixes), false)
                                 : bind_refused("user-read", who.c_str(), error, false));
     }
+    for (SecurityFinding &f : security_findings(opts, ld.get(), anonymous.get(), user.get(), suffixes))
+        findings.push_back({f.check, static_cast<Verdict>(f.verdict), std::move(f.text), std::move(f.fix)});
 
     RecordView own = view_records(ld.get(), suffixes);
     findings.push_back(storage_check(own));

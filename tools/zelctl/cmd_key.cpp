@@ -6,7 +6,6 @@
 #include <memory>
 #include <string>
 
-#include "platform/key_file.h"
 #include "dry_run.h"
 #include "progress.h"
 #include "zelctl.h"
@@ -14,7 +13,7 @@
 namespace zelctl {
 namespace {
 
-namespace plat = zel::platform;
+void memfree(char *p) { Zel_memfree(p); }
 
 int key_generate(const Options &opts, Args args) {
     int status = 0;
@@ -22,15 +21,16 @@ int key_generate(const Options &opts, Args args) {
     std::vector<std::string> operands;
     if (!take_operands(args, "key generate", {"FILE"}, operands, status)) return status;
     const std::string &file = operands[0];
-    plat::KeyRing ring;
-    if (add && plat::read_key_file(file.c_str(), ring) != plat::KeyFileState::usable)
+    const uint32_t flags = add ? ZEL_KEYFILE_ADD : 0;
+    if (add && Zel_generateKeyFile(file.c_str(), flags | ZEL_KEYFILE_CHECK, nullptr) != 0)
         return usage("cannot use the key file " + file +
                      ": it must exist, be readable by its owner only and hold one active key");
     if (opts.dry_run) return dry_run_key_generate(opts, file, add);
-    if (!ring.add_generated_key()) return usage("cannot make a random key");
-    if (!plat::write_key_file(file.c_str(), ring, add))
+    char *raw_id = nullptr;
+    if (Zel_generateKeyFile(file.c_str(), flags, &raw_id) != 0)
         return usage("cannot write the key file " + file + (add ? "" : " (an existing file is never overwritten; --add adds a key to it)"));
-    const char *id = ring.active()->id;
+    Held<char, memfree> held_id(raw_id);
+    const char *id = held_id.get();
     if (opts.json)
         std::printf("{\"file\":%s,\"key\":%s,\"active\":true}\n", json_string(file.c_str()).c_str(), json_string(id).c_str());
     else

@@ -99,8 +99,11 @@ int DryRun::report() const {
 int DryRun::would_fail(const std::string &what, ZelRC rc) { return fail("dry run: " + what, rc); }
 
 bool secret_file_readable(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
-    return static_cast<bool>(f);
+    // Read as a real run reads it (with its warning about loose modes), then forgotten.
+    std::string secret;
+    bool readable = read_secret_file(path, secret);
+    forget_secret(secret);
+    return readable;
 }
 
 bool same_ignoring_case(const std::string &a, const std::string &b) {

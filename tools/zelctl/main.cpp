@@ -41,7 +41,9 @@ const Command kCommands[] = {
      "     | import-csv FILE [--dry-run]    rows: user, resource or group, account, password[, description]\n"
      "     (add, update, remove, rekey: [--dry-run])\n"},
     {"key", run_key, "key generate FILE [--add] [--dry-run]   a new key file (mode 0600), or a new active key in FILE\n"},
-    {"audit", run_audit, "audit verify FILE    the first changed, removed or inserted line of a ZEL_AUDIT trail\n"},
+    {"audit", run_audit,
+     "audit verify FILE [--expect HEAD]   the first changed, removed or inserted line of a ZEL_AUDIT trail\n"
+     "audit head FILE                     the head to keep: <lines>:<seal of the last line>\n"},
     {"credential", run_credential,
      "credential get USER RESOURCE [--reveal]    the account a sign-on agent presents\n"
      "credential explain USER RESOURCE [--json]  which record answers, and why\n"},
@@ -140,10 +142,6 @@ bool read_password(CommandLine &line) {
         opts.have_password = true;
     }
     if (!line.password_file.empty()) {
-        struct stat st {};
-        if (stat(line.password_file.c_str(), &st) == 0 && (st.st_mode & (S_IRWXG | S_IRWXO)))
-            std::fprintf(stderr, "zelctl: warning: others may read or change the password file %s\n",
-                         line.password_file.c_str());
         if (!read_secret_file(line.password_file, opts.password)) {
             usage("cannot read the password file " + line.password_file);
             return false;
@@ -171,7 +169,10 @@ int run(CommandLine &line) {
     rest.erase(rest.begin());
     if (name == "help") return help(rest);
     const Command *command = find_command(name);
-    if (!command) return usage("unknown command " + name + " (zelctl --help lists them)");
+    // After -W the next word may be the password typed by mistake: not echoed.
+    if (!command)
+        return usage((line.prompt ? std::string("unknown command after -W") : "unknown command " + name) +
+                     " (zelctl --help lists them)");
     if (take_flag(rest, "--json")) line.opts.json = true;
     if (take_flag(rest, "--dry-run")) line.opts.dry_run = true;
     // Refused where there is nothing to hold back, so that a reader of the

@@ -1,7 +1,10 @@
 // Reading passwords without ever taking them from the command line.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -21,10 +24,28 @@ void strip_newline(std::string &text) {
 }  // namespace
 
 bool read_secret_file(const std::string &path, std::string &out) {
-    std::ifstream f(path, std::ios::binary);
-    if (!f) return false;
-    out.assign(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
-    if (f.bad()) return false;
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return false;
+    struct stat st {};
+    // Every option that reads a password file says so, on the file it reads.
+    if (::fstat(fd, &st) == 0 && (st.st_mode & (S_IRWXG | S_IRWXO)))
+        std::fprintf(stderr, "zelctl: warning: others may read or change the password file %s\n", path.c_str());
+    out.clear();
+    char buf[4096];
+    bool ok = true;
+    for (;;) {
+        ssize_t got = ::read(fd, buf, sizeof buf);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) ok = false;
+        if (got <= 0) break;
+        out.append(buf, static_cast<size_t>(got));
+    }
+    std::memset(buf, 0, sizeof buf);
+    ::close(fd);
+    if (!ok) {
+        forget_secret(out);
+        return false;
+    }
     strip_newline(out);
     return true;
 }

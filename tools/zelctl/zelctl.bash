@@ -76,7 +76,7 @@ _zelctl() {
             export) subs="--passwords -o --quiet --json" ;;
             import) COMPREPLY=($(compgen -f -- "$cur")); return ;;
             key) subs="generate" ;;
-            audit) subs="verify" ;;
+            audit) subs="verify head" ;;
             credential) subs="get explain" ;;
             domain) subs="list get add update remove add-member remove-member" ;;
             db) subs="create remove" ;;
@@ -102,6 +102,7 @@ _zelctl() {
         "record import-csv") opts="--dry-run --quiet" ;;
         import\ *) opts="--dry-run --quiet" ;;
         "key generate") opts="--add --dry-run" ;;
+        "audit verify") opts="--expect" ;;
         "domain add"|"domain update") opts="--description --member --dry-run" ;;
         "db create") opts="--admin --admin-uid --admin-password-file --create-suffix --default-types --extended --dry-run" ;;
         "db remove") opts="--yes --quiet --dry-run" ;;

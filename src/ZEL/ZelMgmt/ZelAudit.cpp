@@ -2,6 +2,7 @@
 // line, and where the line goes (a shared file, or syslog).
 #include "ZelAudit.h"
 
+#include <sodium.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -17,8 +18,16 @@
 #include "platform/audit_file.h"
 
 struct ZelAuditTrail {
+    ~ZelAuditTrail() { sodium_memzero(&key, sizeof key); }
     std::string path;  // the trail file; unused with syslog
     bool to_syslog = false;
+    // ZEL_AUDIT_KEY: the trail key, or why none can be used (every line is
+    // then refused rather than written unkeyed).
+    bool keyed = false;
+    const char *key_problem = nullptr;
+    zel::platform::AuditKey key{};
+    zel::platform::AuditLink last;  // the last line this session wrote to the file
+    uint64_t checkpoint_every = 0;
     std::string identity;
     int depth = 0;  // public calls in progress on the session
     std::string answer;  // the record that answered the read in progress
@@ -29,6 +38,9 @@ namespace zel::audit {
 namespace {
 
 constexpr const char *kSyslog = "syslog";
+// A checkpoint of the file's head goes to syslog this often (ZEL_AUDIT_CHECKPOINT
+// lines) and when the session closes: a copy the file's writers cannot edit.
+constexpr uint64_t kCheckpointEvery = 100;
 
 // Syslog keeps no file to read the chain from: each process chains its own.
 std::mutex syslog_mutex;
@@ -116,7 +128,16 @@ ZelRC refused(const ZelSession *s, const char *why) {
     return ZEL_RC_SYSTEM_ERROR;
 }
 
-ZelRC emit(const ZelSession *s, const ZelAuditTrail &trail, const std::string &fields) {
+void checkpoint(const ZelSession *s, const ZelAuditTrail &trail) noexcept {
+    try {
+        const std::string head = platform::audit_head_text(trail.last);
+        syslog(LOG_AUTHPRIV | LOG_NOTICE, "zelmgmt audit checkpoint: %s head %s", trail.path.c_str(), head.c_str());
+        tracef(s, kTraceProgress, "zelmgmt:Audit checkpoint: head %s\n", head.c_str());
+    } catch (...) {
+    }
+}
+
+ZelRC emit(const ZelSession *s, ZelAuditTrail &trail, const std::string &fields) {
     if (trail.to_syslog) {
         std::lock_guard<std::mutex> lock(syslog_mutex);
         platform::AuditLink next;
@@ -126,8 +147,20 @@ ZelRC emit(const ZelSession *s, const ZelAuditTrail &trail, const std::string &f
         syslog_link = next;
         return 0;
     }
-    if (int err = platform::append_audit_line(trail.path.c_str(), fields))
-        return refused(s, err == EBADMSG ? "its last line is not a trail line" : std::strerror(err));
+    if (trail.key_problem) return refused(s, trail.key_problem);
+    platform::AuditLink written;
+    if (int err = platform::append_audit_line(trail.path.c_str(), fields, trail.keyed ? &trail.key : nullptr,
+                                              &written)) {
+        const char *why = err == EBADMSG ? "its last line is not a trail line"
+                          : err == ELOOP ? "it is a symbolic link"
+                          : err == EPERM ? "group or others may write it, or another user owns it"
+                          : err == ENOTSUP ? "it is not a regular file"
+                          : err == EFBIG ? "the file size limit is reached"
+                                         : std::strerror(err);
+        return refused(s, why);
+    }
+    trail.last = written;
+    if (trail.checkpoint_every && written.seq % trail.checkpoint_every == 0) checkpoint(s, trail);
     return 0;
 }
 
@@ -148,11 +181,24 @@ ZelRC attach(ZelSession *s, const char *bind_dn) {
             ldap_memfree(sasl);
         }
     }
+    if (!trail->to_syslog) {
+        trail->checkpoint_every = kCheckpointEvery;
+        if (const char *every = std::getenv("ZEL_AUDIT_CHECKPOINT"); every && *every)
+            trail->checkpoint_every = std::strtoull(every, nullptr, 10);
+        switch (platform::read_configured_audit_key(trail->key)) {
+        case platform::KeyFileState::absent: break;
+        case platform::KeyFileState::usable: trail->keyed = true; break;
+        case platform::KeyFileState::refused:
+            trail->key_problem = "the trail key file ZEL_AUDIT_KEY names cannot be used";
+            break;
+        }
+    }
     s->audit = trail.release();
     return 0;
 }
 
 void detach(ZelSession *s) noexcept {
+    if (s->audit && s->audit->last.seq != 0) checkpoint(s, *s->audit);
     delete s->audit;
     s->audit = nullptr;
 }
@@ -197,7 +243,7 @@ ZelRC Call::attempt() noexcept { return line("attempt", nullptr); }
 ZelRC Call::result(ZelRC status) noexcept { return line("result", &status); }
 
 ZelRC Call::line(const char *phase, const ZelRC *status) noexcept {
-    const ZelAuditTrail &trail = *s_->audit;
+    ZelAuditTrail &trail = *s_->audit;
     try {
         std::string fields;
         fields.reserve(384);

@@ -9,6 +9,7 @@
 #include "platform/ad_account.h"
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
+#include "platform/person_password.h"
 
 namespace {
 
@@ -42,6 +43,24 @@ ZelRC check_profile_fits(ZelSession *s, const char *user_name, const std::string
                : ZEL_RC_INVALID_ARGUMENT;
 }
 
+// The password of a person just added, given to a server that hashes it;
+// when that fails the person, whom nobody could sign on as, is taken away.
+ZelRC set_new_person_password(ZelSession *s, const std::string &dn, const char *password) {
+    int lrc = plat::set_password(s->ld, dn.c_str(), password);
+    ZelRC rc = 0;
+    // A Netscape-kind server takes the operation only over an encrypted
+    // connection, but hashes a userPassword written in clear itself.
+    if (lrc == LDAP_CONFIDENTIALITY_REQUIRED && s->dir_kind == ZEL_DIR_NETSCAPE) {
+        zel::ModList change(2);
+        rc = change.ok() ? change.add(LDAP_MOD_REPLACE, "userPassword", {password}) : ZEL_RC_NO_MEMORY;
+        if (rc == 0) lrc = plat::ldap_modify_ext_s(s->ld, dn.c_str(), change.get(), nullptr, nullptr);
+    }
+    if (rc == 0 && lrc == LDAP_SUCCESS) return 0;
+    if (rc == 0) rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_passwd_s()");
+    plat::ldap_delete_ext_s(s->ld, dn.c_str(), nullptr, nullptr);
+    return rc;
+}
+
 ZelRC add_person(ZelSession *s, const ZelPerson *p, const char *user_type) {
     if (p == nullptr || p->parentDN == nullptr || p->cn == nullptr || p->sn == nullptr)
         return ZEL_RC_INVALID_ARGUMENT;
@@ -70,6 +89,15 @@ ZelRC add_person(ZelSession *s, const ZelPerson *p, const char *user_type) {
         ad_password = plat::ad_password_value(p->password);
         if (!ad_password) return ZEL_RC_INVALID_ARGUMENT;
     }
+    // Elsewhere the password is never stored as given: the server hashes it
+    // when it offers Password Modify (set once the person exists), else the
+    // entry carries a salted hash made here.
+    const bool server_hashes = !ad && p->password && plat::offers_password_modify(s->ld);
+    std::string salted;
+    if (!ad && p->password && !server_hashes) {
+        salted = plat::salted_password_value(p->password);
+        if (salted.empty()) return ZEL_RC_SYSTEM_ERROR;
+    }
     struct berval password_value{};
     struct berval *password_values[] = {&password_value, nullptr};
     if (ad_password) {
@@ -88,12 +116,13 @@ ZelRC add_person(ZelSession *s, const ZelPerson *p, const char *user_type) {
         (ad_password && ((rc = mods.add(LDAP_MOD_ADD | LDAP_MOD_BVALUES, "unicodePwd", 1,
                                         reinterpret_cast<char *const *>(password_values))) ||
                          (rc = mods.add(LDAP_MOD_ADD, "userAccountControl", {kAdEnabledAccount})))) ||
-        (!ad && p->password && (rc = mods.add(LDAP_MOD_ADD, "userPassword", {p->password}))))
+        (!salted.empty() && (rc = mods.add(LDAP_MOD_ADD, "userPassword", {salted.c_str()}))))
         return rc;
     // A person that exists already is taken as it is.
     int lrc = plat::ldap_add_ext_s(s->ld, dn.c_str(), mods.get(), nullptr, nullptr);
     if (lrc != LDAP_SUCCESS && lrc != LDAP_ALREADY_EXISTS)
         return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_add_ext_s()");
+    if (server_hashes && lrc == LDAP_SUCCESS && (rc = set_new_person_password(s, dn, p->password)) != 0) return rc;
     if (user_type == nullptr) return 0;
 
     ZelUser user{};
@@ -142,6 +171,11 @@ ZelRC add_default_admin(ZelSession *s, const char *suffix, const char *uid, cons
     person.description = const_cast<char *>(kDefaultAdminDescription);
     person.uid = const_cast<char *>(uid ? uid : kDefaultAdmin);
     person.password = const_cast<char *>(password ? password : kDefaultAdminPassword);
+    // Kept for callers written against it; the words say so, never the password.
+    if (password == nullptr)
+        zel::trace_line(s, zel::kTraceFailures,
+                        "zelmgmt:Warning: the first administrator gets the well-known default password; "
+                        "name a password, or change it at once.");
     return Zel_create_ePerson(s, &person, nullptr);
 }
 
