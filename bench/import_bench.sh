@@ -18,8 +18,7 @@ for DIR_NOSYNC in 0 1; do
   start_directory "$build" "$users" people
   doc="$DIR_TMP/import.json"
   "$build/bench/zel_bench" document "$users" >"$doc"
-  pw="$DIR_TMP/admin.pw"
-  (umask 077; printf 'secret' >"$pw")
+  pw="$DIR_TMP/admin.pw"  # the manager's, written by start_directory
   import() {
     "$build/tools/zelctl/zelctl" -H "ldap://127.0.0.1:$DIR_PORT" -D "cn=Manager,o=acme" -y "$pw" \
       import "$doc" --quiet | tail -n 1 || true

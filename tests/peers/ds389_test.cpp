@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "domain/domain_fixtures.h"
+#include "peers/family_walk.h"
 #include "record/record_fixture.h"
 #include "support/ds389.h"
 #include "user/user_fixture.h"
@@ -156,6 +157,23 @@ TEST_F(PeerDs389, WholeLibraryInBothStorageForms) {
 
     ASSERT_EQ(Zel_removeDatabase(admin.get()), 0u);
     EXPECT_TRUE(server->search(kDb, kWithSubentries, {"1.1"}).empty());
+
+    // On the emptied suffix, the family walk as on slapd.
+    walk::Target t{kSuffix, kSuffix, kAdmin,
+                   [&](uint32_t v) { return open(Ds389::admin_dn(), Ds389::admin_password(), v); },
+                   {ZELCTL_PATH, "-H", server->uri(), "-D", Ds389::admin_dn(), "-y",
+                    server->password_file(Ds389::admin_password())},
+                   [&](const std::string &pw) { return server->password_file(pw); },
+                   [&](const std::string &name) {
+                       server->modify("dn: " + person(name) + "\nobjectClass: inetOrgPerson\ncn: " + name + "\nsn: " +
+                                          name + "\nuid: " + name + "\n", true);
+                       return person(name);
+                   },
+                   [&](const std::string &base, const std::string &filter) {
+                       return server->search(base, filter, {"1.1"}).size();
+                   }};
+    walk::run(t, walk::Driver::Library, "l");
+    walk::run(t, walk::Driver::Zelctl, "z");
 }
 
 // Binds as the people concerned.  The deployment's own part is one rule that

@@ -116,6 +116,7 @@ TEST(KeyFile, AnUnusableKeyFileRefusesToEncrypt) {
         {"bad id", key_file("zelkey1 a/b " + kKeyLineA.substr(10) + " active\n")},
         {"unknown version", key_file("zelkey2" + kKeyLineA.substr(7) + " active\n")},
         {"extra word", key_file(kKeyLineA + " active now\n")},
+        {"over 64 KiB", key_file(good + std::string(64 * 1024, '\n'))},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.why);

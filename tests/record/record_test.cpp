@@ -133,6 +133,12 @@ TEST_F(RecordTest, DomainSessionReachesFirstGenerationRecordsAndRegistersUsers) 
                        text(bulk->records[i]->record->password));
     Zel_freeUserTargetRecords(bulk);
     EXPECT_EQ(seen, (Strings{"jo 2 pw pw", "jo 1 fresh-pw fresh-pw"}));
+    // A failed read of either form fails the whole list: no half answer.
+    fault::reset();
+    fault::fail_call(Fn::Search, 1, LDAP_BUSY);
+    bulk = nullptr;
+    EXPECT_EQ(Zel_getAllUserTargetRecord(s.get(), &bulk), ZEL_RC_DIRECTORY_ERROR);
+    EXPECT_EQ(bulk, nullptr);
     fault::reset();
     EXPECT_EQ(Zel_addTargetRecord(s.get(), "ann", &app), ZEL_RC_USER_NOT_FOUND);
     EXPECT_EQ(fault::count(Fn::Add), 0);

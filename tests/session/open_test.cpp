@@ -93,6 +93,12 @@ TEST_F(Open, BindOutcomes) {
     fault::reset();
     fault::fail_call(Fn::SimpleBind, 1, 777);
     EXPECT_EQ(open_plain(&s, admin().c_str(), "pw"), ZEL_RC_AUTHENTICATION_FAILED);
+
+    // Time-outs from the environment are whole seconds, or nothing opens.
+    for (const char *bad : {"", "5s", "-1", "99999999"}) {
+        ScopedEnv timeout("ZEL_TIMEOUT", bad);
+        EXPECT_EQ(open_plain(&s, admin().c_str(), Directory::admin_password()), ZEL_RC_INVALID_ARGUMENT) << bad;
+    }
 }
 
 TEST_F(Open, ProtocolErrorRebindsOnceWithVersionTwo) {

@@ -8,22 +8,20 @@
 
 using namespace zeltest;
 
-TEST(CheckLdapRc, MapsEveryListedResultAndFallsBackToDefaultOrCode) {
-    const std::pair<uint32_t, ZelRC> table[] = {
-        {1, 2}, {3, 2}, {14, 2}, {51, 2}, {52, 2}, {53, 2}, {80, 2}, {81, 2}, {82, 2}, {89, 2}, {91, 2}, {129, 2},
-        {2, 1007}, {4, 1008}, {11, 1008}, {70, 1008}, {85, 1015}, {101, 1008},
-        {5, 1009}, {6, 1009}, {9, 1009}, {10, 1009}, {12, 1009}, {17, 1009}, {18, 1009}, {19, 1009},
-        {21, 1009}, {33, 1009}, {36, 1009}, {64, 1009},
-        {7, 7}, {8, 7}, {13, 7}, {48, 7}, {50, 7}, {86, 7}, {88, 7},
-        {32, 6}, {34, 23}, {87, 23}, {49, 4}, {196, 4}, {65, 1014}, {66, 10}, {68, 5}, {116, 31}, {208, 34}};
-    for (auto [ldap_rc, status] : table) {
-        EXPECT_EQ(check_LDAP_rc(nullptr, ldap_rc, 1003, "op()"), status) << "LDAP result " << ldap_rc;
-        EXPECT_EQ(check_LDAP_rc(nullptr, ldap_rc, 0, "op()"), status) << "LDAP result " << ldap_rc;
-    }
-    EXPECT_EQ(check_LDAP_rc(nullptr, 68, 1014, "op()"), 5u);
-    EXPECT_EQ(check_LDAP_rc(nullptr, 999, 0, "op()"), 999u);
-    EXPECT_EQ(check_LDAP_rc(nullptr, 999, 1003, "op()"), 1003u);
-    EXPECT_EQ(check_LDAP_rc(nullptr, 0, 4, "op()"), 4u);  // callers never pass 0
+// A listed result keeps its own status whatever the caller's default; an
+// unlisted one takes the default, or stays itself without one.
+TEST(CheckLdapRc, ListedResultsWinOverTheDefault) {
+    const struct {
+        uint32_t ldap_rc, default_code;
+        ZelRC want;
+    } cases[] = {
+        {32, 1003, ZEL_RC_NO_SUCH_OBJECT},  {49, 0, ZEL_RC_AUTHENTICATION_FAILED},
+        {68, 1014, ZEL_RC_ALREADY_EXISTS},  {50, 1003, ZEL_RC_NOT_AUTHORIZED},
+        {53, 0, ZEL_RC_DIRECTORY_ERROR},    {999, 1003, 1003},
+        {85, 0, ZEL_RC_TIMEOUT},            {999, 0, 999},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(check_LDAP_rc(nullptr, c.ldap_rc, c.default_code, "op()"), c.want) << "LDAP result " << c.ldap_rc;
 }
 
 TEST(Strerror, NamesLibraryStatusesAndFallsBackToLdapTexts) {

@@ -1,6 +1,4 @@
-// Zel user profiles in both storage forms: add, update, verify, remove;
-// directly and through zelctl.
-#include "support/zelctl.h"
+// Zel user profiles in both storage forms: add, update, verify, remove.
 #include "user/user_fixture.h"
 
 using namespace usertest;
@@ -55,11 +53,16 @@ TEST_F(UserTest, FirstGenerationProfilesAndGroupsFollowTheUserType) {
 }
 
 // Without a Zel database a first-generation profile cannot exist.
+// Without a database there is no such user, and no record to list.
 TEST(UserWithoutDatabase, RemovalAnswersUserNotFound) {
     Directory dir;
     Session s = open_session(dir, 1);
     ASSERT_TRUE(s);
     EXPECT_EQ(Zel_removeZelUser(s.get(), "jo"), ZEL_RC_USER_NOT_FOUND);
+    ZelUserTargetRecordList *all = nullptr;
+    ASSERT_EQ(Zel_getAllUserTargetRecord(s.get(), &all), 0u);
+    EXPECT_EQ(all == nullptr ? 0 : all->count, 0);
+    Zel_freeUserTargetRecords(all);
 }
 
 TEST_F(UserTest, SecurityDomainProfileLifecycle) {
@@ -192,82 +195,4 @@ TEST_F(UserTest, TraceReportsOutcomes) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(Zel_verifyZelUser(s.get(), kJo.c_str(), nullptr), 1u);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "zelmgmt:User Profile DN: cn=jo," + kJo + "\n");
-}
-
-TEST_F(UserTest, ZelctlRegistersVerifiesUpdatesAndRemoves) {
-    CommandResult r = zelctl(*dir, {"user", "add", "jo", "--type", "User", "--person", kJo, "--description", "Jo"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "Zel user jo added\n");
-
-    r = zelctl(*dir, {"user", "verify", kJo});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, kJo + " is a Zel user: cn=jo," + kJo + "\n");
-    r = zelctl(*dir, {"--json", "user", "verify", kAnn});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "{\"person\":\"" + kAnn + "\",\"zelUser\":false,\"profile\":null}\n");
-    r = zelctl(*dir, {"user", "verify", "jo"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_NE(r.err.find("user verify expects a person DN, for example"), std::string::npos) << r.err;
-
-    r = zelctl(*dir, {"user", "update", "jo", "--disabled"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(dir->entry("cn=jo," + kJo).first("userState"), "Inactive");
-
-    r = zelctl(*dir, {"user", "remove", "jo", "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "{\"user\":\"jo\",\"removed\":true}\n");
-    r = zelctl(*dir, {"user", "remove", "jo"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "zelctl: cannot remove Zel user jo: ZEL_RC_USER_NOT_FOUND: Zel user not found (status 19)\n");
-
-    // What the server said about a refused write follows the status.
-    r = zelctl(*dir, {"user", "add", "ghost", "--type", "User", "--person", "cn=Ghost,o=acme"});
-    EXPECT_EQ(r.err, "zelctl: cannot add Zel user ghost: ZEL_RC_NO_SUCH_OBJECT: no such entry (status 6): "
-                     "matched DN: o=acme\n");
-
-    // A security domain profile keeps no type: --type is refused there, with
-    // the group that gives the role.
-    r = zelctl(*dir, {"user", "add", "ann", "--type", "user"}, "2");
-    EXPECT_EQ(r.status, 2);
-    EXPECT_NE(r.err.find("keeps no user type"), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("User: cn=Users"), std::string::npos) << r.err;
-    ASSERT_EQ(zelctl(*dir, {"user", "add", "ann"}, "2").status, 0);
-    EXPECT_TRUE(dir->exists("principalName=ann," + kDomainUsers));
-    r = zelctl(*dir, {"user", "add", "helpdesk", "--person", kAnn}, "2");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("(status 5): " + kAnn + " already has a profile: Zel user ann"), std::string::npos) << r.err;
-    EXPECT_EQ(zelctl(*dir, {"user", "add", "jo"}).status, 2) << "the type is required";
-    EXPECT_EQ(zelctl(*dir, {"user", "add", "jo", "--type"}).status, 2);
-    EXPECT_EQ(zelctl(*dir, {"user", "update", "jo", "--enabled", "--disabled"}).status, 2);
-    EXPECT_EQ(zelctl(*dir, {"user", "remove", "jo", "--force"}).status, 2);
-}
-
-// An update changes only what it names; a disabled account stays disabled
-// (whether or not the library lets a disabled profile be updated at all).
-TEST_F(UserTest, ZelctlUpdateChangesOnlyWhatItNames) {
-    std::vector<std::string> got;
-    for (const char *version : {"1", "2"}) {
-        const bool first_gen = version[0] == '1';
-        const char *state = first_gen ? "userState" : "secAcctValid";
-        auto profile = [&](const char *name, const std::string &person) {
-            return dir->entry(first_gen ? "cn=" + std::string(name) + "," + person
-                                        : "principalName=" + std::string(name) + "," + kDomainUsers);
-        };
-        auto add = [&](const char *name, const std::string &person, std::vector<std::string> more) {
-            std::vector<std::string> args = {"user", "add", name, "--person", person};
-            if (first_gen) more.insert(more.end(), {"--type", "User"});  // the domain form keeps no type
-            args.insert(args.end(), more.begin(), more.end());
-            return zelctl(*dir, args, version).status;
-        };
-        ASSERT_EQ(add("max", kMax, {"--disabled"}), 0);
-        ASSERT_EQ(add("ann", kAnn, {}), 0);
-        (void)zelctl(*dir, {"user", "update", "max", "--description=Max"}, version);
-        CommandResult r = zelctl(*dir, {"user", "update", "ann", "--description=Ann"}, version);
-        EXPECT_EQ(r.status, 0) << r.err;
-        got.push_back(profile("max", kMax).first(state));
-        got.push_back(profile("ann", kAnn).first(state) + " " + profile("ann", kAnn).first("description"));
-    }
-    EXPECT_EQ(got, (std::vector<std::string>{"Inactive", "Active Ann", "FALSE", "TRUE Ann"}));
-    CommandResult r = zelctl(*dir, {"user", "update", "nobody", "--enabled"});
-    EXPECT_EQ(r.err, "zelctl: cannot read Zel user nobody: ZEL_RC_USER_NOT_FOUND: Zel user not found (status 19)\n");
 }

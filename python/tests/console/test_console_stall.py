@@ -52,7 +52,7 @@ def test_a_stalled_directory_gets_its_own_page_and_holds_up_nobody_else(console)
 
     def ask(i, path):
         answers[i] = people[i].get(path)
-    os.kill(d.proc.pid, signal.SIGSTOP)
+    os.kill(d.pid, signal.SIGSTOP)
     try:
         waiting = [threading.Thread(target=ask, args=(i, path))
                    for i, path in enumerate(("/services", "/users", "/groups"))]
@@ -68,7 +68,7 @@ def test_a_stalled_directory_gets_its_own_page_and_holds_up_nobody_else(console)
         for t in waiting:
             t.join(60)
     finally:
-        os.kill(d.proc.pid, signal.SIGCONT)
+        os.kill(d.pid, signal.SIGCONT)
     assert sorted(s for s, _ in answers.values()).count(504) >= 2
     for status, body in answers.values():
         assert status in (503, 504)

@@ -1,0 +1,37 @@
+// The family walk on slapd: the reference the 389 and AD runs answer like.
+#include <gtest/gtest.h>
+
+#include "peers/family_walk.h"
+#include "support/key_files.h"
+
+namespace {
+
+using namespace zeltest;
+
+class FamilyWalk : public DirectoryTest {
+protected:
+    Profile profile() const override {
+        Profile p;
+        for (const char *cn : {"Users", "Resources", "ResourceGroups"})
+            p.seed_ldif += recordtest::container_ldif(std::string("cn=") + cn + "," + recordtest::kDomain, cn);
+        p.seed_ldif += "dn: " + recordtest::resource_dn("app") + "\nobjectClass: secResource\nsecResourceID: app\nsecType: 1\n";
+        return p;
+    }
+};
+
+TEST_F(FamilyWalk, LibraryAndZelctlAnswerAlike) {
+    walk::Target t{dir->suffix(), dir->suffix(), "", [&](uint32_t v) { return open_session(*dir, v); },
+                   {ZELCTL_PATH, "-H", dir->uri(), "-D", dir->admin_dn(), "-y", key_file(Directory::admin_password())},
+                   [](const std::string &pw) { return key_file(pw); },
+                   [&](const std::string &name) {
+                       dir->try_add("dn: cn=" + name + "," + dir->suffix() + "\nobjectClass: inetOrgPerson\ncn: " +
+                                    name + "\nsn: " + name + "\nuid: " + name + "\n");
+                       return "cn=" + name + "," + dir->suffix();
+                   },
+                   [&](const std::string &base, const std::string &filter) { return dir->search(base, "sub", filter).size(); }};
+    t.admin = t.person("zeladmin");  // the database's administrator is a person of the directory
+    walk::run(t, walk::Driver::Library, "l");
+    walk::run(t, walk::Driver::Zelctl, "z");
+}
+
+}  // namespace
