@@ -123,7 +123,9 @@ TEST_P(PeerSambaAD, EveryFamilyInBothStorageForms) {
     EXPECT_TRUE(dc->search(kBase, "(cn=Zel Sr Admin)", {"1.1"}).empty());
     EXPECT_EQ(Zel_createDatabase(s.get(), kBase.c_str(), nullptr, nullptr, "Zel-Admin-pw-AD-1", 0),
               ssl ? 0u : ZEL_RC_NOT_AUTHORIZED);
-    if (ssl) EXPECT_EQ(Zel_removeDatabase(s.get()), 0u);
+    if (ssl) {
+        EXPECT_EQ(Zel_removeDatabase(s.get()), 0u);
+    }
     s.reset();
     walk::run(t, walk::Driver::Library, "l" + t_name);
     {  // AD's own words on a refused write reach the caller: a secDN naming no entry.

@@ -1,4 +1,5 @@
 // Zel user profiles in both storage forms: add, update, verify, remove.
+#include "support/zelctl.h"
 #include "user/user_fixture.h"
 
 using namespace usertest;
