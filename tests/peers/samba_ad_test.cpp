@@ -130,7 +130,8 @@ TEST_P(PeerSambaAD, EveryFamilyInBothStorageForms) {
     walk::run(t, walk::Driver::Library, "l" + t_name);
     {  // AD's own words on a refused write reach the caller: a secDN naming no entry.
         Session v2 = t.open(2);
-        ZelUser ghost = usertest::user_record("ghost", "User", "CN=ghost," + kPeople);
+        const std::string ghost_person = "CN=ghost," + kPeople;
+        ZelUser ghost = usertest::user_record("ghost", "User", ghost_person);
         EXPECT_EQ(Zel_addZelUser(v2.get(), &ghost), ZEL_RC_REQUEST_ERROR);
         const std::string detail = Zel_last_error_detail();
         EXPECT_EQ(detail.rfind("server: 000020B5: Referenced object not found", 0), 0u) << detail;

@@ -132,7 +132,6 @@ TEST_F(DomainTest, ZelctlAddsReadsAndRemovesMembers) {
 // Usage errors of every family: exit 2, nothing asked of the directory.
 TEST_F(DirectoryTest, ZelctlFamilyUsageErrors) {
     const std::vector<std::vector<std::string>> usage = {
-        {"user", "add", "jo"},  // the type is required
         {"user", "add", "jo", "--type"},
         {"user", "update", "jo", "--enabled", "--disabled"},
         {"user", "remove", "jo", "--force"},
@@ -146,6 +145,7 @@ TEST_F(DirectoryTest, ZelctlFamilyUsageErrors) {
     };
     std::vector<Row> rows;
     for (const auto &args : usage) rows.push_back({"2", args, 2});
+    rows.push_back({"1", {"user", "add", "jo"}, 2});  // a first-generation profile needs its type
     run_rows(*dir, rows);
 }
 

@@ -231,7 +231,7 @@ protected:
         };
         for (const auto &step : first_generation)
             { CommandResult r = zeltest::zelctl(dir, step, "1", "", env); ASSERT_EQ(r.status, 0) << step[0] << " " << step[2] << r.out << r.err; }
-        ASSERT_EQ(run(dir, {"user", "add", "ann", "--type", "User", "--person", "cn=Ann,o=acme"}).status, 0);
+        ASSERT_EQ(run(dir, {"user", "add", "ann", "--person", "cn=Ann,o=acme"}).status, 0);
         ASSERT_EQ(zeltest::zelctl(dir, {"record", "add", "ann", "T:payroll", "--service", "payroll", "--account",
                                         "ann.old", "--password-stdin"},
                                   "1", "old-pw\n", env)

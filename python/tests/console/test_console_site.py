@@ -31,7 +31,7 @@ def site(ruled_directory):
         zelctl(d, "person", "add", d.suffix, "--cn", "Agent", "--sn", "Agent", "--uid", "agent",
                "--password-file", secret(d, "agent.pw", "agent-secret"))
         zelctl(d, "service", "add", "intranet", "--type", "Web Resource")
-        zelctl(d, "user", "add", "jo", "--type", "User", "--person", f"cn=Jo,{d.suffix}")
+        zelctl(d, "user", "add", "jo", "--person", f"cn=Jo,{d.suffix}")
         zelctl(d, "--api-version", "1", "user", "add", "agent", "--type", "Middle Tier Server",
                "--person", f"cn=Agent,{d.suffix}")
         zelctl(d, "record", "add", "jo", "T:intranet", "--service", "intranet", "--account", "jo.direct",
