@@ -86,6 +86,8 @@ TEST_F(AuditTest, ReadsAndWritesAreTrailedWithoutSecrets) {
         ASSERT_EQ(Zel_getTargetRecord(s.get(), "jo", "T:app", &one), 0u);
         Zel_freeTargetRecord(one);
         ASSERT_EQ(Zel_removeTargetRecord(s.get(), "jo", "T:app"), 0u);
+        // A write refused for its arguments is trailed like any other.
+        EXPECT_EQ(Zel_addLocationToDomain(s.get(), nullptr, "resourceName", "app"), ZEL_RC_INVALID_ARGUMENT);
         s.reset();
     }
     // One line per read, an attempt and a result per write, in call order.
@@ -106,6 +108,7 @@ TEST_F(AuditTest, ReadsAndWritesAreTrailedWithoutSecrets) {
         R"("Zel_getCredential" "result" 24)",
         R"("Zel_getTargetRecord" "result" 0)",
         R"("Zel_removeTargetRecord" "attempt")", R"("Zel_removeTargetRecord" "result" 0)",
+        R"("Zel_addLocationToDomain" "attempt")", R"("Zel_addLocationToDomain" "result" 1005)",
     };
     EXPECT_EQ(got, want);
     ASSERT_EQ(lines.size(), want.size());
@@ -126,7 +129,7 @@ TEST_F(AuditTest, ReadsAndWritesAreTrailedWithoutSecrets) {
 
     CommandResult v = verify(trail);
     EXPECT_EQ(v.status, 0) << v.err;
-    EXPECT_EQ(v.out, trail + ": 12 lines, chain intact\n");
+    EXPECT_EQ(v.out, trail + ": 14 lines, chain intact\n");
 }
 
 TEST_F(AuditTest, VerifyNamesTheFirstBrokenLine) {
