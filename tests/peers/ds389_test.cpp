@@ -257,11 +257,13 @@ TEST_F(PeerDs389, AcisProtectRecords) {
     // A profile's state, type and person are the administrators' alone,
     // whatever a careless site rule higher up grants: a disabled XR user and
     // an agent change none of them on their own profile, in either form.
-    ZelUser off = usertest::user_record("Xr", "XR User", person("Xr"), nullptr, 0);
+    const std::string xr = person("Xr");
+    ZelUser off = usertest::user_record("Xr", "XR User", xr, nullptr, 0);
     ASSERT_EQ(Zel_updateZelUser(admin.get(), &off), 0u);
     Session v2 = open(Ds389::admin_dn(), Ds389::admin_password(), 2);
     for (const char *who : {"Xr", "Agent"}) {
-        ZelUser u = usertest::user_record(who, "User", person(who));
+        const std::string dn = person(who);
+        ZelUser u = usertest::user_record(who, "User", dn);
         ASSERT_EQ(Zel_addZelUser(v2.get(), &u), 0u) << who;
     }
     CommandResult site = server->modify("dn: " + kSuffix + "\nchangetype: modify\nadd: aci\naci: (targetattr = \"*\")"
@@ -271,16 +273,17 @@ TEST_F(PeerDs389, AcisProtectRecords) {
     struct Write {
         const char *who;
         std::string dn;
-        const char *attr, *value;
+        const char *attr;
+        std::string value;
         int status;
     } writes[] = {
         {"Xr", "cn=Xr," + person("Xr"), "userState", "Active", 50},
         {"Xr", "cn=Xr," + person("Xr"), "userType", "Senior Admin", 50},
         {"Agent", "cn=Agent," + person("Agent"), "userType", "Senior Admin", 50},
-        {"Agent", "cn=Agent," + person("Agent"), "associatedName", person("Jo").c_str(), 50},
+        {"Agent", "cn=Agent," + person("Agent"), "associatedName", person("Jo"), 50},
         {"Agent", "cn=Agent," + person("Agent"), "description", "mine to write", 0},
         {"Xr", "principalName=Xr,cn=Users," + kDomain, "secAcctValid", "TRUE", 50},
-        {"Agent", "principalName=Agent,cn=Users," + kDomain, "secDN", person("Jo").c_str(), 50},
+        {"Agent", "principalName=Agent,cn=Users," + kDomain, "secDN", person("Jo"), 50},
     };
     for (const Write &w : writes) {
         CommandResult r = run_command({"ldapmodify", "-x", "-H", server->uri(), "-D", person(w.who), "-y",
@@ -293,7 +296,7 @@ TEST_F(PeerDs389, AcisProtectRecords) {
     // The Zel administrator still may.
     Session zel_admin = open(kAdmin, kAdminPassword, 1);
     ASSERT_TRUE(zel_admin);
-    ZelUser on = usertest::user_record("Xr", "XR User", person("Xr"));
+    ZelUser on = usertest::user_record("Xr", "XR User", xr);
     EXPECT_EQ(Zel_updateZelUser(zel_admin.get(), &on), 0u);
 }
 

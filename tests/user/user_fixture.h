@@ -32,6 +32,14 @@ inline ZelUser user_record(const char *name, const char *type, const std::string
     u.personDN = person.empty() ? nullptr : const_cast<char *>(person.c_str());
     return u;
 }
+// A literal person (or "" for none, found by uid).
+inline ZelUser user_record(const char *name, const char *type, const char *person,
+                           const char *description = nullptr, unsigned char enabled = 1) {
+    return ZelUser{const_cast<char *>(name), const_cast<char *>(type), const_cast<char *>(description), enabled,
+                   (person && *person) ? const_cast<char *>(person) : nullptr};
+}
+// The record points into the person's text: a temporary would dangle.
+ZelUser user_record(const char *, const char *, std::string &&, const char * = nullptr, unsigned char = 1) = delete;
 
 // What Zel_verifyZelUser answers and the DN it hands out ("(not handed out)"
 // for none); the buffer is the caller's whatever the answer.
