@@ -16,7 +16,10 @@
 #include "doctor_ad.h"
 #include "doctor_replication.h"
 #include "doctor_security.h"
+#include "json_out.h"
 #include "zelctl.h"
+
+#include "ldap_held.h"
 
 namespace zelctl {
 namespace {
@@ -42,18 +45,6 @@ struct Finding {
 constexpr const char *kSecuring = "see \"Securing a deployment\" in doc/admin.md";
 constexpr const char *kRecordFilter = "(|(objectClass=eTargetRecord)(objectClass=secResCreds))";
 
-struct LdapClose {
-    void operator()(LDAP *ld) const { ldap_unbind_ext_s(ld, nullptr, nullptr); }
-};
-struct MessageFree {
-    void operator()(LDAPMessage *m) const { ldap_msgfree(m); }
-};
-struct ValuesFree {
-    void operator()(berval **v) const { ldap_value_free_len(v); }
-};
-using Ldap = std::unique_ptr<LDAP, LdapClose>;
-using Message = std::unique_ptr<LDAPMessage, MessageFree>;
-using Values = std::unique_ptr<berval *, ValuesFree>;
 
 // A connection of its own to the server the options name, bound as `dn` (an
 // empty DN binds anonymously).  Null, with the reason in `error`, when the
@@ -278,14 +269,11 @@ void print(const Options &opts, const std::vector<Finding> &findings, bool dange
         }
         return;
     }
-    std::string out = "{\"findings\":[";
-    for (size_t i = 0; i < findings.size(); ++i) {
-        const Finding &f = findings[i];
-        out += std::string(i ? "," : "") + "{\"check\":" + json_string(f.check) +
-               ",\"verdict\":" + json_string(verdict_name(f.verdict)) + ",\"finding\":" + json_string(f.text.c_str()) +
-               ",\"fix\":" + json_string(f.fix.c_str()) + "}";
-    }
-    std::printf("%s],\"dangerous\":%s}\n", out.c_str(), dangerous ? "true" : "false");
+    Json listed = Json::array();
+    for (const Finding &f : findings)
+        listed.push_back(Json{{"check", json_text(f.check)}, {"verdict", json_text(verdict_name(f.verdict))},
+                              {"finding", f.text}, {"fix", f.fix}});
+    print_json(Json{{"findings", std::move(listed)}, {"dangerous", dangerous}});
 }
 
 }  // namespace
@@ -312,7 +300,7 @@ int run_doctor(const Options &opts, Args args) {
     if (!s) return 1;
     ZelSessionInfo *raw_info = nullptr;
     ZelRC zrc = Zel_getSessionInfo(s.get(), &raw_info);
-    std::unique_ptr<ZelSessionInfo, void (*)(ZelSessionInfo *)> info(raw_info, Zel_freeSessionInfo);
+    Held<ZelSessionInfo, Zel_freeSessionInfo> info(raw_info);
     if (zrc != 0) return fail("cannot read what the session learnt", zrc);
     std::vector<std::string> suffixes;
     for (int32_t i = 0; i < info->suffixCount; ++i) suffixes.emplace_back(info->suffixes[i]);

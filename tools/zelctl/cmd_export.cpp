@@ -210,7 +210,7 @@ int run_export(const Options &opts, Args args) {
     if (opts.api_version >= 2 && Zel_getSessionInfo(s.get(), &info) == 0 && info->databaseDN != nullptr) {
         Options first_generation = opts;
         first_generation.api_version = 1;
-        older.reset(open_session(first_generation));
+        older = open_session(first_generation);
         if (!older) {
             Zel_freeSessionInfo(info);
             return 1;

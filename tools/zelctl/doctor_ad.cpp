@@ -10,17 +10,10 @@
 #include <cstdlib>
 #include <memory>
 
+#include "ldap_held.h"
+
 namespace zelctl {
 namespace {
-
-struct MessageFree {
-    void operator()(LDAPMessage *m) const { ldap_msgfree(m); }
-};
-struct ValuesFree {
-    void operator()(berval **v) const { ldap_value_free_len(v); }
-};
-using Message = std::unique_ptr<LDAPMessage, MessageFree>;
-using Values = std::unique_ptr<berval *, ValuesFree>;
 
 // LDAP_SERVER_SD_FLAGS asking for the DACL only: SEQUENCE { INTEGER 4 }.
 constexpr const char *kSdFlagsOid = "1.2.840.113556.1.4.801";
