@@ -24,11 +24,11 @@ int credential_get(const Options &opts, Args args) {
     if (rc != 0) return fail("no credential of " + operands[0] + " for " + operands[1], rc);
     if (opts.json) {
         Json out{{"user", operands[0]}, {"resource", operands[1]}, {"account", json_text(c.userId)}};
-        if (reveal) out["password"] = c.password;
+        if (reveal) out["password"] = json_text(c.password);
         std::string text = json_dump(out);
         std::printf("%s\n", text.c_str());
         forget_secret(text);
-        if (reveal) forget_secret(out["password"].get_ref<std::string &>());
+        if (reveal && out["password"].is_string()) forget_secret(out["password"].get_ref<std::string &>());
     } else {
         std::printf("account:  %s\n", c.userId ? c.userId : "");
         if (reveal) std::printf("password: %s\n", c.password);
@@ -89,8 +89,9 @@ int credential_explain(const Options &opts, Args args) {
     Session s(open_session(opts));
     if (!s) return 1;
     ZelCredentialRequest request{nullptr, nullptr, operands[1].data()};
-    ZelCredentialExplanation *e = nullptr;
-    ZelRC rc = Zel_explainCredential(s.get(), operands[0].c_str(), &request, &e);
+    ZelCredentialExplanation *raw = nullptr;
+    ZelRC rc = Zel_explainCredential(s.get(), operands[0].c_str(), &request, &raw);
+    Held<ZelCredentialExplanation, Zel_freeCredentialExplanation> e(raw);
     if (rc != 0) return fail("no explanation for " + operands[0] + " and " + operands[1], rc);
     if (json) {
         Json steps = Json::array();
@@ -101,9 +102,7 @@ int credential_explain(const Options &opts, Args args) {
         for (int32_t i = 0; i < e->stepCount; ++i) print_step(*e->steps[i], i == e->answerStep);
         std::printf("answer: %s (status %u)\n", e->reason, static_cast<unsigned>(e->status));
     }
-    int exit_status = e->status == 0 ? 0 : 1;
-    Zel_freeCredentialExplanation(e);
-    return exit_status;
+    return e->status == 0 ? 0 : 1;
 }
 
 }  // namespace

@@ -14,8 +14,6 @@
 namespace zelctl {
 namespace {
 
-void memfree(char *p) { Zel_memfree(p); }
-
 int key_generate(const Options &opts, Args args) {
     int status = 0;
     bool add = take_flag(args, "--add");
@@ -30,7 +28,7 @@ int key_generate(const Options &opts, Args args) {
     char *raw_id = nullptr;
     if (Zel_generateKeyFile(file.c_str(), flags, &raw_id) != 0)
         return usage("cannot write the key file " + file + (add ? "" : " (an existing file is never overwritten; --add adds a key to it)"));
-    Held<char, memfree> held_id(raw_id);
+    Held<char, Zel_memfree> held_id(raw_id);
     const char *id = held_id.get();
     if (opts.json)
         print_json(Json{{"file", file}, {"key", json_text(id)}, {"active", true}});

@@ -52,6 +52,7 @@ std::string json_dump(const Json &doc) {
         else if (next == 'f') out += "\\u000c";
         else (out += '\\') += next;
     }
+    forget_secret(text);  // a revealed password passes through here
     return out;
 }
 
