@@ -13,10 +13,7 @@ namespace {
 
 using HeldDomain = Held<ZelDomain, Zel_freeZelDomain>;
 
-
 const char *kServiceType = "resourceName";
-
-const char *or_empty(const char *text) { return text ? text : ""; }
 
 Json domain_json(const ZelDomain *d) {
     Json locations = Json::array();

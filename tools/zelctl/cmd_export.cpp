@@ -44,8 +44,6 @@ std::vector<std::string> names_of(const List *list, Item **List::*items, NameOf 
     return out;
 }
 
-const char *or_empty(const char *text) { return text ? text : ""; }
-
 // A list that finds nothing answers its family's "not found": an empty list.
 ZelRC read_types(ZelSession *s, Document &doc) {
     ZelTargetServiceTypeList *raw = nullptr;

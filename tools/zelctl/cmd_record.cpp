@@ -14,9 +14,6 @@
 namespace zelctl {
 namespace {
 
-
-const char *or_empty(const char *text) { return text ? text : ""; }
-
 Json record_json(const ZelTargetRecord *r, bool reveal, bool unreadable = false) {
     Json out{{"id", json_text(r->targetRecordId)},
              {"service", json_text(r->targetServiceName)},
@@ -39,7 +36,6 @@ void print_record(const ZelTargetRecord *r, bool reveal, bool unreadable = false
     if (unreadable) std::printf("unreadable:  %s\n", kUnreadable);
     else if (reveal) std::printf("password:    %s\n", or_empty(r->password));
 }
-
 
 int record_list(const Options &opts, Args args) {
     int status = 0;

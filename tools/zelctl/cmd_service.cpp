@@ -11,9 +11,6 @@
 namespace zelctl {
 namespace {
 
-
-const char *or_empty(const char *text) { return text ? text : ""; }
-
 Json service_json(const ZelTargetService *ts) {
     Json identifiers = Json::array();
     for (int32_t i = 0; i < ts->reqIdentifierCount && ts->reqIdentifiers; ++i) {

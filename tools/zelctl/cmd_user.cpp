@@ -11,9 +11,6 @@
 namespace zelctl {
 namespace {
 
-
-const char *or_empty(const char *text) { return text ? text : ""; }
-
 int user_list(const Options &opts, Args args) {
     int status = 0;
     std::vector<std::string> none;

@@ -76,6 +76,9 @@ int fail(const std::string &what, ZelRC rc);
 // "zelctl: <message>" on standard error; returns 2 (usage errors).
 int usage(const std::string &message);
 
+// A text the library handed out, "" where there is none.
+inline const char *or_empty(const char *text) { return text ? text : ""; }
+
 // "orv", "netscape", ... "active-directory": the directory kind as zelctl names it.
 const char *directory_kind_name(int32_t kind);
 
