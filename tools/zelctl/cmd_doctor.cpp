@@ -250,9 +250,7 @@ Finding storage_forms_check(LDAP *ld, const std::vector<std::string> &suffixes) 
             int rc = 0;
             Message res = search(ld, suffix, LDAP_SCOPE_SUBTREE, filter, no_attrs, rc);
             for (LDAPMessage *e = ldap_first_entry(ld, res.get()); e; e = ldap_next_entry(ld, e)) {
-                char *dn = ldap_get_dn(ld, e);
-                found += std::string(found.empty() ? "" : "; ") + name + " at " + (dn ? dn : "?");
-                ldap_memfree(dn);
+                found += std::string(found.empty() ? "" : "; ") + name + " at " + dn_of(ld, e, "?");
             }
         }
     if (found.empty())

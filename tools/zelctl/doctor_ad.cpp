@@ -31,13 +31,6 @@ Message search(LDAP *ld, const std::string &base, int scope, const std::string &
     return Message(raw);
 }
 
-std::string dn_of(LDAP *ld, LDAPMessage *e) {
-    char *dn = ldap_get_dn(ld, e);
-    std::string out = dn ? dn : "?";
-    ldap_memfree(dn);
-    return out;
-}
-
 uint32_t le32(const std::string &b, size_t at) {
     return static_cast<uint32_t>(static_cast<uint8_t>(b[at])) | static_cast<uint32_t>(static_cast<uint8_t>(b[at + 1])) << 8 |
            static_cast<uint32_t>(static_cast<uint8_t>(b[at + 2])) << 16 |
@@ -99,7 +92,7 @@ std::string group_named(LDAP *ld, const std::vector<std::string> &suffixes, cons
         if (type && type.get()[0])
             security = (std::strtoll(std::string(type.get()[0]->bv_val, type.get()[0]->bv_len).c_str(), nullptr, 10) &
                         0x80000000LL) != 0;
-        return dn_of(ld, e);
+        return dn_of(ld, e, "?");
     }
     return sid_text(sid);
 }
@@ -118,7 +111,7 @@ AdReadersFinding ad_readers_check(LDAP *ld, const std::vector<std::string> &suff
                                "(|(objectClass=secAuthorityInfo)(&(objectClass=eApplicationSystem)(systemName=ORVZEL)))",
                                no_attrs, nullptr);
         for (LDAPMessage *e = found ? ldap_first_entry(ld, found.get()) : nullptr; e; e = ldap_next_entry(ld, e)) {
-            const std::string dn = dn_of(ld, e);
+            const std::string dn = dn_of(ld, e, "?");
             Message sd_res = search(ld, dn, LDAP_SCOPE_BASE, "(objectClass=*)", sd_attrs, controls);
             LDAPMessage *se = sd_res ? ldap_first_entry(ld, sd_res.get()) : nullptr;
             Values sd(se ? ldap_get_values_len(ld, se, "nTSecurityDescriptor") : nullptr);

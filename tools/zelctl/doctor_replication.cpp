@@ -67,16 +67,8 @@ LDAPMessage *first_entry(LDAP *ld, const Message &res) { return res ? ldap_first
 
 std::vector<std::string> values_of(LDAP *ld, LDAPMessage *e, const char *attr) {
     std::vector<std::string> out;
-    berval **v = ldap_get_values_len(ld, e, attr);
-    for (berval **p = v; p && *p; ++p) out.emplace_back((*p)->bv_val, (*p)->bv_len);
-    ldap_value_free_len(v);
-    return out;
-}
-
-std::string dn_of(LDAP *ld, LDAPMessage *e) {
-    char *dn = ldap_get_dn(ld, e);
-    std::string out = dn ? dn : "";
-    ldap_memfree(dn);
+    Values v(ldap_get_values_len(ld, e, attr));
+    for (berval **p = v.get(); p && *p; ++p) out.emplace_back((*p)->bv_val, (*p)->bv_len);
     return out;
 }
 
