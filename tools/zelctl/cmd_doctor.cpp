@@ -17,9 +17,8 @@
 #include "doctor_replication.h"
 #include "doctor_security.h"
 #include "json_out.h"
-#include "zelctl.h"
-
 #include "ldap_held.h"
+#include "zelctl.h"
 
 namespace zelctl {
 namespace {
@@ -44,7 +43,6 @@ struct Finding {
 
 constexpr const char *kSecuring = "see \"Securing a deployment\" in doc/admin.md";
 constexpr const char *kRecordFilter = "(|(objectClass=eTargetRecord)(objectClass=secResCreds))";
-
 
 // A connection of its own to the server the options name, bound as `dn` (an
 // empty DN binds anonymously).  Null, with the reason in `error`, when the

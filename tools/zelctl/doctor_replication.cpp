@@ -14,7 +14,6 @@
 
 #include "dry_run.h"
 #include "json_out.h"
-
 #include "ldap_held.h"
 
 namespace zelctl {
