@@ -396,3 +396,23 @@ TEST(AuditChain, ConcurrentWritersKeepOneChain) {
     EXPECT_EQ(check.line, static_cast<uint64_t>(kWriters * kLines));
     EXPECT_EQ(verify(trail).status, 0);
 }
+
+// --json output: the trail's name goes out as valid JSON whatever bytes it
+// holds (control characters as \u00XX, a byte that is not UTF-8 as U+FFFD),
+// and a broken chain names its line instead of a head.
+TEST(AuditChain, JsonReportsNameTheTrailInValidJson) {
+    TrailFolder folder;
+    const std::string odd = folder.dir + "/t\b\f\x01\xff";
+    const std::string shown = "\"" + folder.dir + "/t\\u0008\\u000c\\u0001\xef\xbf\xbd\"";
+    for (int i = 0; i < 2; ++i) ASSERT_EQ(plat::append_audit_line(odd.c_str(), "\"op\":\"x\""), 0);
+    CommandResult head = run_command({ZELCTL_PATH, "--json", "audit", "head", odd});
+    ASSERT_EQ(head.status, 0) << head.err;
+    EXPECT_EQ(head.out.rfind("{\"file\":" + shown + ",\"lines\":2,\"head\":\"2:", 0), 0u) << head.out;
+
+    std::vector<std::string> lines = read_lines(odd);
+    lines[0][lines[0].size() - 2] ^= 1;
+    std::ofstream(odd, std::ios::trunc) << lines[0] << "\n" << lines[1] << "\n";
+    CommandResult broken = run_command({ZELCTL_PATH, "--json", "audit", "verify", odd});
+    EXPECT_EQ(broken.status, 1);
+    EXPECT_EQ(broken.out.rfind("{\"file\":" + shown + ",\"intact\":false,\"line\":1,\"fault\":\"", 0), 0u) << broken.out;
+}

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <string>
 
+#include "json_out.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -38,11 +39,15 @@ int audit_verify(const Options &opts, Args args) {
     HeldCheck c = check_trail("audit verify", file, have_expect ? expect.c_str() : nullptr, status);
     if (!c) return status;
     if (opts.json) {
-        std::printf("{\"file\":%s,\"intact\":%s,", json_string(file.c_str()).c_str(), c->intact ? "true" : "false");
-        if (c->intact) std::printf("\"lines\":%llu,\"head\":%s}\n", static_cast<unsigned long long>(c->lines),
-                                   json_string(c->head).c_str());
-        else std::printf("\"line\":%llu,\"fault\":%s}\n", static_cast<unsigned long long>(c->faultLine),
-                         json_string(c->fault).c_str());
+        Json out{{"file", file}, {"intact", static_cast<bool>(c->intact)}};
+        if (c->intact) {
+            out["lines"] = c->lines;
+            out["head"] = json_text(c->head);
+        } else {
+            out["line"] = c->faultLine;
+            out["fault"] = json_text(c->fault);
+        }
+        print_json(out);
     } else if (c->intact) {
         std::printf("%s: %llu lines, chain intact\n", file.c_str(), static_cast<unsigned long long>(c->lines));
     }
@@ -59,11 +64,8 @@ int audit_head(const Options &opts, Args args) {
     HeldCheck c = check_trail("audit head", file, nullptr, status);
     if (!c) return status;
     if (!c->intact) return report_fault("audit head", file, *c);
-    if (opts.json)
-        std::printf("{\"file\":%s,\"lines\":%llu,\"head\":%s}\n", json_string(file.c_str()).c_str(),
-                    static_cast<unsigned long long>(c->lines), json_string(c->head).c_str());
-    else
-        std::printf("%s\n", c->head);
+    if (opts.json) return print_json(Json{{"file", file}, {"lines", c->lines}, {"head", json_text(c->head)}});
+    std::printf("%s\n", c->head);
     return 0;
 }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "json_out.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -22,10 +23,12 @@ int credential_get(const Options &opts, Args args) {
     ZelRC rc = Zel_getCredential(s.get(), operands[0].c_str(), &request, &c);
     if (rc != 0) return fail("no credential of " + operands[0] + " for " + operands[1], rc);
     if (opts.json) {
-        std::string out = "{\"user\":" + json_string(operands[0].c_str()) + ",\"resource\":" +
-                          json_string(operands[1].c_str()) + ",\"account\":" + json_string(c.userId);
-        if (reveal) out += ",\"password\":" + json_string(c.password);
-        std::printf("%s}\n", out.c_str());
+        Json out{{"user", operands[0]}, {"resource", operands[1]}, {"account", json_text(c.userId)}};
+        if (reveal) out["password"] = json_text(c.password);
+        std::string text = json_dump(out);
+        std::printf("%s\n", text.c_str());
+        forget_secret(text);
+        if (reveal && out["password"].is_string()) forget_secret(out["password"].get_ref<std::string &>());
     } else {
         std::printf("account:  %s\n", c.userId ? c.userId : "");
         if (reveal) std::printf("password: %s\n", c.password);
@@ -45,17 +48,20 @@ const char *user_state(int32_t outcome) {
                                    : outcome == ZEL_RC_USER_NOT_FOUND ? "no Zel user" : Zel_strerror(outcome);
 }
 
-std::string step_json(const ZelExplainStep &step, bool answers) {
+Json step_json(const ZelExplainStep &step, bool answers) {
     static const char *kinds[] = {"", "user", "direct", "group"};
-    std::string out = std::string("{\"step\":\"") + kinds[step.kind] + "\",\"form\":\"" + form_name(step.form) +
-                      "\",\"dn\":" + (step.dn ? json_string(step.dn) : "null");
-    if (step.kind == ZEL_STEP_USER) out += std::string(",\"state\":") + json_string(user_state(step.outcome));
-    if (step.kind == ZEL_STEP_DIRECT)
-        out += ",\"record\":" + json_string(step.name) + ",\"found\":" + (step.outcome ? "true" : "false");
-    if (step.kind == ZEL_STEP_GROUP)
-        out += ",\"group\":" + json_string(step.name) + ",\"heldIn\":" +
-               (step.outcome ? json_string(form_name(step.outcome)) : "null");
-    return out + ",\"answers\":" + (answers ? "true" : "false") + "}";
+    Json out{{"step", kinds[step.kind]}, {"form", form_name(step.form)}, {"dn", json_text(step.dn)}};
+    if (step.kind == ZEL_STEP_USER) out["state"] = json_text(user_state(step.outcome));
+    if (step.kind == ZEL_STEP_DIRECT) {
+        out["record"] = json_text(step.name);
+        out["found"] = step.outcome != 0;
+    }
+    if (step.kind == ZEL_STEP_GROUP) {
+        out["group"] = json_text(step.name);
+        out["heldIn"] = step.outcome ? Json(form_name(step.outcome)) : Json(nullptr);
+    }
+    out["answers"] = answers;
+    return out;
 }
 
 void print_step(const ZelExplainStep &step, bool answers) {
@@ -83,22 +89,20 @@ int credential_explain(const Options &opts, Args args) {
     Session s(open_session(opts));
     if (!s) return 1;
     ZelCredentialRequest request{nullptr, nullptr, operands[1].data()};
-    ZelCredentialExplanation *e = nullptr;
-    ZelRC rc = Zel_explainCredential(s.get(), operands[0].c_str(), &request, &e);
+    ZelCredentialExplanation *raw = nullptr;
+    ZelRC rc = Zel_explainCredential(s.get(), operands[0].c_str(), &request, &raw);
+    Held<ZelCredentialExplanation, Zel_freeCredentialExplanation> e(raw);
     if (rc != 0) return fail("no explanation for " + operands[0] + " and " + operands[1], rc);
     if (json) {
-        std::string out = "{\"user\":" + json_string(e->userName) + ",\"resource\":" + json_string(e->resourceName) +
-                          ",\"status\":" + std::to_string(e->status) + ",\"reason\":" + json_string(e->reason) +
-                          ",\"steps\":[";
-        for (int32_t i = 0; i < e->stepCount; ++i) out += (i ? "," : "") + step_json(*e->steps[i], i == e->answerStep);
-        std::printf("%s]}\n", out.c_str());
+        Json steps = Json::array();
+        for (int32_t i = 0; i < e->stepCount; ++i) steps.push_back(step_json(*e->steps[i], i == e->answerStep));
+        print_json(Json{{"user", json_text(e->userName)}, {"resource", json_text(e->resourceName)}, {"status", e->status},
+                        {"reason", json_text(e->reason)}, {"steps", std::move(steps)}});
     } else {
         for (int32_t i = 0; i < e->stepCount; ++i) print_step(*e->steps[i], i == e->answerStep);
         std::printf("answer: %s (status %u)\n", e->reason, static_cast<unsigned>(e->status));
     }
-    int exit_status = e->status == 0 ? 0 : 1;
-    Zel_freeCredentialExplanation(e);
-    return exit_status;
+    return e->status == 0 ? 0 : 1;
 }
 
 }  // namespace

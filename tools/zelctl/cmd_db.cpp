@@ -8,6 +8,7 @@
 
 #include "dry_run.h"
 #include "progress.h"
+#include "json_out.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -88,10 +89,8 @@ int db_remove(const Options &opts, Args args) {
     ZelRC rc = Zel_removeDatabase(session.get());
     progress.done();
     if (rc != 0) return fail("cannot remove the Zel database", rc);
-    if (opts.json)
-        std::puts("{\"database\":true,\"removed\":true}");
-    else
-        std::puts("Zel database removed");
+    if (opts.json) return print_json(Json{{"database", true}, {"removed", true}});
+    std::puts("Zel database removed");
     return 0;
 }
 

@@ -16,6 +16,8 @@
 #include "doctor_ad.h"
 #include "doctor_replication.h"
 #include "doctor_security.h"
+#include "json_out.h"
+#include "ldap_held.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -41,19 +43,6 @@ struct Finding {
 
 constexpr const char *kSecuring = "see \"Securing a deployment\" in doc/admin.md";
 constexpr const char *kRecordFilter = "(|(objectClass=eTargetRecord)(objectClass=secResCreds))";
-
-struct LdapClose {
-    void operator()(LDAP *ld) const { ldap_unbind_ext_s(ld, nullptr, nullptr); }
-};
-struct MessageFree {
-    void operator()(LDAPMessage *m) const { ldap_msgfree(m); }
-};
-struct ValuesFree {
-    void operator()(berval **v) const { ldap_value_free_len(v); }
-};
-using Ldap = std::unique_ptr<LDAP, LdapClose>;
-using Message = std::unique_ptr<LDAPMessage, MessageFree>;
-using Values = std::unique_ptr<berval *, ValuesFree>;
 
 // A connection of its own to the server the options name, bound as `dn` (an
 // empty DN binds anonymously).  Null, with the reason in `error`, when the
@@ -259,9 +248,7 @@ Finding storage_forms_check(LDAP *ld, const std::vector<std::string> &suffixes) 
             int rc = 0;
             Message res = search(ld, suffix, LDAP_SCOPE_SUBTREE, filter, no_attrs, rc);
             for (LDAPMessage *e = ldap_first_entry(ld, res.get()); e; e = ldap_next_entry(ld, e)) {
-                char *dn = ldap_get_dn(ld, e);
-                found += std::string(found.empty() ? "" : "; ") + name + " at " + (dn ? dn : "?");
-                ldap_memfree(dn);
+                found += std::string(found.empty() ? "" : "; ") + name + " at " + dn_of(ld, e, "?");
             }
         }
     if (found.empty())
@@ -278,14 +265,11 @@ void print(const Options &opts, const std::vector<Finding> &findings, bool dange
         }
         return;
     }
-    std::string out = "{\"findings\":[";
-    for (size_t i = 0; i < findings.size(); ++i) {
-        const Finding &f = findings[i];
-        out += std::string(i ? "," : "") + "{\"check\":" + json_string(f.check) +
-               ",\"verdict\":" + json_string(verdict_name(f.verdict)) + ",\"finding\":" + json_string(f.text.c_str()) +
-               ",\"fix\":" + json_string(f.fix.c_str()) + "}";
-    }
-    std::printf("%s],\"dangerous\":%s}\n", out.c_str(), dangerous ? "true" : "false");
+    Json listed = Json::array();
+    for (const Finding &f : findings)
+        listed.push_back(Json{{"check", json_text(f.check)}, {"verdict", json_text(verdict_name(f.verdict))},
+                              {"finding", f.text}, {"fix", f.fix}});
+    print_json(Json{{"findings", std::move(listed)}, {"dangerous", dangerous}});
 }
 
 }  // namespace
@@ -312,7 +296,7 @@ int run_doctor(const Options &opts, Args args) {
     if (!s) return 1;
     ZelSessionInfo *raw_info = nullptr;
     ZelRC zrc = Zel_getSessionInfo(s.get(), &raw_info);
-    std::unique_ptr<ZelSessionInfo, void (*)(ZelSessionInfo *)> info(raw_info, Zel_freeSessionInfo);
+    Held<ZelSessionInfo, Zel_freeSessionInfo> info(raw_info);
     if (zrc != 0) return fail("cannot read what the session learnt", zrc);
     std::vector<std::string> suffixes;
     for (int32_t i = 0; i < info->suffixCount; ++i) suffixes.emplace_back(info->suffixes[i]);

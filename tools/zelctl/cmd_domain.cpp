@@ -5,28 +5,23 @@
 #include <vector>
 
 #include "dry_run.h"
+#include "json_out.h"
 #include "zelctl.h"
 
 namespace zelctl {
 namespace {
 
-struct DomainFree { void operator()(ZelDomain *d) const { Zel_freeZelDomain(d); } };
-struct DomainListFree { void operator()(ZelDomainList *l) const { Zel_freeZelDomains(l); } };
+using HeldDomain = Held<ZelDomain, Zel_freeZelDomain>;
 
 const char *kServiceType = "resourceName";
 
-const char *or_empty(const char *text) { return text ? text : ""; }
-
-std::string domain_json(const ZelDomain *d) {
-    std::string out = "{\"name\":" + json_string(d->name) + ",\"description\":" + json_string(d->description) +
-                      ",\"locations\":[";
+Json domain_json(const ZelDomain *d) {
+    Json locations = Json::array();
     for (int32_t i = 0; i < d->locationCount && d->locations; ++i) {
         const ZelDomainLocation *loc = d->locations[i];
-        if (loc == nullptr) continue;
-        out += std::string(i ? "," : "") + "{\"type\":" + json_string(loc->type) +
-               ",\"value\":" + json_string(loc->value) + "}";
+        if (loc != nullptr) locations.push_back(Json{{"type", json_text(loc->type)}, {"value", json_text(loc->value)}});
     }
-    return out + "]}";
+    return Json{{"name", json_text(d->name)}, {"description", json_text(d->description)}, {"locations", std::move(locations)}};
 }
 
 // A service member by its name; other first-generation locations as
@@ -52,15 +47,14 @@ int list_domains(const Options &opts, const Args &args) {
     if (!s) return 1;
     ZelDomainList *raw = nullptr;
     ZelRC rc = Zel_getAllZelDomain(s.get(), &raw);
-    std::unique_ptr<ZelDomainList, DomainListFree> list(raw);
+    Held<ZelDomainList, Zel_freeZelDomains> list(raw);
     // No resource group at all is an empty listing, not an error.
     if (rc != 0 && rc != ZEL_RC_ZEL_DOMAIN_NOT_FOUND) return fail("cannot list resource groups", rc);
     int32_t count = list ? list->count : 0;
     if (opts.json) {
-        std::string out = "[";
-        for (int32_t i = 0; i < count; ++i) out += (i ? "," : "") + domain_json(list->domains[i]);
-        std::printf("%s]\n", out.c_str());
-        return 0;
+        Json out = Json::array();
+        for (int32_t i = 0; i < count; ++i) out.push_back(domain_json(list->domains[i]));
+        return print_json(out);
     }
     for (int32_t i = 0; i < count; ++i) {
         const ZelDomain *d = list->domains[i];
@@ -77,10 +71,10 @@ int get_domain(const Options &opts, const Args &args) {
     if (!s) return 1;
     ZelDomain *raw = nullptr;
     ZelRC rc = Zel_getZelDomain(s.get(), operands[0].c_str(), &raw);
-    std::unique_ptr<ZelDomain, DomainFree> d(raw);
+    HeldDomain d(raw);
     if (rc != 0) return fail("cannot read resource group " + operands[0], rc);
     if (opts.json) {
-        std::printf("%s\n", domain_json(d.get()).c_str());
+        print_json(domain_json(d.get()));
         return 0;
     }
     std::printf("name:        %s\n", or_empty(d->name));
@@ -92,7 +86,7 @@ int get_domain(const Options &opts, const Args &args) {
 
 // The group as stored; an update or a member edit of a missing group fails
 // with 6 (its entry is written by DN), a removal with the 32 of the look-up.
-ZelRC read_group(ZelSession *s, const std::string &name, bool by_dn, std::unique_ptr<ZelDomain, DomainFree> &out) {
+ZelRC read_group(ZelSession *s, const std::string &name, bool by_dn, HeldDomain &out) {
     ZelDomain *raw = nullptr;
     ZelRC rc = Zel_getZelDomain(s, name.c_str(), &raw);
     out.reset(raw);
@@ -119,7 +113,7 @@ bool has_member(const ZelDomain *d, const std::string &service) {
 int dry_write_domain(ZelSession *s, const Options &opts, const ZelDomain &d, bool add, bool members_given,
                      const std::string &failed) {
     const std::string name = d.name;
-    std::unique_ptr<ZelDomain, DomainFree> old;
+    HeldDomain old;
     ZelRC rc = read_group(s, name, !add, old);
     if (add && rc == 0) rc = ZEL_RC_ALREADY_EXISTS;
     if (rc != 0 && !(add && rc == ZEL_RC_ZEL_DOMAIN_NOT_FOUND)) return DryRun::would_fail(failed, rc);
@@ -179,7 +173,7 @@ int remove_domain(const Options &opts, const Args &args) {
     if (!s) return 1;
     const std::string failed = "cannot remove resource group " + operands[0];
     if (opts.dry_run) {
-        std::unique_ptr<ZelDomain, DomainFree> old;
+        Held<ZelDomain, Zel_freeZelDomain> old;
         if (ZelRC rc = read_group(s.get(), operands[0], false, old)) return DryRun::would_fail(failed, rc);
         return DryRun(opts, "remove resource group " + operands[0])
             .name("domain", operands[0])
@@ -199,7 +193,7 @@ int remove_domain(const Options &opts, const Args &args) {
 int dry_edit_member(ZelSession *s, const Options &opts, const std::string &name, const std::string &service, bool add,
                     const std::string &failed) {
     if (add && !is_service(s, service)) return DryRun::would_fail(failed, ZEL_RC_TS_NOT_FOUND);
-    std::unique_ptr<ZelDomain, DomainFree> group;
+    HeldDomain group;
     if (ZelRC rc = read_group(s, name, true, group)) return DryRun::would_fail(failed, rc);
     DryRun dry(opts, std::string(add ? "add member " : "remove member ") + service + (add ? " to" : " from") +
                          " resource group " + name);
@@ -226,8 +220,7 @@ int edit_member(const Options &opts, const Args &args, bool add) {
     const char *verb = add ? "added" : "removed";
     if (rc != 0) return fail(failed, rc);
     if (opts.json)
-        std::printf("{\"domain\":%s,\"member\":%s,\"%s\":true}\n", json_string(name.c_str()).c_str(),
-                    json_string(service.c_str()).c_str(), verb);
+        print_json(Json{{"domain", name}, {"member", service}, {verb, true}});
     else
         std::printf("member %s %s %s resource group %s\n", service.c_str(), verb, add ? "to" : "from", name.c_str());
     return 0;

@@ -44,8 +44,6 @@ std::vector<std::string> names_of(const List *list, Item **List::*items, NameOf 
     return out;
 }
 
-const char *or_empty(const char *text) { return text ? text : ""; }
-
 // A list that finds nothing answers its family's "not found": an empty list.
 ZelRC read_types(ZelSession *s, Document &doc) {
     ZelTargetServiceTypeList *raw = nullptr;
@@ -206,17 +204,15 @@ int run_export(const Options &opts, Args args) {
     // A security domain session that knows the Zel database sees both
     // forms; a first-generation session beside it tells them apart.
     Session older;
-    ZelSessionInfo *info = nullptr;
-    if (opts.api_version >= 2 && Zel_getSessionInfo(s.get(), &info) == 0 && info->databaseDN != nullptr) {
+    ZelSessionInfo *raw_info = nullptr;
+    ZelRC info_rc = opts.api_version >= 2 ? Zel_getSessionInfo(s.get(), &raw_info) : 0;
+    Held<ZelSessionInfo, Zel_freeSessionInfo> info(raw_info);
+    if (info_rc == 0 && info && info->databaseDN != nullptr) {
         Options first_generation = opts;
         first_generation.api_version = 1;
-        older.reset(open_session(first_generation));
-        if (!older) {
-            Zel_freeSessionInfo(info);
-            return 1;
-        }
+        older = open_session(first_generation);
+        if (!older) return 1;
     }
-    Zel_freeSessionInfo(info);
     Document doc;
     doc.storage = static_cast<int>(opts.api_version);
     doc.passwords = passwords;

@@ -17,6 +17,7 @@
 
 #include "document.h"
 #include "progress.h"
+#include "json_out.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -274,8 +275,8 @@ public:
     int finish() {
         int changed = counts_[0] + counts_[1];
         if (opts_.json) {
-            std::printf("{\"dryRun\":%s,\"created\":%d,\"updated\":%d,\"unchanged\":%d,\"failed\":%d,\"objects\":[%s]}\n",
-                        dry_run_ ? "true" : "false", counts_[0], counts_[1], counts_[2], counts_[3], json_.c_str());
+            print_json(Json{{"dryRun", dry_run_}, {"created", counts_[0]}, {"updated", counts_[1]},
+                            {"unchanged", counts_[2]}, {"failed", counts_[3]}, {"objects", objects_}});
         } else {
             std::printf("%s%d created, %d updated, %d unchanged, %d failed%s\n", dry_run_ ? "dry run: " : "",
                         counts_[0], counts_[1], counts_[2], counts_[3], changed == 0 ? ": nothing changed" : "");
@@ -293,7 +294,7 @@ private:
         if (!older_session_) {
             Options first_generation = opts_;
             first_generation.api_version = 1;
-            older_session_.reset(open_session(first_generation));
+            older_session_ = open_session(first_generation);
         }
         return older_session_.get();
     }
@@ -375,10 +376,9 @@ private:
         ++counts_[i];
         const char *word = dry_run_ ? kDryWords[i] : kWords[i];
         if (opts_.json) {
-            json_ += std::string(json_.empty() ? "" : ",") + "{\"kind\":" + json_string(kind) +
-                     ",\"name\":" + json_string(name.c_str()) + ",\"outcome\":" + json_string(kWords[i]);
-            if (outcome == Outcome::Failed) json_ += ",\"status\":" + std::to_string(rc);
-            json_ += "}";
+            Json object{{"kind", kind}, {"name", name}, {"outcome", kWords[i]}};
+            if (outcome == Outcome::Failed) object["status"] = rc;
+            objects_.push_back(std::move(object));
         } else if (outcome == Outcome::Failed) {
             std::printf("%s %s: failed: %s (status %u)\n", kind, name.c_str(), Zel_strerror(rc), rc);
         } else {
@@ -401,7 +401,7 @@ private:
     const Options &opts_;
     bool dry_run_;
     int counts_[4] = {};
-    std::string json_;
+    Json objects_ = Json::array();
 };
 
 bool read_file(const std::string &path, std::string &out) {

@@ -3,12 +3,12 @@
 #include <memory>
 #include <string>
 
+#include "json_out.h"
 #include "zelctl.h"
 
 namespace zelctl {
 namespace {
 
-struct InfoFree { void operator()(ZelSessionInfo *i) const { Zel_freeSessionInfo(i); } };
 
 const char *host_kind_name(int32_t kind) {
     switch (kind) {
@@ -18,14 +18,17 @@ const char *host_kind_name(int32_t kind) {
     }
 }
 
-void print_json(const ZelSessionInfo &info) {
-    std::string suffixes;
-    for (int32_t i = 0; i < info.suffixCount; ++i) suffixes += (i ? "," : "") + json_string(info.suffixes[i]);
-    std::printf("{\"vendor\":%s,\"host\":%s,\"suffixes\":[%s],\"securityDomain\":%s,\"securityDomainDN\":%s,"
-                "\"securityDomainVersion\":%d,\"database\":%s,\"server\":%s}\n",
-                json_string(directory_kind_name(info.dirKind)).c_str(), json_string(host_kind_name(info.hostKind)).c_str(),
-                suffixes.c_str(), json_string(info.securityDomain).c_str(), json_string(info.securityDomainDN).c_str(),
-                info.securityDomainVersion, json_string(info.databaseDN).c_str(), json_string(info.server).c_str());
+Json info_json(const ZelSessionInfo &info) {
+    Json suffixes = Json::array();
+    for (int32_t i = 0; i < info.suffixCount; ++i) suffixes.push_back(json_text(info.suffixes[i]));
+    return Json{{"vendor", directory_kind_name(info.dirKind)},
+                {"host", host_kind_name(info.hostKind)},
+                {"suffixes", std::move(suffixes)},
+                {"securityDomain", json_text(info.securityDomain)},
+                {"securityDomainDN", json_text(info.securityDomainDN)},
+                {"securityDomainVersion", info.securityDomainVersion},
+                {"database", json_text(info.databaseDN)},
+                {"server", json_text(info.server)}};
 }
 
 void print_text(const ZelSessionInfo &info) {
@@ -57,10 +60,10 @@ int run_info(const Options &opts, Args args) {
     if (!s) return 1;
     ZelSessionInfo *raw = nullptr;
     ZelRC rc = Zel_getSessionInfo(s.get(), &raw);
-    std::unique_ptr<ZelSessionInfo, InfoFree> info(raw);
+    Held<ZelSessionInfo, Zel_freeSessionInfo> info(raw);
     if (rc != 0) return fail("cannot read what the session learnt", rc);
     if (opts.json)
-        print_json(*info);
+        print_json(info_json(*info));
     else
         print_text(*info);
     return 0;

@@ -8,12 +8,11 @@
 
 #include "dry_run.h"
 #include "progress.h"
+#include "json_out.h"
 #include "zelctl.h"
 
 namespace zelctl {
 namespace {
-
-void memfree(char *p) { Zel_memfree(p); }
 
 int key_generate(const Options &opts, Args args) {
     int status = 0;
@@ -29,18 +28,14 @@ int key_generate(const Options &opts, Args args) {
     char *raw_id = nullptr;
     if (Zel_generateKeyFile(file.c_str(), flags, &raw_id) != 0)
         return usage("cannot write the key file " + file + (add ? "" : " (an existing file is never overwritten; --add adds a key to it)"));
-    Held<char, memfree> held_id(raw_id);
+    Held<char, Zel_memfree> held_id(raw_id);
     const char *id = held_id.get();
     if (opts.json)
-        std::printf("{\"file\":%s,\"key\":%s,\"active\":true}\n", json_string(file.c_str()).c_str(), json_string(id).c_str());
+        print_json(Json{{"file", file}, {"key", json_text(id)}, {"active", true}});
     else
         std::printf("key %s %s %s, now the active key\n", id, add ? "added to" : "written to", file.c_str());
     return 0;
 }
-
-struct ReportFree {
-    void operator()(ZelRekeyReport *r) const { Zel_freeRekeyReport(r); }
-};
 
 }  // namespace
 
@@ -74,7 +69,7 @@ int run_record_rekey(const Options &opts, Args args) {
     for (const std::string &user : users) {
         ZelRekeyReport *raw = nullptr;
         ZelRC rc = Zel_rekeyTargetRecords(s.get(), all ? nullptr : user.c_str(), &raw);
-        std::unique_ptr<ZelRekeyReport, ReportFree> report(raw);
+        Held<ZelRekeyReport, Zel_freeRekeyReport> report(raw);
         if (rc != 0) status = fail("cannot rekey the target records of " + (all ? std::string("every user") : user), rc);
         // A run that failed part way still says what it did.
         if (report) {
@@ -86,13 +81,7 @@ int run_record_rekey(const Options &opts, Args args) {
     }
     progress.done();
     if (opts.json) {
-        auto list = [](const std::vector<std::string> &dns) {
-            std::string text;
-            for (const std::string &dn : dns) text += (text.empty() ? "" : ",") + json_string(dn.c_str());
-            return text;
-        };
-        std::printf("{\"rewritten\":%d,\"unreadable\":[%s],\"refused\":[%s]}\n", static_cast<int>(rewritten),
-                    list(unreadable).c_str(), list(refused).c_str());
+        print_json(Json{{"rewritten", static_cast<int>(rewritten)}, {"unreadable", unreadable}, {"refused", refused}});
     } else {
         std::printf("%d stored passwords rewritten under the active key\n", static_cast<int>(rewritten));
         for (const std::string &dn : unreadable) std::printf("left as it was, cannot be read: %s\n", dn.c_str());

@@ -8,23 +8,21 @@
 #include <string>
 
 #include "dry_run.h"
+#include "json_out.h"
 #include "zelctl.h"
 
 namespace zelctl {
 namespace {
 
-struct RecordFree { void operator()(ZelTargetRecord *r) const { Zel_freeTargetRecord(r); } };
-struct RecordListFree { void operator()(ZelTargetRecordList *l) const { Zel_freeTargetRecords(l); } };
-
-const char *or_empty(const char *text) { return text ? text : ""; }
-
-std::string record_json(const ZelTargetRecord *r, bool reveal, bool unreadable = false) {
-    std::string out = "{\"id\":" + json_string(r->targetRecordId) + ",\"service\":" + json_string(r->targetServiceName) +
-                      ",\"type\":" + json_string(r->targetServiceType) + ",\"account\":" + json_string(r->userId) +
-                      ",\"description\":" + json_string(r->description);
-    if (unreadable) out += ",\"unreadable\":true";
-    else if (reveal) out += ",\"password\":" + json_string(r->password);
-    return out + "}";
+Json record_json(const ZelTargetRecord *r, bool reveal, bool unreadable = false) {
+    Json out{{"id", json_text(r->targetRecordId)},
+             {"service", json_text(r->targetServiceName)},
+             {"type", json_text(r->targetServiceType)},
+             {"account", json_text(r->userId)},
+             {"description", json_text(r->description)}};
+    if (unreadable) out["unreadable"] = true;
+    else if (reveal) out["password"] = json_text(r->password);
+    return out;
 }
 
 constexpr const char *kUnreadable = "its password cannot be read with the keys at hand";
@@ -39,8 +37,6 @@ void print_record(const ZelTargetRecord *r, bool reveal, bool unreadable = false
     else if (reveal) std::printf("password:    %s\n", or_empty(r->password));
 }
 
-struct UserRecordsFree { void operator()(ZelUserTargetRecordList *l) const { Zel_freeUserTargetRecords(l); } };
-
 int record_list(const Options &opts, Args args) {
     int status = 0;
     bool reveal = take_flag(args, "--reveal");
@@ -50,7 +46,7 @@ int record_list(const Options &opts, Args args) {
     if (!s) return 1;
     ZelTargetRecordList *raw = nullptr;
     ZelRC rc = Zel_getAllTargetRecord(s.get(), operands[0].c_str(), &raw);
-    std::unique_ptr<ZelTargetRecordList, RecordListFree> list(raw);
+    Held<ZelTargetRecordList, Zel_freeTargetRecords> list(raw);
     // A user without records is no error for a listing.
     if (rc != 0 && rc != ZEL_RC_TR_NOT_FOUND && rc != ZEL_RC_DECODE_FAILED)
         return fail("cannot list the target records of " + operands[0], rc);
@@ -58,7 +54,7 @@ int record_list(const Options &opts, Args args) {
     for (int32_t i = 0; list && i < list->count; ++i) shown.emplace_back(list->records[i], false);
     // One record the keys at hand cannot open fails the user's list whole:
     // the list of every record marks it instead, and the rest is shown.
-    std::unique_ptr<ZelUserTargetRecordList, UserRecordsFree> every;
+    Held<ZelUserTargetRecordList, Zel_freeUserTargetRecords> every;
     if (rc == ZEL_RC_DECODE_FAILED) {
         ZelUserTargetRecordList *raw_every = nullptr;
         ZelRC every_rc = Zel_getAllUserTargetRecord(s.get(), &raw_every);
@@ -71,11 +67,9 @@ int record_list(const Options &opts, Args args) {
         }
     }
     if (opts.json) {
-        std::string out = "[";
-        for (size_t i = 0; i < shown.size(); ++i)
-            out += (i ? "," : "") + record_json(shown[i].first, reveal, shown[i].second);
-        std::printf("%s]\n", out.c_str());
-        return 0;
+        Json out = Json::array();
+        for (const auto &[record, unreadable] : shown) out.push_back(record_json(record, reveal, unreadable));
+        return print_json(out);
     }
     for (size_t i = 0; i < shown.size(); ++i) {
         if (i) std::printf("\n");
@@ -93,10 +87,10 @@ int record_get(const Options &opts, Args args) {
     if (!s) return 1;
     ZelTargetRecord *raw = nullptr;
     ZelRC rc = Zel_getTargetRecord(s.get(), operands[0].c_str(), operands[1].c_str(), &raw);
-    std::unique_ptr<ZelTargetRecord, RecordFree> record(raw);
+    Held<ZelTargetRecord, Zel_freeTargetRecord> record(raw);
     if (rc != 0) return fail("cannot read target record " + operands[1] + " of " + operands[0], rc);
     if (opts.json)
-        std::printf("%s\n", record_json(record.get(), reveal).c_str());
+        print_json(record_json(record.get(), reveal));
     else
         print_record(record.get(), reveal);
     return 0;
@@ -141,7 +135,7 @@ int dry_record(ZelSession *s, const Options &opts, const std::string &user, cons
                const ZelTargetRecord *r, RecordWrite op, bool password_given, const std::string &failed) {
     ZelTargetRecordList *raw = nullptr;
     ZelRC rc = Zel_getAllTargetRecord(s, user.c_str(), &raw);
-    std::unique_ptr<ZelTargetRecordList, RecordListFree> list(raw);
+    Held<ZelTargetRecordList, Zel_freeTargetRecords> list(raw);
     if (rc != 0 && rc != ZEL_RC_TR_NOT_FOUND) return DryRun::would_fail(failed, rc);
     // The list answers for a person without a Zel user too; a plain name is
     // looked up as a user as well (a DN or a principal resolves only when written).

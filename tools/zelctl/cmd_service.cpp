@@ -5,26 +5,22 @@
 #include <vector>
 
 #include "dry_run.h"
+#include "json_out.h"
 #include "zelctl.h"
 
 namespace zelctl {
 namespace {
 
-struct ServiceFree { void operator()(ZelTargetService *t) const { Zel_freeTargetService(t); } };
-struct ServiceListFree { void operator()(ZelTargetServiceList *l) const { Zel_freeTargetServices(l); } };
-
-const char *or_empty(const char *text) { return text ? text : ""; }
-
-std::string service_json(const ZelTargetService *ts) {
-    std::string out = "{\"name\":" + json_string(ts->name) + ",\"type\":" + json_string(ts->type) +
-                      ",\"description\":" + json_string(ts->description) + ",\"identifiers\":[";
+Json service_json(const ZelTargetService *ts) {
+    Json identifiers = Json::array();
     for (int32_t i = 0; i < ts->reqIdentifierCount && ts->reqIdentifiers; ++i) {
         const ZelReqIdentifier *p = ts->reqIdentifiers[i];
-        if (p == nullptr) continue;
-        out += std::string(i ? "," : "") + "{\"name\":" + json_string(p->name) +
-               ",\"value\":" + json_string(p->value) + "}";
+        if (p != nullptr) identifiers.push_back(Json{{"name", json_text(p->name)}, {"value", json_text(p->value)}});
     }
-    return out + "]}";
+    return Json{{"name", json_text(ts->name)},
+                {"type", json_text(ts->type)},
+                {"description", json_text(ts->description)},
+                {"identifiers", std::move(identifiers)}};
 }
 
 void print_service(const ZelTargetService *ts) {
@@ -43,15 +39,14 @@ int list_services(const Options &opts, const Args &args) {
     if (!s) return 1;
     ZelTargetServiceList *raw = nullptr;
     ZelRC rc = Zel_getAllTargetService(s.get(), &raw);
-    std::unique_ptr<ZelTargetServiceList, ServiceListFree> list(raw);
+    Held<ZelTargetServiceList, Zel_freeTargetServices> list(raw);
     // The library reports an empty directory as "not found"; for a listing that is no error.
     if (rc != 0 && rc != ZEL_RC_TS_NOT_FOUND) return fail("cannot list target services", rc);
     int32_t count = list ? list->count : 0;
     if (opts.json) {
-        std::string out = "[";
-        for (int32_t i = 0; i < count; ++i) out += (i ? "," : "") + service_json(list->services[i]);
-        std::printf("%s]\n", out.c_str());
-        return 0;
+        Json out = Json::array();
+        for (int32_t i = 0; i < count; ++i) out.push_back(service_json(list->services[i]));
+        return print_json(out);
     }
     for (int32_t i = 0; i < count; ++i) {
         const ZelTargetService *ts = list->services[i];
@@ -69,10 +64,10 @@ int get_service(const Options &opts, Args args) {
     if (!s) return 1;
     ZelTargetService *raw = nullptr;
     ZelRC rc = Zel_getTargetService(s.get(), name.c_str(), &raw);
-    std::unique_ptr<ZelTargetService, ServiceFree> ts(raw);
+    Held<ZelTargetService, Zel_freeTargetService> ts(raw);
     if (rc != 0) return fail("cannot read target service " + name, rc);
     if (opts.json) {
-        std::printf("%s\n", service_json(ts.get()).c_str());
+        print_json(service_json(ts.get()));
     } else {
         print_service(ts.get());
     }
@@ -98,7 +93,7 @@ int dry_add_service(ZelSession *s, const Options &opts, const ZelTargetService &
 int dry_remove_service(ZelSession *s, const Options &opts, const std::string &name, const std::string &failed) {
     ZelTargetService *raw = nullptr;
     ZelRC rc = Zel_getTargetService(s, name.c_str(), &raw);
-    std::unique_ptr<ZelTargetService, ServiceFree> ts(raw);
+    Held<ZelTargetService, Zel_freeTargetService> ts(raw);
     if (rc != 0) return DryRun::would_fail(failed, rc);
     return DryRun(opts, "remove target service " + name)
         .name("service", name)

@@ -5,15 +5,11 @@
 
 #include "dry_run.h"
 #include "doctor_replication.h"
+#include "json_out.h"
 #include "zelctl.h"
 
 namespace zelctl {
 namespace {
-
-struct UserFree { void operator()(ZelUser *u) const { Zel_freeZelUser(u); } };
-struct UserListFree { void operator()(ZelUserList *l) const { Zel_freeZelUsers(l); } };
-
-const char *or_empty(const char *text) { return text ? text : ""; }
 
 int user_list(const Options &opts, Args args) {
     int status = 0;
@@ -23,19 +19,20 @@ int user_list(const Options &opts, Args args) {
     if (!session) return 1;
     ZelUserList *raw = nullptr;
     if (ZelRC rc = Zel_getAllZelUser(session.get(), &raw)) return fail("cannot list Zel users", rc);
-    std::unique_ptr<ZelUserList, UserListFree> list(raw);
-    if (opts.json) std::fputs("[", stdout);
+    Held<ZelUserList, Zel_freeZelUsers> list(raw);
+    if (opts.json) {
+        Json out = Json::array();
+        for (int32_t i = 0; i < list->count; ++i) {
+            const ZelUser *u = list->users[i];
+            out.push_back(Json{{"name", json_text(u->userName)}, {"type", json_text(u->userType)},
+                               {"enabled", u->enabled != 0}, {"person", json_text(u->personDN)}});
+        }
+        return print_json(out);
+    }
     for (int32_t i = 0; i < list->count; ++i) {
         const ZelUser *u = list->users[i];
-        if (opts.json)
-            std::printf("%s{\"name\":%s,\"type\":%s,\"enabled\":%s,\"person\":%s}", i ? "," : "",
-                        json_string(u->userName).c_str(), json_string(u->userType).c_str(),
-                        u->enabled ? "true" : "false", json_string(u->personDN).c_str());
-        else
-            std::printf("%-20s %-8s %s\n", or_empty(u->userName), u->enabled ? "enabled" : "disabled",
-                        or_empty(u->personDN));
+        std::printf("%-20s %-8s %s\n", or_empty(u->userName), u->enabled ? "enabled" : "disabled", or_empty(u->personDN));
     }
-    if (opts.json) std::puts("]");
     return 0;
 }
 
@@ -59,7 +56,7 @@ int dry_user_add(ZelSession *s, const Options &opts, const ZelUser &user, const 
     if (!is_user_type(user.userType)) return DryRun::would_fail(failed, ZEL_RC_INVALID_ARGUMENT);
     ZelUser *raw = nullptr;
     ZelRC rc = Zel_getZelUser(s, user.userName, &raw);
-    std::unique_ptr<ZelUser, UserFree> existing(raw);
+    Held<ZelUser, Zel_freeZelUser> existing(raw);
     bool in_domain = rc == 0 && existing->userType == nullptr;
     if (opts.api_version >= 2 && in_domain) return DryRun::would_fail(failed, ZEL_RC_ALREADY_EXISTS);
     DryRun dry(opts, std::string("add Zel user ") + user.userName);
@@ -131,7 +128,7 @@ int user_update(const Options &opts, Args args) {
     // command does not name is carried over from the profile as it stands.
     ZelUser *raw = nullptr;
     ZelRC rc = Zel_getZelUser(session.get(), name.c_str(), &raw);
-    std::unique_ptr<ZelUser, UserFree> current(raw);
+    Held<ZelUser, Zel_freeZelUser> current(raw);
     if (rc != 0) return opts.dry_run ? DryRun::would_fail("cannot read Zel user " + name, rc)
                                      : fail("cannot read Zel user " + name, rc);
 
@@ -170,8 +167,7 @@ int user_verify(const Options &opts, Args args) {
     if (rc != 0 && rc != 1) return fail("cannot verify " + person, rc);
     bool is_user = rc == 1;
     if (opts.json) {
-        std::printf("{\"person\":%s,\"zelUser\":%s,\"profile\":%s}\n", json_string(person.c_str()).c_str(),
-                    is_user ? "true" : "false", is_user ? json_string(profile_dn.c_str()).c_str() : "null");
+        print_json(Json{{"person", person}, {"zelUser", is_user}, {"profile", is_user ? Json(profile_dn) : Json(nullptr)}});
     } else if (is_user) {
         std::printf("%s is a Zel user: %s\n", person.c_str(), profile_dn.c_str());
     } else {

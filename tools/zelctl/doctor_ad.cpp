@@ -10,17 +10,10 @@
 #include <cstdlib>
 #include <memory>
 
+#include "ldap_held.h"
+
 namespace zelctl {
 namespace {
-
-struct MessageFree {
-    void operator()(LDAPMessage *m) const { ldap_msgfree(m); }
-};
-struct ValuesFree {
-    void operator()(berval **v) const { ldap_value_free_len(v); }
-};
-using Message = std::unique_ptr<LDAPMessage, MessageFree>;
-using Values = std::unique_ptr<berval *, ValuesFree>;
 
 // LDAP_SERVER_SD_FLAGS asking for the DACL only: SEQUENCE { INTEGER 4 }.
 constexpr const char *kSdFlagsOid = "1.2.840.113556.1.4.801";
@@ -36,13 +29,6 @@ Message search(LDAP *ld, const std::string &base, int scope, const std::string &
     (void)ldap_search_ext_s(ld, base.c_str(), scope, filter.c_str(), const_cast<char **>(attrs), 0, controls, nullptr,
                             &limit, 0, &raw);
     return Message(raw);
-}
-
-std::string dn_of(LDAP *ld, LDAPMessage *e) {
-    char *dn = ldap_get_dn(ld, e);
-    std::string out = dn ? dn : "?";
-    ldap_memfree(dn);
-    return out;
 }
 
 uint32_t le32(const std::string &b, size_t at) {
@@ -106,7 +92,7 @@ std::string group_named(LDAP *ld, const std::vector<std::string> &suffixes, cons
         if (type && type.get()[0])
             security = (std::strtoll(std::string(type.get()[0]->bv_val, type.get()[0]->bv_len).c_str(), nullptr, 10) &
                         0x80000000LL) != 0;
-        return dn_of(ld, e);
+        return dn_of(ld, e, "?");
     }
     return sid_text(sid);
 }
@@ -125,7 +111,7 @@ AdReadersFinding ad_readers_check(LDAP *ld, const std::vector<std::string> &suff
                                "(|(objectClass=secAuthorityInfo)(&(objectClass=eApplicationSystem)(systemName=ORVZEL)))",
                                no_attrs, nullptr);
         for (LDAPMessage *e = found ? ldap_first_entry(ld, found.get()) : nullptr; e; e = ldap_next_entry(ld, e)) {
-            const std::string dn = dn_of(ld, e);
+            const std::string dn = dn_of(ld, e, "?");
             Message sd_res = search(ld, dn, LDAP_SCOPE_BASE, "(objectClass=*)", sd_attrs, controls);
             LDAPMessage *se = sd_res ? ldap_first_entry(ld, sd_res.get()) : nullptr;
             Values sd(se ? ldap_get_values_len(ld, se, "nTSecurityDescriptor") : nullptr);

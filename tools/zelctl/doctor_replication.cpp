@@ -13,18 +13,11 @@
 #include <set>
 
 #include "dry_run.h"
+#include "json_out.h"
+#include "ldap_held.h"
 
 namespace zelctl {
 namespace {
-
-struct LdapClose {
-    void operator()(LDAP *ld) const { ldap_unbind_ext_s(ld, nullptr, nullptr); }
-};
-struct MessageFree {
-    void operator()(LDAPMessage *m) const { ldap_msgfree(m); }
-};
-using Ldap = std::unique_ptr<LDAP, LdapClose>;
-using Message = std::unique_ptr<LDAPMessage, MessageFree>;
 
 // The groups, below the database entry, and the user type that calls for
 // each ("XR User" calls for none).
@@ -73,16 +66,8 @@ LDAPMessage *first_entry(LDAP *ld, const Message &res) { return res ? ldap_first
 
 std::vector<std::string> values_of(LDAP *ld, LDAPMessage *e, const char *attr) {
     std::vector<std::string> out;
-    berval **v = ldap_get_values_len(ld, e, attr);
-    for (berval **p = v; p && *p; ++p) out.emplace_back((*p)->bv_val, (*p)->bv_len);
-    ldap_value_free_len(v);
-    return out;
-}
-
-std::string dn_of(LDAP *ld, LDAPMessage *e) {
-    char *dn = ldap_get_dn(ld, e);
-    std::string out = dn ? dn : "";
-    ldap_memfree(dn);
+    Values v(ldap_get_values_len(ld, e, attr));
+    for (berval **p = v.get(); p && *p; ++p) out.emplace_back((*p)->bv_val, (*p)->bv_len);
     return out;
 }
 
@@ -274,7 +259,7 @@ int run_user_regroup(const Options &opts, Args args) {
     if (!session) return 1;
     ZelSessionInfo *raw_info = nullptr;
     ZelRC zrc = Zel_getSessionInfo(session.get(), &raw_info);
-    std::unique_ptr<ZelSessionInfo, void (*)(ZelSessionInfo *)> info(raw_info, Zel_freeSessionInfo);
+    Held<ZelSessionInfo, Zel_freeSessionInfo> info(raw_info);
     if (zrc != 0) return fail("cannot read what the session learnt", zrc);
     std::vector<std::string> suffixes;
     for (int32_t i = 0; i < info->suffixCount; ++i) suffixes.emplace_back(info->suffixes[i]);
@@ -317,8 +302,7 @@ int run_user_regroup(const Options &opts, Args args) {
                         c.group.c_str());
     }
     if (opts.json)
-        std::printf("{\"changes\":%zu,\"failed\":%d,\"regrouped\":%s}\n", plan.changes.size(), failed,
-                    failed ? "false" : "true");
+        print_json(Json{{"changes", plan.changes.size()}, {"failed", failed}, {"regrouped", failed == 0}});
     else if (plan.changes.empty())
         std::printf("the access groups already match the profiles' types\n");
     return failed ? 1 : 0;

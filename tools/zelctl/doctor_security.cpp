@@ -12,6 +12,8 @@
 #include <cstring>
 #include <memory>
 
+#include "ldap_held.h"
+
 namespace zelctl {
 namespace {
 
@@ -35,7 +37,7 @@ PersonView view_persons(LDAP *ld, const std::vector<std::string> &suffixes) {
         LDAPMessage *raw = nullptr;
         ldap_search_ext_s(ld, suffix.c_str(), LDAP_SCOPE_SUBTREE, "(objectClass=person)", attrs, 0, nullptr, nullptr,
                           nullptr, 0, &raw);
-        std::unique_ptr<LDAPMessage, int (*)(LDAPMessage *)> res(raw, ldap_msgfree);
+        Message res(raw);
         for (LDAPMessage *e = ldap_first_entry(ld, raw); e; e = ldap_next_entry(ld, e)) {
             ++view.persons;
             berval **values = ldap_get_values_len(ld, e, attr);
@@ -85,7 +87,7 @@ SecurityFinding default_password_check(const Options &opts, const std::vector<st
     for (const std::string &suffix : suffixes) {
         LDAP *raw = nullptr;
         if (ldap_initialize(&raw, opts.uri.empty() ? nullptr : opts.uri.c_str()) != LDAP_SUCCESS || !raw) continue;
-        std::unique_ptr<LDAP, void (*)(LDAP *)> ld(raw, [](LDAP *l) { ldap_unbind_ext_s(l, nullptr, nullptr); });
+        Ldap ld(raw);
         int v3 = LDAP_VERSION3;
         timeval limit{15, 0};
         ldap_set_option(raw, LDAP_OPT_PROTOCOL_VERSION, &v3);

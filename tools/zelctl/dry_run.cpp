@@ -5,6 +5,8 @@
 #include <fstream>
 #include <utility>
 
+#include "json_out.h"
+
 namespace zelctl {
 namespace {
 
@@ -19,7 +21,9 @@ const char *const kWriting[][2] = {
     {"key", "generate"},     {"import", nullptr},        {"user", "regroup"},
 };
 
-std::string shown(const std::string &value) { return json_string(value.c_str()); }
+// A value as a JSON string, in the text output too: quotes show where it
+// starts and ends.
+std::string shown(const std::string &value) { return json_dump(Json(value)); }
 
 }  // namespace
 
@@ -72,28 +76,22 @@ int DryRun::report() const {
         for (const std::string &n : notes_) std::printf("  %s\n", n.c_str());
         return 0;
     }
-    std::string out = "{";
-    for (const auto &[key, value] : names_) out += json_string(key.c_str()) + ":" + shown(value) + ",";
-    for (const auto &[key, value] : numbers_) out += json_string(key.c_str()) + ":" + std::to_string(value) + ",";
-    if (!flag_.empty()) out += json_string(flag_.c_str()) + ":true,";
-    out += "\"dryRun\":true";
+    Json out = Json::object();
+    for (const auto &[key, value] : names_) out[key] = value;
+    for (const auto &[key, value] : numbers_) out[key] = value;
+    if (!flag_.empty()) out[flag_] = true;
+    out["dryRun"] = true;
     if (!changes_.empty()) {
-        out += ",\"changes\":[";
-        for (size_t i = 0; i < changes_.size(); ++i) {
-            const Change &c = changes_[i];
-            out += std::string(i ? "," : "") + "{\"field\":" + shown(c.field);
-            if (!c.is_new) out += ",\"from\":" + (c.has_before ? shown(c.before) : "null");
-            out += ",\"to\":" + (c.has_after ? shown(c.after) : "null") + "}";
+        Json &changes = out["changes"] = Json::array();
+        for (const Change &c : changes_) {
+            Json change{{"field", c.field}};
+            if (!c.is_new) change["from"] = c.has_before ? Json(c.before) : Json(nullptr);
+            change["to"] = c.has_after ? Json(c.after) : Json(nullptr);
+            changes.push_back(std::move(change));
         }
-        out += "]";
     }
-    if (!notes_.empty()) {
-        out += ",\"notes\":[";
-        for (size_t i = 0; i < notes_.size(); ++i) out += (i ? "," : "") + shown(notes_[i]);
-        out += "]";
-    }
-    std::printf("%s}\n", out.c_str());
-    return 0;
+    if (!notes_.empty()) out["notes"] = notes_;
+    return print_json(out);
 }
 
 int DryRun::would_fail(const std::string &what, ZelRC rc) { return fail("dry run: " + what, rc); }

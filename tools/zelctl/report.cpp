@@ -2,6 +2,7 @@
 // --json, for scripts.
 #include <cstdio>
 
+#include "json_out.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -32,34 +33,37 @@ int usage(const std::string &message) {
     return 2;
 }
 
-std::string json_string(const char *text) {
-    if (!text) return "null";
-    std::string out = "\"";
-    for (const unsigned char *p = reinterpret_cast<const unsigned char *>(text); *p; ++p) {
-        switch (*p) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        default:
-            if (*p < 0x20) {
-                char buf[8];
-                std::snprintf(buf, sizeof buf, "\\u%04x", *p);
-                out += buf;
-            } else {
-                out += static_cast<char>(*p);
-            }
+Json json_text(const char *text) { return text ? Json(text) : Json(nullptr); }
+
+std::string json_dump(const Json &doc) {
+    std::string text = doc.dump(-1, ' ', false, Json::error_handler_t::replace);
+    // The serializer writes backspace and form feed as \b and \f; zelctl has
+    // always written them as \u0008 and \u000c.  Outside strings there is no
+    // backslash, so every one found starts an escape.
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '\\' || i + 1 == text.size()) {
+            out += text[i];
+            continue;
         }
+        char next = text[++i];
+        if (next == 'b') out += "\\u0008";
+        else if (next == 'f') out += "\\u000c";
+        else (out += '\\') += next;
     }
-    return out + "\"";
+    forget_secret(text);  // a revealed password passes through here
+    return out;
+}
+
+int print_json(const Json &doc) {
+    std::printf("%s\n", json_dump(doc).c_str());
+    return 0;
 }
 
 int report_done(const Options &opts, const char *what, const char *key, const std::string &name, const char *verb) {
-    if (opts.json)
-        std::printf("{\"%s\":%s,\"%s\":true}\n", key, json_string(name.c_str()).c_str(), verb);
-    else
-        std::printf("%s %s %s\n", what, name.c_str(), verb);
+    if (opts.json) return print_json(Json{{key, name}, {verb, true}});
+    std::printf("%s %s %s\n", what, name.c_str(), verb);
     return 0;
 }
 

@@ -7,7 +7,7 @@
 
 namespace zelctl {
 
-ZelSession *open_session(const Options &opts) {
+Session open_session(const Options &opts) {
     if (opts.bind_dn.empty() || !opts.have_password) {
         usage("a bind DN (-D) and a password (-w, -W or -y) are needed");
         return nullptr;
@@ -62,7 +62,7 @@ ZelSession *open_session(const Options &opts) {
         fail("cannot open a session on " + (opts.uri.empty() ? std::string("the default server") : opts.uri), rc);
         return nullptr;
     }
-    return s;
+    return Session(s);
 }
 
 }  // namespace zelctl

@@ -55,33 +55,32 @@ bool parse_number(const std::string &text, uint32_t max, uint32_t &value);
 // when none is given.  -H takes one or several, separated by blanks.
 bool parse_uri(const std::string &uri, std::string &host, uint16_t &port, bool &ssl);
 
-// Opens a session as the options say; on failure prints the error and
-// returns null.
-ZelSession *open_session(const Options &opts);
-
-// A record the library handed out, released with its family's free call.
-template <class T, void (*Release)(T *)>
+// Anything handed out with a release call of its own (a library record, an
+// LDAP message), released with it.
+template <class T, auto Release>
 struct LibraryFree {
     void operator()(T *p) const { Release(p); }
 };
-template <class T, void (*Release)(T *)>
+template <class T, auto Release>
 using Held = std::unique_ptr<T, LibraryFree<T, Release>>;
 
-struct SessionClose {
-    void operator()(ZelSession *s) const { Zel_close(s, 1); }
-};
-using Session = std::unique_ptr<ZelSession, SessionClose>;
+inline void close_session(ZelSession *s) { Zel_close(s, 1); }
+using Session = Held<ZelSession, close_session>;
+
+// Opens a session as the options say; on failure prints the error and
+// returns null.  Every command that talks to the directory opens it here.
+Session open_session(const Options &opts);
 
 // "zelctl: <what>: <status text> (status N)" on standard error; returns 1.
 int fail(const std::string &what, ZelRC rc);
 // "zelctl: <message>" on standard error; returns 2 (usage errors).
 int usage(const std::string &message);
 
+// A text the library handed out, "" where there is none.
+inline const char *or_empty(const char *text) { return text ? text : ""; }
+
 // "orv", "netscape", ... "active-directory": the directory kind as zelctl names it.
 const char *directory_kind_name(int32_t kind);
-
-// A JSON string literal.
-std::string json_string(const char *text);
 
 // Takes "--name VALUE" or "--name=VALUE" out of args; returns false when absent.  A flag
 // without its value is reported through usage().

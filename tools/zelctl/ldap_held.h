@@ -1,0 +1,24 @@
+// The OpenLDAP handles the doctor checks hold on their own connections, and
+// the reads they share.
+#pragma once
+
+#include <ldap.h>
+
+#include <string>
+
+#include "zelctl.h"
+
+namespace zelctl {
+
+inline void unbind(LDAP *ld) { ldap_unbind_ext_s(ld, nullptr, nullptr); }
+using Ldap = Held<LDAP, unbind>;
+using Message = Held<LDAPMessage, ldap_msgfree>;
+using Values = Held<berval *, ldap_value_free_len>;
+
+// An entry's DN, or `none` when the library cannot give one.
+inline std::string dn_of(LDAP *ld, LDAPMessage *e, const char *none = "") {
+    Held<char, ldap_memfree> dn(ldap_get_dn(ld, e));
+    return dn ? dn.get() : none;
+}
+
+}  // namespace zelctl
