@@ -126,24 +126,29 @@ struct FormAsk {
     bool needed = false;
 };
 
-// `in_dn`: each group's name escaped for a DN, measured against the limit.
+// `in_dn` and `in_filter`: each group's name escaped for a DN (measured
+// against the limit) and for a filter, once for both forms.
 void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const char *naming,
                  const std::string &holds, const std::vector<std::string> &groups,
-                 const std::vector<std::string> &in_dn) {
+                 const std::vector<std::string> &in_dn, const std::vector<std::string> &in_filter) {
     ask.mode = mode;
     ask.naming = naming;
     ask.container_dn = container;
     ask.needed = split_container(container, ask.container);
     ask.fits.assign(groups.size(), false);
     ask.held.assign(groups.size(), false);
-    std::string any;
+    const size_t naming_size = std::strlen(naming);
+    std::string &f = ask.filter;
+    f.reserve(holds.size() + 8 + groups.size() * (naming_size + 24));
+    f.assign("(&").append(holds).append("(|");
+    const size_t empty_size = f.size();
     for (size_t i = 0; i < groups.size(); ++i) {
         if (groups[i].empty()) continue;
-        if (!(ask.fits[i] = std::strlen(naming) + 1 + in_dn[i].size() + 1 + container.size() < zel::kDnSize)) continue;
-        any += std::string("(") + naming + "=" + plat::escape_filter_value(groups[i]) + ")";
+        if (!(ask.fits[i] = naming_size + 1 + in_dn[i].size() + 1 + container.size() < zel::kDnSize)) continue;
+        f.append("(").append(naming, naming_size).append("=").append(in_filter[i]).append(")");
     }
-    ask.needed = ask.needed && !any.empty();
-    ask.filter = "(&" + holds + "(|" + any + "))";
+    ask.needed = ask.needed && f.size() != empty_size;
+    f.append("))");
 }
 
 // Marks the candidates an entry of the answer names, if it is a child of
@@ -213,12 +218,14 @@ ZelRC ask_groups(ZelSession *s, std::vector<FormAsk *> asks, const std::vector<s
 // database's group of that name; first-generation records at the latter.
 ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, FormRecords &records,
                        LDAPMessage *&answer, CredentialTrail *trail) {
-    std::vector<std::string> groups(records.groups.size()), in_dn(groups.size());
+    std::vector<std::string> groups(records.groups.size()), in_dn(groups.size()), in_filter(groups.size());
     for (size_t i = 0; i < groups.size(); ++i) {
         zel::LdapText dn(ldap_get_dn(s->ld, records.groups[i]));
         if (!dn) return ZEL_RC_SYSTEM_ERROR;
         if (ZelRC rc = zel::credential_group(dn.get(), groups[i])) return rc;
-        if (!groups[i].empty()) in_dn[i] = plat::escape_dn_value(groups[i]);
+        if (groups[i].empty()) continue;
+        in_dn[i] = plat::escape_dn_value(groups[i]);
+        in_filter[i] = plat::escape_filter_value(groups[i]);
     }
     // A security domain record held in no domain: without a domain DN there
     // is nothing to ask.
@@ -227,10 +234,10 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
     FormAsk in_domain, in_database;
     if (domain)
         prepare_ask(in_domain, zel::kDomainMode, std::string("cn=ResourceGroups,") + s->domain_dn, "secResGroupID",
-                    q.member_filter, groups, in_dn);
+                    q.member_filter, groups, in_dn, in_filter);
     if (first_gen)
         prepare_ask(in_database, zel::kFirstGenerationMode, std::string("cn=Zel Domains,") + s->database_dn, "cn",
-                    q.location_filter, groups, in_dn);
+                    q.location_filter, groups, in_dn, in_filter);
     if (ZelRC rc = ask_groups(s, {&in_domain, &in_database}, groups)) return rc;
 
     for (size_t i = 0; i < groups.size(); ++i) {
