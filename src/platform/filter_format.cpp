@@ -9,6 +9,10 @@
 #include <cstring>
 #include <new>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace zel::platform {
 
 namespace {
@@ -99,6 +103,20 @@ std::string escape_filter_value(std::string_view value) {
     const unsigned char *const end = p + value.size();
     // Most values hold nothing to escape: one scan, one copy.
     const unsigned char *q = p;
+#if defined(__SSE2__)
+    // Sixteen bytes at a time where the machine compares them at once.
+    {
+        const __m128i zero = _mm_setzero_si128(), star = _mm_set1_epi8('*'), back = _mm_set1_epi8('\\'),
+                      one = _mm_set1_epi8(1), paren = _mm_set1_epi8(0x29);
+        for (; end - q >= 16; q += 16) {
+            __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(q));
+            __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, zero), _mm_cmpeq_epi8(v, star)),
+                                       _mm_or_si128(_mm_cmpeq_epi8(v, back),
+                                                    _mm_cmpeq_epi8(_mm_or_si128(v, one), paren)));
+            if (_mm_movemask_epi8(hit) != 0) break;
+        }
+    }
+#endif
     // Eight bytes at a time up to the word that holds a reserved byte.
     constexpr uint64_t kOnes = 0x0101010101010101ULL, kHigh = 0x8080808080808080ULL;
     auto any_zero = [](uint64_t v) { return (v - kOnes) & ~v & kHigh; };
