@@ -26,18 +26,27 @@ using zel::ParsedDn;
 // A DN as (type, value) pairs, first RDN first; false for text that is no DN
 // or an RDN of several values, which none of the entries asked for has.
 using Rdns = std::vector<std::pair<std::string, std::string>>;
+// `out`'s strings are written over in place: one vector serves every entry
+// of an answer.
 bool split_dn(const char *dn, Rdns &out) {
-    out.clear();
-    out.reserve(8);
     LDAPDN raw = nullptr;
-    if (ldap_str2dn(dn, &raw, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) return false;
-    ParsedDn parsed(raw);
-    for (LDAPRDN *rdn = parsed.get(); rdn && *rdn; ++rdn) {
-        if (!(*rdn)[0] || (*rdn)[1]) return false;
-        const LDAPAVA *ava = (*rdn)[0];
-        out.emplace_back(std::string(ava->la_attr.bv_val, ava->la_attr.bv_len),
-                         std::string(ava->la_value.bv_val, ava->la_value.bv_len));
+    if (ldap_str2dn(dn, &raw, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) {
+        out.clear();
+        return false;
     }
+    ParsedDn parsed(raw);
+    size_t n = 0;
+    for (LDAPRDN *rdn = parsed.get(); rdn && *rdn; ++rdn, ++n) {
+        if (!(*rdn)[0] || (*rdn)[1]) {
+            out.clear();
+            return false;
+        }
+        const LDAPAVA *ava = (*rdn)[0];
+        if (n == out.size()) out.emplace_back();
+        out[n].first.assign(ava->la_attr.bv_val, ava->la_attr.bv_len);
+        out[n].second.assign(ava->la_value.bv_val, ava->la_value.bv_len);
+    }
+    out.resize(n);
     return true;
 }
 
@@ -204,9 +213,9 @@ ZelRC ask_groups(ZelSession *s, std::vector<FormAsk *> asks, const std::vector<s
     int lrc = zel::search(s, base.c_str(), scope, filter.c_str(), attrs, 0, 0, res);
     if (lrc == LDAP_NO_SUCH_OBJECT) return 0;  // no such container: its groups hold nothing
     if (lrc != LDAP_SUCCESS) return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+    Rdns rdns;
     for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e; e = ldap_next_entry(s->ld, e)) {
         zel::LdapText dn(ldap_get_dn(s->ld, e));
-        Rdns rdns;
         if (!dn || !split_dn(dn.get(), rdns)) continue;
         for (FormAsk *a : needed) mark_held(*a, rdns, groups);
     }
