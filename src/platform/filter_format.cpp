@@ -52,7 +52,7 @@ bool format_text(std::string &out, const char *format, va_list args) {
             // filter that matches something else.
             const char *text = va_arg(args, const char *);
             if (text == nullptr) return false;
-            out += escape_filter_value(text);
+            append_filter_value(out, text);
             break;
         }
         case 'd':
@@ -98,6 +98,12 @@ constexpr std::array<bool, 256> kReserved = reserved_in_filter();
 }  // namespace
 
 std::string escape_filter_value(std::string_view value) {
+    std::string out;
+    append_filter_value(out, value);
+    return out;
+}
+
+void append_filter_value(std::string &out, std::string_view value) {
     static const char hex[] = "0123456789ABCDEF";
     const unsigned char *p = reinterpret_cast<const unsigned char *>(value.data());
     const unsigned char *const end = p + value.size();
@@ -127,9 +133,11 @@ std::string escape_filter_value(std::string_view value) {
             break;
     }
     while (q != end && !kReserved[*q]) ++q;
-    if (q == end) return std::string(value);
-    std::string out;
-    out.reserve(value.size() + 8);
+    if (q == end) {
+        out.append(value.data(), value.size());
+        return;
+    }
+    out.reserve(out.size() + value.size() + 8);
     const unsigned char *run = p;
     for (; q != end; ++q) {
         if (!kReserved[*q]) continue;
@@ -139,7 +147,6 @@ std::string escape_filter_value(std::string_view value) {
         run = q + 1;
     }
     out.append(reinterpret_cast<const char *>(run), static_cast<size_t>(end - run));
-    return out;
 }
 
 char *ku_mbs_sprintf(const char *format, ...) {
