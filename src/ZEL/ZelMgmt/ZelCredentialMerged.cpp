@@ -51,25 +51,30 @@ bool split_dn(const char *dn, Rdns &out) {
 }
 
 // The same for a container's DN, which is the same text on every query of a
-// session: the last two parsed are kept (a domain's and the database's).
-bool split_container(const std::string &dn, Rdns &out) {
+// session: the last two parsed are kept (a domain's and the database's), and
+// the answer points into them.  A query asks about two containers at most:
+// the one it used last is never the one written over, so both of a query's
+// stay in place until it is done.
+const Rdns *split_container(const std::string &dn, bool &ok) {
     struct Parsed {
         std::string dn;
         Rdns rdns;
         bool ok = false;
     };
     thread_local Parsed kept[2];
-    thread_local unsigned next = 0;
-    for (const Parsed &p : kept)
-        if (!p.dn.empty() && p.dn == dn) {
-            out = p.rdns;
-            return p.ok;
+    thread_local unsigned last = 0;
+    for (unsigned i = 0; i < 2; ++i)
+        if (!kept[i].dn.empty() && kept[i].dn == dn) {
+            last = i;
+            ok = kept[i].ok;
+            return &kept[i].rdns;
         }
-    Parsed &p = kept[next++ % 2];
+    last = 1 - last;
+    Parsed &p = kept[last];
     p.ok = split_dn(dn.c_str(), p.rdns);
     p.dn = dn;
-    out = p.rdns;
-    return p.ok;
+    ok = p.ok;
+    return &p.rdns;
 }
 
 bool same_rdns(const Rdns &a, size_t a_from, const Rdns &b) {
@@ -126,7 +131,7 @@ ZelRC search_form_records(ZelSession *s, const std::string &user_dn, int32_t mod
 // Which of the candidate groups hold the resource in one storage form.
 struct FormAsk {
     int32_t mode = 0;
-    Rdns container;
+    const Rdns *container = nullptr;  // kept by split_container
     std::string container_dn;
     const char *naming = nullptr;     // the groups' naming attribute
     std::string filter;               // holds the resource and is one of the candidates
@@ -143,7 +148,7 @@ void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const
     ask.mode = mode;
     ask.naming = naming;
     ask.container_dn = container;
-    ask.needed = split_container(container, ask.container);
+    ask.container = split_container(container, ask.needed);
     ask.fits.assign(groups.size(), false);
     ask.held.assign(groups.size(), false);
     const size_t naming_size = std::strlen(naming);
@@ -165,7 +170,7 @@ void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const
 // its matching rule compares them (case and insignificant spaces ignored);
 // the name is matched back to the candidates the same way.
 void mark_held(FormAsk &ask, const Rdns &entry, const std::vector<std::string> &groups) {
-    if (entry.empty() || !zel::same_text(entry[0].first.c_str(), ask.naming) || !same_rdns(entry, 1, ask.container))
+    if (entry.empty() || !zel::same_text(entry[0].first.c_str(), ask.naming) || !same_rdns(entry, 1, *ask.container))
         return;
     for (size_t i = 0; i < groups.size(); ++i)
         if (ask.fits[i] && plat::zstricmp_spaced(plat::zgetUTF8Handle(), groups[i].c_str(), entry[0].second.c_str()) == 0)
@@ -198,7 +203,7 @@ ZelRC ask_groups(ZelSession *s, std::vector<FormAsk *> asks, const std::vector<s
     if (needed.empty()) return 0;
     std::string base, filter;
     int scope = LDAP_SCOPE_ONELEVEL;
-    if (needed.size() == 2 && !(base = common_base(needed[0]->container, needed[1]->container)).empty()) {
+    if (needed.size() == 2 && !(base = common_base(*needed[0]->container, *needed[1]->container)).empty()) {
         scope = LDAP_SCOPE_SUBTREE;
         filter = "(|" + needed[0]->filter + needed[1]->filter + ")";
     } else if (needed.size() == 2) {
