@@ -140,11 +140,12 @@ struct FormAsk {
     bool needed = false;
 };
 
-// `in_dn` and `in_filter`: each group's name escaped for a DN (measured
-// against the limit) and for a filter, once for both forms.
+// `in_filter`: each group's name escaped for a filter, once for both forms.
+// A group's DN must fit a DN buffer; escaping at most triples a name, so
+// only a long one is escaped to be measured.
 void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const char *naming,
                  const std::string &holds, const std::vector<std::string> &groups,
-                 const std::vector<std::string> &in_dn, const std::vector<std::string> &in_filter) {
+                 const std::vector<std::string> &in_filter) {
     ask.mode = mode;
     ask.naming = naming;
     ask.container_dn = container;
@@ -158,7 +159,10 @@ void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const
     const size_t empty_size = f.size();
     for (size_t i = 0; i < groups.size(); ++i) {
         if (groups[i].empty()) continue;
-        if (!(ask.fits[i] = naming_size + 1 + in_dn[i].size() + 1 + container.size() < zel::kDnSize)) continue;
+        const size_t fixed = naming_size + 1 + 1 + container.size();
+        if (!(ask.fits[i] = fixed + 3 * groups[i].size() < zel::kDnSize ||
+                            fixed + plat::escape_dn_value(groups[i]).size() < zel::kDnSize))
+            continue;
         f.append("(").append(naming, naming_size).append("=").append(in_filter[i]).append(")");
     }
     ask.needed = ask.needed && f.size() != empty_size;
@@ -232,14 +236,12 @@ ZelRC ask_groups(ZelSession *s, std::vector<FormAsk *> asks, const std::vector<s
 // database's group of that name; first-generation records at the latter.
 ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, FormRecords &records,
                        LDAPMessage *&answer, CredentialTrail *trail) {
-    std::vector<std::string> groups(records.groups.size()), in_dn(groups.size()), in_filter(groups.size());
+    std::vector<std::string> groups(records.groups.size()), in_filter(groups.size());
     for (size_t i = 0; i < groups.size(); ++i) {
         zel::LdapText dn(ldap_get_dn(s->ld, records.groups[i]));
         if (!dn) return ZEL_RC_SYSTEM_ERROR;
         if (ZelRC rc = zel::credential_group(dn.get(), groups[i])) return rc;
-        if (groups[i].empty()) continue;
-        in_dn[i] = plat::escape_dn_value(groups[i]);
-        in_filter[i] = plat::escape_filter_value(groups[i]);
+        if (!groups[i].empty()) in_filter[i] = plat::escape_filter_value(groups[i]);
     }
     // A security domain record held in no domain: without a domain DN there
     // is nothing to ask.
@@ -248,10 +250,10 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
     FormAsk in_domain, in_database;
     if (domain)
         prepare_ask(in_domain, zel::kDomainMode, std::string("cn=ResourceGroups,") + s->domain_dn, "secResGroupID",
-                    q.member_filter, groups, in_dn, in_filter);
+                    q.member_filter, groups, in_filter);
     if (first_gen)
         prepare_ask(in_database, zel::kFirstGenerationMode, std::string("cn=Zel Domains,") + s->database_dn, "cn",
-                    q.location_filter, groups, in_dn, in_filter);
+                    q.location_filter, groups, in_filter);
     if (ZelRC rc = ask_groups(s, {&in_domain, &in_database}, groups)) return rc;
 
     for (size_t i = 0; i < groups.size(); ++i) {
