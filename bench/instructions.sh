@@ -12,7 +12,7 @@ calls=${2:-200}
 source "$(dirname "$0")/slapd_env.sh"
 trap stop_directory EXIT
 start_directory "$build" 1000
-work=$DIR_TMP
+work=${KEEP_CG:-$DIR_TMP}
 warm=50  # zel_bench's untimed first pass runs inside the measured function too
 
 count() {  # side op -> "total own" instructions per call

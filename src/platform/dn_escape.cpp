@@ -1,10 +1,29 @@
 #include "platform/dn_escape.h"
 
+#include <array>
 #include <cstring>
 
 namespace zel::platform {
 
+namespace {
+
+// Bytes escaped wherever they stand; a space and '#' only at the edges.
+constexpr std::array<bool, 256> special_in_dn() {
+    std::array<bool, 256> table{};
+    for (int c = 0; c < 0x20; ++c) table[c] = true;
+    table[0x7F] = true;
+    for (char c : {'"', '+', ',', ';', '<', '>', '\\', '='}) table[static_cast<unsigned char>(c)] = true;
+    return table;
+}
+constexpr std::array<bool, 256> kSpecial = special_in_dn();
+
+}  // namespace
+
 std::string escape_dn_value(std::string_view value) {
+    // Most names hold nothing to escape: one scan, one copy.
+    bool plain = value.empty() || (value.front() != ' ' && value.front() != '#' && value.back() != ' ');
+    for (size_t i = 0; plain && i < value.size(); ++i) plain = !kSpecial[static_cast<unsigned char>(value[i])];
+    if (plain) return std::string(value);
     std::string out;
     out.reserve(value.size());
     for (size_t i = 0; i < value.size(); ++i) {

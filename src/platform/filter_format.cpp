@@ -9,6 +9,10 @@
 #include <cstring>
 #include <new>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace zel::platform {
 
 namespace {
@@ -48,7 +52,7 @@ bool format_text(std::string &out, const char *format, va_list args) {
             // filter that matches something else.
             const char *text = va_arg(args, const char *);
             if (text == nullptr) return false;
-            out += escape_filter_value(text);
+            append_filter_value(out, text);
             break;
         }
         case 'd':
@@ -94,11 +98,31 @@ constexpr std::array<bool, 256> kReserved = reserved_in_filter();
 }  // namespace
 
 std::string escape_filter_value(std::string_view value) {
+    std::string out;
+    append_filter_value(out, value);
+    return out;
+}
+
+void append_filter_value(std::string &out, std::string_view value) {
     static const char hex[] = "0123456789ABCDEF";
     const unsigned char *p = reinterpret_cast<const unsigned char *>(value.data());
     const unsigned char *const end = p + value.size();
     // Most values hold nothing to escape: one scan, one copy.
     const unsigned char *q = p;
+#if defined(__SSE2__)
+    // Sixteen bytes at a time where the machine compares them at once.
+    {
+        const __m128i zero = _mm_setzero_si128(), star = _mm_set1_epi8('*'), back = _mm_set1_epi8('\\'),
+                      one = _mm_set1_epi8(1), paren = _mm_set1_epi8(0x29);
+        for (; end - q >= 16; q += 16) {
+            __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(q));
+            __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, zero), _mm_cmpeq_epi8(v, star)),
+                                       _mm_or_si128(_mm_cmpeq_epi8(v, back),
+                                                    _mm_cmpeq_epi8(_mm_or_si128(v, one), paren)));
+            if (_mm_movemask_epi8(hit) != 0) break;
+        }
+    }
+#endif
     // Eight bytes at a time up to the word that holds a reserved byte.
     constexpr uint64_t kOnes = 0x0101010101010101ULL, kHigh = 0x8080808080808080ULL;
     auto any_zero = [](uint64_t v) { return (v - kOnes) & ~v & kHigh; };
@@ -109,9 +133,11 @@ std::string escape_filter_value(std::string_view value) {
             break;
     }
     while (q != end && !kReserved[*q]) ++q;
-    if (q == end) return std::string(value);
-    std::string out;
-    out.reserve(value.size() + 8);
+    if (q == end) {
+        out.append(value.data(), value.size());
+        return;
+    }
+    out.reserve(out.size() + value.size() + 8);
     const unsigned char *run = p;
     for (; q != end; ++q) {
         if (!kReserved[*q]) continue;
@@ -121,7 +147,6 @@ std::string escape_filter_value(std::string_view value) {
         run = q + 1;
     }
     out.append(reinterpret_cast<const char *>(run), static_cast<size_t>(end - run));
-    return out;
 }
 
 char *ku_mbs_sprintf(const char *format, ...) {

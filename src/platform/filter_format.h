@@ -21,5 +21,7 @@ char *ku_mbs_sprintf(const char *format, ...);
 // The quoting %Q applies, for values that may hold NUL bytes.  Throws
 // std::bad_alloc.
 std::string escape_filter_value(std::string_view value);
+// The same added to the end of `out`.
+void append_filter_value(std::string &out, std::string_view value);
 
 }  // namespace zel::platform

@@ -355,12 +355,20 @@ template <class Call, class Drop>
 int with_recovery(LDAP *ld, Request kind, Call &&call, Drop &&before_resend) {
     Recovery *recovery = recovery_of(ld);
     if (recovery == nullptr) return call(ld);
-    const Deadline deadline = request_deadline(ld);
+    // The deadline counts from now; the handle's time-outs are read only
+    // when a reconnect needs them.
+    const auto sent = std::chrono::steady_clock::now();
+    LDAP *use = ld;
+    Deadline deadline = Deadline::max();
     int refusal = kServerDown;
-    LDAP *use = recovery->prepare(ld, kind, deadline, refusal);
-    if (use == nullptr) return refusal;
+    const bool passes = recovery->passes(ld, kind);
+    if (!passes) {
+        deadline = request_deadline(ld, sent);
+        if ((use = recovery->prepare(ld, kind, deadline, refusal)) == nullptr) return refusal;
+    }
     int rc = call(use);
     if (!connection_lost(rc)) return rc;
+    if (passes) deadline = request_deadline(ld, sent);
     refusal = 0;
     LDAP *fresh = recovery->recover(use, rc, deadline, refusal);   // `use` may be gone from here on
     if (refusal != 0) return refusal;
@@ -395,12 +403,14 @@ KeptTimeouts::~KeptTimeouts() {
     set_timeout(ld_, LDAP_OPT_TIMEOUT, request_);
 }
 
-Deadline request_deadline(LDAP *ld) {
+Deadline request_deadline(LDAP *ld) { return request_deadline(ld, std::chrono::steady_clock::now()); }
+
+Deadline request_deadline(LDAP *ld, std::chrono::steady_clock::time_point sent) {
     auto request = timeout_of(ld, LDAP_OPT_TIMEOUT);
     if (!request) return Deadline::max();
     // Without a connect limit, a reconnect gets as long as a request.
     auto network = timeout_of(ld, LDAP_OPT_NETWORK_TIMEOUT);
-    return std::chrono::steady_clock::now() + *request + (network ? *network : *request);
+    return sent + *request + (network ? *network : *request);
 }
 
 bool limit_to_deadline(LDAP *ld, Deadline deadline) {

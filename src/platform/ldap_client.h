@@ -179,6 +179,9 @@ class Recovery {
 public:
     virtual LDAP *prepare(LDAP *ld, Request kind, Deadline deadline, int &refusal) = 0;
     virtual LDAP *recover(LDAP *failed, int classic_rc, Deadline deadline, int &refusal) = 0;
+    // True when prepare() would hand back `ld` as it is: the request then
+    // goes out without its deadline worked out, which only a reconnect needs.
+    virtual bool passes(LDAP *ld, Request kind) const = 0;
 
 protected:
     ~Recovery() = default;
@@ -203,6 +206,8 @@ private:
 // The deadline of a request sent now on ld (Deadline::max() when the
 // handle waits without limit).
 Deadline request_deadline(LDAP *ld);
+// The same for a request sent at `sent`.
+Deadline request_deadline(LDAP *ld, std::chrono::steady_clock::time_point sent);
 // Shortens ld's connect and request time-outs to what is left until
 // `deadline` (never lengthens them); false when nothing is left.
 bool limit_to_deadline(LDAP *ld, Deadline deadline);

@@ -39,6 +39,13 @@ TEST(FilterQuoting, EscapesFilterSyntaxAndNulOnly) {
             value[at] = c;
             EXPECT_EQ(escape_filter_value(value), value.substr(0, at) + escaped + value.substr(at + 1)) << "at " << at;
         }
+    // The last bytes of a value of any length are scanned as well.
+    for (size_t size = 1; size <= 33; ++size)
+        for (const auto &[c, escaped] : reserved) {
+            std::string value(size - 1, '+');
+            EXPECT_EQ(escape_filter_value(value), value) << size;
+            EXPECT_EQ(escape_filter_value(value + c), value + escaped) << size;
+        }
 }
 
 // A DN value keeps its text but can never add an RDN or end early.

@@ -45,7 +45,9 @@ ZelRC form_credential_query(const ZelSession *s, const char *resource, Credentia
     resource_dn.append("secResourceID=").append(plat::escape_dn_value(resource)).append(",cn=Resources,").append(
         domain, domain_size);
     q.member_filter.reserve(resource_dn.size() + 16);
-    q.member_filter.assign("(member=").append(plat::escape_filter_value(resource_dn)).append(")");
+    q.member_filter.assign("(member=");
+    plat::append_filter_value(q.member_filter, resource_dn);
+    q.member_filter.append(")");
     q.id_assertion = plat::escape_filter_value(q.credential_id);
     q.location_filter.reserve(q.id_assertion.size() + 48);
     q.location_filter.assign("(&(objectClass=eZelDomain)(targetLocation=").append(q.id_assertion).append("))");
@@ -71,16 +73,25 @@ char *const kCredentialAttributes[] = {const_cast<char *>("uid"),          const
 
 namespace {
 
+// Attribute names are ASCII letters, digits and hyphens; against a name of
+// letters only, folding each byte with 0x20 compares them without regard to
+// case and never matches a byte of anything else.
+bool is_attribute(const char *attr, const char *lower, size_t n) {
+    for (size_t i = 0; i < n; ++i)
+        if ((static_cast<unsigned char>(attr[i]) | 0x20) != static_cast<unsigned char>(lower[i])) return false;
+    return true;
+}
+
 // What an attribute of the answering record fills.  Every read walks all of
 // the record's attributes: the name's length picks the one name worth
 // comparing.
 CredentialField field_of(const char *attr) {
     switch (std::strlen(attr)) {
-    case 3: return same_text(attr, "uid") ? CredentialField::Account : CredentialField::None;
-    case 6: return same_text(attr, "secUid") ? CredentialField::Account : CredentialField::None;
-    case 9: return same_text(attr, "secretKey") ? CredentialField::SecretKey : CredentialField::None;
-    case 12: return same_text(attr, "secAuthnData") ? CredentialField::Password : CredentialField::None;
-    case 13: return same_text(attr, "principalName") ? CredentialField::Account : CredentialField::None;
+    case 3: return is_attribute(attr, "uid", 3) ? CredentialField::Account : CredentialField::None;
+    case 6: return is_attribute(attr, "secuid", 6) ? CredentialField::Account : CredentialField::None;
+    case 9: return is_attribute(attr, "secretkey", 9) ? CredentialField::SecretKey : CredentialField::None;
+    case 12: return is_attribute(attr, "secauthndata", 12) ? CredentialField::Password : CredentialField::None;
+    case 13: return is_attribute(attr, "principalname", 13) ? CredentialField::Account : CredentialField::None;
     default: return CredentialField::None;
     }
 }

@@ -26,41 +26,55 @@ using zel::ParsedDn;
 // A DN as (type, value) pairs, first RDN first; false for text that is no DN
 // or an RDN of several values, which none of the entries asked for has.
 using Rdns = std::vector<std::pair<std::string, std::string>>;
+// `out`'s strings are written over in place: one vector serves every entry
+// of an answer.
 bool split_dn(const char *dn, Rdns &out) {
-    out.clear();
-    out.reserve(8);
     LDAPDN raw = nullptr;
-    if (ldap_str2dn(dn, &raw, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) return false;
-    ParsedDn parsed(raw);
-    for (LDAPRDN *rdn = parsed.get(); rdn && *rdn; ++rdn) {
-        if (!(*rdn)[0] || (*rdn)[1]) return false;
-        const LDAPAVA *ava = (*rdn)[0];
-        out.emplace_back(std::string(ava->la_attr.bv_val, ava->la_attr.bv_len),
-                         std::string(ava->la_value.bv_val, ava->la_value.bv_len));
+    if (ldap_str2dn(dn, &raw, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) {
+        out.clear();
+        return false;
     }
+    ParsedDn parsed(raw);
+    size_t n = 0;
+    for (LDAPRDN *rdn = parsed.get(); rdn && *rdn; ++rdn, ++n) {
+        if (!(*rdn)[0] || (*rdn)[1]) {
+            out.clear();
+            return false;
+        }
+        const LDAPAVA *ava = (*rdn)[0];
+        if (n == out.size()) out.emplace_back();
+        out[n].first.assign(ava->la_attr.bv_val, ava->la_attr.bv_len);
+        out[n].second.assign(ava->la_value.bv_val, ava->la_value.bv_len);
+    }
+    out.resize(n);
     return true;
 }
 
 // The same for a container's DN, which is the same text on every query of a
-// session: the last two parsed are kept (a domain's and the database's).
-bool split_container(const std::string &dn, Rdns &out) {
+// session: the last two parsed are kept (a domain's and the database's), and
+// the answer points into them.  A query asks about two containers at most:
+// the one it used last is never the one written over, so both of a query's
+// stay in place until it is done.
+const Rdns *split_container(const std::string &dn, bool &ok) {
     struct Parsed {
         std::string dn;
         Rdns rdns;
         bool ok = false;
     };
     thread_local Parsed kept[2];
-    thread_local unsigned next = 0;
-    for (const Parsed &p : kept)
-        if (!p.dn.empty() && p.dn == dn) {
-            out = p.rdns;
-            return p.ok;
+    thread_local unsigned last = 0;
+    for (unsigned i = 0; i < 2; ++i)
+        if (!kept[i].dn.empty() && kept[i].dn == dn) {
+            last = i;
+            ok = kept[i].ok;
+            return &kept[i].rdns;
         }
-    Parsed &p = kept[next++ % 2];
+    last = 1 - last;
+    Parsed &p = kept[last];
     p.ok = split_dn(dn.c_str(), p.rdns);
     p.dn = dn;
-    out = p.rdns;
-    return p.ok;
+    ok = p.ok;
+    return &p.rdns;
 }
 
 bool same_rdns(const Rdns &a, size_t a_from, const Rdns &b) {
@@ -117,7 +131,7 @@ ZelRC search_form_records(ZelSession *s, const std::string &user_dn, int32_t mod
 // Which of the candidate groups hold the resource in one storage form.
 struct FormAsk {
     int32_t mode = 0;
-    Rdns container;
+    const Rdns *container = nullptr;  // kept by split_container
     std::string container_dn;
     const char *naming = nullptr;     // the groups' naming attribute
     std::string filter;               // holds the resource and is one of the candidates
@@ -126,24 +140,33 @@ struct FormAsk {
     bool needed = false;
 };
 
-// `in_dn`: each group's name escaped for a DN, measured against the limit.
+// `in_filter`: each group's name escaped for a filter, once for both forms.
+// A group's DN must fit a DN buffer; escaping at most triples a name, so
+// only a long one is escaped to be measured.
 void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const char *naming,
                  const std::string &holds, const std::vector<std::string> &groups,
-                 const std::vector<std::string> &in_dn) {
+                 const std::vector<std::string> &in_filter) {
     ask.mode = mode;
     ask.naming = naming;
     ask.container_dn = container;
-    ask.needed = split_container(container, ask.container);
+    ask.container = split_container(container, ask.needed);
     ask.fits.assign(groups.size(), false);
     ask.held.assign(groups.size(), false);
-    std::string any;
+    const size_t naming_size = std::strlen(naming);
+    std::string &f = ask.filter;
+    f.reserve(holds.size() + 8 + groups.size() * (naming_size + 24));
+    f.assign("(&").append(holds).append("(|");
+    const size_t empty_size = f.size();
     for (size_t i = 0; i < groups.size(); ++i) {
         if (groups[i].empty()) continue;
-        if (!(ask.fits[i] = std::strlen(naming) + 1 + in_dn[i].size() + 1 + container.size() < zel::kDnSize)) continue;
-        any += std::string("(") + naming + "=" + plat::escape_filter_value(groups[i]) + ")";
+        const size_t fixed = naming_size + 1 + 1 + container.size();
+        if (!(ask.fits[i] = fixed + 3 * groups[i].size() < zel::kDnSize ||
+                            fixed + plat::escape_dn_value(groups[i]).size() < zel::kDnSize))
+            continue;
+        f.append("(").append(naming, naming_size).append("=").append(in_filter[i]).append(")");
     }
-    ask.needed = ask.needed && !any.empty();
-    ask.filter = "(&" + holds + "(|" + any + "))";
+    ask.needed = ask.needed && f.size() != empty_size;
+    f.append("))");
 }
 
 // Marks the candidates an entry of the answer names, if it is a child of
@@ -151,7 +174,7 @@ void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const
 // its matching rule compares them (case and insignificant spaces ignored);
 // the name is matched back to the candidates the same way.
 void mark_held(FormAsk &ask, const Rdns &entry, const std::vector<std::string> &groups) {
-    if (entry.empty() || !zel::same_text(entry[0].first.c_str(), ask.naming) || !same_rdns(entry, 1, ask.container))
+    if (entry.empty() || !zel::same_text(entry[0].first.c_str(), ask.naming) || !same_rdns(entry, 1, *ask.container))
         return;
     for (size_t i = 0; i < groups.size(); ++i)
         if (ask.fits[i] && plat::zstricmp_spaced(plat::zgetUTF8Handle(), groups[i].c_str(), entry[0].second.c_str()) == 0)
@@ -184,7 +207,7 @@ ZelRC ask_groups(ZelSession *s, std::vector<FormAsk *> asks, const std::vector<s
     if (needed.empty()) return 0;
     std::string base, filter;
     int scope = LDAP_SCOPE_ONELEVEL;
-    if (needed.size() == 2 && !(base = common_base(needed[0]->container, needed[1]->container)).empty()) {
+    if (needed.size() == 2 && !(base = common_base(*needed[0]->container, *needed[1]->container)).empty()) {
         scope = LDAP_SCOPE_SUBTREE;
         filter = "(|" + needed[0]->filter + needed[1]->filter + ")";
     } else if (needed.size() == 2) {
@@ -199,9 +222,9 @@ ZelRC ask_groups(ZelSession *s, std::vector<FormAsk *> asks, const std::vector<s
     int lrc = zel::search(s, base.c_str(), scope, filter.c_str(), attrs, 0, 0, res);
     if (lrc == LDAP_NO_SUCH_OBJECT) return 0;  // no such container: its groups hold nothing
     if (lrc != LDAP_SUCCESS) return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+    Rdns rdns;
     for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e; e = ldap_next_entry(s->ld, e)) {
         zel::LdapText dn(ldap_get_dn(s->ld, e));
-        Rdns rdns;
         if (!dn || !split_dn(dn.get(), rdns)) continue;
         for (FormAsk *a : needed) mark_held(*a, rdns, groups);
     }
@@ -213,12 +236,12 @@ ZelRC ask_groups(ZelSession *s, std::vector<FormAsk *> asks, const std::vector<s
 // database's group of that name; first-generation records at the latter.
 ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, FormRecords &records,
                        LDAPMessage *&answer, CredentialTrail *trail) {
-    std::vector<std::string> groups(records.groups.size()), in_dn(groups.size());
+    std::vector<std::string> groups(records.groups.size()), in_filter(groups.size());
     for (size_t i = 0; i < groups.size(); ++i) {
         zel::LdapText dn(ldap_get_dn(s->ld, records.groups[i]));
         if (!dn) return ZEL_RC_SYSTEM_ERROR;
         if (ZelRC rc = zel::credential_group(dn.get(), groups[i])) return rc;
-        if (!groups[i].empty()) in_dn[i] = plat::escape_dn_value(groups[i]);
+        if (!groups[i].empty()) in_filter[i] = plat::escape_filter_value(groups[i]);
     }
     // A security domain record held in no domain: without a domain DN there
     // is nothing to ask.
@@ -227,10 +250,10 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
     FormAsk in_domain, in_database;
     if (domain)
         prepare_ask(in_domain, zel::kDomainMode, std::string("cn=ResourceGroups,") + s->domain_dn, "secResGroupID",
-                    q.member_filter, groups, in_dn);
+                    q.member_filter, groups, in_filter);
     if (first_gen)
         prepare_ask(in_database, zel::kFirstGenerationMode, std::string("cn=Zel Domains,") + s->database_dn, "cn",
-                    q.location_filter, groups, in_dn);
+                    q.location_filter, groups, in_filter);
     if (ZelRC rc = ask_groups(s, {&in_domain, &in_database}, groups)) return rc;
 
     for (size_t i = 0; i < groups.size(); ++i) {

@@ -261,6 +261,11 @@ void Failover::stand_down(LDAP *failed) {
     ++moves_;
 }
 
+bool Failover::passes(LDAP *ld, platform::Request kind) const {
+    if (!armed_ || ld != s_->ld) return true;
+    return !refused_ && !disconnected_ && (kind != platform::Request::Write || servers_.size() < 2);
+}
+
 LDAP *Failover::prepare(LDAP *ld, platform::Request kind, Deadline deadline, int &refusal) {
     if (!armed_ || ld != s_->ld) return ld;
     if (refused_) {

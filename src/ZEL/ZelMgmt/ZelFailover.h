@@ -59,6 +59,7 @@ public:
 
     LDAP *prepare(LDAP *ld, platform::Request kind, platform::Deadline deadline, int &refusal) override;
     LDAP *recover(LDAP *failed, int classic_rc, platform::Deadline deadline, int &refusal) override;
+    bool passes(LDAP *ld, platform::Request kind) const override;
 
 private:
     enum class Bind { None, Simple, Gssapi };

@@ -133,7 +133,7 @@ bool format_filter(std::string &out, const char *fmt, const char *value) {
     if (!format_text(measured, kFilterSize, fmt, value)) return false;
     const char *slot = std::strstr(fmt, "%s");
     out.assign(fmt, static_cast<size_t>(slot - fmt));
-    out += plat::escape_filter_value(value);
+    plat::append_filter_value(out, value);
     out += slot + 2;
     return true;
 }
