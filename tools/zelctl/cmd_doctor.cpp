@@ -44,36 +44,6 @@ struct Finding {
 constexpr const char *kSecuring = "see \"Securing a deployment\" in doc/admin.md";
 constexpr const char *kRecordFilter = "(|(objectClass=eTargetRecord)(objectClass=secResCreds))";
 
-// A connection of its own to the server the options name, bound as `dn` (an
-// empty DN binds anonymously).  Null, with the reason in `error`, when the
-// server cannot be reached or refuses the bind.
-Ldap connect_as(const Options &opts, const std::string &dn, const std::string &password, std::string &error) {
-    LDAP *raw = nullptr;
-    if (ldap_initialize(&raw, opts.uri.empty() ? nullptr : opts.uri.c_str()) != LDAP_SUCCESS || !raw) {
-        error = "cannot reach the directory";
-        return nullptr;
-    }
-    Ldap ld(raw);
-    int v3 = LDAP_VERSION3;
-    timeval limit{15, 0};
-    ldap_set_option(ld.get(), LDAP_OPT_PROTOCOL_VERSION, &v3);
-    ldap_set_option(ld.get(), LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
-    ldap_set_option(ld.get(), LDAP_OPT_NETWORK_TIMEOUT, &limit);
-    ldap_set_option(ld.get(), LDAP_OPT_TIMEOUT, &limit);
-    if (!opts.ca_file.empty()) {
-        int zero = 0;
-        ldap_set_option(ld.get(), LDAP_OPT_X_TLS_CACERTFILE, opts.ca_file.c_str());
-        ldap_set_option(ld.get(), LDAP_OPT_X_TLS_NEWCTX, &zero);
-    }
-    berval cred{password.size(), const_cast<char *>(password.data())};
-    int rc = ldap_sasl_bind_s(ld.get(), dn.empty() ? nullptr : dn.c_str(), LDAP_SASL_SIMPLE, &cred, nullptr,
-                              nullptr, nullptr);
-    if (rc != LDAP_SUCCESS) {
-        error = ldap_err2string(rc);
-        return nullptr;
-    }
-    return ld;
-}
 
 // One search; `rc` gets the directory's answer (entries up to a size limit
 // still come back with LDAP_SIZELIMIT_EXCEEDED).
@@ -273,6 +243,37 @@ void print(const Options &opts, const std::vector<Finding> &findings, bool dange
 }
 
 }  // namespace
+
+// A connection of its own to the server the options name, bound as `dn` (an
+// empty DN binds anonymously).  Null, with the reason in `error`, when the
+// server cannot be reached or refuses the bind.
+Ldap connect_as(const Options &opts, const std::string &dn, const std::string &password, std::string &error) {
+    LDAP *raw = nullptr;
+    if (ldap_initialize(&raw, opts.uri.empty() ? nullptr : opts.uri.c_str()) != LDAP_SUCCESS || !raw) {
+        error = "cannot reach the directory";
+        return nullptr;
+    }
+    Ldap ld(raw);
+    int v3 = LDAP_VERSION3;
+    timeval limit{15, 0};
+    ldap_set_option(ld.get(), LDAP_OPT_PROTOCOL_VERSION, &v3);
+    ldap_set_option(ld.get(), LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
+    ldap_set_option(ld.get(), LDAP_OPT_NETWORK_TIMEOUT, &limit);
+    ldap_set_option(ld.get(), LDAP_OPT_TIMEOUT, &limit);
+    if (!opts.ca_file.empty()) {
+        int zero = 0;
+        ldap_set_option(ld.get(), LDAP_OPT_X_TLS_CACERTFILE, opts.ca_file.c_str());
+        ldap_set_option(ld.get(), LDAP_OPT_X_TLS_NEWCTX, &zero);
+    }
+    berval cred{password.size(), const_cast<char *>(password.data())};
+    int rc = ldap_sasl_bind_s(ld.get(), dn.empty() ? nullptr : dn.c_str(), LDAP_SASL_SIMPLE, &cred, nullptr,
+                              nullptr, nullptr);
+    if (rc != LDAP_SUCCESS) {
+        error = ldap_err2string(rc);
+        return nullptr;
+    }
+    return ld;
+}
 
 int run_doctor(const Options &opts, Args args) {
     int status = 0;

@@ -212,34 +212,6 @@ ReplicationFinding members_finding(LDAP *ld, const std::vector<std::string> &suf
     return {check, false, false, "every access-group member's profile calls for its group", ""};
 }
 
-// A connection of the command's own, bound as the options say.
-Ldap connect(const Options &opts, std::string &error) {
-    LDAP *raw = nullptr;
-    if (ldap_initialize(&raw, opts.uri.empty() ? nullptr : opts.uri.c_str()) != LDAP_SUCCESS || !raw) {
-        error = "cannot reach the directory";
-        return nullptr;
-    }
-    Ldap ld(raw);
-    int v3 = LDAP_VERSION3;
-    timeval limit{15, 0};
-    ldap_set_option(ld.get(), LDAP_OPT_PROTOCOL_VERSION, &v3);
-    ldap_set_option(ld.get(), LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
-    ldap_set_option(ld.get(), LDAP_OPT_NETWORK_TIMEOUT, &limit);
-    ldap_set_option(ld.get(), LDAP_OPT_TIMEOUT, &limit);
-    if (!opts.ca_file.empty()) {
-        int zero = 0;
-        ldap_set_option(ld.get(), LDAP_OPT_X_TLS_CACERTFILE, opts.ca_file.c_str());
-        ldap_set_option(ld.get(), LDAP_OPT_X_TLS_NEWCTX, &zero);
-    }
-    berval cred{opts.password.size(), const_cast<char *>(opts.password.data())};
-    int rc = ldap_sasl_bind_s(ld.get(), opts.bind_dn.empty() ? nullptr : opts.bind_dn.c_str(), LDAP_SASL_SIMPLE,
-                              &cred, nullptr, nullptr, nullptr);
-    if (rc != LDAP_SUCCESS) {
-        error = ldap_err2string(rc);
-        return nullptr;
-    }
-    return ld;
-}
 
 }  // namespace
 
@@ -264,7 +236,7 @@ int run_user_regroup(const Options &opts, Args args) {
     std::vector<std::string> suffixes;
     for (int32_t i = 0; i < info->suffixCount; ++i) suffixes.emplace_back(info->suffixes[i]);
     std::string error;
-    Ldap ld = connect(opts, error);
+    Ldap ld = connect_as(opts, opts.bind_dn, opts.password, error);
     if (!ld) {
         std::fprintf(stderr, "zelctl: user regroup: cannot bind as %s: %s\n", opts.bind_dn.c_str(), error.c_str());
         return 1;

@@ -21,4 +21,9 @@ inline std::string dn_of(LDAP *ld, LDAPMessage *e, const char *none = "") {
     return dn ? dn.get() : none;
 }
 
+// A connection of its own to the server the options name, bound as `dn` (an
+// empty DN binds anonymously).  Null, with the reason in `error`, when the
+// server cannot be reached or refuses the bind.
+Ldap connect_as(const Options &opts, const std::string &dn, const std::string &password, std::string &error);
+
 }  // namespace zelctl
