@@ -142,6 +142,8 @@ ZelRC query_credential(ZelSession *s, const char *user, const ZelCredentialReque
 ZelRC credential_group(const char *dn, std::string &group) {
     group.clear();
     // The record's own RDN names the group: the rest of the DN is not parsed.
+    // libldap asserts on an empty string rather than refusing it.
+    if (dn == nullptr || *dn == '\0') return ZEL_RC_SYSTEM_ERROR;
     LDAPRDN raw = nullptr;
     char *rest = nullptr;
     if (ldap_str2rdn(dn, &raw, &rest, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) return ZEL_RC_SYSTEM_ERROR;
