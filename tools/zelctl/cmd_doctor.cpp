@@ -275,6 +275,21 @@ Ldap connect_as(const Options &opts, const std::string &dn, const std::string &p
     return ld;
 }
 
+bool own_view(const Options &opts, ZelSession *s, const char *command, OwnView &view) {
+    ZelSessionInfo *raw_info = nullptr;
+    ZelRC zrc = Zel_getSessionInfo(s, &raw_info);
+    view.info.reset(raw_info);
+    if (zrc != 0) return fail("cannot read what the session learnt", zrc), false;
+    for (int32_t i = 0; i < view.info->suffixCount; ++i) view.suffixes.emplace_back(view.info->suffixes[i]);
+    std::string error;
+    view.ld = connect_as(opts, opts.bind_dn, opts.password, error);
+    if (!view.ld) {
+        std::fprintf(stderr, "zelctl: %s: cannot bind as %s: %s\n", command, opts.bind_dn.c_str(), error.c_str());
+        return false;
+    }
+    return true;
+}
+
 int run_doctor(const Options &opts, Args args) {
     int status = 0;
     std::string user_dn, user_password_file;
@@ -295,19 +310,12 @@ int run_doctor(const Options &opts, Args args) {
 
     Session s(open_session(opts));
     if (!s) return 1;
-    ZelSessionInfo *raw_info = nullptr;
-    ZelRC zrc = Zel_getSessionInfo(s.get(), &raw_info);
-    Held<ZelSessionInfo, Zel_freeSessionInfo> info(raw_info);
-    if (zrc != 0) return fail("cannot read what the session learnt", zrc);
-    std::vector<std::string> suffixes;
-    for (int32_t i = 0; i < info->suffixCount; ++i) suffixes.emplace_back(info->suffixes[i]);
-
+    OwnView view;
+    if (!own_view(opts, s.get(), "doctor", view)) return 1;
+    const Held<ZelSessionInfo, Zel_freeSessionInfo> &info = view.info;
+    const std::vector<std::string> &suffixes = view.suffixes;
+    Ldap &ld = view.ld;
     std::string error;
-    Ldap ld = connect_as(opts, opts.bind_dn, opts.password, error);
-    if (!ld) {
-        std::fprintf(stderr, "zelctl: doctor: cannot bind as %s: %s\n", opts.bind_dn.c_str(), error.c_str());
-        return 1;
-    }
     std::string kind = std::string(directory_kind_name(info->dirKind)) + " directory; suffixes:";
     for (const std::string &suffix : suffixes) kind += " " + suffix;
     std::vector<Finding> findings = {{"directory", Verdict::Ok, kind, ""}, schema_check(ld.get()),

@@ -229,18 +229,10 @@ int run_user_regroup(const Options &opts, Args args) {
     if (!take_operands(args, "user regroup", {}, none, status)) return status;
     Session session(open_session(opts));
     if (!session) return 1;
-    ZelSessionInfo *raw_info = nullptr;
-    ZelRC zrc = Zel_getSessionInfo(session.get(), &raw_info);
-    Held<ZelSessionInfo, Zel_freeSessionInfo> info(raw_info);
-    if (zrc != 0) return fail("cannot read what the session learnt", zrc);
-    std::vector<std::string> suffixes;
-    for (int32_t i = 0; i < info->suffixCount; ++i) suffixes.emplace_back(info->suffixes[i]);
-    std::string error;
-    Ldap ld = connect_as(opts, opts.bind_dn, opts.password, error);
-    if (!ld) {
-        std::fprintf(stderr, "zelctl: user regroup: cannot bind as %s: %s\n", opts.bind_dn.c_str(), error.c_str());
-        return 1;
-    }
+    OwnView view;
+    if (!own_view(opts, session.get(), "user regroup", view)) return 1;
+    const std::vector<std::string> &suffixes = view.suffixes;
+    Ldap &ld = view.ld;
     Plan plan = plan_memberships(ld.get(), suffixes);
     if (!plan.error.empty()) {
         std::fprintf(stderr, "zelctl: user regroup: %s\n", plan.error.c_str());

@@ -5,6 +5,7 @@
 #include <ldap.h>
 
 #include <string>
+#include <vector>
 
 #include "zelctl.h"
 
@@ -25,5 +26,15 @@ inline std::string dn_of(LDAP *ld, LDAPMessage *e, const char *none = "") {
 // empty DN binds anonymously).  Null, with the reason in `error`, when the
 // server cannot be reached or refuses the bind.
 Ldap connect_as(const Options &opts, const std::string &dn, const std::string &password, std::string &error);
+
+// What a check reads beside the session: the suffixes and kind the session
+// learnt, and a connection of the command's own bound as the options say.
+struct OwnView {
+    Held<ZelSessionInfo, Zel_freeSessionInfo> info;
+    std::vector<std::string> suffixes;
+    Ldap ld;
+};
+// False, with the failure reported under `command`'s name, when either fails.
+bool own_view(const Options &opts, ZelSession *s, const char *command, OwnView &view);
 
 }  // namespace zelctl

@@ -84,12 +84,7 @@ template <class Body>
 ZelRC user_write_call(ZelSession *s, const char *name, const audit::Subject &subject, Body &&body) {
     if (!valid_handle(s)) return ZEL_RC_INVALID_HANDLE;
     forget_users(s);
-    ZelRC rc = 0;
-    RoutineTrace trace(s, name, rc);
-    return rc = audit::write(s, name, subject, [&]() -> ZelRC {
-        GuardScope scope(s);
-        return body();
-    });
+    return write_call(s, name, subject, std::forward<Body>(body));
 }
 
 // An internal routine: its trace lines, and the guard when nothing above it
