@@ -9,7 +9,7 @@ sizes=("$@")
 [ ${#sizes[@]} -gt 0 ] || sizes=(1000 10000 100000)
 source "$(dirname "$0")/slapd_env.sh"
 trap stop_directory EXIT
-out="$SRC/bench"
+out="$(cd "$(dirname "$0")" && pwd)"
 csv="$out/results.csv"
 echo "users,operation,library_us,raw_us,ratio,ratio_min,ratio_max,searches,required" >"$csv"
 busy=0  # zel_bench exits 3 when the machine was too busy to judge
