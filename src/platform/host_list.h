@@ -9,6 +9,10 @@
 
 namespace zel::platform {
 
+// The scheme's default ports.
+constexpr int kLdapPort = 389;
+constexpr int kLdapsPort = 636;
+
 // Appends the URI list for `host` to `uris` ("ldap://h:389 ldaps://..."); a
 // bare host without a port of its own takes `port`, and a port of 0 or less
 // the scheme's default; a URI without a port takes its scheme's default.

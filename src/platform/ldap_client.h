@@ -31,7 +31,7 @@
 // that do not belong in a host name gives null.
 //
 // Client extensions of the classic API:
-//  * ldap_set_option takes the classic option numbers (see ldap_client.cpp
+//  * ldap_set_option takes the classic option numbers (see ldap_options.cpp
 //    for the table), is told whether the value comes by address or by value,
 //    and refuses numbers it does not know;
 //  * ldap_ssl_client_init: keyring = CA certificate file (null or empty: the

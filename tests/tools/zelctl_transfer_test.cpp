@@ -140,11 +140,14 @@ TEST_F(ZelctlTransfer, ImportUpdatesReportsFailuresAndRefusesClearText) {
     doc = std::regex_replace(doc, std::regex("\"Demo user\""), "\"Edited\"");
     doc = std::regex_replace(doc, std::regex("\"sales-team\""), "\"sales-crew\"");
     doc = std::regex_replace(doc, std::regex("\"service\": \"intranet\""), "\"service\": \"nowhere\"");
+    // A group is updated; a service has no update call and is refused.
+    doc = std::regex_replace(doc, std::regex("\"Staff applications\""), "\"Staff tools\"");
+    doc = std::regex_replace(doc, std::regex("\"Mail\""), "\"Post\"");
     std::ofstream(path) << doc;
     CommandResult r = run(dir, {"import", path});
     EXPECT_EQ(r.status, 1);
     for (const char *line : {"user jo: updated", "record jo G:Sales: updated", "record jo T:intranet: failed",
-                             "1 failed"})
+                             "resource group staff: updated", "service mail: failed", "2 failed"})
         EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.out;
 
     CommandResult clear = zeltest::zelctl(dir, {"export", "--passwords", "sealed"}, "2");

@@ -44,6 +44,26 @@ std::vector<std::string> names_of(const List *list, Item **List::*items, NameOf 
     return out;
 }
 
+// One family's list as the session reads it, with the marks of its entries
+// of the first generation (`older`, when open, lists those).  The family's
+// "not found" (0 for a family without one) is an empty list: `list` stays
+// null then.
+template <class List, auto Free, class Item, class NameOf>
+ZelRC read_marked(ZelSession *s, ZelSession *older, ZelRC (*get_all)(ZelSession *, List **), ZelRC not_found,
+                  Item **List::*items, NameOf name, bool older_last, Held<List, Free> &list,
+                  std::vector<bool> &marks) {
+    List *raw = nullptr, *raw_older = nullptr;
+    ZelRC rc = get_all(s, &raw);
+    list.reset(raw);
+    if (rc != 0) return rc == not_found ? 0 : rc;
+    rc = older ? get_all(older, &raw_older) : 0;
+    Held<List, Free> older_list(raw_older);
+    if (rc != 0 && rc != not_found) return rc;
+    marks = first_generation_marks(names_of(list.get(), items, name), names_of(older_list.get(), items, name),
+                                   older_last);
+    return 0;
+}
+
 // A list that finds nothing answers its family's "not found": an empty list.
 ZelRC read_types(ZelSession *s, Document &doc) {
     ZelTargetServiceTypeList *raw = nullptr;
@@ -62,18 +82,11 @@ ZelRC read_types(ZelSession *s, Document &doc) {
 // The session of the security domain form also lists the first
 // generation's objects; `older`, when open, tells which those are.
 ZelRC read_services(ZelSession *s, ZelSession *older, Document &doc) {
-    ZelTargetServiceList *raw = nullptr, *raw_older = nullptr;
-    ZelRC rc = Zel_getAllTargetService(s, &raw);
-    Held<ZelTargetServiceList, Zel_freeTargetServices> list(raw);
-    if (rc == ZEL_RC_TS_NOT_FOUND) return 0;
-    if (rc != 0) return rc;
-    ZelRC older_rc = older ? Zel_getAllTargetService(older, &raw_older) : 0;
-    Held<ZelTargetServiceList, Zel_freeTargetServices> older_list(raw_older);
-    if (older_rc != 0 && older_rc != ZEL_RC_TS_NOT_FOUND) return older_rc;
-    auto name = [](const ZelTargetService *ts) { return or_empty(ts->name); };
-    std::vector<bool> marks = first_generation_marks(names_of(list.get(), &ZelTargetServiceList::services, name),
-                                                     names_of(older_list.get(), &ZelTargetServiceList::services, name),
-                                                     false);
+    Held<ZelTargetServiceList, Zel_freeTargetServices> list;
+    std::vector<bool> marks;
+    ZelRC rc = read_marked(s, older, Zel_getAllTargetService, ZEL_RC_TS_NOT_FOUND, &ZelTargetServiceList::services,
+                           [](const ZelTargetService *ts) { return or_empty(ts->name); }, false, list, marks);
+    if (rc != 0 || !list) return rc;
     for (int32_t i = 0; i < list->count; ++i) {
         const ZelTargetService *ts = list->services[i];
         DocService out{marks[i] ? kFirstGenerationForm : kDocumentForm, or_empty(ts->name), text_of(ts->type),
@@ -88,17 +101,11 @@ ZelRC read_services(ZelSession *s, ZelSession *older, Document &doc) {
 }
 
 ZelRC read_groups(ZelSession *s, ZelSession *older, Document &doc) {
-    ZelDomainList *raw = nullptr, *raw_older = nullptr;
-    ZelRC rc = Zel_getAllZelDomain(s, &raw);
-    Held<ZelDomainList, Zel_freeZelDomains> list(raw);
-    if (rc == ZEL_RC_ZEL_DOMAIN_NOT_FOUND) return 0;
-    if (rc != 0) return rc;
-    ZelRC older_rc = older ? Zel_getAllZelDomain(older, &raw_older) : 0;
-    Held<ZelDomainList, Zel_freeZelDomains> older_list(raw_older);
-    if (older_rc != 0 && older_rc != ZEL_RC_ZEL_DOMAIN_NOT_FOUND) return older_rc;
-    auto name = [](const ZelDomain *d) { return or_empty(d->name); };
-    std::vector<bool> marks = first_generation_marks(names_of(list.get(), &ZelDomainList::domains, name),
-                                                     names_of(older_list.get(), &ZelDomainList::domains, name), false);
+    Held<ZelDomainList, Zel_freeZelDomains> list;
+    std::vector<bool> marks;
+    ZelRC rc = read_marked(s, older, Zel_getAllZelDomain, ZEL_RC_ZEL_DOMAIN_NOT_FOUND, &ZelDomainList::domains,
+                           [](const ZelDomain *d) { return or_empty(d->name); }, false, list, marks);
+    if (rc != 0 || !list) return rc;
     for (int32_t i = 0; i < list->count; ++i) {
         const ZelDomain *d = list->domains[i];
         DocGroup out{marks[i] ? kFirstGenerationForm : kDocumentForm, or_empty(d->name), text_of(d->description), {}};
@@ -110,15 +117,12 @@ ZelRC read_groups(ZelSession *s, ZelSession *older, Document &doc) {
 }
 
 ZelRC read_users(ZelSession *s, ZelSession *older, Document &doc) {
-    ZelUserList *raw = nullptr, *raw_older = nullptr;
-    ZelRC rc = Zel_getAllZelUser(s, &raw);
-    Held<ZelUserList, Zel_freeZelUsers> list(raw);
+    Held<ZelUserList, Zel_freeZelUsers> list;
+    std::vector<bool> marks;
+    // No user is an empty list, not a "not found".
+    ZelRC rc = read_marked(s, older, Zel_getAllZelUser, 0, &ZelUserList::users,
+                           [](const ZelUser *u) { return or_empty(u->userName); }, true, list, marks);
     if (rc != 0) return rc;
-    if (older && (rc = Zel_getAllZelUser(older, &raw_older)) != 0) return rc;
-    Held<ZelUserList, Zel_freeZelUsers> older_list(raw_older);
-    auto name = [](const ZelUser *u) { return or_empty(u->userName); };
-    std::vector<bool> marks = first_generation_marks(names_of(list.get(), &ZelUserList::users, name),
-                                                     names_of(older_list.get(), &ZelUserList::users, name), true);
     for (int32_t i = 0; i < list->count; ++i) {
         const ZelUser *u = list->users[i];
         if (u->userName == nullptr) continue;

@@ -14,6 +14,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <type_traits>
 
 #include "document.h"
 #include "progress.h"
@@ -24,6 +25,10 @@ namespace zelctl {
 namespace {
 
 enum class Outcome { Created, Updated, Unchanged, Failed };
+
+// A look-up's answer that the object is not there (each family has its own
+// "not found" status).
+constexpr ZelRC kMissing = ~ZelRC{0};
 
 // A Zel user's type where the storage form keeps none (the security domain's).
 constexpr const char *kDefaultUserType = "User";
@@ -135,19 +140,17 @@ public:
         ZelRC rc = Zel_getTargetService(s, d.name.c_str(), &raw);
         Held<ZelTargetService, Zel_freeTargetService> old(raw);
         CPairs<ZelReqIdentifier> ids(d.identifiers, &ZelReqIdentifier::name, &ZelReqIdentifier::value);
-        if (rc == ZEL_RC_TS_NOT_FOUND) {
-            ZelTargetService ts{const_cast<char *>(d.name.c_str()), c_text(d.type), c_text(d.description),
+        ZelTargetService wanted{const_cast<char *>(d.name.c_str()), c_text(d.type), c_text(d.description),
                                 ids.count(), ids.array()};
-            write("service", d.name, [&] { return Zel_addTargetService(s, &ts); }, Outcome::Created);
-            return;
-        }
-        if (rc != 0) return report("service", d.name, Outcome::Failed, rc);
-        Pairs now = sorted_pairs(old->reqIdentifierCount, old->reqIdentifiers, &ZelReqIdentifier::name,
-                                 &ZelReqIdentifier::value);
-        bool equal = same(d.type, old->type) && same(d.description, old->description) &&
-                     now == sorted(d.identifiers);
-        // A service has no update call: one that differs is left as it is.
-        report("service", d.name, equal ? Outcome::Unchanged : Outcome::Failed, equal ? 0 : ZEL_RC_ALREADY_EXISTS);
+        settle("service", d.name, rc == ZEL_RC_TS_NOT_FOUND ? kMissing : rc,
+               [&] { return Zel_addTargetService(s, &wanted); },
+               [&] {
+                   return same(d.type, old->type) && same(d.description, old->description) &&
+                          sorted_pairs(old->reqIdentifierCount, old->reqIdentifiers, &ZelReqIdentifier::name,
+                                       &ZelReqIdentifier::value) == sorted(d.identifiers);
+               },
+               // A service has no update call: one that differs is left as it is.
+               [&] { report("service", d.name, Outcome::Failed, ZEL_RC_ALREADY_EXISTS); });
     }
 
     void group(const DocGroup &d) {
@@ -158,16 +161,14 @@ public:
         Held<ZelDomain, Zel_freeZelDomain> old(raw);
         CPairs<ZelDomainLocation> locs(d.members, &ZelDomainLocation::type, &ZelDomainLocation::value);
         ZelDomain wanted{const_cast<char *>(d.name.c_str()), c_text(d.description), locs.count(), locs.array()};
-        if (rc == ZEL_RC_ZEL_DOMAIN_NOT_FOUND) {
-            write("resource group", d.name, [&] { return Zel_addZelDomain(s, &wanted); }, Outcome::Created);
-            return;
-        }
-        if (rc != 0) return report("resource group", d.name, Outcome::Failed, rc);
-        Pairs now = sorted_pairs(old->locationCount, old->locations, &ZelDomainLocation::type,
-                                 &ZelDomainLocation::value);
-        if (same(d.description, old->description) && now == sorted(d.members))
-            return report("resource group", d.name, Outcome::Unchanged, 0);
-        write("resource group", d.name, [&] { return Zel_updateZelDomain(s, &wanted); }, Outcome::Updated);
+        settle("resource group", d.name, rc == ZEL_RC_ZEL_DOMAIN_NOT_FOUND ? kMissing : rc,
+               [&] { return Zel_addZelDomain(s, &wanted); },
+               [&] {
+                   return same(d.description, old->description) &&
+                          sorted_pairs(old->locationCount, old->locations, &ZelDomainLocation::type,
+                                       &ZelDomainLocation::value) == sorted(d.members);
+               },
+               [&] { return Zel_updateZelDomain(s, &wanted); });
     }
 
     // Every user the session sees, read once: a document of thousands of
@@ -214,17 +215,15 @@ public:
         ZelUser wanted{const_cast<char *>(d.name.c_str()),
                        const_cast<char *>(d.type ? d.type->c_str() : kDefaultUserType), c_text(d.description),
                        static_cast<unsigned char>(d.enabled ? 1 : 0), c_text(d.person)};
-        if (rc == ZEL_RC_USER_NOT_FOUND) {
-            // A user made now has no records yet: they need no look-up.
-            if (write("user", d.name, [&] { return Zel_addZelUser(s, &wanted); }, Outcome::Created))
-                new_users_.insert({d.name, first_generation(d.storage)});
-            return;
-        }
-        if (rc != 0) return report("user", d.name, Outcome::Failed, rc);
-        bool equal = (old->enabled != 0) == d.enabled && same(d.description, old->description) &&
-                     (!d.person || same(d.person, old->personDN)) && (!d.type || same(d.type, old->userType));
-        if (equal) return report("user", d.name, Outcome::Unchanged, 0);
-        write("user", d.name, [&] { return Zel_updateZelUser(s, &wanted); }, Outcome::Updated);
+        bool created = settle(
+            "user", d.name, rc == ZEL_RC_USER_NOT_FOUND ? kMissing : rc, [&] { return Zel_addZelUser(s, &wanted); },
+            [&] {
+                return (old->enabled != 0) == d.enabled && same(d.description, old->description) &&
+                       (!d.person || same(d.person, old->personDN)) && (!d.type || same(d.type, old->userType));
+            },
+            [&] { return Zel_updateZelUser(s, &wanted); });
+        // A user made now has no records yet: they need no look-up.
+        if (created) new_users_.insert({d.name, first_generation(d.storage)});
     }
 
     // Every record the session sees, read once in bulk: an unchanged record
@@ -349,16 +348,31 @@ private:
                        ? ZEL_RC_TR_NOT_FOUND
                        : Zel_getTargetRecord(s, d.user.c_str(), d.id.c_str(), &raw);
         Held<ZelTargetRecord, Zel_freeTargetRecord> old(raw);
-        if (rc == ZEL_RC_TR_NOT_FOUND || rc == ZEL_RC_USER_NOT_FOUND) {
-            write("record", name, [&] { return Zel_addTargetRecord(s, d.user.c_str(), &wanted); }, Outcome::Created);
-        } else if (rc != 0) {
-            report("record", name, Outcome::Failed, rc);
-        } else if (same_record(d, wanted, old.get())) {
-            report("record", name, Outcome::Unchanged, 0);
+        settle("record", name, rc == ZEL_RC_TR_NOT_FOUND || rc == ZEL_RC_USER_NOT_FOUND ? kMissing : rc,
+               [&] { return Zel_addTargetRecord(s, d.user.c_str(), &wanted); },
+               [&] { return same_record(d, wanted, old.get()); },
+               [&] { return Zel_updateTargetRecord(s, d.user.c_str(), &wanted); });
+    }
+
+    // One object of the document against what the look-up found (`looked_up`:
+    // 0, kMissing or the look-up's failure): created when missing, left alone
+    // when equal, else changed.  `change` is the update call; one that
+    // returns nothing reports for itself (a family without an update call).
+    // True when the object was created (or, in a dry run, would be).
+    template <class Add, class Equal, class Change>
+    bool settle(const char *kind, const std::string &name, ZelRC looked_up, Add &&add, Equal &&equal,
+                Change &&change) {
+        if (looked_up == kMissing) return write(kind, name, add, Outcome::Created);
+        if (looked_up != 0) {
+            report(kind, name, Outcome::Failed, looked_up);
+        } else if (equal()) {
+            report(kind, name, Outcome::Unchanged, 0);
+        } else if constexpr (std::is_void_v<decltype(change())>) {
+            change();
         } else {
-            write("record", name, [&] { return Zel_updateTargetRecord(s, d.user.c_str(), &wanted); },
-                  Outcome::Updated);
+            write(kind, name, change, Outcome::Updated);
         }
+        return false;
     }
 
     // True when the write was made (or, in a dry run, would be).

@@ -41,10 +41,20 @@ def read(call, default):
         return default
 
 
-def confirm(title: str, question: str, goes: List[str], action: str, fields: dict, back: str, button: str):
-    """The page that asks before anything is removed; only its POST removes."""
-    return render_template("confirm.html", title=title, question=question, goes=goes, action=action,
-                           fields=fields, back=back, button=button)
+def removal(noun: str, name: str, load, goes, remove, back: str, fields: Optional[dict] = None, of: str = ""):
+    """A removal: the GET asks on a page of its own what `goes(found)` says
+    goes with the object `load` finds, only the POST removes; both end on
+    `back`, and so does a GET for an object that is not there."""
+    if request.method == "GET":
+        found = read(load, None)
+        if found is None:
+            return redirect(back)
+        return render_template("confirm.html", title=f"Remove {noun} {shorten(name)}?",
+                               question=f"The {noun} {name}{of} will be removed.", goes=goes(found),
+                               action=url_for(request.endpoint), fields=fields or {"name": name}, back=back,
+                               button=f"Remove {name}")
+    attempt(remove, f"{noun.capitalize()} {shorten(name)} removed.", f"The {noun} was not removed.")
+    return redirect(back)
 
 
 @pages.route("/")
@@ -178,17 +188,10 @@ def service_edit_post(zel):
 @signed_in(ADMIN)
 def service_remove(zel):
     name = request.values.get("name", "")
-    if request.method == "GET":
-        service = read(lambda: zel.get_target_service(name), None)
-        if service is None:
-            return redirect(url_for(".services"))
-        return confirm(f"Remove service {shorten(name)}?", f"The service {name} will be removed.",
-                       ["Records kept for it stay, and so do its resource groups' memberships; "
-                        "they answer nothing until a service of that name is added again."],
-                       url_for(".service_remove"), {"name": name}, url_for(".services"), f"Remove {name}")
-    attempt(lambda: zel.remove_target_service(name), f"Service {shorten(name)} removed.",
-            "The service was not removed.")
-    return redirect(url_for(".services"))
+    return removal("service", name, lambda: zel.get_target_service(name),
+                   lambda _: ["Records kept for it stay, and so do its resource groups' memberships; "
+                              "they answer nothing until a service of that name is added again."],
+                   lambda: zel.remove_target_service(name), url_for(".services"))
 
 
 # ---- Resource groups and their members --------------------------------------
@@ -217,18 +220,13 @@ def group_add(zel):
 @signed_in(ADMIN)
 def group_remove(zel):
     name = request.values.get("name", "")
-    if request.method == "GET":
-        group = read(lambda: zel.get_domain(name), None)
-        if group is None:
-            return redirect(url_for(".groups"))
-        goes = [f"Its {len(group.members)} member{'s leave' if len(group.members) != 1 else ' leaves'} it: "
-                + ", ".join(group.members) + ". The services themselves stay."] if group.members else []
-        goes.append("Group records (G:) kept for it stay, and answer nothing until it is added again.")
-        return confirm(f"Remove resource group {shorten(name)}?", f"The resource group {name} will be removed.",
-                       goes, url_for(".group_remove"), {"name": name}, url_for(".groups"), f"Remove {name}")
-    attempt(lambda: zel.remove_domain(name), f"Resource group {shorten(name)} removed.",
-            "The resource group was not removed.")
-    return redirect(url_for(".groups"))
+
+    def goes(group):
+        members = [f"Its {len(group.members)} member{'s leave' if len(group.members) != 1 else ' leaves'} it: "
+                   + ", ".join(group.members) + ". The services themselves stay."] if group.members else []
+        return members + ["Group records (G:) kept for it stay, and answer nothing until it is added again."]
+    return removal("resource group", name, lambda: zel.get_domain(name), goes, lambda: zel.remove_domain(name),
+                   url_for(".groups"))
 
 
 @pages.route("/groups/view")
@@ -398,20 +396,14 @@ def user_state(zel):
 @signed_in(ADMIN)
 def user_remove(zel):
     name = request.values.get("name", "")
-    if request.method == "GET":
-        user = read(lambda: zel.get_user(name), None)
-        if user is None:
-            return redirect(url_for(".users"))
+
+    def goes(user):
         records = read(lambda: zel.get_all_target_records(name), [])
-        goes = [f"Its {len(records)} record{'s go' if len(records) != 1 else ' goes'} with it"
-                + (": " + ", ".join(r.id for r in records[:10]) + (" …" if len(records) > 10 else "")
-                   if records else "") + "."]
-        if user.person_dn:
-            goes.append(f"The person {user.person_dn} stays in the directory.")
-        return confirm(f"Remove user {shorten(name)}?", f"The user {name} will be removed.", goes,
-                       url_for(".user_remove"), {"name": name}, url_for(".users"), f"Remove {name}")
-    attempt(lambda: zel.remove_user(name), f"User {shorten(name)} removed.", "The user was not removed.")
-    return redirect(url_for(".users"))
+        listed = [f"Its {len(records)} record{'s go' if len(records) != 1 else ' goes'} with it"
+                  + (": " + ", ".join(r.id for r in records[:10]) + (" …" if len(records) > 10 else "")
+                     if records else "") + "."]
+        return listed + ([f"The person {user.person_dn} stays in the directory."] if user.person_dn else [])
+    return removal("user", name, lambda: zel.get_user(name), goes, lambda: zel.remove_user(name), url_for(".users"))
 
 
 # ---- A user's target records ----------------------------------------------
@@ -448,8 +440,12 @@ def whose(user_field: Optional[str]) -> tuple:
     return user_field or "", False
 
 
+def records_url(user: str, mine: bool) -> str:
+    return url_for(".mine") if mine else url_for(".records", user=user)
+
+
 def back_to(user: str, mine: bool):
-    return redirect(url_for(".mine") if mine else url_for(".records", user=user))
+    return redirect(records_url(user, mine))
 
 
 @pages.route("/records")
@@ -552,19 +548,10 @@ def record_update(zel):
 def record_remove(zel):
     user, mine = whose(request.values.get("user"))
     record_id = request.values.get("id", "")
-    if request.method == "GET":
-        record = read(lambda: zel.get_target_record(user, record_id), None)
-        if record is None:
-            return back_to(user, mine)
-        fields = {"id": record_id} if mine else {"id": record_id, "user": user}
-        return confirm(f"Remove record {shorten(record_id)}?",
-                       f"The record {record_id} of {user} will be removed.",
-                       [f"Its account {record.account or '(none)'} and password go with it."],
-                       url_for(".record_remove"), fields,
-                       url_for(".mine") if mine else url_for(".records", user=user), f"Remove {record_id}")
-    attempt(lambda: zel.remove_target_record(user, record_id), f"Record {shorten(record_id)} removed.",
-            "The record was not removed.")
-    return back_to(user, mine)
+    return removal("record", record_id, lambda: zel.get_target_record(user, record_id),
+                   lambda record: [f"Its account {record.account or '(none)'} and password go with it."],
+                   lambda: zel.remove_target_record(user, record_id), records_url(user, mine),
+                   fields={"id": record_id} if mine else {"id": record_id, "user": user}, of=f" of {user}")
 
 
 @pages.route("/records/reveal", methods=["POST"])
