@@ -1,14 +1,12 @@
 // The audit trail: what a read and a write leave in it (never a secret), that
-// `zelctl audit verify` names the first broken line, that a trail which
-// cannot be written stops reads and writes, and that processes appending at
-// once keep one chain.
+// `zelctl audit verify` names the first broken line of a plain or keyed
+// trail, that a trail which cannot be written stops reads and writes, and
+// that processes appending at once keep one chain.
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <fstream>
@@ -16,7 +14,6 @@
 
 #include "platform/audit_chain.h"
 #include "platform/audit_file.h"
-#include "platform/key_file.h"
 #include "record/record_fixture.h"
 #include "support/env.h"
 #include "support/key_files.h"
@@ -132,37 +129,102 @@ TEST_F(AuditTest, ReadsAndWritesAreTrailedWithoutSecrets) {
     EXPECT_EQ(v.out, trail + ": 14 lines, chain intact\n");
 }
 
-TEST_F(AuditTest, VerifyNamesTheFirstBrokenLine) {
-    for (int i = 0; i < 6; ++i)
-        ASSERT_EQ(plat::append_audit_line(trail.c_str(), "\"op\":\"line " + std::to_string(i + 1) + "\""), 0);
-    const std::vector<std::string> intact = read_lines(trail);
-    using Edit = void (*)(std::vector<std::string> &);
+// Unkeyed and keyed trails edited as a forger would; verify names the first
+// line that gives the edit away.  Under a trail key a forger without it can
+// neither re-seal an edit nor add a line; a cut end or an emptied file shows
+// against a head kept elsewhere.
+TEST(AuditChain, VerifyNamesTheFirstBrokenLine) {
+    using Lines = std::vector<std::string>;
+    TrailFolder folder;
+    const std::string &trail = folder.trail, key = folder.dir + "/trail.key";
+    ASSERT_EQ(Zel_generateKeyFile(key.c_str(), 0, nullptr), 0u);
+    plat::AuditKey k{};
+    {
+        ScopedEnv keyed("ZEL_AUDIT_KEY", key.c_str());
+        ASSERT_EQ(plat::read_configured_audit_key(k), plat::KeyFileState::usable);
+    }
+    auto written = [&](const plat::AuditKey *with) {
+        std::filesystem::remove(trail);
+        for (int i = 0; i < 6; ++i)
+            EXPECT_EQ(plat::append_audit_line(trail.c_str(), "\"op\":\"line " + std::to_string(i + 1) + "\"", with), 0);
+        return read_lines(trail);
+    };
+    const Lines plain = written(nullptr), keyed = written(&k);
+    std::string head;
+    {
+        ScopedEnv with_key("ZEL_AUDIT_KEY", key.c_str());
+        CommandResult r = run_command({ZELCTL_PATH, "audit", "head", trail});
+        ASSERT_EQ(r.status, 0) << r.err;
+        head = r.out.substr(0, r.out.size() - 1);
+        EXPECT_EQ(head.rfind("6:", 0), 0u) << head;
+        EXPECT_EQ(run_command({ZELCTL_PATH, "audit", "verify", trail, "--expect", head}).status, 0);
+    }
+    // Seals the lines from `from` on again, as anyone who can write the file could.
+    auto resealed = [](Lines lines, size_t from, const plat::AuditKey *with) {
+        plat::AuditLink link;
+        EXPECT_TRUE(from == 0 || plat::read_audit_link(lines[from - 1], link));
+        for (size_t i = from; i < lines.size(); ++i) {
+            std::string fields = lines[i].substr(lines[i].find(',') + 1);
+            fields.erase(fields.rfind(",\""));
+            plat::AuditLink next;
+            lines[i] = plat::seal_audit_line(link, fields, next, with);
+            lines[i].pop_back();
+            link = next;
+        }
+        return lines;
+    };
+    auto third_edited = [](Lines l) { l[2].replace(l[2].find("line 3"), 6, "line 9"); return l; };
+    const plat::AuditKey other{{7}};
     struct Case {
         const char *what;
-        Edit edit;
-        const char *error;  // what verify says after "zelctl: audit verify: <file>: "
+        bool keyed;         // a keyed trail, checked with its key
+        std::function<Lines(Lines)> edit;
+        bool expect_head;   // checked against the head kept before the edit
+        const char *error;  // what verify says after "<file>: "
     } cases[] = {
-        {"a field changed", [](auto &l) { l[2].replace(l[2].find("line 3"), 6, "line 9"); }, "line 3 changed"},
-        {"a hash changed", [](auto &l) { l[3][l[3].size() - 3] ^= 1; }, "line 4 changed"},
-        {"a line removed", [](auto &l) { l.erase(l.begin() + 2); }, "line 3 follows a removed line"},
-        {"the first line removed", [](auto &l) { l.erase(l.begin()); }, "line 1 follows a removed line"},
-        {"a copy inserted", [](auto &l) { l.insert(l.begin() + 4, l[1]); }, "line 5 inserted"},
-        {"a copy appended", [](auto &l) { l.push_back(l[0]); }, "line 7 inserted"},
-        {"lines swapped", [](auto &l) { std::swap(l[1], l[2]); }, "line 2 inserted"},
-        {"not a trail line", [](auto &l) { l[4] = "{}"; }, "line 5 changed"},
+        {"a field changed", false, third_edited, false, "line 3 changed"},
+        {"a hash changed", false, [](Lines l) { l[3][l[3].size() - 3] ^= 1; return l; }, false, "line 4 changed"},
+        {"a line removed", false, [](Lines l) { l.erase(l.begin() + 2); return l; }, false,
+         "line 3 follows a removed line"},
+        {"the first line removed", false, [](Lines l) { l.erase(l.begin()); return l; }, false,
+         "line 1 follows a removed line"},
+        {"a copy inserted", false, [](Lines l) { l.insert(l.begin() + 4, l[1]); return l; }, false, "line 5 inserted"},
+        {"a copy appended", false, [](Lines l) { l.push_back(l[0]); return l; }, false, "line 7 inserted"},
+        {"lines swapped", false, [](Lines l) { std::swap(l[1], l[2]); return l; }, false, "line 2 inserted"},
+        {"not a trail line", false, [](Lines l) { l[4] = "{}"; return l; }, false, "line 5 changed"},
+        {"an edit re-sealed unkeyed", true, [&](Lines l) { return resealed(third_edited(l), 2, nullptr); }, false,
+         "line 3 not sealed under the trail key"},
+        {"an edit re-sealed under another key", true, [&](Lines l) { return resealed(third_edited(l), 2, &other); },
+         false, "line 3 changed"},
+        {"a whole unkeyed trail", true, [&](Lines l) { return resealed(l, 0, nullptr); }, false,
+         "line 1 not sealed under the trail key"},
+        {"a forged line appended", true, [&](Lines l) { l.push_back(l[0]); return resealed(l, 6, nullptr); }, false,
+         "line 7 not sealed under the trail key"},
+        {"the end cut", true, [](Lines l) { l.resize(2); return l; }, true,
+         "line 3 missing: the trail ends before the expected head"},
+        {"emptied", true, [](Lines) { return Lines{}; }, true, "line 1 missing: the trail ends before the expected head"},
+        {"another trail", true, [&](Lines l) { return resealed(third_edited(l), 2, &k); }, true,
+         "line 6 is not the expected head"},
     };
     for (const Case &c : cases) {
-        std::vector<std::string> lines = intact;
-        c.edit(lines);
-        write_lines(trail, lines);
-        CommandResult v = verify(trail);
-        EXPECT_EQ(v.status, 1) << c.what;
-        EXPECT_EQ(v.err, "zelctl: audit verify: " + trail + ": " + c.error + "\n") << c.what;
+        SCOPED_TRACE(c.what);
+        write_lines(trail, c.edit(c.keyed ? keyed : plain));
+        ScopedEnv with_key("ZEL_AUDIT_KEY", c.keyed ? key.c_str() : nullptr);
+        std::vector<std::string> args = {ZELCTL_PATH, "audit", "verify", trail};
+        if (c.expect_head) args.insert(args.end(), {"--expect", head});
+        CommandResult v = run_command(args);
+        EXPECT_EQ(v.status, 1);
+        EXPECT_EQ(v.err, "zelctl: audit verify: " + trail + ": " + c.error + "\n");
     }
+    // Without the key nothing keyed is taken as checked.
+    write_lines(trail, keyed);
+    EXPECT_EQ(verify(trail).err, "zelctl: audit verify: " + trail +
+                                     ": line 1 sealed under a trail key (set ZEL_AUDIT_KEY to check it)\n");
+
     // A torn last line (no newline) is no line the chain carries on from,
     // until the next writer seals over it: then the damage is reported, and
     // the lines after it still check.
-    write_lines(trail, intact);
+    write_lines(trail, plain);
     std::ofstream(trail, std::ios::app) << "{\"seq\":7";
     EXPECT_EQ(verify(trail).err, "zelctl: audit verify: " + trail + ": line 7 changed\n");
     EXPECT_EQ(plat::append_audit_line(trail.c_str(), "\"op\":\"more\""), 0);
@@ -179,110 +241,8 @@ TEST_F(AuditTest, VerifyNamesTheFirstBrokenLine) {
     EXPECT_EQ(verify(trail + ".missing").status, 1);
 }
 
-// Under a trail key a forger without it can neither re-seal an edit nor add a
-// line; a cut end or an emptied file shows against a head kept elsewhere.
-TEST(AuditChain, AKeyedTrailCannotBeResealedOrCutUnseen) {
-    TrailFolder folder;
-    const std::string &trail = folder.trail, key = folder.dir + "/trail.key";
-    ASSERT_EQ(run_command({ZELCTL_PATH, "key", "generate", key}).status, 0);
-    ScopedEnv keyed("ZEL_AUDIT_KEY", key.c_str());
-    plat::KeyRing ring;
-    ASSERT_EQ(plat::read_key_file(key.c_str(), ring), plat::KeyFileState::usable);
-    plat::AuditKey k{};
-    std::memcpy(k.bytes, ring.active()->key, sizeof k.bytes);
-    for (int i = 0; i < 5; ++i)
-        ASSERT_EQ(plat::append_audit_line(trail.c_str(), "\"op\":\"line " + std::to_string(i + 1) + "\"", &k), 0);
-    const std::vector<std::string> intact = read_lines(trail);
-    CommandResult head = run_command({ZELCTL_PATH, "audit", "head", trail});
-    ASSERT_EQ(head.status, 0) << head.err;
-    const std::string kept = head.out.substr(0, head.out.size() - 1);
-    EXPECT_EQ(kept.rfind("5:", 0), 0u) << kept;
-    EXPECT_EQ(run_command({ZELCTL_PATH, "audit", "verify", trail, "--expect", kept}).status, 0);
-
-    // Re-sealing from line 3 on without the key, as anyone could before.
-    auto reseal = [&](std::vector<std::string> lines, size_t from, const plat::AuditKey *with) {
-        plat::AuditLink link;
-        ASSERT_TRUE(from == 0 || plat::read_audit_link(lines[from - 1], link));
-        for (size_t i = from; i < lines.size(); ++i) {
-            std::string fields = lines[i].substr(lines[i].find(',') + 1);
-            fields.erase(fields.rfind(",\""));
-            plat::AuditLink next;
-            lines[i] = plat::seal_audit_line(link, fields, next, with);
-            lines[i].pop_back();
-            link = next;
-        }
-        write_lines(trail, lines);
-    };
-    std::vector<std::string> edited = intact;
-    edited[2].replace(edited[2].find("line 3"), 6, "line 9");
-    const plat::AuditKey other{{7}};
-    struct Case {
-        const char *what;
-        std::function<void()> forge;
-        const char *expect;  // --expect, or null
-        const char *error;   // after "<file>: "
-    } cases[] = {
-        {"an edit re-sealed unkeyed", [&] { reseal(edited, 2, nullptr); }, nullptr,
-         "line 3 not sealed under the trail key"},
-        {"an edit re-sealed under another key", [&] { reseal(edited, 2, &other); }, nullptr, "line 3 changed"},
-        {"a whole unkeyed trail", [&] { reseal(intact, 0, nullptr); }, nullptr,
-         "line 1 not sealed under the trail key"},
-        {"a forged line appended", [&] { write_lines(trail, intact); plat::append_audit_line(trail.c_str(), "\"op\":\"x\""); },
-         nullptr, "line 6 not sealed under the trail key"},
-        {"the end cut", [&] { write_lines(trail, {intact[0], intact[1]}); }, kept.c_str(),
-         "line 3 missing: the trail ends before the expected head"},
-        {"emptied", [&] { write_lines(trail, {}); }, kept.c_str(),
-         "line 1 missing: the trail ends before the expected head"},
-        {"another trail", [&] { reseal(edited, 2, &k); }, kept.c_str(), "line 5 is not the expected head"},
-    };
-    for (const Case &c : cases) {
-        c.forge();
-        std::vector<std::string> args = {ZELCTL_PATH, "audit", "verify", trail};
-        if (c.expect) args.insert(args.end(), {"--expect", c.expect});
-        CommandResult v = run_command(args);
-        EXPECT_EQ(v.status, 1) << c.what;
-        EXPECT_EQ(v.err, "zelctl: audit verify: " + trail + ": " + c.error + "\n") << c.what;
-    }
-    // Without the key nothing keyed is taken as checked.
-    write_lines(trail, intact);
-    ScopedEnv unkeyed("ZEL_AUDIT_KEY", nullptr);
-    EXPECT_EQ(verify(trail).err, "zelctl: audit verify: " + trail +
-                                     ": line 1 sealed under a trail key (set ZEL_AUDIT_KEY to check it)\n");
-}
-
-// The trail file is taken only as a regular file of its writers alone, and
-// a size limit fails the write instead of killing the caller.
-TEST(AuditChain, TheTrailFileIsOpenedSafely) {
-    TrailFolder folder;
-    const std::string &trail = folder.trail;
-    const std::string link = folder.dir + "/link", open = folder.dir + "/open";
-    ASSERT_EQ(plat::append_audit_line(trail.c_str(), "\"op\":\"a\""), 0);
-    ASSERT_EQ(symlink(trail.c_str(), link.c_str()), 0);
-    write_lines(open, {});
-    ASSERT_EQ(chmod(open.c_str(), 0620), 0);
-    EXPECT_EQ(plat::append_audit_line(link.c_str(), "\"op\":\"b\""), ELOOP);
-    EXPECT_EQ(plat::append_audit_line(open.c_str(), "\"op\":\"b\""), EPERM);
-    EXPECT_EQ(plat::append_audit_line("/dev/null", "\"op\":\"b\""), ENOTSUP);
-
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        struct rlimit limit = {4096, 4096};
-        if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(2);
-        for (int i = 0; i < 1000; ++i)
-            if (int err = plat::append_audit_line(trail.c_str(), "\"op\":\"filling\"")) _exit(err == EFBIG ? 0 : 3);
-        _exit(4);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(verify(trail).status, 0) << "only whole lines stay";
-}
-
 // A session seals under ZEL_AUDIT_KEY and sends the head out every
-// ZEL_AUDIT_CHECKPOINT lines and when it closes; a key file it cannot use
-// stops every audited call.
+// ZEL_AUDIT_CHECKPOINT lines and when it closes.
 TEST_F(AuditTest, ASessionSealsUnderTheTrailKeyAndChecksPointsTheHead) {
     const std::string key = folder.dir + "/trail.key";
     ASSERT_EQ(Zel_generateKeyFile(key.c_str(), 0, nullptr), 0u);
@@ -306,20 +266,11 @@ TEST_F(AuditTest, ASessionSealsUnderTheTrailKeyAndChecksPointsTheHead) {
         EXPECT_NE(traced.find("Audit checkpoint: head " + head.out), std::string::npos) << "at close\n" << traced;
     }
     EXPECT_NE(slurp(trail).find(",\"mac\":\""), std::string::npos);
-    EXPECT_EQ(verify(trail).status, 1) << "a keyed trail cannot be checked without the key";
-
-    const std::string loose = key_file(slurp(key), 0644);
-    ScopedEnv on("ZEL_AUDIT", trail.c_str()), keyed("ZEL_AUDIT_KEY", loose.c_str());
-    Session refused = open_session(*dir, 2);
-    ASSERT_TRUE(refused);
-    ZelCredentialRequest req{nullptr, nullptr, const_cast<char *>("app")};
-    ZelCredential c{};
-    EXPECT_EQ(Zel_getCredential(refused.get(), "jo", &req, &c), ZEL_RC_SYSTEM_ERROR);
-    EXPECT_EQ(c.password, nullptr);
 }
 
-// Fail closed: a trail that cannot be opened, a full disk, or a trail whose
-// last line is not one of ours stops every read and every write.
+// Fail closed: a trail that cannot be opened, a full disk, a trail whose last
+// line is not one of ours, or a trail key that cannot be used stops every
+// read and every write.
 TEST_F(AuditTest, AnUnwritableTrailRefusesReadsAndWrites) {
     open_with_jo(2);
     ZelTargetRecord direct = record("T:app", "app", "jo.app", "Direct-Pw-41");
@@ -329,14 +280,20 @@ TEST_F(AuditTest, AnUnwritableTrailRefusesReadsAndWrites) {
 
     const std::string shared = trail + ".shared", link = trail + ".link";
     write_lines(shared, {});
-    ASSERT_EQ(chmod(shared.c_str(), 0666), 0);
+    ASSERT_EQ(chmod(shared.c_str(), 0620), 0);  // the group alone may write it
     ASSERT_EQ(symlink(garbled.c_str(), link.c_str()), 0);
-    const std::pair<std::string, const char *> trails[] = {
-        {"/nonexistent/trail", "No such file"}, {"/dev/full", "it is not a regular file"},
-        {garbled, "its last line is not a trail line"}, {shared, "group or others may write it"},
-        {link, "it is a symbolic link"}};
-    for (const auto &[path, why] : trails) {
-        ScopedEnv on("ZEL_AUDIT", path.c_str());
+    const std::string loose_key = key_file(kKeyLineA + " active\n", 0644);
+    const struct {
+        std::string path;
+        const char *key, *why;
+    } trails[] = {{"/nonexistent/trail", nullptr, "No such file"},
+                  {"/dev/full", nullptr, "it is not a regular file"},
+                  {garbled, nullptr, "its last line is not a trail line"},
+                  {shared, nullptr, "group or others may write it"},
+                  {link, nullptr, "it is a symbolic link"},
+                  {trail, loose_key.c_str(), "the trail key file ZEL_AUDIT_KEY names cannot be used"}};
+    for (const auto &[path, key, why] : trails) {
+        ScopedEnv on("ZEL_AUDIT", path.c_str()), keyed("ZEL_AUDIT_KEY", key);
         Session audited = open_session(*dir, 2);
         ASSERT_TRUE(audited);
         audited.get()->debug_level = 2;  // failures traced
@@ -367,34 +324,43 @@ TEST_F(AuditTest, AnUnwritableTrailRefusesReadsAndWrites) {
     EXPECT_EQ(credential(s.get(), "jo", "app"), "jo.app/Direct-Pw-41") << "a session without a trail is untouched";
 }
 
-// Four processes appending at once still leave one chain, every line whole.
-TEST(AuditChain, ConcurrentWritersKeepOneChain) {
+// Starts `body` in a child process, which exits with what it returns.
+pid_t in_child(const std::function<int()> &body) {
+    pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    return pid;
+}
+
+// The child's exit status, or -1 when a signal ended it.
+int exit_status(pid_t pid) {
+    int status = 0;
+    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Four processes appending at once still leave one chain, every line whole;
+// a file size limit fails the write instead of killing the caller.
+TEST(AuditChain, WritersInOtherProcessesLeaveOneWholeChain) {
     TrailFolder folder;
-    const std::string &trail = folder.trail;
-    constexpr int kWriters = 4, kLines = 1000;
+    const std::string &trail = folder.trail, limited = folder.dir + "/limited";
     std::vector<pid_t> writers;
-    for (int w = 0; w < kWriters; ++w) {
-        pid_t pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            const std::string fields = "\"writer\":" + std::to_string(w);
-            for (int i = 0; i < kLines; ++i)
-                if (plat::append_audit_line(trail.c_str(), fields) != 0) _exit(1);
-            _exit(0);
-        }
-        writers.push_back(pid);
-    }
-    for (pid_t pid : writers) {
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
-    std::unique_ptr<std::FILE, int (*)(std::FILE *)> f(std::fopen(trail.c_str(), "r"), std::fclose);
-    ASSERT_TRUE(f);
-    plat::AuditCheck check = plat::check_audit_trail(f.get());
-    EXPECT_EQ(check.fault, plat::AuditFault::None) << "line " << check.line;
-    EXPECT_EQ(check.line, static_cast<uint64_t>(kWriters * kLines));
-    EXPECT_EQ(verify(trail).status, 0);
+    for (int w = 0; w < 4; ++w)
+        writers.push_back(in_child([&trail, w] {
+            for (int i = 0; i < 1000; ++i)
+                if (plat::append_audit_line(trail.c_str(), "\"writer\":" + std::to_string(w)) != 0) return 1;
+            return 0;
+        }));
+    for (pid_t pid : writers) EXPECT_EQ(exit_status(pid), 0);
+    EXPECT_EQ(verify(trail).out, trail + ": 4000 lines, chain intact\n");
+
+    EXPECT_EQ(exit_status(in_child([&] {
+                  struct rlimit limit = {4096, 4096};
+                  if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
+                  for (int i = 0; i < 1000; ++i)
+                      if (int err = plat::append_audit_line(limited.c_str(), "\"op\":\"filling\"")) return err == EFBIG ? 0 : 3;
+                  return 4;
+              })),
+              0);
+    EXPECT_EQ(verify(limited).status, 0) << "only whole lines stay";
 }
 
 // --json output: the trail's name goes out as valid JSON whatever bytes it

@@ -9,7 +9,10 @@ using namespace zeltest;
 
 namespace {
 
-Profile two_users() {
+// The bench's layout for two users; with a Zel database beside the domain, as
+// every real deployment has one, and a first-generation profile of u0, so
+// that both forms are looked at.
+Profile two_users(bool with_database) {
     Profile p;
     p.seed_ldif = zelbench::base_ldif();
     zelbench::Layout layout{2};
@@ -19,32 +22,24 @@ Profile two_users() {
         p.seed_ldif += zelbench::person_ldif(i) + zelbench::zel_user_ldif(i) +
                        zelbench::record_ldif(i, "T:svc" + std::to_string(i), "a", "pw") +
                        zelbench::record_ldif(i, "G:grp0", "g", "gpw");
+    if (with_database)
+        p.seed_ldif += database_ldif("o=acme") + "dn: cn=u0,cn=u0,ou=People,o=acme\nobjectClass: cimManagedElement\n"
+                       "objectClass: eUser\nobjectClass: eZelUser\ncn: u0\nassociatedName: cn=u0,ou=People,o=acme\n"
+                       "userState: Active\n\n";
     return p;
 }
 
 // The directory calls made since the last reset, and how many of them are
-// searches bounded by a size limit (look-ups of one entry are).
+// searches bounded by a size limit (look-ups of one entry are): "calls/limited".
 std::string made() {
     size_t limited = 0;
     for (const fault::Call &c : fault::calls()) limited += c.fn == fault::Fn::Search && c.sizelimit > 0;
-    return std::to_string(fault::calls().size()) + " calls, " + std::to_string(limited) + " limited";
+    return std::to_string(fault::calls().size()) + "/" + std::to_string(limited);
 }
 
-class ReadCalls : public DirectoryTest {
+class ReadCalls : public DirectoryTest, public testing::WithParamInterface<bool> {
 protected:
-    Profile profile() const override { return two_users(); }
-};
-
-// A Zel database beside the domain, as every real deployment has one, and a
-// first-generation profile of u0: both forms are looked at.
-class ReadCallsWithDatabase : public DirectoryTest {
-protected:
-    Profile profile() const override {
-        Profile p = two_users();
-        p.seed_ldif += database_ldif("o=acme") + "dn: cn=u0,cn=u0,ou=People,o=acme\nobjectClass: cimManagedElement\nobjectClass: eUser\n"
-                       "objectClass: eZelUser\ncn: u0\nassociatedName: cn=u0,ou=People,o=acme\nuserState: Active\n\n";
-        return p;
-    }
+    Profile profile() const override { return two_users(GetParam()); }
 };
 
 void credential(ZelSession *s, const char *resource, ZelRC want) {
@@ -55,94 +50,74 @@ void credential(ZelSession *s, const char *resource, ZelRC want) {
     Zel_memfree(c.password);
 }
 
-TEST_F(ReadCalls, EachReadMakesTheSearchesItsAnswerNeeds) {
+// A credential through its record: person, user, then the direct and group
+// records in one search; the candidate groups are asked about in one more.
+// With a database one more search reads the first generation's profile,
+// records and both forms' groups, whatever the number of group records.  A
+// record read looks the person up once for both forms.  With the user cache
+// on, a repeated read sends only what the cache does not hold.
+TEST_P(ReadCalls, CredentialQueriesStayWithinTheirSearches) {
     Session s = open_session(*dir, 2);
     ASSERT_TRUE(s);
-    // Person, user, then the direct and group records in one search; the
-    // candidate groups are asked about in one more.
+    auto record = [&](const char *id, ZelRC want) {
+        ZelTargetRecord *r = nullptr;
+        EXPECT_EQ(Zel_getTargetRecord(s.get(), "u0", id, &r), want);
+        Zel_freeTargetRecord(r);
+    };
+    // Calls/limited, then again with the user cache on, for the call repeated.
     struct Case {
         const char *what;
         std::function<void()> call;
-        std::string calls;
+        const char *domain_only, *with_database;
     } cases[] = {
-        {"direct credential", [&] { credential(s.get(), "svc0", 0); }, "3 calls, 2 limited"},
-        {"group credential", [&] { credential(s.get(), "svc5", 0); }, "4 calls, 2 limited"},
-        {"no credential", [&] { credential(s.get(), "nowhere", ZEL_RC_TR_NOT_FOUND); }, "4 calls, 2 limited"},
-        {"target record",
-         [&] {
-             ZelTargetRecord *r = nullptr;
-             EXPECT_EQ(Zel_getTargetRecord(s.get(), "u0", "T:svc0", &r), 0u);
-             Zel_freeTargetRecord(r);
-         },
-         "3 calls, 2 limited"},
+        {"direct credential", [&] { credential(s.get(), "svc0", 0); }, "3/2 1/0", "3/2 1/0"},
+        {"group credential", [&] { credential(s.get(), "svc5", 0); }, "4/2 2/0", "6/3 3/0"},
+        {"no credential", [&] { credential(s.get(), "nowhere", ZEL_RC_TR_NOT_FOUND); }, "4/2 2/0", "6/3 3/0"},
+        {"target record", [&] { record("T:svc0", 0); }, "3/2 1/0", "3/2 1/0"},
+        {"no target record", [&] { record("T:nowhere", ZEL_RC_TR_NOT_FOUND); }, "3/2 1/0", "5/3 2/0"},
         {"target service",
          [&] {
              ZelTargetService *ts = nullptr;
              EXPECT_EQ(Zel_getTargetService(s.get(), "svc1", &ts), 0u);
              Zel_freeTargetService(ts);
          },
-         "1 calls, 1 limited"},
+         "1/1 1/1", "1/1 1/1"},
         {"user check",
          [&] {
              char *dn = nullptr;
              EXPECT_EQ(Zel_verifyZelUser(s.get(), "cn=u0,ou=People,o=acme", &dn), 1u);
              Zel_memfree(dn);
          },
-         "1 calls, 1 limited"},
-    };
-    for (const Case &c : cases) {
-        fault::reset();
-        c.call();
-        EXPECT_EQ(made(), c.calls) << c.what;
-    }
-    // A credential's searches name the attributes its answer reads, never all.
-    fault::reset();
-    credential(s.get(), "svc0", 0);
-    for (const fault::Call &c : fault::calls()) EXPECT_FALSE(c.attrs_null) << c.dn << " " << c.filter;
-}
-
-// With a database: direct 3 searches, through a group or none 6 (the first
-// generation's profile, records and both forms' groups in one search),
-// whatever the number of group records; with the user cache on, a repeated
-// query sends 1 and 3.
-TEST_F(ReadCallsWithDatabase, CredentialQueriesStayWithinTheirSearches) {
-    Session s = open_session(*dir, 2);
-    ASSERT_TRUE(s);
-    struct Case {
-        const char *resource;
-        ZelRC want;
-        std::string calls, cached;
-    } cases[] = {
-        {"svc0", 0, "3 calls, 2 limited", "1 calls, 0 limited"},
-        {"svc5", 0, "6 calls, 3 limited", "3 calls, 0 limited"},
-        {"nowhere", ZEL_RC_TR_NOT_FOUND, "6 calls, 3 limited", "3 calls, 0 limited"},
+         "1/1 1/1", "1/1 1/1"},
     };
     for (const Case &c : cases) {
         ASSERT_EQ(Zel_setSessionCacheTTL(s.get(), 0), 0u);
         fault::reset();
-        credential(s.get(), c.resource, c.want);
-        EXPECT_EQ(made(), c.calls) << c.resource;
+        c.call();
+        std::string calls = made();
         ASSERT_EQ(Zel_setSessionCacheTTL(s.get(), 60), 0u);
-        credential(s.get(), c.resource, c.want);
+        c.call();
         fault::reset();
-        credential(s.get(), c.resource, c.want);
-        EXPECT_EQ(made(), c.cached) << c.resource << " cached";
+        c.call();
+        EXPECT_EQ(calls + " " + made(), GetParam() ? c.with_database : c.domain_only) << c.what;
     }
-    // A record read looks the person up once for both forms.
+    // A credential's searches name the attributes its answer reads, never all.
     ASSERT_EQ(Zel_setSessionCacheTTL(s.get(), 0), 0u);
     fault::reset();
-    ZelTargetRecord *r = nullptr;
-    EXPECT_EQ(Zel_getTargetRecord(s.get(), "u0", "T:nowhere", &r), ZEL_RC_TR_NOT_FOUND);
-    EXPECT_EQ(made(), "5 calls, 3 limited");
+    credential(s.get(), "svc0", 0);
+    for (const fault::Call &c : fault::calls()) EXPECT_FALSE(c.attrs_null) << c.dn << " " << c.filter;
+    // The session's own write drops what it cached about users.
     ASSERT_EQ(Zel_setSessionCacheTTL(s.get(), 60), 0u);
     credential(s.get(), "svc0", 0);
-    // The session's own write drops what it cached about users.
     ZelUser u0{const_cast<char *>("u0"), const_cast<char *>("User"), nullptr, 1,
                const_cast<char *>("cn=u0,ou=People,o=acme")};
     ASSERT_EQ(Zel_updateZelUser(s.get(), &u0), 0u);
     fault::reset();
     credential(s.get(), "svc0", 0);
-    EXPECT_EQ(made(), "3 calls, 2 limited");
+    EXPECT_EQ(made(), "3/2");
 }
+
+INSTANTIATE_TEST_SUITE_P(Deployments, ReadCalls, testing::Bool(),
+                         [](const testing::TestParamInfo<bool> &i) { return i.param ? "WithDatabase" : "DomainOnly"; });
 
 }  // namespace

@@ -68,9 +68,8 @@ TEST(FilterFormat, MixesQuotedAndPlainConversions) {
     Text null_text(ku_mbs_sprintf("(cn=%s)", static_cast<const char *>(nullptr)));
     ASSERT_NE(null_text, nullptr);
     EXPECT_STREQ(null_text.get(), "(cn=(null))");
-}
 
-TEST(FilterFormat, RefusesWhatItCannotFormat) {
+    // What it cannot format gives no text at all.
     EXPECT_EQ(Text(ku_mbs_sprintf("(cn=%z)", "x")), nullptr);
     EXPECT_EQ(Text(ku_mbs_sprintf("(n=%5d)", 1)), nullptr);
     EXPECT_EQ(Text(ku_mbs_sprintf("(n=%ld)", 1L)), nullptr);

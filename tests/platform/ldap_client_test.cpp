@@ -52,7 +52,13 @@ TEST(LdapCalls, ReachOpenLdapAndTranslateResults) {
     EXPECT_EQ(zp::ldap_simple_bind_s(ld, nullptr, nullptr), 81);
     EXPECT_EQ(zp::ldap_unbind(ld), 0);
     EXPECT_EQ(fault::count(Fn::Unbind), 1);
+
+    // A null handle is refused before OpenLDAP sees it.
     fault::reset();
+    EXPECT_EQ(zp::ldap_simple_bind_s(nullptr, nullptr, nullptr), 89);
+    EXPECT_EQ(zp::ldap_unbind(nullptr), 89);
+    EXPECT_EQ(zp::ldap_set_option(nullptr, zp::kOptDeref, by_value(1), zp::OptionPassing::ByValue), 89);
+    EXPECT_TRUE(fault::calls().empty());
 }
 
 // A search cut at the limit the caller asked for hands its entries back as
@@ -71,14 +77,6 @@ TEST(LdapCalls, OnlyTheRequestedSizeLimitCountsAsSuccess) {
         ldap_msgfree(res);
     }
     zp::ldap_unbind(ld);
-}
-
-TEST(LdapCalls, NullHandleIsRefused) {
-    fault::reset();
-    EXPECT_EQ(zp::ldap_simple_bind_s(nullptr, nullptr, nullptr), 89);
-    EXPECT_EQ(zp::ldap_unbind(nullptr), 89);
-    EXPECT_EQ(zp::ldap_set_option(nullptr, zp::kOptDeref, by_value(1), zp::OptionPassing::ByValue), 89);
-    EXPECT_TRUE(fault::calls().empty());
 }
 
 TEST(LdapInit, BuildsUrisFromClassicHostArgument) {
@@ -174,7 +172,9 @@ int client_init_with_test_ca() {
     return rc;
 }
 
-TEST(LdapSsl, SecondClientInitAnswersAlreadyInitialised) {
+// A second initialisation answers "already initialised"; a client
+// certificate that cannot be read gives no handle.
+TEST(LdapSsl, ClientInitOnceAndUnreadableCertificates) {
     int first = client_init_with_test_ca();
     EXPECT_TRUE(first == 0 || first == zp::kSslAlreadyInitialised) << first;
     EXPECT_EQ(client_init_with_test_ca(), zp::kSslAlreadyInitialised);
@@ -183,10 +183,7 @@ TEST(LdapSsl, SecondClientInitAnswersAlreadyInitialised) {
     ASSERT_EQ(ldap_get_option(nullptr, LDAP_OPT_X_TLS_CACERTFILE, &global_ca), LDAP_OPT_SUCCESS);
     EXPECT_NE(global_ca ? std::string(global_ca) : "", zeltest::Directory::ca_file());
     ldap_memfree(global_ca);
-}
 
-TEST(LdapSsl, UnreadableClientCertificateGivesNull) {
-    client_init_with_test_ca();
     fault::reset();
     EXPECT_EQ(zp::ldap_ssl_init("127.0.0.1", 1, "/nonexistent/client.pem"), nullptr);
     EXPECT_EQ(zp::ldap_ssl_init("127.0.0.1", 1, "/tmp"), nullptr);
@@ -228,7 +225,7 @@ std::string describe(const zp::ServerInfo *list) {
     return out;
 }
 
-TEST(LdapServerLocate, ReportsConfiguredUrisInOrder) {
+TEST(LdapServerLocate, ListsConfiguredUrisAndHandsOutNothingOnFailure) {
     ClientDefaults restore;
     struct Case {
         const char *uris;
@@ -250,12 +247,9 @@ TEST(LdapServerLocate, ReportsConfiguredUrisInOrder) {
         zp::ldap_server_free_list(list);
     }
     EXPECT_EQ(zp::ldap_server_locate(nullptr, nullptr), 89);
-}
 
-// A configured suffix too long for its buffer is refused: stored empty it
-// would widen every search to the whole directory.
-TEST(LdapServerLocate, OversizedSuffixIsRefusedNotWidened) {
-    ClientDefaults restore;
+    // A configured suffix too long for its buffer is refused: stored empty it
+    // would widen every search to the whole directory.
     const std::string base = "o=" + std::string(1000, 'x');
     ClientDefaults::set("ldap://h1", base.c_str());
     ZelSession s{};
@@ -265,12 +259,9 @@ TEST(LdapServerLocate, OversizedSuffixIsRefusedNotWidened) {
     EXPECT_EQ(locate_LDAP_Server(&s, 1, &host, &port, suffixes), ZEL_RC_INVALID_ARGUMENT);
     EXPECT_EQ(suffixes[0], nullptr);
     std::free(host);
-}
 
-// Each allocation in turn fails: the partial list is freed (the leak checker
-// of the sanitizer build watches) and nothing is handed out.
-TEST(LdapServerLocate, AllocationFailureFreesPartialList) {
-    ClientDefaults restore;
+    // Each allocation in turn fails: the partial list is freed (the leak
+    // checker of the sanitizer build watches) and nothing is handed out.
     ClientDefaults::set("ldap://h1 ldaps://h2 ldap://h3", "o=acme");
     zeltest::each_allocation_fails("locate", 0, [] {
         zp::ServerInfo *list = nullptr;

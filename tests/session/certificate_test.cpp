@@ -12,9 +12,9 @@ namespace {
 
 struct Refusal {
     const char *name;
-    const char *host;       // "localhost" is checked as the machine's own name, which the certificate lacks
-    const char *ca;         // null: the test CA; "" no listener at all
-    const char *detail;     // what Zel_last_error_detail says
+    std::string uri;     // "localhost" is checked as the machine's own name, which the certificate lacks
+    std::string ca;
+    const char *detail;  // what Zel_last_error_detail says
 };
 
 // A caller's ldaps connection checked against the given CA file.
@@ -35,15 +35,14 @@ TEST(CertificateRefused, SaysWhyOnlyWhenItIsTheCertificate) {
     Directory dir;
     const std::string port = std::to_string(dir.ldaps_port());
     const Refusal cases[] = {
-        {"name", "localhost", nullptr, "server certificate refused: the certificate does not name the host connected to"},
-        {"unknown CA", "127.0.0.1", "/etc/ssl/certs/ca-certificates.crt",
+        {"name", "ldaps://localhost:" + port, Directory::ca_file(),
+         "server certificate refused: the certificate does not name the host connected to"},
+        {"unknown CA", "ldaps://127.0.0.1:" + port, "/etc/ssl/certs/ca-certificates.crt",
          "server certificate refused: the certificate is not signed by a trusted CA (or is not valid now)"},
-        {"no server", "127.0.0.1", "", ""},
+        {"no server", "ldaps://127.0.0.1:1", Directory::ca_file(), ""},
     };
     for (const Refusal &c : cases) {
-        const bool no_server = c.ca != nullptr && *c.ca == '\0';
-        std::string uri = std::string("ldaps://") + c.host + ":" + (no_server ? "1" : port);
-        LDAP *ld = connection(uri, c.ca && !no_server ? c.ca : Directory::ca_file().c_str());
+        LDAP *ld = connection(c.uri, c.ca.c_str());
         ASSERT_NE(ld, nullptr);
         ZelSession *s = nullptr;
         testing::internal::CaptureStdout();

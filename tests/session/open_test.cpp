@@ -11,12 +11,15 @@ namespace {
 
 class Open : public DirectoryTest {
 protected:
-    ZelRC open_plain(ZelSession **s, const char *user, const char *password, uint32_t version = 1,
-                     LDAP *ld = nullptr) {
-        return Zel_open(ld, user, password, Directory::host(), dir->port(), ZEL_OPEN_NONSSL, nullptr, nullptr,
-                        nullptr, s, version);
+    // A version-1 open of `host` (the test server when null) as `user`.
+    ZelRC open_at(ZelSession **s, const char *user, const char *password, const char *host = nullptr, int port = 0,
+                  int32_t flags = ZEL_OPEN_NONSSL) {
+        return Zel_open(nullptr, user, password, host ? host : Directory::host(), host ? port : dir->port(), flags,
+                        nullptr, nullptr, nullptr, s, 1);
     }
-    std::string admin() const { return dir->admin_dn(); }
+    ZelRC open_as_admin(ZelSession **s, const char *password = Directory::admin_password()) {
+        return open_at(s, dir->admin_dn().c_str(), password);
+    }
 };
 
 LDAP *bound_connection(const Directory &dir) {
@@ -60,7 +63,7 @@ TEST(OpenArguments, VersionIsCheckedFirstThenCredentialsThenDomain) {
 
 TEST_F(Open, SucceedsAndCloseUnbindsTheConnectionItMade) {
     ZelSession *s = nullptr;
-    ASSERT_EQ(open_plain(&s, admin().c_str(), Directory::admin_password(), 1), 0u);
+    ASSERT_EQ(open_as_admin(&s), 0u);
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(s->version, 1u);
     EXPECT_EQ(s->owns_connection, 1);
@@ -76,7 +79,7 @@ TEST_F(Open, BindOutcomes) {
     ZelSession *s = nullptr;
     // A name without "=" is looked up after an anonymous bind; discovery has
     // not run yet, so the lookup finds nothing.
-    EXPECT_EQ(open_plain(&s, "jo", "pw"), ZEL_RC_ENTRY_NOT_FOUND);
+    EXPECT_EQ(open_at(&s, "jo", "pw"), ZEL_RC_ENTRY_NOT_FOUND);
     auto binds = fault::calls(Fn::SimpleBind);
     ASSERT_EQ(binds.size(), 1u);
     EXPECT_EQ(binds[0].dn, "");
@@ -84,27 +87,31 @@ TEST_F(Open, BindOutcomes) {
     EXPECT_EQ(fault::count(Fn::Search), 0) << "no suffix is known while binding";
 
     // A refused anonymous bind maps with its own default.
-    fault::reset();
-    fault::fail_call(Fn::SimpleBind, 1, LDAP_INAPPROPRIATE_AUTH);
-    EXPECT_EQ(open_plain(&s, "jo", "pw"), ZEL_RC_NOT_AUTHORIZED);
-    fault::reset();
-    fault::fail_call(Fn::SimpleBind, 1, 777);
-    EXPECT_EQ(open_plain(&s, "jo", "pw"), ZEL_RC_ENTRY_NOT_FOUND);
-    fault::reset();
-    fault::fail_call(Fn::SimpleBind, 1, 777);
-    EXPECT_EQ(open_plain(&s, admin().c_str(), "pw"), ZEL_RC_AUTHENTICATION_FAILED);
+    const std::string admin = dir->admin_dn();
+    const struct {
+        int bind_result;
+        const char *user;
+        ZelRC want;
+    } refusals[] = {{LDAP_INAPPROPRIATE_AUTH, "jo", ZEL_RC_NOT_AUTHORIZED},
+                    {777, "jo", ZEL_RC_ENTRY_NOT_FOUND},
+                    {777, admin.c_str(), ZEL_RC_AUTHENTICATION_FAILED}};
+    for (const auto &r : refusals) {
+        fault::reset();
+        fault::fail_call(Fn::SimpleBind, 1, r.bind_result);
+        EXPECT_EQ(open_at(&s, r.user, "pw"), r.want) << r.user << " " << r.bind_result;
+    }
 
     // Time-outs from the environment are whole seconds, or nothing opens.
     for (const char *bad : {"", "5s", "-1", "99999999"}) {
         ScopedEnv timeout("ZEL_TIMEOUT", bad);
-        EXPECT_EQ(open_plain(&s, admin().c_str(), Directory::admin_password()), ZEL_RC_INVALID_ARGUMENT) << bad;
+        EXPECT_EQ(open_as_admin(&s), ZEL_RC_INVALID_ARGUMENT) << bad;
     }
 }
 
 TEST_F(Open, ProtocolErrorRebindsOnceWithVersionTwo) {
     ZelSession *s = nullptr;
     fault::fail_call(Fn::SimpleBind, 1, LDAP_PROTOCOL_ERROR);
-    ASSERT_EQ(open_plain(&s, admin().c_str(), Directory::admin_password()), 0u);
+    ASSERT_EQ(open_as_admin(&s), 0u);
     int version = 0;
     ldap_get_option(s->ld, LDAP_OPT_PROTOCOL_VERSION, &version);
     EXPECT_EQ(version, LDAP_VERSION2);
@@ -114,7 +121,7 @@ TEST_F(Open, ProtocolErrorRebindsOnceWithVersionTwo) {
     fault::reset();
     fault::fail_call(Fn::SimpleBind, 1, LDAP_PROTOCOL_ERROR);
     fault::fail_call(Fn::SimpleBind, 2, LDAP_PROTOCOL_ERROR);
-    EXPECT_EQ(open_plain(&s, admin().c_str(), Directory::admin_password()), ZEL_RC_PROTOCOL_ERROR)
+    EXPECT_EQ(open_as_admin(&s), ZEL_RC_PROTOCOL_ERROR)
         << "the second answer is final";
 }
 
@@ -164,7 +171,7 @@ TEST_F(Open, CallersConnectionIsUsedAsBoundAndSurvivesFailureAndClose) {
 
 TEST_F(Open, LocatedServerAndUnreachableServers) {
     ZelSession *s = nullptr;
-    std::string admin_dn = admin();
+    const std::string admin_dn = dir->admin_dn();
     {
         ScopedEnv plain("ZEL_NONSSL", "");
         dir->make_default_server();
@@ -179,28 +186,21 @@ TEST_F(Open, LocatedServerAndUnreachableServers) {
     }
     // Nothing listens on the port: the lazy connection fails at the bind.
     fault::reset();
-    EXPECT_EQ(Zel_open(nullptr, admin_dn.c_str(), "pw", Directory::host(), 1, ZEL_OPEN_NONSSL, nullptr, nullptr,
-                       nullptr, &s, 1),
-              ZEL_RC_DIRECTORY_ERROR);
+    EXPECT_EQ(open_at(&s, admin_dn.c_str(), "pw", Directory::host(), 1), ZEL_RC_DIRECTORY_ERROR);
     fault::reset();
     fault::fail_call(Fn::Initialize, 1, LDAP_PARAM_ERROR);
-    EXPECT_EQ(Zel_open(nullptr, admin_dn.c_str(), "pw", Directory::host(), 1, ZEL_OPEN_NONSSL, nullptr, nullptr,
-                       nullptr, &s, 1),
-              ZEL_RC_CONNECT_FAILED);
+    EXPECT_EQ(open_at(&s, admin_dn.c_str(), "pw", Directory::host(), 1), ZEL_RC_CONNECT_FAILED);
 }
 
+// SSL as the flags ask, over ZEL_NONSSL, on the default port of each.
 TEST_F(Open, SslChoiceFollowsFlagsOverTheEnvironmentAndDefaultPorts) {
     ZelSession *s = nullptr;
-    std::string admin_dn = admin();
     ScopedEnv plain("ZEL_NONSSL", "1");
-    auto uri_for = [&](int32_t flags) {
+    for (const auto &[flags, uri] : {std::pair{0, "ldap://127.0.0.1:389"}, {ZEL_OPEN_SSL, "ldaps://127.0.0.1:636"},
+                                     {ZEL_OPEN_SSL | ZEL_OPEN_NONSSL, "ldap://127.0.0.1:389"}}) {
         fault::reset();
-        Zel_open(nullptr, admin_dn.c_str(), "pw", "127.0.0.1", 0, flags, Directory::ca_file().c_str(), nullptr,
-                 nullptr, &s, 1);
+        open_at(&s, dir->admin_dn().c_str(), "pw", "127.0.0.1", 0, flags);
         auto inits = fault::calls(Fn::Initialize);
-        return inits.empty() ? std::string() : inits[0].dn;
-    };
-    EXPECT_EQ(uri_for(0), "ldap://127.0.0.1:389");
-    EXPECT_EQ(uri_for(ZEL_OPEN_SSL), "ldaps://127.0.0.1:636");
-    EXPECT_EQ(uri_for(ZEL_OPEN_SSL | ZEL_OPEN_NONSSL), "ldap://127.0.0.1:389");
+        EXPECT_EQ(inits.empty() ? std::string() : inits[0].dn, uri);
+    }
 }

@@ -70,6 +70,12 @@ Report rekey_everything(ZelSession *s) {
     return out;
 }
 
+std::set<std::string> names_of(const ZelTargetServiceList *services) {
+    std::set<std::string> names;
+    for (int32_t i = 0; i < services->count; ++i) names.insert(services->services[i]->name);
+    return names;
+}
+
 class PagedLists : public testing::Test {
 protected:
     static void SetUpTestSuite() { dir_ = new Directory(capped_directory()); }
@@ -99,9 +105,7 @@ TEST_F(PagedLists, ListsReadEveryPage) {
         ZelDomainList *groups = nullptr;
         ASSERT_EQ(Zel_getAllZelDomain(s.get(), &groups), expected);
         if (!paged) continue;
-        std::set<std::string> names;
-        for (int32_t i = 0; i < services->count; ++i) names.insert(services->services[i]->name);
-        EXPECT_EQ(names.size(), static_cast<size_t>(kServices));
+        EXPECT_EQ(names_of(services).size(), static_cast<size_t>(kServices));
         EXPECT_EQ(groups->count, kGroups);
         Zel_freeTargetServices(services);
         Zel_freeZelDomains(groups);
@@ -121,10 +125,8 @@ TEST_F(PagedLists, AListThatMeetsAReconnectStartsAgain) {
     fault::fail_call(Fn::Search, 2, LDAP_SERVER_DOWN);
     services = nullptr;
     ASSERT_EQ(Zel_getAllTargetService(s.get(), &services), 0u);
-    std::set<std::string> names;
-    for (int32_t i = 0; i < services->count; ++i) names.insert(services->services[i]->name);
     EXPECT_EQ(services->count, kServices);
-    EXPECT_EQ(names.size(), static_cast<size_t>(kServices));
+    EXPECT_EQ(names_of(services).size(), static_cast<size_t>(kServices));
     Zel_freeTargetServices(services);
     EXPECT_GT(fault::count(Fn::Search), 5) << "the list started again";
 }
