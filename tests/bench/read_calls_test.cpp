@@ -3,6 +3,8 @@
 #include <functional>
 
 #include "dataset.h"
+#include "support/env.h"
+#include "support/key_files.h"
 #include "support/session.h"
 
 using namespace zeltest;
@@ -30,15 +32,18 @@ std::string made() {
     return std::to_string(fault::calls().size()) + " calls, " + std::to_string(limited) + " limited";
 }
 
+// The templates seal passwords as a write under a key file does.
 class ReadCalls : public DirectoryTest {
 protected:
     Profile profile() const override { return two_users(); }
+    ScopedEnv key_{"ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str()};
 };
 
 // A Zel database beside the domain, as every real deployment has one, and a
 // first-generation profile of u0: both forms are looked at.
 class ReadCallsWithDatabase : public DirectoryTest {
 protected:
+    ScopedEnv key_{"ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str()};
     Profile profile() const override {
         Profile p = two_users();
         p.seed_ldif += database_ldif("o=acme") + "dn: cn=u0,cn=u0,ou=People,o=acme\nobjectClass: cimManagedElement\nobjectClass: eUser\n"
