@@ -173,12 +173,40 @@ void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const
 // the ask's container.  The server found the entry by the group's name as
 // its matching rule compares them (case and insignificant spaces ignored);
 // the name is matched back to the candidates the same way.
+void mark_named(FormAsk &ask, const char *name, const std::vector<std::string> &groups) {
+    for (size_t i = 0; i < groups.size(); ++i)
+        if (ask.fits[i] && plat::zstricmp_spaced(plat::zgetUTF8Handle(), groups[i].c_str(), name) == 0)
+            ask.held[i] = true;
+}
+
 void mark_held(FormAsk &ask, const Rdns &entry, const std::vector<std::string> &groups) {
     if (entry.empty() || !zel::same_text(entry[0].first.c_str(), ask.naming) || !same_rdns(entry, 1, *ask.container))
         return;
-    for (size_t i = 0; i < groups.size(); ++i)
-        if (ask.fits[i] && plat::zstricmp_spaced(plat::zgetUTF8Handle(), groups[i].c_str(), entry[0].second.c_str()) == 0)
-            ask.held[i] = true;
+    mark_named(ask, entry[0].second.c_str(), groups);
+}
+
+// A DN whose first RDN is one type=value pair with nothing that a DN escapes,
+// quotes or trims (as the server gives a group's DN whose name needs no
+// escaping): that RDN's type and value, and the text of its parent.  False
+// for any other DN, which is then parsed in full.
+bool plain_child(const char *dn, std::string &type, std::string &value, const char *&parent) {
+    const char *equals = nullptr, *p = dn;
+    for (; *p != '\0' && *p != ','; ++p) {
+        switch (*p) {
+        case '\\': case '+': case '"': case ';': case '<': case '>': return false;
+        case '=':
+            if (equals) return false;
+            equals = p;
+            break;
+        default: break;
+        }
+    }
+    if (*p != ',' || !equals || equals == dn || equals + 1 == p) return false;
+    if (dn[0] == ' ' || equals[-1] == ' ' || equals[1] == ' ' || equals[1] == '#' || p[-1] == ' ') return false;
+    type.assign(dn, static_cast<size_t>(equals - dn));
+    value.assign(equals + 1, static_cast<size_t>(p - equals - 1));
+    parent = p + 1;
+    return true;
 }
 
 // The deepest DN both containers lie below, as text; empty when none.
@@ -222,10 +250,28 @@ ZelRC ask_groups(ZelSession *s, std::vector<FormAsk *> asks, const std::vector<s
     int lrc = zel::search(s, base.c_str(), scope, filter.c_str(), attrs, 0, 0, res);
     if (lrc == LDAP_NO_SUCH_OBJECT) return 0;  // no such container: its groups hold nothing
     if (lrc != LDAP_SUCCESS) return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+    // Most entries name their group plainly below the very text of an ask's
+    // container: they are matched without parsing the DN.  The other ask
+    // takes such an entry only when its container is the same DN.
+    int same_containers = needed.size() == 2 ? -1 : 0;  // -1: not yet compared
     Rdns rdns;
+    std::string type, value;
     for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e; e = ldap_next_entry(s->ld, e)) {
         zel::LdapText dn(ldap_get_dn(s->ld, e));
-        if (!dn || !split_dn(dn.get(), rdns)) continue;
+        if (!dn) continue;
+        const char *parent = nullptr;
+        size_t below = needed.size();
+        if (plain_child(dn.get(), type, value, parent))
+            for (size_t k = 0; k < needed.size() && below == needed.size(); ++k)
+                if (needed[k]->container_dn == parent) below = k;
+        if (below < needed.size()) {
+            if (same_containers < 0) same_containers = same_rdns(*needed[0]->container, 0, *needed[1]->container);
+            for (size_t k = 0; k < needed.size(); ++k)
+                if ((k == below || same_containers) && zel::same_text(type.c_str(), needed[k]->naming))
+                    mark_named(*needed[k], value.c_str(), groups);
+            continue;
+        }
+        if (!split_dn(dn.get(), rdns)) continue;
         for (FormAsk *a : needed) mark_held(*a, rdns, groups);
     }
     return 0;

@@ -37,6 +37,13 @@ ZelRC search_domain_user(ZelSession *s, const char *filter, zel::Message &out) {
     return 0;
 }
 
+// Whether text of `length` bytes is the ASCII name `name`: names of another
+// length are passed over without comparing a byte.
+template <size_t N>
+bool is_name(const char *text, size_t length, const char (&name)[N]) {
+    return length == N - 1 && zel::same_text(text, name);
+}
+
 bool marks_inactive(char **values) {
     return values && values[0] && (zel::same_text(values[0], "Inactive") || zel::same_text(values[0], "False"));
 }
@@ -111,9 +118,11 @@ ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_ou
         for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e && rc == 0; e = ldap_next_entry(s->ld, e)) {
             bool inactive = false;
             rc = zel::walk_attributes(s->ld, e, [&](const char *name, char **values, struct berval **) -> ZelRC {
-                if (zel::same_text(name, "objectClass")) {
+                const size_t length = std::strlen(name);
+                if (is_name(name, length, "objectClass")) {
                     for (char **v = values; v && *v; ++v) {
-                        if (!zel::same_text(*v, "eZelUser") && !zel::same_text(*v, "secUser")) continue;
+                        const size_t class_length = std::strlen(*v);
+                        if (!is_name(*v, class_length, "eZelUser") && !is_name(*v, class_length, "secUser")) continue;
                         zel::LdapText dn(ldap_get_dn(s->ld, e));
                         if (!dn) return ZEL_RC_NO_MEMORY;
                         user_seen = true;
@@ -125,7 +134,7 @@ ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_ou
                             *profile_dn_out = copy;
                         }
                     }
-                } else if (zel::same_text(name, "userState") || zel::same_text(name, "secAcctValid")) {
+                } else if (is_name(name, length, "userState") || is_name(name, length, "secAcctValid")) {
                     if (marks_inactive(values)) inactive = true;
                 }
                 return 0;
