@@ -1,6 +1,7 @@
 // Who a caller is talking about: whether a person is a Zel user (and may use
 // the account), and which person a Kerberos principal stands for.
 #include <cstring>
+#include <string>
 
 #include "ZelEntry.h"
 #include "ZelIdentifierText.h"
@@ -9,8 +10,6 @@
 
 namespace {
 
-constexpr const char *kSecUserFilter = "(&(objectClass=secUser)(secDN=%Q)(secAuthority=%Q:))";
-constexpr const char *kProfileFilter = "(associatedName=%Q)";
 constexpr const char *kRealmFilter = "(&(objectClass=krbRealm)(krbRealmName=%s))";
 constexpr const char *kMappedIdentityFilter = "(&(objectClass=*)(altSecurityIdentities=Kerberos:%s))";
 constexpr const char *kPrincipalFilter = "(&(objectClass=*)(krbPrincipalName=%s))";
@@ -42,6 +41,26 @@ ZelRC search_domain_user(ZelSession *s, const char *filter, zel::Message &out) {
 template <size_t N>
 bool is_name(const char *text, size_t length, const char (&name)[N]) {
     return length == N - 1 && zel::same_text(text, name);
+}
+
+// "(&(objectClass=secUser)(secDN=<person>)(secAuthority=<domain>:))", or
+// with no domain "(associatedName=<person>)", each value escaped; false (as
+// for memory) when the domain has no name.
+bool user_filter(std::string &out, const char *person_dn, bool domain_form, const char *domain) {
+    out.clear();
+    if (!domain_form) {
+        out.append("(associatedName=");
+        plat::append_filter_value(out, person_dn);
+        out.append(")");
+        return true;
+    }
+    if (domain == nullptr) return false;
+    out.append("(&(objectClass=secUser)(secDN=");
+    plat::append_filter_value(out, person_dn);
+    out.append(")(secAuthority=");
+    plat::append_filter_value(out, domain);
+    out.append(":))");
+    return true;
 }
 
 bool marks_inactive(char **values) {
@@ -96,21 +115,20 @@ ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_ou
         // Sessions on a security domain look for the secUser entry first; mode 1
         // asks for the first-generation profile below the person.
         const bool domain_form = !zel::first_generation(s) && mode != 1;
-        zel::CText filter(domain_form ? plat::ku_mbs_sprintf(kSecUserFilter, person_dn, s->domain_name)
-                                      : plat::ku_mbs_sprintf(kProfileFilter, person_dn));
-        if (!filter) return rc = ZEL_RC_NO_MEMORY;
+        std::string filter;
+        filter.reserve(std::strlen(person_dn) + 64);
+        if (!user_filter(filter, person_dn, domain_form, s->domain_name)) return rc = ZEL_RC_NO_MEMORY;
 
         zel::Message res;
-        rc = domain_form ? search_domain_user(s, filter.get(), res)
-                         : search_profile_below_person(s, person_dn, filter.get(), res);
+        rc = domain_form ? search_domain_user(s, filter.c_str(), res)
+                         : search_profile_below_person(s, person_dn, filter.c_str(), res);
         if (rc != 0) return rc;
 
         if (zel::entry_count(s->ld, res.get()) <= 0) {
             // The security domain may not know a user that the Zel database does.
             if (zel::first_generation(s) || mode != 0 || s->database_dn == nullptr) return rc;
-            filter.reset(plat::ku_mbs_sprintf(kProfileFilter, person_dn));
-            if (!filter) return rc = ZEL_RC_NO_MEMORY;
-            if ((rc = search_profile_below_person(s, person_dn, filter.get(), res)) != 0) return rc;
+            user_filter(filter, person_dn, false, nullptr);
+            if ((rc = search_profile_below_person(s, person_dn, filter.c_str(), res)) != 0) return rc;
             if (zel::entry_count(s->ld, res.get()) <= 0) return rc;
         }
 

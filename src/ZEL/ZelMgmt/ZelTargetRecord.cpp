@@ -168,10 +168,14 @@ ZelRC search_user_records(ZelSession *s, const UserForm &user, const char *asser
     // Measured with the target as the caller gave it: its escaping never
     // refuses a name that fits the filter buffer.
     const char *form = mode == kFirstGenerationMode ? "(&(objectClass=eTargetRecord)(cn=%s))" : "secResCredsID=%s";
+    // The form's one conversion is "%s": its text and the value's make the length.
+    const char *slot = std::strstr(form, "%s");
+    const size_t fixed = std::strlen(form) - 2, length = fixed + std::strlen(assertion);
+    if (fixed + std::strlen(shown ? shown : assertion) >= kFilterSize || length >= 3 * kFilterSize)
+        return ZEL_RC_INVALID_ARGUMENT;
     std::string filter;
-    if (!format_text(filter, kFilterSize, form, shown ? shown : assertion)) return ZEL_RC_INVALID_ARGUMENT;
-    filter.clear();
-    if (!format_text(filter, 3 * kFilterSize, form, assertion)) return ZEL_RC_INVALID_ARGUMENT;
+    filter.reserve(length);
+    filter.assign(form, static_cast<size_t>(slot - form)).append(assertion).append(slot + 2);
     if (shown)
         tracef(s, kTraceProgress, "zelmgmt:Target being looked for: %s\n", shown);
     else
