@@ -37,10 +37,11 @@ ZelRC search_domain_user(ZelSession *s, const char *filter, zel::Message &out) {
 }
 
 // Whether text of `length` bytes is the ASCII name `name`: names of another
-// length are passed over without comparing a byte.
+// length are passed over without comparing a byte, and one spelled as the
+// schema spells it matches in one comparison.
 template <size_t N>
 bool is_name(const char *text, size_t length, const char (&name)[N]) {
-    return length == N - 1 && zel::same_text(text, name);
+    return length == N - 1 && (std::memcmp(text, name, N - 1) == 0 || zel::same_text(text, name));
 }
 
 // "(&(objectClass=secUser)(secDN=<person>)(secAuthority=<domain>:))", or

@@ -32,10 +32,11 @@ void free_secret(char *secret) {
 
 // Whether an attribute of `length` bytes is `name`: attribute names are
 // ASCII, so a name of another length never is, and most of an entry's
-// attributes are passed over without comparing a byte.
+// attributes are passed over without comparing a byte; one spelled as the
+// schema spells it matches in one comparison.
 template <size_t N>
 bool is_attr(const char *attr, size_t length, const char (&name)[N]) {
-    return length == N - 1 && zel::same_text(attr, name);
+    return length == N - 1 && (std::memcmp(attr, name, N - 1) == 0 || zel::same_text(attr, name));
 }
 
 // The record field an attribute of a target record entry fills, or null for
