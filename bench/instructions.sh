@@ -3,8 +3,8 @@
 # library against raw, on a 1000-user directory.  "own" counts what runs in
 # the library's own code (the benchmark program's object, into which the
 # library is linked statically, with what it inlined from headers, less the
-# benchmark's own files such as its search counter); the rest is the directory client, the C and C++
-# runtimes, ICU and libsodium.
+# benchmark's own files such as its search counter); the rest is the
+# directory client, the C and C++ runtimes, ICU and libsodium.
 #   instructions.sh <build> [calls]
 set -euo pipefail
 build=$1
