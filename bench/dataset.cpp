@@ -6,8 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "zel_internal.h"
-#include "ZelTargetRecord.h"
+#include "zelmgmt.h"
 
 namespace zelbench {
 
@@ -45,14 +44,19 @@ std::string base64(const std::string &bytes) {
     return out;
 }
 
-// Base64 of the masked password with its terminating NUL, as stored.
-std::string masked_value(const std::string &password, int32_t &length) {
-    char *masked = nullptr;
-    if (mask_password(nullptr, password.c_str(), &length, &masked, zel::kMask) != 0 || masked == nullptr)
-        throw std::runtime_error("cannot mask a password");
-    std::string raw(masked, std::strlen(masked) + 1);
-    std::free(masked);
+// What a write under a key file stores is the sealed text with its NUL.
+std::string stored_value(const std::string &password, int32_t &length) {
+    char *sealed = nullptr;
+    if (Zel_sealPassword(password.c_str(), &sealed) != 0 || sealed == nullptr)
+        throw std::runtime_error("cannot seal a password: ZEL_KEYFILE must name a usable key file");
+    std::string raw(sealed, std::strlen(sealed) + 1);
+    Zel_memfree(sealed);
+    length = static_cast<int32_t>(raw.size());
     return base64(raw);
+}
+
+void make_key_file(const char *path) {
+    if (Zel_generateKeyFile(path, 0, nullptr) != 0) throw std::runtime_error(std::string("cannot write a key file at ") + path);
 }
 
 std::string user_name(int i) { return "u" + std::to_string(i); }
@@ -113,10 +117,10 @@ std::string group_ldif(int k) {
 
 std::string record_ldif(int i, const std::string &id, const std::string &account, const std::string &password) {
     int32_t length = 0;
-    std::string masked = masked_value(password, length);
+    std::string stored = stored_value(password, length);
     return "dn: secResCredsID=" + id + ",cn=ResCreds," + user_dn(i) +
            "\nobjectClass: top\nobjectClass: secResCreds\nsecResCredsID: " + id + "\nsecType: " +
-           (id[0] == 'G' ? "2" : "1") + "\nsecValid: TRUE\nsecUid: " + account + "\nsecAuthnData:: " + masked +
+           (id[0] == 'G' ? "2" : "1") + "\nsecValid: TRUE\nsecUid: " + account + "\nsecAuthnData:: " + stored +
            "\nsecAuthnLength: " + std::to_string(length) + "\nsecAuthnType: 2\n\n";
 }
 

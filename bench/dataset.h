@@ -56,12 +56,16 @@ std::string service_ldif(int j);
 std::string group_ldif(int k);
 // Bytes in base64, as an LDIF "::" line holds them.
 std::string base64(const std::string &bytes);
-// A password as a stored value holds it: masked, with its NUL, in base64
-// for an LDIF "::" line.  Throws std::runtime_error when masking fails.
-std::string masked_value(const std::string &password, int32_t &length);
+// A password as a write under the key file ZEL_KEYFILE names stores it:
+// sealed (Zel_sealPassword), with its NUL, in base64 for an LDIF "::" line;
+// `length` as secAuthnLength holds it.  Throws std::runtime_error when
+// ZEL_KEYFILE names no usable key file.
+std::string stored_value(const std::string &password, int32_t &length);
+// A new key file at `path` (Zel_generateKeyFile); throws when it cannot be written.
+void make_key_file(const char *path);
 // A target record of user i; `id` is "T:<service>" or "G:<group>".
 std::string record_ldif(int i, const std::string &id, const std::string &account, const std::string &password);
-// Everything for the layout's users.  Throws std::runtime_error when masking fails.
+// Everything for the layout's users.  Throws std::runtime_error when sealing fails.
 void write_directory_ldif(std::ostream &out, const Layout &layout);
 // The same directory before any Zel user: persons, services and groups only.
 void write_people_ldif(std::ostream &out, const Layout &layout);

@@ -4,9 +4,22 @@
 #include <cstdio>
 #include <cstring>
 
+#include <strings.h>
+
 namespace zelbench {
 
 namespace {
+
+// A stored password read through the public call, as the library reads it
+// for an answer; the clear text is wiped and released at once.  False when
+// it cannot be opened.
+bool open_password(const berval &stored) {
+    char *clear = nullptr;
+    if (Zel_unsealPassword(stored.bv_val, &clear) != 0 || clear == nullptr) return false;
+    std::memset(clear, 0, std::strlen(clear));
+    Zel_memfree(clear);
+    return true;
+}
 
 bool credential(ZelSession *s, const Sample &x, const std::string &resource, ZelRC want) {
     ZelCredentialRequest req{nullptr, nullptr, const_cast<char *>(resource.c_str())};
@@ -27,8 +40,8 @@ bool credential(ZelSession *s, const Sample &x, const std::string &resource, Zel
 // record; a service and a user check are one search.
 const std::vector<Operation> &operations() {
     static const std::vector<Operation> ops = {
-        {"credential-direct", 3}, {"credential-group", 5}, {"credential-miss", 5},
-        {"target-record", 3},     {"target-service", 1},   {"verify-user", 1},
+        {"credential-direct", 3, true}, {"credential-group", 5, true}, {"credential-miss", 5, false},
+        {"target-record", 3, true},     {"target-service", 1, false},  {"verify-user", 1, false},
     };
     return ops;
 }
@@ -72,7 +85,8 @@ bool call_library(ZelSession *s, int op, const Sample &x) {
     return false;
 }
 
-Replay::Replay(std::vector<Search> searches) : searches_(std::move(searches)) {
+Replay::Replay(std::vector<Search> searches, bool opens_password)
+    : searches_(std::move(searches)), opens_password_(opens_password) {
     for (Search &s : searches_) {
         std::vector<char *> list;
         for (std::string &a : s.attrs) list.push_back(a.data());
@@ -82,6 +96,8 @@ Replay::Replay(std::vector<Search> searches) : searches_(std::move(searches)) {
 }
 
 bool Replay::run(LDAP *ld) const {
+    int to_open = opens_password_ ? 1 : 0;
+    bool opened = true;
     for (size_t i = 0; i < searches_.size(); ++i) {
         const Search &s = searches_[i];
         LDAPMessage *res = nullptr;
@@ -94,14 +110,21 @@ bool Replay::run(LDAP *ld) const {
         for (LDAPMessage *e = ldap_first_entry(ld, res); e; e = ldap_next_entry(ld, e)) {
             BerElement *ber = nullptr;
             for (char *a = ldap_first_attribute(ld, e, &ber); a; a = ldap_next_attribute(ld, e, ber)) {
-                ldap_value_free_len(ldap_get_values_len(ld, e, a));
+                berval **values = ldap_get_values_len(ld, e, a);
+                // A caller after the same answer opens its stored password too.
+                if (to_open && values && values[0] &&
+                    (strcasecmp(a, "secAuthnData") == 0 || strcasecmp(a, "secretKey") == 0)) {
+                    opened = open_password(*values[0]);
+                    --to_open;
+                }
+                ldap_value_free_len(values);
                 ldap_memfree(a);
             }
             ber_free(ber, 0);
         }
         ldap_msgfree(res);
     }
-    return true;
+    return opened && to_open == 0;
 }
 
 ZelSession *open_session(int port) {

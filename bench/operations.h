@@ -16,6 +16,8 @@ struct Operation {
     const char *name;
     // Searches the behaviour itself needs for one call.
     int required_searches;
+    // Whether the answer holds a stored password, which the caller opens.
+    bool answers_password;
 };
 
 // Credential direct / group / miss, target record, target service, user check.
@@ -34,7 +36,9 @@ bool call_library(ZelSession *s, int op, const Sample &sample);
 // directory client.
 class Replay {
 public:
-    explicit Replay(std::vector<Search> searches);
+    // `opens_password`: the first stored password read is opened
+    // (Zel_unsealPassword), as the library opens its answer's.
+    Replay(std::vector<Search> searches, bool opens_password);
     // Issues each search and reads every value of every entry; false on a
     // failed search.
     bool run(LDAP *ld) const;
@@ -43,6 +47,7 @@ public:
 private:
     std::vector<Search> searches_;
     std::vector<std::vector<char *>> attrs_;
+    bool opens_password_;
 };
 
 // A session / a bound raw connection as the administrator; null on failure.

@@ -1,7 +1,9 @@
 // The library's read paths against the same searches issued raw, on a
 // directory a driver script has bulk-loaded and started (see run_bench.sh).
 //
-//   zel_bench ldif <users>                        LDIF of the directory, for slapadd
+//   zel_bench key <file>                          a new key file, for ZEL_KEYFILE
+//   zel_bench ldif <users>                        LDIF of the directory, for slapadd (passwords
+//                                                 sealed under ZEL_KEYFILE's key, as a write stores them)
 //   zel_bench people <users>                      the same before any Zel user (import_bench.sh)
 //   zel_bench document <users>                    an import document of those users and records
 //   zel_bench run <port> <users> <csv> [rounds]   timings table, rows appended to csv
@@ -14,6 +16,8 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -65,7 +69,7 @@ Prepared prepare(ZelSession *s, int op, const std::vector<Sample> &xs, bool show
             for (const Search &m : made)
                 std::fprintf(stderr, "  %s: base \"%s\" scope %d filter %s size limit %d\n", operations()[op].name,
                              m.base.c_str(), m.scope, m.filter.c_str(), m.sizelimit);
-        p.replays.emplace_back(std::move(made));
+        p.replays.emplace_back(std::move(made), operations()[op].answers_password);
     }
     p.searches_per_call = static_cast<double>(searches_made() - before) / static_cast<double>(xs.size());
     return p;
@@ -89,18 +93,70 @@ __attribute__((noinline)) int bench_measured_raw(LDAP *ld, const Replay *rs, int
 
 namespace {
 
+// The second side does the same work every round: when its rounds differ by
+// more than this (10th to 90th percentile, over the median), the machine was
+// busy and no verdict is given.
+constexpr double kNoisySpread = 0.10;
+// Nor when other processes used more than this share of one CPU while a row
+// was timed: a steady load slows both sides alike and leaves the rounds even.
+constexpr double kNoisyOthers = 0.10;
+
 struct Row {
     std::string op;
     double lib_us, raw_us, ratio, ratio_min, ratio_max, searches;
     int required;
     double spread = 0;  // of the second side's per-round times: how busy the machine was
+    double others = 0;  // share of a CPU other processes used meanwhile
+    bool noisy() const { return spread > kNoisySpread || others > kNoisyOthers; }
 };
 
-// The second side does the same work every round: when its rounds differ by
-// more than this (10th to 90th percentile, over the median), the machine was
-// busy and no verdict is given.
-constexpr double kNoisySpread = 0.10;
 int noisy_rows = 0;
+// A round lasts at least this long per side: shorter ones are at the mercy
+// of a single interruption.
+constexpr double kRoundSeconds = 0.1;
+
+// CPU time of the whole machine and of this program and the directory
+// server (ZEL_BENCH_SERVER_PID), in clock ticks, from /proc.
+struct CpuTimes {
+    long long machine = -1, ours = 0;
+};
+
+long long process_ticks(const std::string &pid) {
+    std::ifstream in("/proc/" + pid + "/stat");
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    size_t close = text.rfind(')');
+    if (close == std::string::npos) return 0;
+    std::istringstream fields(text.substr(close + 2));
+    std::string field;
+    long long utime = 0, stime = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+        if (i == 14) utime = std::atoll(field.c_str());
+        if (i == 15) stime = std::atoll(field.c_str());
+    }
+    return utime + stime;
+}
+
+CpuTimes cpu_times() {
+    CpuTimes t;
+    std::ifstream in("/proc/stat");
+    std::string cpu;
+    long long user, nice, system, idle, iowait, irq, softirq, steal;  // ticks of all CPUs
+    if (in >> cpu >> user >> nice >> system >> idle >> iowait >> irq >> softirq >> steal && cpu == "cpu")
+        t.machine = user + nice + system + steal;  // interrupts: mostly this program's own traffic
+    t.ours = process_ticks("self");
+    if (const char *server = std::getenv("ZEL_BENCH_SERVER_PID")) t.ours += process_ticks(server);
+    return t;
+}
+
+// The share of one CPU the rest of the machine used since `before`; 0 where
+// /proc cannot tell.
+double others_share(const CpuTimes &before, Clock::time_point since) {
+    CpuTimes now = cpu_times();
+    double wall = seconds_since(since);
+    if (before.machine < 0 || now.machine < 0 || wall <= 0) return 0;
+    double others = static_cast<double>((now.machine - before.machine) - (now.ours - before.ours));
+    return others > 0 ? others / static_cast<double>(sysconf(_SC_CLK_TCK)) / wall : 0;
+}
 
 double spread_of(std::vector<double> v) {
     std::sort(v.begin(), v.end());
@@ -110,26 +166,37 @@ double spread_of(std::vector<double> v) {
     return (hi - lo) / median(v);
 }
 
-// Two sides timed in rounds of one call per sample and side: `call(first,
-// i)` makes sample i's call of the first side (or the second) and answers
-// whether it failed.  The row holds the medians and the spread of the
-// per-round ratios; `sides` name the two in a failure.
+// Two sides timed in rounds of passes over the samples, one call per sample
+// and side: `call(first, i)` makes sample i's call of the first side (or the
+// second) and answers whether it failed.  A round makes as many passes as
+// last at least kRoundSeconds, judged by an untimed one.  The row holds the
+// medians and the spread of the per-round ratios; `sides` name the two in a
+// failure.
 template <class Call>
 Row interleaved(int n, int rounds, Call &&call, const std::string &what, const char *const (&sides)[2]) {
-    std::vector<double> first, second, ratios;
-    for (int r = 0; r < rounds; ++r) {
+    auto pass = [&](int r, double &t_first, double &t_second, int calls) {
         // Call by call, the side that goes first alternating: a burst of load
         // on the machine falls on both sides alike.
-        double t_first = 0, t_second = 0;
         for (int i = 0; i < n; ++i) {
             for (int side = 0; side < 2; ++side) {
                 bool is_first = (side == 0) == ((r + i) % 2 == 0);
                 Clock::time_point start = Clock::now();
                 bool failed = call(is_first, i);
-                (is_first ? t_first : t_second) += seconds_since(start) * 1e6 / n;
+                (is_first ? t_first : t_second) += seconds_since(start) * 1e6 / calls;
                 if (failed) fail(what + ": " + sides[is_first ? 0 : 1] + " call failed");
             }
         }
+    };
+    double probe_first = 0, probe_second = 0;
+    Clock::time_point probe = Clock::now();
+    pass(0, probe_first, probe_second, n);
+    int passes = std::max(1, static_cast<int>(kRoundSeconds * 2 / seconds_since(probe) + 0.999));
+    std::vector<double> first, second, ratios;
+    CpuTimes before = cpu_times();
+    Clock::time_point began = Clock::now();
+    for (int r = 0; r < rounds; ++r) {
+        double t_first = 0, t_second = 0;
+        for (int p = 0; p < passes; ++p) pass(r + p, t_first, t_second, n * passes);
         first.push_back(t_first);
         second.push_back(t_second);
         ratios.push_back(t_first / t_second);
@@ -138,7 +205,8 @@ Row interleaved(int n, int rounds, Call &&call, const std::string &what, const c
     Row row{what, a, b, a / b, *std::min_element(ratios.begin(), ratios.end()),
             *std::max_element(ratios.begin(), ratios.end()), 0, 0};
     row.spread = spread_of(second);
-    if (row.spread > kNoisySpread) ++noisy_rows;
+    row.others = others_share(before, began);
+    if (row.noisy()) ++noisy_rows;
     return row;
 }
 
@@ -233,8 +301,8 @@ double writes_per_second(ZelSession *s, const Layout &layout) {
 }
 
 const char *mark(bool met) { return met ? "ok" : "MISSED"; }
-// A timed row's verdict, or none when its rounds were too uneven to judge.
-const char *mark(bool met, const Row &r) { return r.spread > kNoisySpread ? "busy" : mark(met); }
+// A timed row's verdict, or none when the machine was too busy to judge.
+const char *mark(bool met, const Row &r) { return r.noisy() ? "busy" : mark(met); }
 
 // Microseconds per call of one credential operation over the samples, and
 // the searches each call sent.
@@ -281,20 +349,37 @@ void credential_paths(int port, const Layout &layout, const std::vector<Sample> 
     unsetenv("ZEL_CREDENTIAL_PATH");
 }
 
+// Untimed calls of every operation on both sides for about a second, so the
+// first row does not pay for a cold machine (clock speed, caches, the
+// server's pages).
+void warm_up(ZelSession *s, LDAP *ld, const std::vector<Sample> &xs) {
+    int n = static_cast<int>(xs.size());
+    std::vector<Prepared> prepared;
+    for (size_t op = 0; op < operations().size(); ++op) prepared.push_back(prepare(s, static_cast<int>(op), xs));
+    Clock::time_point start = Clock::now();
+    while (seconds_since(start) < 1.0)
+        for (size_t op = 0; op < operations().size(); ++op)
+            if (bench_measured_lib(s, static_cast<int>(op), xs.data(), n, n) ||
+                bench_measured_raw(ld, prepared[op].replays.data(), n, n))
+                fail(std::string(operations()[op].name) + ": a warming call failed");
+}
+
 int run(int port, const Layout &layout, const char *csv, int rounds) {
     ZelSession *s = open_session(port);
     LDAP *ld = open_raw(port);
     if (!s || !ld) fail("cannot reach the directory");
     std::vector<Sample> xs = samples(layout, kSamples);
     std::ofstream out(csv, std::ios::app);
-    std::printf("\n%d users, %d rounds of %d calls per side\n", layout.users, rounds, kSamples);
-    std::printf("%-18s %9s %9s %9s %7s %13s %7s %7s\n", "operation", "searches", "required", "lib us", "raw us",
-                "ratio (min-max)", "spread", "<=1.05");
+    warm_up(s, ld, xs);
+    std::printf("\n%d users, %d rounds of at least %.0f ms per side, passes over %d samples\n", layout.users, rounds,
+                kRoundSeconds * 1000, kSamples);
+    std::printf("%-18s %9s %9s %9s %7s %13s %7s %7s %7s\n", "operation", "searches", "required", "lib us", "raw us",
+                "ratio (min-max)", "spread", "others", "<=1.05");
     for (size_t op = 0; op < operations().size(); ++op) {
         Row r = time_reads(s, ld, static_cast<int>(op), xs, rounds);
-        std::printf("%-18s %9.2f %9d %9.1f %7.1f %5.3f (%.2f-%.2f) %6.1f%% %7s\n", r.op.c_str(), r.searches,
+        std::printf("%-18s %9.2f %9d %9.1f %7.1f %5.3f (%.2f-%.2f) %6.1f%% %6.0f%% %7s\n", r.op.c_str(), r.searches,
                     r.required, r.lib_us, r.raw_us, r.ratio, r.ratio_min, r.ratio_max, r.spread * 100,
-                    mark(r.ratio <= 1.05, r));
+                    r.others * 100, mark(r.ratio <= 1.05, r));
         out << layout.users << ',' << r.op << ',' << r.lib_us << ',' << r.raw_us << ',' << r.ratio << ','
             << r.ratio_min << ',' << r.ratio_max << ',' << r.searches << ',' << r.required << '\n';
     }
@@ -316,9 +401,10 @@ int run(int port, const Layout &layout, const char *csv, int rounds) {
     Zel_close(s, 1);
     ldap_unbind_ext(ld, nullptr, nullptr);
     if (noisy_rows > 0) {
-        std::printf("The machine was busy: in %d rows the raw side's rounds spread more than %.0f%%. These timings "
-                    "give no verdict; run again on a quiet machine.\n",
-                    noisy_rows, kNoisySpread * 100);
+        std::printf("The machine was busy: in %d rows the raw side's rounds spread more than %.0f%%, or other "
+                    "processes used more than %.0f%% of a CPU. These timings give no verdict; run again on a quiet "
+                    "machine.\n",
+                    noisy_rows, kNoisySpread * 100, kNoisyOthers * 100);
         return 3;
     }
     return 0;
@@ -348,6 +434,10 @@ int instr(int port, const Layout &layout, const std::string &name, bool library,
 
 int main(int argc, char **argv) {
     std::string mode = argc > 1 ? argv[1] : "";
+    if (mode == "key" && argc == 3) {
+        make_key_file(argv[2]);
+        return 0;
+    }
     if (mode == "ldif" && argc == 3) {
         std::ios::sync_with_stdio(false);
         write_directory_ldif(std::cout, Layout{std::atoi(argv[2])});

@@ -132,7 +132,9 @@ bool KeyRing::parse(const char *text, size_t length) {
     // Room for every line and one key more, so that neither parsing nor a
     // later add_generated_key moves key bytes and leaves a copy behind.
     size_t lines = 2;
-    for (size_t i = 0; i < length; ++i) lines += text[i] == '\n';
+    for (const char *p = text, *end = text + length;
+         (p = static_cast<const char *>(std::memchr(p, '\n', static_cast<size_t>(end - p)))) != nullptr; ++p)
+        ++lines;
     keys_.reserve(lines);
     size_t active = 0;
     for (size_t start = 0; start < length;) {

@@ -6,6 +6,8 @@
 #include "domain/domain_fixtures.h"
 #include "platform/password_mask.h"
 #include "record/record_fixture.h"
+#include "support/env.h"
+#include "support/key_files.h"
 
 using namespace recordtest;
 
@@ -17,7 +19,7 @@ Profile bench_profile(const std::string &extra) {
     return p;
 }
 
-// Every entry under the suffix without operational attributes, masked
+// Every entry under the suffix without operational attributes, stored
 // passwords replaced by their clear text.
 std::map<std::string, std::map<std::string, std::vector<std::string>>> contents(const Directory &d) {
     static const char *const operational[] = {"entrycsn", "createtimestamp", "modifytimestamp", "creatorsname",
@@ -28,7 +30,7 @@ std::map<std::string, std::map<std::string, std::vector<std::string>>> contents(
         for (const char *a : operational) e.attrs.erase(a);
         for (std::string &v : e.attrs["secauthndata"]) {
             char *clear = zel::platform::util_decode(v.c_str());
-            v = clear ? clear : "(not unmasked)";
+            v = clear ? clear : "(not opened)";
             std::free(clear);
         }
         if (e.attrs["secauthndata"].empty()) e.attrs.erase("secauthndata");
@@ -38,6 +40,8 @@ std::map<std::string, std::map<std::string, std::vector<std::string>>> contents(
 }
 
 TEST(BenchDataset, TemplatesMatchWhatTheLibraryWrites) {
+    // Templates seal passwords as a write under a key file does.
+    ScopedEnv key("ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str());
     Directory by_library(bench_profile(""));
     Session s = open_session(by_library, 2);
     ASSERT_TRUE(s);

@@ -3,6 +3,8 @@
 #include <functional>
 
 #include "dataset.h"
+#include "support/env.h"
+#include "support/key_files.h"
 #include "support/session.h"
 
 using namespace zeltest;
@@ -37,9 +39,11 @@ std::string made() {
     return std::to_string(fault::calls().size()) + "/" + std::to_string(limited);
 }
 
+// The templates seal passwords as a write under a key file does.
 class ReadCalls : public DirectoryTest, public testing::WithParamInterface<bool> {
 protected:
     Profile profile() const override { return two_users(GetParam()); }
+    ScopedEnv key_{"ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str()};
 };
 
 void credential(ZelSession *s, const char *resource, ZelRC want) {

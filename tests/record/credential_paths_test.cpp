@@ -7,10 +7,13 @@
 // cached path and the explanation must agree with them.
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <random>
+#include <stdexcept>
 
 #include "dataset.h"
 #include "platform/dn_escape.h"
+#include "platform/password_mask.h"
 #include "record/record_fixture.h"
 
 using namespace recordtest;
@@ -68,19 +71,28 @@ std::string user_name(int i) {
     return i % 4 == 1 ? std::string(odd[(i / 4) % 5]) + std::to_string(i) : "u" + std::to_string(i);
 }
 
+// A password as a write without a key file stores it: masked, with its NUL,
+// in base64 for an LDIF "::" line.
+std::string masked_value(const std::string &password) {
+    char *masked = plat::util_encode(password.c_str());
+    if (masked == nullptr) throw std::runtime_error("cannot mask a password");
+    std::string raw(masked, std::strlen(masked) + 1);
+    std::free(masked);
+    return zelbench::base64(raw);
+}
+
 // A record's account names it: "<form>/<id>", so an answer shows its record.
 void add_record(Ldif &l, std::mt19937 &rng, int form, const std::string &parent, const std::string &id) {
-    int32_t length = 0;
     std::string password = "secret-" + std::to_string(rng());
     if (form == 2) {
         l.dn("secResCredsID=" + esc(id) + ",cn=ResCreds," + parent)
             .line("objectClass", "secResCreds").line("secResCredsID", id).line("secType", id[0] == 'G' ? "2" : "1")
-            .line("secUid", "2/" + id).raw("secAuthnData", zelbench::masked_value(password, length)).end();
+            .line("secUid", "2/" + id).raw("secAuthnData", masked_value(password)).end();
     } else {
         l.dn("cn=" + esc(id) + "," + parent)
             .line("objectClass", "cimManagedElement").line("objectClass", "cimSetting").line("objectClass", "eTargetRecord").line("cn", id)
             .line("targetService", "tsName=x").line("tsType", "Web Application").line("launchable", "false")
-            .line("uid", "1/" + id).raw("secretKey", zelbench::masked_value(password, length)).end();
+            .line("uid", "1/" + id).raw("secretKey", masked_value(password)).end();
     }
 }
 

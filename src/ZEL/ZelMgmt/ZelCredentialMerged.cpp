@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <initializer_list>
+#include <utility>
 #include <vector>
 
 #include "ZelCredentialQuery.h"
@@ -143,12 +145,11 @@ struct FormAsk {
 // `in_filter`: each group's name escaped for a filter, once for both forms.
 // A group's DN must fit a DN buffer; escaping at most triples a name, so
 // only a long one is escaped to be measured.
-void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const char *naming,
+void prepare_ask(FormAsk &ask, int32_t mode, std::string container, const char *naming,
                  const std::string &holds, const std::vector<std::string> &groups,
                  const std::vector<std::string> &in_filter) {
     ask.mode = mode;
     ask.naming = naming;
-    ask.container_dn = container;
     ask.container = split_container(container, ask.needed);
     ask.fits.assign(groups.size(), false);
     ask.held.assign(groups.size(), false);
@@ -167,18 +168,47 @@ void prepare_ask(FormAsk &ask, int32_t mode, const std::string &container, const
     }
     ask.needed = ask.needed && f.size() != empty_size;
     f.append("))");
+    ask.container_dn = std::move(container);
 }
 
 // Marks the candidates an entry of the answer names, if it is a child of
 // the ask's container.  The server found the entry by the group's name as
 // its matching rule compares them (case and insignificant spaces ignored);
 // the name is matched back to the candidates the same way.
+void mark_named(FormAsk &ask, const char *name, const std::vector<std::string> &groups) {
+    for (size_t i = 0; i < groups.size(); ++i)
+        if (ask.fits[i] && plat::zstricmp_spaced(plat::zgetUTF8Handle(), groups[i].c_str(), name) == 0)
+            ask.held[i] = true;
+}
+
 void mark_held(FormAsk &ask, const Rdns &entry, const std::vector<std::string> &groups) {
     if (entry.empty() || !zel::same_text(entry[0].first.c_str(), ask.naming) || !same_rdns(entry, 1, *ask.container))
         return;
-    for (size_t i = 0; i < groups.size(); ++i)
-        if (ask.fits[i] && plat::zstricmp_spaced(plat::zgetUTF8Handle(), groups[i].c_str(), entry[0].second.c_str()) == 0)
-            ask.held[i] = true;
+    mark_named(ask, entry[0].second.c_str(), groups);
+}
+
+// A DN whose first RDN is one type=value pair with nothing that a DN escapes,
+// quotes or trims (as the server gives a group's DN whose name needs no
+// escaping): that RDN's type and value, and the text of its parent.  False
+// for any other DN, which is then parsed in full.
+bool plain_child(const char *dn, std::string &type, std::string &value, const char *&parent) {
+    const char *equals = nullptr, *p = dn;
+    for (; *p != '\0' && *p != ','; ++p) {
+        switch (*p) {
+        case '\\': case '+': case '"': case ';': case '<': case '>': return false;
+        case '=':
+            if (equals) return false;
+            equals = p;
+            break;
+        default: break;
+        }
+    }
+    if (*p != ',' || !equals || equals == dn || equals + 1 == p) return false;
+    if (dn[0] == ' ' || equals[-1] == ' ' || equals[1] == ' ' || equals[1] == '#' || p[-1] == ' ') return false;
+    type.assign(dn, static_cast<size_t>(equals - dn));
+    value.assign(equals + 1, static_cast<size_t>(p - equals - 1));
+    parent = p + 1;
+    return true;
 }
 
 // The deepest DN both containers lie below, as text; empty when none.
@@ -200,33 +230,53 @@ std::string common_base(const Rdns &a, const Rdns &b) {
 // One search over the asks' containers: one level below a single container,
 // the subtree of the common base of two (the entries outside the containers
 // are passed over), one search each when the two share no base.
-ZelRC ask_groups(ZelSession *s, std::vector<FormAsk *> asks, const std::vector<std::string> &groups) {
-    std::vector<FormAsk *> needed;
-    for (FormAsk *a : asks)
-        if (a->needed) needed.push_back(a);
-    if (needed.empty()) return 0;
-    std::string base, filter;
+ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, const std::vector<std::string> &groups) {
+    FormAsk *needed[2];
+    size_t count = 0;
+    for (FormAsk *a : {first, second})
+        if (a && a->needed) needed[count++] = a;
+    if (count == 0) return 0;
+    std::string common, both;
+    const char *base = needed[0]->container_dn.c_str(), *filter = needed[0]->filter.c_str();
     int scope = LDAP_SCOPE_ONELEVEL;
-    if (needed.size() == 2 && !(base = common_base(*needed[0]->container, *needed[1]->container)).empty()) {
+    if (count == 2 && !(common = common_base(*needed[0]->container, *needed[1]->container)).empty()) {
         scope = LDAP_SCOPE_SUBTREE;
-        filter = "(|" + needed[0]->filter + needed[1]->filter + ")";
-    } else if (needed.size() == 2) {
-        if (ZelRC rc = ask_groups(s, {needed[0]}, groups)) return rc;
-        return ask_groups(s, {needed[1]}, groups);
-    } else {
-        base = needed[0]->container_dn;
-        filter = needed[0]->filter;
+        both.reserve(needed[0]->filter.size() + needed[1]->filter.size() + 3);
+        both.append("(|").append(needed[0]->filter).append(needed[1]->filter).append(")");
+        base = common.c_str();
+        filter = both.c_str();
+    } else if (count == 2) {
+        if (ZelRC rc = ask_groups(s, needed[0], nullptr, groups)) return rc;
+        return ask_groups(s, needed[1], nullptr, groups);
     }
     char *attrs[] = {const_cast<char *>(LDAP_NO_ATTRS), nullptr};
     zel::Message res;
-    int lrc = zel::search(s, base.c_str(), scope, filter.c_str(), attrs, 0, 0, res);
+    int lrc = zel::search(s, base, scope, filter, attrs, 0, 0, res);
     if (lrc == LDAP_NO_SUCH_OBJECT) return 0;  // no such container: its groups hold nothing
     if (lrc != LDAP_SUCCESS) return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+    // Most entries name their group plainly below the very text of an ask's
+    // container: they are matched without parsing the DN.  The other ask
+    // takes such an entry only when its container is the same DN.
+    int same_containers = count == 2 ? -1 : 0;  // -1: not yet compared
     Rdns rdns;
+    std::string type, value;
     for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e; e = ldap_next_entry(s->ld, e)) {
         zel::LdapText dn(ldap_get_dn(s->ld, e));
-        if (!dn || !split_dn(dn.get(), rdns)) continue;
-        for (FormAsk *a : needed) mark_held(*a, rdns, groups);
+        if (!dn) continue;
+        const char *parent = nullptr;
+        size_t below = count;
+        if (plain_child(dn.get(), type, value, parent))
+            for (size_t k = 0; k < count && below == count; ++k)
+                if (needed[k]->container_dn == parent) below = k;
+        if (below < count) {
+            if (same_containers < 0) same_containers = same_rdns(*needed[0]->container, 0, *needed[1]->container);
+            for (size_t k = 0; k < count; ++k)
+                if ((k == below || same_containers) && zel::same_text(type.c_str(), needed[k]->naming))
+                    mark_named(*needed[k], value.c_str(), groups);
+            continue;
+        }
+        if (!split_dn(dn.get(), rdns)) continue;
+        for (size_t k = 0; k < count; ++k) mark_held(*needed[k], rdns, groups);
     }
     return 0;
 }
@@ -254,7 +304,7 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
     if (first_gen)
         prepare_ask(in_database, zel::kFirstGenerationMode, std::string("cn=Zel Domains,") + s->database_dn, "cn",
                     q.location_filter, groups, in_filter);
-    if (ZelRC rc = ask_groups(s, {&in_domain, &in_database}, groups)) return rc;
+    if (ZelRC rc = ask_groups(s, &in_domain, &in_database, groups)) return rc;
 
     for (size_t i = 0; i < groups.size(); ++i) {
         int32_t held_in = 0;

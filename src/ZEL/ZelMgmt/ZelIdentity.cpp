@@ -1,6 +1,7 @@
 // Who a caller is talking about: whether a person is a Zel user (and may use
 // the account), and which person a Kerberos principal stands for.
 #include <cstring>
+#include <string>
 
 #include "ZelEntry.h"
 #include "ZelIdentifierText.h"
@@ -9,8 +10,6 @@
 
 namespace {
 
-constexpr const char *kSecUserFilter = "(&(objectClass=secUser)(secDN=%Q)(secAuthority=%Q:))";
-constexpr const char *kProfileFilter = "(associatedName=%Q)";
 constexpr const char *kRealmFilter = "(&(objectClass=krbRealm)(krbRealmName=%s))";
 constexpr const char *kMappedIdentityFilter = "(&(objectClass=*)(altSecurityIdentities=Kerberos:%s))";
 constexpr const char *kPrincipalFilter = "(&(objectClass=*)(krbPrincipalName=%s))";
@@ -35,6 +34,34 @@ ZelRC search_domain_user(ZelSession *s, const char *filter, zel::Message &out) {
     if (rc != ZEL_RC_NO_SUCH_OBJECT) return rc;
     zel::clear_error_detail();
     return 0;
+}
+
+// Whether text of `length` bytes is the ASCII name `name`: names of another
+// length are passed over without comparing a byte, and one spelled as the
+// schema spells it matches in one comparison.
+template <size_t N>
+bool is_name(const char *text, size_t length, const char (&name)[N]) {
+    return length == N - 1 && (std::memcmp(text, name, N - 1) == 0 || zel::same_text(text, name));
+}
+
+// "(&(objectClass=secUser)(secDN=<person>)(secAuthority=<domain>:))", or
+// with no domain "(associatedName=<person>)", each value escaped; false (as
+// for memory) when the domain has no name.
+bool user_filter(std::string &out, const char *person_dn, bool domain_form, const char *domain) {
+    out.clear();
+    if (!domain_form) {
+        out.append("(associatedName=");
+        plat::append_filter_value(out, person_dn);
+        out.append(")");
+        return true;
+    }
+    if (domain == nullptr) return false;
+    out.append("(&(objectClass=secUser)(secDN=");
+    plat::append_filter_value(out, person_dn);
+    out.append(")(secAuthority=");
+    plat::append_filter_value(out, domain);
+    out.append(":))");
+    return true;
 }
 
 bool marks_inactive(char **values) {
@@ -89,21 +116,20 @@ ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_ou
         // Sessions on a security domain look for the secUser entry first; mode 1
         // asks for the first-generation profile below the person.
         const bool domain_form = !zel::first_generation(s) && mode != 1;
-        zel::CText filter(domain_form ? plat::ku_mbs_sprintf(kSecUserFilter, person_dn, s->domain_name)
-                                      : plat::ku_mbs_sprintf(kProfileFilter, person_dn));
-        if (!filter) return rc = ZEL_RC_NO_MEMORY;
+        std::string filter;
+        filter.reserve(std::strlen(person_dn) + 64);
+        if (!user_filter(filter, person_dn, domain_form, s->domain_name)) return rc = ZEL_RC_NO_MEMORY;
 
         zel::Message res;
-        rc = domain_form ? search_domain_user(s, filter.get(), res)
-                         : search_profile_below_person(s, person_dn, filter.get(), res);
+        rc = domain_form ? search_domain_user(s, filter.c_str(), res)
+                         : search_profile_below_person(s, person_dn, filter.c_str(), res);
         if (rc != 0) return rc;
 
         if (zel::entry_count(s->ld, res.get()) <= 0) {
             // The security domain may not know a user that the Zel database does.
             if (zel::first_generation(s) || mode != 0 || s->database_dn == nullptr) return rc;
-            filter.reset(plat::ku_mbs_sprintf(kProfileFilter, person_dn));
-            if (!filter) return rc = ZEL_RC_NO_MEMORY;
-            if ((rc = search_profile_below_person(s, person_dn, filter.get(), res)) != 0) return rc;
+            user_filter(filter, person_dn, false, nullptr);
+            if ((rc = search_profile_below_person(s, person_dn, filter.c_str(), res)) != 0) return rc;
             if (zel::entry_count(s->ld, res.get()) <= 0) return rc;
         }
 
@@ -111,9 +137,11 @@ ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_ou
         for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e && rc == 0; e = ldap_next_entry(s->ld, e)) {
             bool inactive = false;
             rc = zel::walk_attributes(s->ld, e, [&](const char *name, char **values, struct berval **) -> ZelRC {
-                if (zel::same_text(name, "objectClass")) {
+                const size_t length = std::strlen(name);
+                if (is_name(name, length, "objectClass")) {
                     for (char **v = values; v && *v; ++v) {
-                        if (!zel::same_text(*v, "eZelUser") && !zel::same_text(*v, "secUser")) continue;
+                        const size_t class_length = std::strlen(*v);
+                        if (!is_name(*v, class_length, "eZelUser") && !is_name(*v, class_length, "secUser")) continue;
                         zel::LdapText dn(ldap_get_dn(s->ld, e));
                         if (!dn) return ZEL_RC_NO_MEMORY;
                         user_seen = true;
@@ -125,7 +153,7 @@ ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_ou
                             *profile_dn_out = copy;
                         }
                     }
-                } else if (zel::same_text(name, "userState") || zel::same_text(name, "secAcctValid")) {
+                } else if (is_name(name, length, "userState") || is_name(name, length, "secAcctValid")) {
                     if (marks_inactive(values)) inactive = true;
                 }
                 return 0;

@@ -129,9 +129,14 @@ int search_all(ZelSession *s, const char *base, int scope, const char *filter, c
 bool format_filter(std::string &out, const char *fmt, const char *value) {
     // Measured with the value as given: what its escaping adds never makes a
     // name that fits the filter buffer behave differently from a short one.
-    std::string measured;
-    if (!format_text(measured, kFilterSize, fmt, value)) return false;
+    // With "%s" the only conversion, that is the format's text and the value.
     const char *slot = std::strstr(fmt, "%s");
+    if (slot != nullptr && std::strchr(fmt, '%') == slot && std::strchr(slot + 2, '%') == nullptr) {
+        if (std::strlen(fmt) - 2 + std::strlen(value) >= kFilterSize) return false;
+    } else {
+        std::string measured;
+        if (!format_text(measured, kFilterSize, fmt, value)) return false;
+    }
     out.assign(fmt, static_cast<size_t>(slot - fmt));
     plat::append_filter_value(out, value);
     out += slot + 2;

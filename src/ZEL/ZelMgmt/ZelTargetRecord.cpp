@@ -30,15 +30,24 @@ void free_secret(char *secret) {
     std::free(secret);
 }
 
+// Whether an attribute of `length` bytes is `name`: attribute names are
+// ASCII, so a name of another length never is, and most of an entry's
+// attributes are passed over without comparing a byte; one spelled as the
+// schema spells it matches in one comparison.
+template <size_t N>
+bool is_attr(const char *attr, size_t length, const char (&name)[N]) {
+    return length == N - 1 && (std::memcmp(attr, name, N - 1) == 0 || zel::same_text(attr, name));
+}
+
 // The record field an attribute of a target record entry fills, or null for
 // attributes that are not read.
-char **field_of(ZelTargetRecord *r, const char *attr) {
-    if (zel::same_text(attr, "cn") || zel::same_text(attr, "secResCredsID")) return &r->targetRecordId;
-    if (zel::same_text(attr, "uid") || zel::same_text(attr, "secUid") || zel::same_text(attr, "principalName"))
+char **field_of(ZelTargetRecord *r, const char *attr, size_t length) {
+    if (is_attr(attr, length, "cn") || is_attr(attr, length, "secResCredsID")) return &r->targetRecordId;
+    if (is_attr(attr, length, "uid") || is_attr(attr, length, "secUid") || is_attr(attr, length, "principalName"))
         return &r->userId;
-    if (zel::same_text(attr, "targetService")) return &r->targetServiceName;
-    if (zel::same_text(attr, "tsType") || zel::same_text(attr, "secType")) return &r->targetServiceType;
-    if (zel::same_text(attr, "description")) return &r->description;
+    if (is_attr(attr, length, "targetService")) return &r->targetServiceName;
+    if (is_attr(attr, length, "tsType") || is_attr(attr, length, "secType")) return &r->targetServiceType;
+    if (is_attr(attr, length, "description")) return &r->description;
     return nullptr;
 }
 
@@ -48,8 +57,9 @@ char **field_of(ZelTargetRecord *r, const char *attr) {
 ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record) {
     ZelRC unreadable = 0;
     ZelRC rc = zel::walk_attributes(s->ld, entry, [&](const char *attr, char **strings, struct berval **bervals) -> ZelRC {
-        bool secret_key = zel::same_text(attr, "secretKey");
-        if (secret_key || zel::same_text(attr, "secAuthnData")) {
+        const size_t length = std::strlen(attr);
+        bool secret_key = is_attr(attr, length, "secretKey");
+        if (secret_key || is_attr(attr, length, "secAuthnData")) {
             bool as_stored = secret_key && zel::clear_secret_key(s);
             for (struct berval **v = bervals; *v; ++v) {
                 char *clear = nullptr;
@@ -62,7 +72,7 @@ ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record)
             }
             return 0;
         }
-        char **field = field_of(record, attr);
+        char **field = field_of(record, attr, length);
         if (field == nullptr) return 0;
         // The binary values were there, so no string values means no memory.
         if (strings == nullptr) return ZEL_RC_NO_MEMORY;
@@ -73,7 +83,7 @@ ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record)
                 std::free(*field);
                 *field = nullptr;
                 if (!name.empty() && zel::replace_text(*field, name.c_str()) != 0) return ZEL_RC_NO_MEMORY;
-            } else if (zel::same_text(attr, "secType")) {
+            } else if (is_attr(attr, length, "secType")) {
                 if (zel::replace_text(*field, kind_of_sec_type(*v)) != 0) return ZEL_RC_NO_MEMORY;
             } else if (zel::replace_text(*field, *v) != 0) {
                 return ZEL_RC_NO_MEMORY;
@@ -137,17 +147,18 @@ ZelRC clear_password(ZelSession *s, const struct berval *stored, bool as_stored,
         std::memcpy(out, stored->bv_val, stored->bv_len);
         return 0;
     }
-    // The stored value carries its NUL; the masked text ends at the first one.
-    std::string masked(stored->bv_val, stored->bv_len);
-    int32_t length = 0;
-    char *raw = nullptr;
-    ZelRC rc = mask_password(s, masked.c_str(), &length, &raw, kUnmask);
-    CText clear(raw);
-    if (rc != 0) return rc;
-    out = static_cast<char *>(std::calloc(1, static_cast<size_t>(length) + 1));
-    if (out != nullptr) std::memcpy(out, clear.get(), static_cast<size_t>(length));
-    std::memset(clear.get(), 0, static_cast<size_t>(length));
-    return out ? 0 : ZEL_RC_NO_MEMORY;
+    // The stored value carries its NUL (a value written elsewhere may not):
+    // the stored text ends at the first one, and is read where it lies.
+    ZelRC rc = 0;
+    RoutineTrace trace(s, "mask_password", rc);
+    std::string copy;
+    const char *text = stored->bv_val;
+    if (stored->bv_len == 0 || std::memchr(stored->bv_val, '\0', stored->bv_len) == nullptr)
+        text = copy.assign(stored->bv_val, stored->bv_len).c_str();
+    errno = 0;
+    out = plat::util_decode(text);
+    if (out == nullptr) rc = errno == ENOMEM ? ZEL_RC_NO_MEMORY : ZEL_RC_DECODE_FAILED;
+    return rc;
 }
 
 ZelRC search_user_records(ZelSession *s, const UserForm &user, const char *assertion, const char *shown,
@@ -158,10 +169,14 @@ ZelRC search_user_records(ZelSession *s, const UserForm &user, const char *asser
     // Measured with the target as the caller gave it: its escaping never
     // refuses a name that fits the filter buffer.
     const char *form = mode == kFirstGenerationMode ? "(&(objectClass=eTargetRecord)(cn=%s))" : "secResCredsID=%s";
+    // The form's one conversion is "%s": its text and the value's make the length.
+    const char *slot = std::strstr(form, "%s");
+    const size_t fixed = std::strlen(form) - 2, length = fixed + std::strlen(assertion);
+    if (fixed + std::strlen(shown ? shown : assertion) >= kFilterSize || length >= 3 * kFilterSize)
+        return ZEL_RC_INVALID_ARGUMENT;
     std::string filter;
-    if (!format_text(filter, kFilterSize, form, shown ? shown : assertion)) return ZEL_RC_INVALID_ARGUMENT;
-    filter.clear();
-    if (!format_text(filter, 3 * kFilterSize, form, assertion)) return ZEL_RC_INVALID_ARGUMENT;
+    filter.reserve(length);
+    filter.assign(form, static_cast<size_t>(slot - form)).append(assertion).append(slot + 2);
     if (shown)
         tracef(s, kTraceProgress, "zelmgmt:Target being looked for: %s\n", shown);
     else

@@ -205,14 +205,28 @@ ZelRC dissect_TS(ZelSession *s, LDAPMessage *entry, ZelTargetService *record) {
                                                                 struct berval **) -> ZelRC {
             // The binary values were there, so no string values means no memory.
             if (strings == nullptr || strings[0] == nullptr) return ZEL_RC_NO_MEMORY;
-            if (zel::same_text(attr, "tsName") || zel::same_text(attr, "secResourceID") ||
-                zel::same_text(attr, "secResGroupID"))
-                return zel::replace_text(record->name, strings[0]);
-            if (zel::same_text(attr, "tsType")) return zel::replace_text(record->type, strings[0]);
-            if (zel::same_text(attr, "secType")) return zel::replace_text(record->type, type_of_sec_type(strings[0]));
-            if (zel::same_text(attr, "description")) return zel::replace_text(record->description, strings[0]);
-            if (zel::same_text(attr, "reqIdentifier")) return set_identifiers(record, strings);
-            return 0;
+            // Names are ASCII: one of another length is passed over unread.
+            // A name spelled as the schema spells it matches in one comparison.
+            auto is = [attr](const char *name, size_t n) {
+                return std::memcmp(attr, name, n) == 0 || zel::same_text(attr, name);
+            };
+            switch (std::strlen(attr)) {
+            case 6:
+                if (is("tsName", 6)) return zel::replace_text(record->name, strings[0]);
+                if (is("tsType", 6)) return zel::replace_text(record->type, strings[0]);
+                return 0;
+            case 13:
+                if (is("secResourceID", 13) || is("secResGroupID", 13)) return zel::replace_text(record->name, strings[0]);
+                if (is("reqIdentifier", 13)) return set_identifiers(record, strings);
+                return 0;
+            case 7:
+                if (is("secType", 7)) return zel::replace_text(record->type, type_of_sec_type(strings[0]));
+                return 0;
+            case 11:
+                if (is("description", 11)) return zel::replace_text(record->description, strings[0]);
+                return 0;
+            default: return 0;
+            }
         });
     });
 }
