@@ -1,13 +1,17 @@
-// A replicated pair holding jo's record for "app", shared by the failover
-// suites, and sessions opened on it with short time-outs.
+// Sessions on a replicated pair whose servers fail under them: the steps
+// the slapd pair's and the 389 pair's suites share, driven over the pair
+// interface, and the slapd suites' fixture (jo's record for "app" on a pair
+// shared by the suite, sessions with short time-outs).
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "record/record_fixture.h"
 #include "support/directory.h"
@@ -17,9 +21,77 @@ namespace failovertest {
 
 using namespace recordtest;
 using zeltest::ReplicatedPair;
+using zeltest::ServerPair;
 using Clock = std::chrono::steady_clock;
 
 inline const char *kJoApp = "jdoe/pa55word";   // what jo's "app" credential answers
+
+// The server a session says it is on.
+inline std::string server_of(ZelSession *s) {
+    ZelSessionInfo *info = nullptr;
+    if (Zel_getSessionInfo(s, &info) != 0) return "(no info)";
+    std::string server = info->server ? info->server : "(none)";
+    Zel_freeSessionInfo(info);
+    return server;
+}
+
+inline double seconds_since(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Asks for user's credential until it answers `expected` or 10 s pass (a
+// read on one server right after a write on the other misses it); the last
+// answer.
+inline std::string eventually_answers(ZelSession *s, const char *resource, const std::string &expected,
+                                      const std::string &user = "jo") {
+    auto deadline = Clock::now() + std::chrono::seconds(10);
+    std::string got = credential(s, user.c_str(), resource);
+    while (got != expected && Clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        got = credential(s, user.c_str(), resource);
+    }
+    return got;
+}
+
+// What the shared steps need: the pair, sessions on it, and whose "app"
+// credential they read and write.
+struct Rig {
+    ServerPair &pair;
+    std::function<zeltest::Session(const std::string &hosts, int32_t flags)> open;
+    std::string user;
+    int timeout;             // the request and connect time-outs, in seconds
+    std::string tls_hosts;   // the ldaps:// servers; empty where there are none
+};
+
+// The faults a server meets; heal() undoes them.
+enum class Fault { Refuse, Hang };
+struct Strike {
+    int server;
+    Fault fault;
+};
+
+// One live session through each strike, on the server the session is on:
+// the read goes to the other server within the time-out, a write lands
+// there, and the struck server, back, answers the write.
+void follow_strikes(const Rig &rig, const std::vector<Strike> &strikes);
+
+// Agents asking for the credential (and writers updating records "mail",
+// "shop" of their own) on sessions of the given security, while the servers
+// fail on a schedule.  Every call comes back within `bound` seconds with
+// success or a documented status, every agent is answered again after each
+// fault, and at the end both servers hold each writer's last acknowledged
+// value (or one written later whose write timed out).
+struct ChaosPlan {
+    struct Event {
+        double at;
+        void (ServerPair::*act)(int);
+        int server;
+    };
+    std::vector<int32_t> agents, writers;
+    std::vector<Event> schedule;  // in pairs: a fault, then its end
+    double end, bound;
+};
+void run_chaos(const Rig &rig, const ChaosPlan &plan);
 
 // flags other than plain LDAP check the server against the test CA.
 inline ZelRC open_on(const std::string &hosts, ZelSession **out, int32_t flags = ZEL_OPEN_NONSSL) {
@@ -36,34 +108,8 @@ inline Session open_on(const std::string &hosts, int32_t flags = ZEL_OPEN_NONSSL
     return Session(rc == 0 ? s : nullptr);
 }
 
-// The server a session says it is on.
-inline std::string server_of(ZelSession *s) {
-    ZelSessionInfo *info = nullptr;
-    if (Zel_getSessionInfo(s, &info) != 0) return "(no info)";
-    std::string server = info->server ? info->server : "(none)";
-    Zel_freeSessionInfo(info);
-    return server;
-}
-
-inline double seconds_since(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// Asks for jo's credential until it answers `expected` or 10 s pass (a read
-// on one server right after a write on the other misses it); the last answer.
-inline std::string eventually_answers(ZelSession *s, const char *resource, const std::string &expected) {
-    auto deadline = Clock::now() + std::chrono::seconds(10);
-    std::string got = credential(s, "jo", resource);
-    while (got != expected && Clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        got = credential(s, "jo", resource);
-    }
-    return got;
-}
-
-// One pair per suite, with both request and connect time-outs set to
-// `timeout` seconds for the suite's sessions; every test leaves both servers
-// running and answering.
+// One slapd pair per suite, with both time-outs set to `Timeout` seconds;
+// every test leaves both servers running and answering.
 template <int Timeout>
 class PairTest : public ::testing::Test {
 protected:
@@ -93,6 +139,10 @@ protected:
         Zel_setHoldDown(-1);
     }
     void TearDown() override { heal(); }
+    static Rig rig() {
+        return {*pair, [](const std::string &hosts, int32_t flags) { return open_on(hosts, flags); }, "jo", kTimeout,
+                pair->tls_uri(1) + " " + pair->tls_uri(2)};
+    }
 
     static inline std::unique_ptr<ReplicatedPair> pair;
 };
