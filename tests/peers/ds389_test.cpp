@@ -44,14 +44,7 @@ protected:
     }
 
     Session open(const std::string &user, const std::string &password, uint32_t version) const {
-        ZelSession *s = nullptr;
-        ZelRC rc = version < 2 ? Zel_open(nullptr, user.c_str(), password.c_str(), "127.0.0.1", server->port(),
-                                          ZEL_OPEN_NONSSL, nullptr, nullptr, nullptr, &s, version)
-                               : Zel_open_sec_domain(nullptr, user.c_str(), password.c_str(), "127.0.0.1",
-                                                     server->port(), ZEL_OPEN_NONSSL, nullptr, nullptr, nullptr,
-                                                     "Default", &s, version);
-        EXPECT_EQ(rc, 0u) << "open as " << user;
-        return Session(rc == 0 ? s : nullptr);
+        return walk::open_version(user, password, "127.0.0.1", server->port(), ZEL_OPEN_NONSSL, nullptr, version);
     }
 
     // A database with every optional part (its suffix entry made by the
@@ -86,14 +79,7 @@ protected:
 
     // The security domain form: its tree, Jo as its user and a record of his.
     void add_domain_record() {
-        CommandResult seeded = server->modify(
-            "dn: " + kDomain + "\nobjectClass: secAuthorityInfo\nsecAuthority: Default\nversion: 5\n\n" +
-                recordtest::container_ldif("cn=Users," + kDomain, "Users") +
-                recordtest::container_ldif("cn=Resources," + kDomain, "Resources") +
-                recordtest::container_ldif("cn=ResourceGroups," + kDomain, "ResourceGroups") +
-                "dn: secResourceID=app,cn=Resources," + kDomain +
-                "\nobjectClass: secResource\nsecResourceID: app\nsecType: 1\n",
-            true);
+        CommandResult seeded = server->modify(walk::security_domain_ldif(kSuffix), true);
         ASSERT_EQ(seeded.status, 0) << seeded.err;
         Session v2 = open(Ds389::admin_dn(), Ds389::admin_password(), 2);
         ASSERT_TRUE(v2);

@@ -43,6 +43,31 @@ struct Step {
 
 inline const char *const kRecordPassword = "record-pw";
 
+// The security domain below base as the access-control product makes it,
+// with the resource "app"; entry: the domain's own entry too.
+inline std::string security_domain_ldif(const std::string &base, bool entry = true) {
+    const std::string domain = "secAuthority=Default," + base;
+    std::string ldif = entry ? "dn: " + domain + "\nobjectClass: secAuthorityInfo\nsecAuthority: Default\nversion: 5\n\n" : "";
+    for (const char *cn : {"Users", "Resources", "ResourceGroups"})
+        ldif += recordtest::container_ldif(std::string("cn=") + cn + "," + domain, cn);
+    return ldif + "dn: secResourceID=app,cn=Resources," + domain + "\nobjectClass: secResource\nsecResourceID: app\nsecType: 1\n";
+}
+
+// An open on the server, of the first generation (version 1) or on the
+// security domain "Default" (2); rc_out takes the status instead of a failed
+// open failing the test.
+inline Session open_version(const std::string &user, const std::string &password, const std::string &host,
+                            int port, int32_t flags, const char *ca, uint32_t version, ZelRC *rc_out = nullptr) {
+    ZelSession *s = nullptr;
+    ZelRC rc = version < 2 ? Zel_open(nullptr, user.c_str(), password.c_str(), host.c_str(), port, flags, ca, nullptr,
+                                      nullptr, &s, version)
+                           : Zel_open_sec_domain(nullptr, user.c_str(), password.c_str(), host.c_str(), port, flags,
+                                                 ca, nullptr, nullptr, "Default", &s, version);
+    if (rc_out) *rc_out = rc;
+    else EXPECT_EQ(rc, 0u) << "open as " << user;
+    return Session(rc == 0 ? s : nullptr);
+}
+
 // tag keeps the walk's names apart from another walk's on the same server.
 inline std::vector<Step> steps(const Target &t, const std::string &tag) {
     using recordtest::record;

@@ -22,13 +22,6 @@ namespace {
 
 const char *const kTemplate = "/usr/share/dirsrv/data/template-dse.ldif";
 
-std::string read_text(const std::string &path) {
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
-
 void replace_all(std::string &text, const std::string &from, const std::string &to) {
     for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
         text.replace(at, from.size(), to);

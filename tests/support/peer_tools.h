@@ -5,13 +5,22 @@
 
 #include <sys/stat.h>
 
+#include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "support/directory.h"
 
 namespace zeltest {
+
+inline std::string read_text(const std::string &path) {
+    std::ifstream f(path);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
 
 class PeerTools {
 public:
