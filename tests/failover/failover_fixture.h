@@ -16,6 +16,7 @@
 #include "record/record_fixture.h"
 #include "support/directory.h"
 #include "support/pair.h"
+#include "support/peers_fixture.h"
 
 namespace failovertest {
 
@@ -93,19 +94,12 @@ struct ChaosPlan {
 };
 void run_chaos(const Rig &rig, const ChaosPlan &plan);
 
-// flags other than plain LDAP check the server against the test CA.
-inline ZelRC open_on(const std::string &hosts, ZelSession **out, int32_t flags = ZEL_OPEN_NONSSL) {
-    const std::string ca = zeltest::test_tls_files().ca;
-    return Zel_open_sec_domain(nullptr, ReplicatedPair::admin_dn(), ReplicatedPair::admin_password(), hosts.c_str(),
-                               0, flags, flags == ZEL_OPEN_NONSSL ? nullptr : ca.c_str(), nullptr, nullptr, "Default",
-                               out, 2);
-}
-
+// On the security domain; flags other than plain LDAP check the server
+// against the test CA.
 inline Session open_on(const std::string &hosts, int32_t flags = ZEL_OPEN_NONSSL) {
-    ZelSession *s = nullptr;
-    ZelRC rc = open_on(hosts, &s, flags);
-    EXPECT_EQ(rc, 0u) << "open on " << hosts;
-    return Session(rc == 0 ? s : nullptr);
+    const std::string ca = zeltest::test_tls_files().ca;
+    return zeltest::open_version(ReplicatedPair::admin_dn(), ReplicatedPair::admin_password(), hosts, 0, flags,
+                                 flags == ZEL_OPEN_NONSSL ? nullptr : ca.c_str(), 2);
 }
 
 // One slapd pair per suite, with both time-outs set to `Timeout` seconds;

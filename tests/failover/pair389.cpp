@@ -31,11 +31,7 @@ std::string person_ldif(const std::string &cn) {
 }
 
 Session open_389(const std::string &hosts, int32_t flags = ZEL_OPEN_NONSSL) {
-    ZelSession *s = nullptr;
-    ZelRC rc = Zel_open(nullptr, Ds389Pair::admin_dn(), Ds389Pair::admin_password(), hosts.c_str(), 0, flags,
-                        nullptr, nullptr, nullptr, &s, 1);
-    EXPECT_EQ(rc, 0u) << "open on " << hosts;
-    return Session(rc == 0 ? s : nullptr);
+    return zeltest::open_version(Ds389Pair::admin_dn(), Ds389Pair::admin_password(), hosts, 0, flags, nullptr, 1);
 }
 
 class Ds389Failover : public ::testing::Test {
@@ -60,10 +56,8 @@ protected:
         ASSERT_EQ(Zel_createDatabase(s.get(), kSuffix.c_str(), nullptr, "sradmin", "Admin-pw-1",
                                      ZEL_CREATEDB_XR_DEFAULTS),
                   0u);
-        ZelReqIdentifier id{const_cast<char *>("resourceName"), const_cast<char *>("app")};
-        ZelReqIdentifier *ids[] = {&id};
-        ZelTargetService app{const_cast<char *>("app"), const_cast<char *>("Web Resource"), nullptr, 1, ids};
-        ASSERT_EQ(Zel_addTargetService(s.get(), &app), 0u);
+        zeltest::Service app("app", "Web Resource", "resourceName", "app");
+        ASSERT_EQ(Zel_addTargetService(s.get(), &app.ts), 0u);
         ZelUser jo = user_record("Jo", "User", kJo);
         ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
         ZelTargetRecord r = record("T:app", "app", "jdoe", "pa55word");

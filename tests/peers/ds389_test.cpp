@@ -44,7 +44,7 @@ protected:
     }
 
     Session open(const std::string &user, const std::string &password, uint32_t version) const {
-        return walk::open_version(user, password, "127.0.0.1", server->port(), ZEL_OPEN_NONSSL, nullptr, version);
+        return open_version(user, password, "127.0.0.1", server->port(), ZEL_OPEN_NONSSL, nullptr, version);
     }
 
     // A database with every optional part (its suffix entry made by the
@@ -63,11 +63,8 @@ protected:
                         nullptr, uid.data(), pw.data()};
             ASSERT_EQ(Zel_create_ePerson(admin.get(), &p, w.type), 0u) << w.cn;
         }
-        ZelReqIdentifier id{const_cast<char *>("resourceName"), const_cast<char *>("mail")};
-        ZelReqIdentifier *ids[] = {&id};
-        ZelTargetService mail{const_cast<char *>("mail"), const_cast<char *>("Web Resource"),
-                              const_cast<char *>("Mail"), 1, ids};
-        ASSERT_EQ(Zel_addTargetService(admin.get(), &mail), 0u);
+        Service mail("mail", "Web Resource", "resourceName", "mail", "Mail");
+        ASSERT_EQ(Zel_addTargetService(admin.get(), &mail.ts), 0u);
         domaintest::DomainRecord east("East", "East side", {{"resourceName", "mail"}});
         ASSERT_EQ(Zel_addZelDomain(admin.get(), &east.d), 0u);
         for (const char *who : {"Jo", "Ann"}) {
@@ -220,16 +217,14 @@ TEST_F(PeerDs389, AcisProtectRecords) {
         {"Agent", "Jo.mail/Jo-mail-pw", "Ann.mail/Ann-mail-pw", ZEL_RC_NOT_AUTHORIZED},
         {"Zel Sr Admin", "Jo.mail/Jo-mail-pw", "Ann.mail/Ann-mail-pw", 0},
     };
-    ZelReqIdentifier id{const_cast<char *>("resourceName"), const_cast<char *>("wiki")};
-    ZelReqIdentifier *ids[] = {&id};
-    ZelTargetService wiki{const_cast<char *>("wiki"), const_cast<char *>("Web Resource"), nullptr, 1, ids};
+    Service wiki("wiki", "Web Resource", "resourceName", "wiki");
     for (const Acts &a : acts) {
         bool admin_person = std::string(a.who) == "Zel Sr Admin";
         Session s = open(person(a.who), admin_person ? kAdminPassword : password_of(a.who), 1);
         ASSERT_TRUE(s);
         EXPECT_EQ(credential(s.get(), "Jo", "mail"), a.jo) << a.who;
         EXPECT_EQ(credential(s.get(), "Ann", "mail"), a.ann) << a.who;
-        EXPECT_EQ(Zel_addTargetService(s.get(), &wiki), a.add_service) << a.who;
+        EXPECT_EQ(Zel_addTargetService(s.get(), &wiki.ts), a.add_service) << a.who;
     }
 
     // The Zel administrator (not the directory manager) adds a profile below a person.

@@ -44,7 +44,7 @@ void seed_security_domain(const SambaDc &dc) {
 Session open_on(const SambaDc &dc, Transport t, uint32_t version, const std::string &user, const std::string &pw,
                 ZelRC *rc_out = nullptr) {
     const bool ssl = t == Transport::Ldaps;
-    return walk::open_version(user, pw, dc.address(), 0, ssl ? ZEL_OPEN_SSL : ZEL_OPEN_NONSSL,
+    return open_version(user, pw, dc.address(), 0, ssl ? ZEL_OPEN_SSL : ZEL_OPEN_NONSSL,
                               ssl ? dc.ca_file().c_str() : nullptr, version, rc_out);
 }
 
@@ -143,9 +143,7 @@ TEST(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
     dc->add_group("Zel Agents", {agent});
     seed_security_domain(*dc);
 
-    ZelReqIdentifier id{const_cast<char *>("resourceName"), const_cast<char *>("mail")};
-    ZelReqIdentifier *ids[] = {&id};
-    ZelTargetService mail{const_cast<char *>("mail"), const_cast<char *>("Web Resource"), nullptr, 1, ids};
+    Service mail("mail", "Web Resource", "resourceName", "mail"), late("late", "Web Resource", "resourceName", "mail");
     const std::string ro_person = "CN=ro," + kPeople;
     ZelUser ro = usertest::user_record("ro", "User", ro_person);
     ZelTargetRecord first = record("T:mail", "mail", "ro.mail", "mail-pw"), second = record("T:app", "app", "ro.app", "app-pw");
@@ -153,7 +151,7 @@ TEST(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
     ASSERT_TRUE(v1);
     ASSERT_EQ(Zel_createDatabase(v1.get(), kBase.c_str(), SambaDc::admin_dn().c_str(), nullptr, nullptr,
                                  ZEL_CREATEDB_XR_DEFAULTS), 0u);
-    ASSERT_EQ(Zel_addTargetService(v1.get(), &mail), 0u);
+    ASSERT_EQ(Zel_addTargetService(v1.get(), &mail.ts), 0u);
     ASSERT_EQ(Zel_addZelUser(v1.get(), &ro), 0u);
     ASSERT_EQ(Zel_addTargetRecord(v1.get(), "ro", &first), 0u);
     Session v2 = open_on(*dc, Transport::Ldaps, 2, SambaDc::admin_dn(), dc->admin_password());
@@ -185,9 +183,8 @@ TEST(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
     EXPECT_NE(diagnosis.find(" to " + agents), std::string::npos) << diagnosis;
 
     // Records made after the grant inherit it, in both forms.
-    ZelTargetService late{const_cast<char *>("late"), const_cast<char *>("Web Resource"), nullptr, 1, ids};
     ZelTargetRecord late1 = record("T:late", "late", "ro.late1", "late-pw"), late2 = record("T:late", "late", "ro.late2", "late-pw");
-    ASSERT_EQ(Zel_addTargetService(v1.get(), &late), 0u);
+    ASSERT_EQ(Zel_addTargetService(v1.get(), &late.ts), 0u);
     ASSERT_EQ(Zel_addTargetRecord(v1.get(), "ro", &late1), 0u);
     ASSERT_EQ(dc->modify("dn: secResourceID=late,cn=Resources," + kDomain +
                              "\nobjectClass: secResource\nsecResourceID: late\nsecType: 1\n", true).status, 0);

@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <string>
 
-#include "support/peer_tools.h"
+#include "support/peers_fixture.h"
 
 namespace zeltest {
 

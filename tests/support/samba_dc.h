@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "support/peer_tools.h"
+#include "support/peers_fixture.h"
 
 namespace zeltest {
 

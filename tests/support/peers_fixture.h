@@ -1,6 +1,7 @@
-// The OpenLDAP tools against a peer server of the tests (389, AD), as its
-// administrator or as someone else.  Passwords travel in files (-y), never
-// on a command line.
+// What the tests against peer servers (389, AD, replicated pairs) share:
+// the OpenLDAP tools as a server's administrator or as someone else
+// (passwords travel in files, -y, never on a command line), opens of either
+// storage form, and services as a caller hands them over.
 #pragma once
 
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "support/directory.h"
+#include "support/session.h"
 
 namespace zeltest {
 
@@ -22,6 +24,7 @@ inline std::string read_text(const std::string &path) {
     return ss.str();
 }
 
+// The tools against a server, set up by its constructor.
 class PeerTools {
 public:
     // A file holding a password (no newline) for the tools' -y option.
@@ -62,6 +65,35 @@ protected:
     // which environment, and the folder for the password files.
     std::string tools_uri_, admin_, admin_password_, files_;
     std::map<std::string, std::string> env_;
+};
+
+// An open on the server, of the first generation (version 1) or on the
+// security domain "Default" (2); rc_out takes the status instead of a failed
+// open failing the test.
+inline Session open_version(const std::string &user, const std::string &password, const std::string &host,
+                            int port, int32_t flags, const char *ca, uint32_t version, ZelRC *rc_out = nullptr) {
+    ZelSession *s = nullptr;
+    ZelRC rc = version < 2 ? Zel_open(nullptr, user.c_str(), password.c_str(), host.c_str(), port, flags, ca, nullptr,
+                                      nullptr, &s, version)
+                           : Zel_open_sec_domain(nullptr, user.c_str(), password.c_str(), host.c_str(), port, flags,
+                                                 ca, nullptr, nullptr, "Default", &s, version);
+    if (rc_out) *rc_out = rc;
+    else EXPECT_EQ(rc, 0u) << "open as " << user;
+    return Session(rc == 0 ? s : nullptr);
+}
+
+// A service with at most one identifier.  Not copied: it points into itself.
+struct Service {
+    ZelReqIdentifier id;
+    ZelReqIdentifier *ids[1] = {&id};
+    ZelTargetService ts;
+    Service(const char *name, const char *type, const char *id_name = nullptr, const char *id_value = nullptr,
+            const char *description = nullptr)
+        : id{const_cast<char *>(id_name), const_cast<char *>(id_value)},
+          ts{const_cast<char *>(name), const_cast<char *>(type), const_cast<char *>(description), id_name ? 1 : 0,
+             id_name ? ids : nullptr} {}
+    Service(const Service &) = delete;
+    Service &operator=(const Service &) = delete;
 };
 
 }  // namespace zeltest
