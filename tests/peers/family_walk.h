@@ -81,6 +81,12 @@ inline std::vector<Step> steps(const Target &t, const std::string &tag) {
             return recordtest::credential(z, jo.c_str(), resource) == account + "/" + kRecordPassword ? 0u : 1u;
         };
     };
+    auto add_domain = [](std::string name, const char *member) {
+        return [=](ZelSession *z) {
+            domaintest::DomainRecord d(name.c_str(), nullptr, {{"resourceName", member}});
+            return Zel_addZelDomain(z, &d.d);
+        };
+    };
     auto in_users_group = [=](ZelSession *) { return t.count(users_group, "(member=" + jo_person + ")") ? 0u : 1u; };
     auto record_args = [=](const char *verb, const char *id, const char *service, const std::string &account) {
         return std::vector<std::string>{"record", verb, jo, id, "--service", service, "--account", account,
@@ -94,10 +100,7 @@ inline std::vector<Step> steps(const Target &t, const std::string &tag) {
          {"service-type", "add", "Mail", "--id", "mailbox"}},
         {"add service", 1, [](ZelSession *z) { return Zel_addTargetService(z, &mail.ts); },
          {"service", "add", "mail", "--type", "Web Resource", "--id", "resourceName=mail"}},
-        {"add domain", 1, [](ZelSession *z) {
-             domaintest::DomainRecord d("East", nullptr, {{"resourceName", "mail"}});
-             return Zel_addZelDomain(z, &d.d);
-         }, {"domain", "add", "East", "--member", "mail"}},
+        {"add domain", 1, add_domain("East", "mail"), {"domain", "add", "East", "--member", "mail"}},
         // A person is an account with its password as its own.
         {"add person", 1, [=](ZelSession *z) {
              std::string pw = "Pz-pw-AD-1";
@@ -142,14 +145,9 @@ inline std::vector<Step> steps(const Target &t, const std::string &tag) {
         // The security domain, seeded with the resource "app".
         {"add a service that is there", 2, [](ZelSession *z) { return Zel_addTargetService(z, &app.ts); },
          {"service", "add", "app", "--type", "Web Resource"}, ZEL_RC_ALREADY_EXISTS},
-        {"add group", 2, [](ZelSession *z) {
-             domaintest::DomainRecord d("Ops", nullptr, {{"resourceName", "app"}});
-             return Zel_addZelDomain(z, &d.d);
-         }, {"domain", "add", "Ops", "--member", "app"}},
-        {"add group naming no service", 2, [=](ZelSession *z) {
-             domaintest::DomainRecord d(stray.c_str(), nullptr, {{"resourceName", "nosuch"}});
-             return Zel_addZelDomain(z, &d.d);
-         }, {"domain", "add", stray, "--member", "nosuch"}, t.absent_member},
+        {"add group", 2, add_domain("Ops", "app"), {"domain", "add", "Ops", "--member", "app"}},
+        {"add group naming no service", 2, add_domain(stray, "nosuch"), {"domain", "add", stray, "--member", "nosuch"},
+         t.absent_member},
         {"add group service", 2, [](ZelSession *z) { return Zel_addTargetService(z, &ops.ts); },
          {"service", "add", "Ops", "--type", "Resource Group"}},
         {"add user", 2, [=](ZelSession *z) {
