@@ -47,7 +47,8 @@ void follow_strikes(const Rig &rig, const std::vector<Strike> &strikes) {
     // As it was, for the suite's next tests.
     const size_t slash = first.find('/');
     ASSERT_NE(slash, std::string::npos) << first;
-    ZelTargetRecord r = record("T:app", "app", first.substr(0, slash).c_str(), first.substr(slash + 1).c_str());
+    const std::string account = first.substr(0, slash), password = first.substr(slash + 1);
+    ZelTargetRecord r = record("T:app", "app", account.c_str(), password.c_str());
     EXPECT_EQ(Zel_updateTargetRecord(s.get(), rig.user.c_str(), &r), 0u);
     for (int n = 1; n <= 2; ++n) {
         Session on = rig.open("127.0.0.1:" + std::to_string(pair.port(n)), ZEL_OPEN_NONSSL);
