@@ -114,10 +114,7 @@ protected:
         pair = std::make_unique<ReplicatedPair>(record_profile().seed_ldif);
         Session s = open_on("127.0.0.1:" + std::to_string(pair->port(1)));
         ASSERT_TRUE(s);
-        ZelUser jo = user_record("jo", "User", kJo);
-        ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
-        ZelTargetRecord app = record("T:app", "app", "jdoe", "pa55word");
-        ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &app), 0u);
+        ASSERT_EQ(zeltest::add_user_with_record(s.get(), "jo", kJo, "app", "jdoe", "pa55word"), 0u);
         Session on_two = open_on("127.0.0.1:" + std::to_string(pair->port(2)));
         ASSERT_TRUE(on_two);
         ASSERT_EQ(eventually_answers(on_two.get(), "app", kJoApp), kJoApp) << "the record did not replicate";

@@ -58,10 +58,7 @@ protected:
                   0u);
         zeltest::Service app("app", "Web Resource", "resourceName", "app");
         ASSERT_EQ(Zel_addTargetService(s.get(), &app.ts), 0u);
-        ZelUser jo = user_record("Jo", "User", kJo);
-        ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
-        ZelTargetRecord r = record("T:app", "app", "jdoe", "pa55word");
-        ASSERT_EQ(Zel_addTargetRecord(s.get(), "Jo", &r), 0u);
+        ASSERT_EQ(zeltest::add_user_with_record(s.get(), "Jo", kJo, "app", "jdoe", "pa55word"), 0u);
         Session two = open_on(2);
         ASSERT_TRUE(two);
         ASSERT_EQ(eventually_answers(two.get(), "app", kJoApp, "Jo"), kJoApp) << "the record did not replicate";

@@ -56,10 +56,7 @@ std::unique_ptr<Directory> directory_with_anns_record(const KerberosRealm &realm
     EXPECT_EQ(Zel_addTargetServiceType(admin.get(), &web), 0u);
     Service mail("mail", "Web", "host", "mail.acme");
     EXPECT_EQ(Zel_addTargetService(admin.get(), &mail.ts), 0u);
-    ZelUser ann = user_record("ann", "User", kAnn);
-    EXPECT_EQ(Zel_addZelUser(admin.get(), &ann), 0u);
-    ZelTargetRecord r = record("T:mail", "mail", "ann.mail", "mail-pw");
-    EXPECT_EQ(Zel_addTargetRecord(admin.get(), "ann", &r), 0u);
+    EXPECT_EQ(add_user_with_record(admin.get(), "ann", kAnn, "mail", "ann.mail", "mail-pw"), 0u);
     return dir;
 }
 

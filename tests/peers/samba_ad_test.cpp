@@ -145,19 +145,15 @@ TEST(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
 
     Service mail("mail", "Web Resource", "resourceName", "mail"), late("late", "Web Resource", "resourceName", "mail");
     const std::string ro_person = "CN=ro," + kPeople;
-    ZelUser ro = usertest::user_record("ro", "User", ro_person);
-    ZelTargetRecord first = record("T:mail", "mail", "ro.mail", "mail-pw"), second = record("T:app", "app", "ro.app", "app-pw");
     Session v1 = open_on(*dc, Transport::Ldaps, 1, SambaDc::admin_dn(), dc->admin_password());
     ASSERT_TRUE(v1);
     ASSERT_EQ(Zel_createDatabase(v1.get(), kBase.c_str(), SambaDc::admin_dn().c_str(), nullptr, nullptr,
                                  ZEL_CREATEDB_XR_DEFAULTS), 0u);
     ASSERT_EQ(Zel_addTargetService(v1.get(), &mail.ts), 0u);
-    ASSERT_EQ(Zel_addZelUser(v1.get(), &ro), 0u);
-    ASSERT_EQ(Zel_addTargetRecord(v1.get(), "ro", &first), 0u);
+    ASSERT_EQ(add_user_with_record(v1.get(), "ro", ro_person, "mail", "ro.mail", "mail-pw"), 0u);
     Session v2 = open_on(*dc, Transport::Ldaps, 2, SambaDc::admin_dn(), dc->admin_password());
     ASSERT_TRUE(v2);
-    ASSERT_EQ(Zel_addZelUser(v2.get(), &ro), 0u);
-    ASSERT_EQ(Zel_addTargetRecord(v2.get(), "ro", &second), 0u);
+    ASSERT_EQ(add_user_with_record(v2.get(), "ro", ro_person, "app", "ro.app", "app-pw"), 0u);
 
     // doctor tells whether the grant is in place.
     auto doctor = [&] {
