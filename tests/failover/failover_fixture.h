@@ -1,40 +1,31 @@
-// A replicated pair holding jo's record for "app", shared by the failover
-// suites, and sessions opened on it with short time-outs.
+// Sessions on a replicated pair whose servers fail under them: the steps
+// the slapd pair's and the 389 pair's suites share, driven over the pair
+// interface, and the slapd suites' fixture (jo's record for "app" on a pair
+// shared by the suite, sessions with short time-outs).
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "record/record_fixture.h"
 #include "support/directory.h"
 #include "support/pair.h"
+#include "support/peers_fixture.h"
 
 namespace failovertest {
 
 using namespace recordtest;
 using zeltest::ReplicatedPair;
+using zeltest::ServerPair;
 using Clock = std::chrono::steady_clock;
 
 inline const char *kJoApp = "jdoe/pa55word";   // what jo's "app" credential answers
-
-// flags other than plain LDAP check the server against the test CA.
-inline ZelRC open_on(const std::string &hosts, ZelSession **out, int32_t flags = ZEL_OPEN_NONSSL) {
-    const std::string ca = zeltest::test_tls_files().ca;
-    return Zel_open_sec_domain(nullptr, ReplicatedPair::admin_dn(), ReplicatedPair::admin_password(), hosts.c_str(),
-                               0, flags, flags == ZEL_OPEN_NONSSL ? nullptr : ca.c_str(), nullptr, nullptr, "Default",
-                               out, 2);
-}
-
-inline Session open_on(const std::string &hosts, int32_t flags = ZEL_OPEN_NONSSL) {
-    ZelSession *s = nullptr;
-    ZelRC rc = open_on(hosts, &s, flags);
-    EXPECT_EQ(rc, 0u) << "open on " << hosts;
-    return Session(rc == 0 ? s : nullptr);
-}
 
 // The server a session says it is on.
 inline std::string server_of(ZelSession *s) {
@@ -49,21 +40,70 @@ inline double seconds_since(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// Asks for jo's credential until it answers `expected` or 10 s pass (a read
-// on one server right after a write on the other misses it); the last answer.
-inline std::string eventually_answers(ZelSession *s, const char *resource, const std::string &expected) {
+// Asks for user's credential until it answers `expected` or 10 s pass (a
+// read on one server right after a write on the other misses it); the last
+// answer.
+inline std::string eventually_answers(ZelSession *s, const char *resource, const std::string &expected,
+                                      const std::string &user = "jo") {
     auto deadline = Clock::now() + std::chrono::seconds(10);
-    std::string got = credential(s, "jo", resource);
+    std::string got = credential(s, user.c_str(), resource);
     while (got != expected && Clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        got = credential(s, "jo", resource);
+        got = credential(s, user.c_str(), resource);
     }
     return got;
 }
 
-// One pair per suite, with both request and connect time-outs set to
-// `timeout` seconds for the suite's sessions; every test leaves both servers
-// running and answering.
+// What the shared steps need: the pair, sessions on it, and whose "app"
+// credential they read and write.
+struct Rig {
+    ServerPair &pair;
+    std::function<zeltest::Session(const std::string &hosts, int32_t flags)> open;
+    std::string user;
+    int timeout;             // the request and connect time-outs, in seconds
+    std::string tls_hosts;   // the ldaps:// servers; empty where there are none
+};
+
+// The faults a server meets; heal() undoes them.
+enum class Fault { Refuse, Hang };
+struct Strike {
+    int server;
+    Fault fault;
+};
+
+// One live session through each strike, on the server the session is on:
+// the read goes to the other server within the time-out, a write lands
+// there, and the struck server, back, answers the write.
+void follow_strikes(const Rig &rig, const std::vector<Strike> &strikes);
+
+// Agents asking for the credential (and writers updating records "mail",
+// "shop" of their own) on sessions of the given security, while the servers
+// fail on a schedule.  Every call comes back within `bound` seconds with
+// success or a documented status, every agent is answered again after each
+// fault, and at the end both servers hold each writer's last acknowledged
+// value (or one written later whose write timed out).
+struct ChaosPlan {
+    struct Event {
+        double at;
+        void (ServerPair::*act)(int);
+        int server;
+    };
+    std::vector<int32_t> agents, writers;
+    std::vector<Event> schedule;  // in pairs: a fault, then its end
+    double end, bound;
+};
+void run_chaos(const Rig &rig, const ChaosPlan &plan);
+
+// On the security domain; flags other than plain LDAP check the server
+// against the test CA.
+inline Session open_on(const std::string &hosts, int32_t flags = ZEL_OPEN_NONSSL) {
+    const std::string ca = zeltest::test_tls_files().ca;
+    return zeltest::open_version(ReplicatedPair::admin_dn(), ReplicatedPair::admin_password(), hosts, 0, flags,
+                                 flags == ZEL_OPEN_NONSSL ? nullptr : ca.c_str(), 2);
+}
+
+// One slapd pair per suite, with both time-outs set to `Timeout` seconds;
+// every test leaves both servers running and answering.
 template <int Timeout>
 class PairTest : public ::testing::Test {
 protected:
@@ -74,10 +114,7 @@ protected:
         pair = std::make_unique<ReplicatedPair>(record_profile().seed_ldif);
         Session s = open_on("127.0.0.1:" + std::to_string(pair->port(1)));
         ASSERT_TRUE(s);
-        ZelUser jo = user_record("jo", "User", kJo);
-        ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
-        ZelTargetRecord app = record("T:app", "app", "jdoe", "pa55word");
-        ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &app), 0u);
+        ASSERT_EQ(zeltest::add_user_with_record(s.get(), "jo", kJo, "app", "jdoe", "pa55word"), 0u);
         Session on_two = open_on("127.0.0.1:" + std::to_string(pair->port(2)));
         ASSERT_TRUE(on_two);
         ASSERT_EQ(eventually_answers(on_two.get(), "app", kJoApp), kJoApp) << "the record did not replicate";
@@ -93,6 +130,10 @@ protected:
         Zel_setHoldDown(-1);
     }
     void TearDown() override { heal(); }
+    static Rig rig() {
+        return {*pair, [](const std::string &hosts, int32_t flags) { return open_on(hosts, flags); }, "jo", kTimeout,
+                pair->tls_uri(1) + " " + pair->tls_uri(2)};
+    }
 
     static inline std::unique_ptr<ReplicatedPair> pair;
 };

@@ -44,14 +44,7 @@ protected:
     }
 
     Session open(const std::string &user, const std::string &password, uint32_t version) const {
-        ZelSession *s = nullptr;
-        ZelRC rc = version < 2 ? Zel_open(nullptr, user.c_str(), password.c_str(), "127.0.0.1", server->port(),
-                                          ZEL_OPEN_NONSSL, nullptr, nullptr, nullptr, &s, version)
-                               : Zel_open_sec_domain(nullptr, user.c_str(), password.c_str(), "127.0.0.1",
-                                                     server->port(), ZEL_OPEN_NONSSL, nullptr, nullptr, nullptr,
-                                                     "Default", &s, version);
-        EXPECT_EQ(rc, 0u) << "open as " << user;
-        return Session(rc == 0 ? s : nullptr);
+        return open_version(user, password, "127.0.0.1", server->port(), ZEL_OPEN_NONSSL, nullptr, version);
     }
 
     // A database with every optional part (its suffix entry made by the
@@ -70,11 +63,8 @@ protected:
                         nullptr, uid.data(), pw.data()};
             ASSERT_EQ(Zel_create_ePerson(admin.get(), &p, w.type), 0u) << w.cn;
         }
-        ZelReqIdentifier id{const_cast<char *>("resourceName"), const_cast<char *>("mail")};
-        ZelReqIdentifier *ids[] = {&id};
-        ZelTargetService mail{const_cast<char *>("mail"), const_cast<char *>("Web Resource"),
-                              const_cast<char *>("Mail"), 1, ids};
-        ASSERT_EQ(Zel_addTargetService(admin.get(), &mail), 0u);
+        Service mail("mail", "Web Resource", "resourceName", "mail", "Mail");
+        ASSERT_EQ(Zel_addTargetService(admin.get(), &mail.ts), 0u);
         domaintest::DomainRecord east("East", "East side", {{"resourceName", "mail"}});
         ASSERT_EQ(Zel_addZelDomain(admin.get(), &east.d), 0u);
         for (const char *who : {"Jo", "Ann"}) {
@@ -86,14 +76,7 @@ protected:
 
     // The security domain form: its tree, Jo as its user and a record of his.
     void add_domain_record() {
-        CommandResult seeded = server->modify(
-            "dn: " + kDomain + "\nobjectClass: secAuthorityInfo\nsecAuthority: Default\nversion: 5\n\n" +
-                recordtest::container_ldif("cn=Users," + kDomain, "Users") +
-                recordtest::container_ldif("cn=Resources," + kDomain, "Resources") +
-                recordtest::container_ldif("cn=ResourceGroups," + kDomain, "ResourceGroups") +
-                "dn: secResourceID=app,cn=Resources," + kDomain +
-                "\nobjectClass: secResource\nsecResourceID: app\nsecType: 1\n",
-            true);
+        CommandResult seeded = server->modify(walk::security_domain_ldif(kSuffix), true);
         ASSERT_EQ(seeded.status, 0) << seeded.err;
         Session v2 = open(Ds389::admin_dn(), Ds389::admin_password(), 2);
         ASSERT_TRUE(v2);
@@ -234,16 +217,14 @@ TEST_F(PeerDs389, AcisProtectRecords) {
         {"Agent", "Jo.mail/Jo-mail-pw", "Ann.mail/Ann-mail-pw", ZEL_RC_NOT_AUTHORIZED},
         {"Zel Sr Admin", "Jo.mail/Jo-mail-pw", "Ann.mail/Ann-mail-pw", 0},
     };
-    ZelReqIdentifier id{const_cast<char *>("resourceName"), const_cast<char *>("wiki")};
-    ZelReqIdentifier *ids[] = {&id};
-    ZelTargetService wiki{const_cast<char *>("wiki"), const_cast<char *>("Web Resource"), nullptr, 1, ids};
+    Service wiki("wiki", "Web Resource", "resourceName", "wiki");
     for (const Acts &a : acts) {
         bool admin_person = std::string(a.who) == "Zel Sr Admin";
         Session s = open(person(a.who), admin_person ? kAdminPassword : password_of(a.who), 1);
         ASSERT_TRUE(s);
         EXPECT_EQ(credential(s.get(), "Jo", "mail"), a.jo) << a.who;
         EXPECT_EQ(credential(s.get(), "Ann", "mail"), a.ann) << a.who;
-        EXPECT_EQ(Zel_addTargetService(s.get(), &wiki), a.add_service) << a.who;
+        EXPECT_EQ(Zel_addTargetService(s.get(), &wiki.ts), a.add_service) << a.who;
     }
 
     // The Zel administrator (not the directory manager) adds a profile below a person.

@@ -10,7 +10,7 @@
 
 #include "domain/domain_fixtures.h"
 #include "record/record_fixture.h"
-#include "support/session.h"
+#include "support/peers_fixture.h"
 #include "user/user_fixture.h"
 
 namespace zeltest::walk {
@@ -43,17 +43,21 @@ struct Step {
 
 inline const char *const kRecordPassword = "record-pw";
 
+// The security domain below base as the access-control product makes it,
+// with the resource "app"; entry: the domain's own entry too.
+inline std::string security_domain_ldif(const std::string &base, bool entry = true) {
+    const std::string domain = "secAuthority=Default," + base;
+    std::string ldif = entry ? "dn: " + domain + "\nobjectClass: secAuthorityInfo\nsecAuthority: Default\nversion: 5\n\n" : "";
+    for (const char *cn : {"Users", "Resources", "ResourceGroups"})
+        ldif += recordtest::container_ldif(std::string("cn=") + cn + "," + domain, cn);
+    return ldif + "dn: secResourceID=app,cn=Resources," + domain + "\nobjectClass: secResource\nsecResourceID: app\nsecType: 1\n";
+}
+
 // tag keeps the walk's names apart from another walk's on the same server.
 inline std::vector<Step> steps(const Target &t, const std::string &tag) {
     using recordtest::record;
-    static ZelReqIdentifier mail_id{const_cast<char *>("resourceName"), const_cast<char *>("mail")};
-    static ZelReqIdentifier *mail_ids[] = {&mail_id};
-    static ZelTargetService mail{const_cast<char *>("mail"), const_cast<char *>("Web Resource"), nullptr, 1, mail_ids};
-    static ZelTargetService app{const_cast<char *>("app"), const_cast<char *>("Web Resource"), nullptr, 0, nullptr};
-    static ZelReqIdentifier east_id{const_cast<char *>("groupName"), const_cast<char *>("East")};
-    static ZelReqIdentifier *east_ids[] = {&east_id};
-    static ZelTargetService east{const_cast<char *>("East"), const_cast<char *>("Resource Group"), nullptr, 1, east_ids};
-    static ZelTargetService ops{const_cast<char *>("Ops"), const_cast<char *>("Resource Group"), nullptr, 0, nullptr};
+    static Service mail("mail", "Web Resource", "resourceName", "mail"), app("app", "Web Resource"),
+        east("East", "Resource Group", "groupName", "East"), ops("Ops", "Resource Group");
     static char *mailbox[] = {const_cast<char *>("mailbox")};
     static ZelTargetServiceType mail_type{const_cast<char *>("Mail"), 1, mailbox};
     const std::string jo = "jo" + tag, jo_person = t.person(jo), pz = "pz" + tag, stray = "Stray" + tag;
@@ -77,6 +81,12 @@ inline std::vector<Step> steps(const Target &t, const std::string &tag) {
             return recordtest::credential(z, jo.c_str(), resource) == account + "/" + kRecordPassword ? 0u : 1u;
         };
     };
+    auto add_domain = [](std::string name, const char *member) {
+        return [=](ZelSession *z) {
+            domaintest::DomainRecord d(name.c_str(), nullptr, {{"resourceName", member}});
+            return Zel_addZelDomain(z, &d.d);
+        };
+    };
     auto in_users_group = [=](ZelSession *) { return t.count(users_group, "(member=" + jo_person + ")") ? 0u : 1u; };
     auto record_args = [=](const char *verb, const char *id, const char *service, const std::string &account) {
         return std::vector<std::string>{"record", verb, jo, id, "--service", service, "--account", account,
@@ -88,12 +98,9 @@ inline std::vector<Step> steps(const Target &t, const std::string &tag) {
          }, {"db", "create", t.base, "--default-types", "--admin", t.admin}},
         {"add service type", 1, [](ZelSession *z) { return Zel_addTargetServiceType(z, &mail_type); },
          {"service-type", "add", "Mail", "--id", "mailbox"}},
-        {"add service", 1, [](ZelSession *z) { return Zel_addTargetService(z, &mail); },
+        {"add service", 1, [](ZelSession *z) { return Zel_addTargetService(z, &mail.ts); },
          {"service", "add", "mail", "--type", "Web Resource", "--id", "resourceName=mail"}},
-        {"add domain", 1, [](ZelSession *z) {
-             domaintest::DomainRecord d("East", nullptr, {{"resourceName", "mail"}});
-             return Zel_addZelDomain(z, &d.d);
-         }, {"domain", "add", "East", "--member", "mail"}},
+        {"add domain", 1, add_domain("East", "mail"), {"domain", "add", "East", "--member", "mail"}},
         // A person is an account with its password as its own.
         {"add person", 1, [=](ZelSession *z) {
              std::string pw = "Pz-pw-AD-1";
@@ -121,7 +128,7 @@ inline std::vector<Step> steps(const Target &t, const std::string &tag) {
         // A group's record needs the group's own "Resource Group" service.
         {"group record before its service", 1, add_record("G:East", "East", "jo.east"),
          record_args("add", "G:East", "East", "jo.east"), ZEL_RC_TS_NOT_FOUND},
-        {"add group service", 1, [](ZelSession *z) { return Zel_addTargetService(z, &east); },
+        {"add group service", 1, [](ZelSession *z) { return Zel_addTargetService(z, &east.ts); },
          {"service", "add", "East", "--type", "Resource Group", "--id", "groupName=East"}},
         {"add group record", 1, add_record("G:East", "East", "jo.east"), record_args("add", "G:East", "East", "jo.east")},
         {"remove direct record", 1, [=](ZelSession *z) { return Zel_removeTargetRecord(z, jo.c_str(), "T:mail"); },
@@ -136,17 +143,12 @@ inline std::vector<Step> steps(const Target &t, const std::string &tag) {
         {"remove database", 1, [](ZelSession *z) { return Zel_removeDatabase(z); }, {"db", "remove", "--yes"}},
 
         // The security domain, seeded with the resource "app".
-        {"add a service that is there", 2, [](ZelSession *z) { return Zel_addTargetService(z, &app); },
+        {"add a service that is there", 2, [](ZelSession *z) { return Zel_addTargetService(z, &app.ts); },
          {"service", "add", "app", "--type", "Web Resource"}, ZEL_RC_ALREADY_EXISTS},
-        {"add group", 2, [](ZelSession *z) {
-             domaintest::DomainRecord d("Ops", nullptr, {{"resourceName", "app"}});
-             return Zel_addZelDomain(z, &d.d);
-         }, {"domain", "add", "Ops", "--member", "app"}},
-        {"add group naming no service", 2, [=](ZelSession *z) {
-             domaintest::DomainRecord d(stray.c_str(), nullptr, {{"resourceName", "nosuch"}});
-             return Zel_addZelDomain(z, &d.d);
-         }, {"domain", "add", stray, "--member", "nosuch"}, t.absent_member},
-        {"add group service", 2, [](ZelSession *z) { return Zel_addTargetService(z, &ops); },
+        {"add group", 2, add_domain("Ops", "app"), {"domain", "add", "Ops", "--member", "app"}},
+        {"add group naming no service", 2, add_domain(stray, "nosuch"), {"domain", "add", stray, "--member", "nosuch"},
+         t.absent_member},
+        {"add group service", 2, [](ZelSession *z) { return Zel_addTargetService(z, &ops.ts); },
          {"service", "add", "Ops", "--type", "Resource Group"}},
         {"add user", 2, [=](ZelSession *z) {
              ZelUser u = usertest::user_record(jo.c_str(), "User", jo_person);

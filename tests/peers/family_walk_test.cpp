@@ -12,9 +12,7 @@ class FamilyWalk : public DirectoryTest {
 protected:
     Profile profile() const override {
         Profile p;
-        for (const char *cn : {"Users", "Resources", "ResourceGroups"})
-            p.seed_ldif += recordtest::container_ldif(std::string("cn=") + cn + "," + recordtest::kDomain, cn);
-        p.seed_ldif += "dn: " + recordtest::resource_dn("app") + "\nobjectClass: secResource\nsecResourceID: app\nsecType: 1\n";
+        p.seed_ldif = walk::security_domain_ldif("o=acme", false);
         return p;
     }
 };

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "record/record_fixture.h"
+#include "support/peers_fixture.h"
 #include "support/kerberos.h"
 
 namespace {
@@ -53,14 +54,9 @@ std::unique_ptr<Directory> directory_with_anns_record(const KerberosRealm &realm
     char *names[] = {const_cast<char *>("host")};
     ZelTargetServiceType web{const_cast<char *>("Web"), 1, names};
     EXPECT_EQ(Zel_addTargetServiceType(admin.get(), &web), 0u);
-    ZelReqIdentifier host{const_cast<char *>("host"), const_cast<char *>("mail.acme")};
-    ZelReqIdentifier *ids[] = {&host};
-    ZelTargetService mail{const_cast<char *>("mail"), const_cast<char *>("Web"), nullptr, 1, ids};
-    EXPECT_EQ(Zel_addTargetService(admin.get(), &mail), 0u);
-    ZelUser ann = user_record("ann", "User", kAnn);
-    EXPECT_EQ(Zel_addZelUser(admin.get(), &ann), 0u);
-    ZelTargetRecord r = record("T:mail", "mail", "ann.mail", "mail-pw");
-    EXPECT_EQ(Zel_addTargetRecord(admin.get(), "ann", &r), 0u);
+    Service mail("mail", "Web", "host", "mail.acme");
+    EXPECT_EQ(Zel_addTargetService(admin.get(), &mail.ts), 0u);
+    EXPECT_EQ(add_user_with_record(admin.get(), "ann", kAnn, "mail", "ann.mail", "mail-pw"), 0u);
     return dir;
 }
 

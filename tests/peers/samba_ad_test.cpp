@@ -4,7 +4,6 @@
 // through zelctl with the realm's DNS name resolving to the DC.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -36,50 +35,17 @@ std::string transport_name(const testing::TestParamInfo<Transport> &p) {
     return p.param == Transport::Plain ? "Ldap" : "Ldaps";
 }
 
-// The security domain tree as the access-control product makes it, once.
+// The security domain tree, once.
 void seed_security_domain(const SambaDc &dc) {
-    CommandResult seeded = dc.modify(
-        "dn: " + kDomain + "\nobjectClass: secAuthorityInfo\nsecAuthority: Default\nversion: 5\n\n" +
-            recordtest::container_ldif("cn=Users," + kDomain, "Users") +
-            recordtest::container_ldif("cn=Resources," + kDomain, "Resources") +
-            recordtest::container_ldif("cn=ResourceGroups," + kDomain, "ResourceGroups") + "dn: secResourceID=app,cn=Resources," +
-            kDomain + "\nobjectClass: secResource\nsecResourceID: app\nsecType: 1\n",
-        true);
+    CommandResult seeded = dc.modify(walk::security_domain_ldif(kBase), true);
     ASSERT_TRUE(seeded.status == 0 || seeded.status == LDAP_ALREADY_EXISTS) << seeded.err;
 }
 
 Session open_on(const SambaDc &dc, Transport t, uint32_t version, const std::string &user, const std::string &pw,
                 ZelRC *rc_out = nullptr) {
-    ZelSession *s = nullptr;
-    int32_t flags = t == Transport::Ldaps ? ZEL_OPEN_SSL : ZEL_OPEN_NONSSL;
-    const std::string ca = dc.ca_file();
-    const char *keyring = t == Transport::Ldaps ? ca.c_str() : nullptr;
-    ZelRC rc = version < 2 ? Zel_open(nullptr, user.c_str(), pw.c_str(), dc.address().c_str(), 0, flags, keyring,
-                                      nullptr, nullptr, &s, version)
-                           : Zel_open_sec_domain(nullptr, user.c_str(), pw.c_str(), dc.address().c_str(), 0, flags,
-                                                 keyring, nullptr, nullptr, "Default", &s, version);
-    if (rc_out) *rc_out = rc;
-    else EXPECT_EQ(rc, 0u) << "open as " << user;
-    return Session(rc == 0 ? s : nullptr);
-}
-
-// One step of a set-up: its name and the status it answered.
-struct Step {
-    const char *name;
-    std::function<ZelRC()> run;
-    ZelRC expect = 0;
-};
-
-std::string transcript(const std::vector<Step> &steps) {
-    std::string out;
-    for (const Step &st : steps) out += std::string(st.name) + "=" + std::to_string(st.run()) + "\n";
-    return out;
-}
-
-std::string expected(const std::vector<Step> &steps) {
-    std::string out;
-    for (const Step &st : steps) out += std::string(st.name) + "=" + std::to_string(st.expect) + "\n";
-    return out;
+    const bool ssl = t == Transport::Ldaps;
+    return open_version(user, pw, dc.address(), 0, ssl ? ZEL_OPEN_SSL : ZEL_OPEN_NONSSL,
+                              ssl ? dc.ca_file().c_str() : nullptr, version, rc_out);
 }
 
 class PeerSambaAD : public ::testing::TestWithParam<Transport> {
@@ -177,29 +143,17 @@ TEST(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
     dc->add_group("Zel Agents", {agent});
     seed_security_domain(*dc);
 
-    ZelReqIdentifier id{const_cast<char *>("resourceName"), const_cast<char *>("mail")};
-    ZelReqIdentifier *ids[] = {&id};
-    ZelTargetService mail{const_cast<char *>("mail"), const_cast<char *>("Web Resource"), nullptr, 1, ids};
+    Service mail("mail", "Web Resource", "resourceName", "mail"), late("late", "Web Resource", "resourceName", "mail");
     const std::string ro_person = "CN=ro," + kPeople;
-    ZelUser ro = usertest::user_record("ro", "User", ro_person);
-    ZelTargetRecord first = record("T:mail", "mail", "ro.mail", "mail-pw"), second = record("T:app", "app", "ro.app", "app-pw");
     Session v1 = open_on(*dc, Transport::Ldaps, 1, SambaDc::admin_dn(), dc->admin_password());
     ASSERT_TRUE(v1);
-    Session v2;
-    std::vector<Step> setup = {
-        {"create database", [&] { return Zel_createDatabase(v1.get(), kBase.c_str(), SambaDc::admin_dn().c_str(),
-                                                              nullptr, nullptr, ZEL_CREATEDB_XR_DEFAULTS); }},
-        {"add service", [&] { return Zel_addTargetService(v1.get(), &mail); }},
-        {"add user", [&] { return Zel_addZelUser(v1.get(), &ro); }},
-        {"add record", [&] { return Zel_addTargetRecord(v1.get(), "ro", &first); }},
-        {"open security domain", [&] {
-             v2 = open_on(*dc, Transport::Ldaps, 2, SambaDc::admin_dn(), dc->admin_password());
-             return v2 ? 0u : 1u;
-         }},
-        {"add domain user", [&] { return Zel_addZelUser(v2.get(), &ro); }},
-        {"add domain record", [&] { return Zel_addTargetRecord(v2.get(), "ro", &second); }},
-    };
-    ASSERT_EQ(transcript(setup), expected(setup));
+    ASSERT_EQ(Zel_createDatabase(v1.get(), kBase.c_str(), SambaDc::admin_dn().c_str(), nullptr, nullptr,
+                                 ZEL_CREATEDB_XR_DEFAULTS), 0u);
+    ASSERT_EQ(Zel_addTargetService(v1.get(), &mail.ts), 0u);
+    ASSERT_EQ(add_user_with_record(v1.get(), "ro", ro_person, "mail", "ro.mail", "mail-pw"), 0u);
+    Session v2 = open_on(*dc, Transport::Ldaps, 2, SambaDc::admin_dn(), dc->admin_password());
+    ASSERT_TRUE(v2);
+    ASSERT_EQ(add_user_with_record(v2.get(), "ro", ro_person, "app", "ro.app", "app-pw"), 0u);
 
     // doctor tells whether the grant is in place.
     auto doctor = [&] {
@@ -225,19 +179,12 @@ TEST(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
     EXPECT_NE(diagnosis.find(" to " + agents), std::string::npos) << diagnosis;
 
     // Records made after the grant inherit it, in both forms.
-    ZelTargetService late{const_cast<char *>("late"), const_cast<char *>("Web Resource"), nullptr, 1, ids};
     ZelTargetRecord late1 = record("T:late", "late", "ro.late1", "late-pw"), late2 = record("T:late", "late", "ro.late2", "late-pw");
-    std::vector<Step> after = {
-        {"add service", [&] { return Zel_addTargetService(v1.get(), &late); }},
-        {"add record", [&] { return Zel_addTargetRecord(v1.get(), "ro", &late1); }},
-        {"add domain resource", [&] {
-             return static_cast<ZelRC>(dc->modify("dn: secResourceID=late,cn=Resources," + kDomain +
-                                                      "\nobjectClass: secResource\nsecResourceID: late\nsecType: 1\n",
-                                                  true).status);
-         }},
-        {"add domain record", [&] { return Zel_addTargetRecord(v2.get(), "ro", &late2); }},
-    };
-    ASSERT_EQ(transcript(after), expected(after));
+    ASSERT_EQ(Zel_addTargetService(v1.get(), &late.ts), 0u);
+    ASSERT_EQ(Zel_addTargetRecord(v1.get(), "ro", &late1), 0u);
+    ASSERT_EQ(dc->modify("dn: secResourceID=late,cn=Resources," + kDomain +
+                             "\nobjectClass: secResource\nsecResourceID: late\nsecType: 1\n", true).status, 0);
+    ASSERT_EQ(Zel_addTargetRecord(v2.get(), "ro", &late2), 0u);
 
     struct Case {
         const std::string &who;

@@ -1,9 +1,8 @@
 #include "support/ds389.h"
 
+#include "support/pair.h"
+
 #include <pwd.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -22,13 +21,6 @@ namespace zeltest {
 namespace {
 
 const char *const kTemplate = "/usr/share/dirsrv/data/template-dse.ldif";
-
-std::string read_text(const std::string &path) {
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
 
 void replace_all(std::string &text, const std::string &from, const std::string &to) {
     for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
@@ -57,8 +49,11 @@ std::string getpwuid_name() {
 }  // namespace
 
 Ds389::Ds389(std::string suffix) : suffix_(std::move(suffix)) {
-    dir_ = make_temp_dir("ds389");
+    dir_ = files_ = make_temp_dir("ds389");
     port_ = free_ports().first;
+    tools_uri_ = uri();
+    admin_ = admin_dn();
+    admin_password_ = admin_password();
     // The server names a shared-memory semaphore after this folder: it must
     // be unique among running instances.
     config_dir_ = dir_ + "/slapd-zel" + std::to_string(port_);
@@ -67,33 +62,29 @@ Ds389::Ds389(std::string suffix) : suffix_(std::move(suffix)) {
         start();
         add_backend();
     } catch (...) {
-        stop();
+        kill();
         throw;
     }
 }
 
-Ds389::~Ds389() { stop(); }
-
-void Ds389::stop() {
-    if (pid_ > 0) {
-        kill(pid_, SIGKILL);  // a throw-away database needs no clean shutdown
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-        std::error_code ec;
-        fs::remove("/dev/shm/sem." + fs::path(config_dir_).filename().string() + ".stats", ec);
-    }
+Ds389::~Ds389() {
+    kill();
     std::error_code ec;
     fs::remove_all(dir_, ec);
 }
 
-std::string Ds389::uri() const { return "ldap://127.0.0.1:" + std::to_string(port_); }
+void Ds389::hang() { hang_process(pid_); }
 
-std::string Ds389::password_file(const std::string &password) const {
-    static int n = 0;
-    std::string path = dir_ + "/pw" + std::to_string(++n);
-    write_file(path, password);
-    chmod(path.c_str(), 0600);
-    return path;
+void Ds389::resume() { resume_process(pid_); }
+
+void Ds389::kill() {
+    if (pid_ <= 0) return;
+    const std::string lock = dir_ + "/lock/server/" + std::to_string(pid_);
+    end_process(pid_, SIGKILL);
+    // What a killed server leaves behind would refuse the next start.
+    std::error_code ec;
+    fs::remove("/dev/shm/sem." + fs::path(config_dir_).filename().string() + ".stats", ec);
+    fs::remove(lock, ec);
 }
 
 void Ds389::write_config() {
@@ -125,6 +116,7 @@ void Ds389::write_config() {
 }
 
 void Ds389::start() {
+    if (pid_ > 0) return;
     // In the foreground (-d 0) its pid is ours to stop; -i keeps it from
     // using its default pid file.
     try {
@@ -145,28 +137,6 @@ void Ds389::add_backend() {
                        "cn: " + suffix_ + "\nnsslapd-state: backend\nnsslapd-backend: userRoot\n";
     CommandResult r = modify(ldif, true);
     if (r.status != 0) throw std::runtime_error("adding the backend failed: " + r.err);
-}
-
-CommandResult Ds389::modify(const std::string &ldif, bool add) const {
-    std::vector<std::string> argv = {"ldapmodify", "-x", "-H", uri(), "-D", admin_dn(), "-y",
-                                     password_file(admin_password())};
-    if (add) argv.push_back("-a");
-    return run_command(argv, ldif);
-}
-
-CommandResult Ds389::search_as(const std::string &bind_dn, const std::string &password, const std::string &base,
-                               const std::string &filter, const std::vector<std::string> &attrs) const {
-    std::vector<std::string> argv = {"ldapsearch", "-x", "-LLL", "-o", "ldif-wrap=no", "-H", uri(), "-b", base};
-    if (!bind_dn.empty()) argv.insert(argv.end(), {"-D", bind_dn, "-y", password_file(password)});
-    argv.push_back(filter);
-    argv.insert(argv.end(), attrs.begin(), attrs.end());
-    return run_command(argv);
-}
-
-std::vector<Entry> Ds389::search(const std::string &base, const std::string &filter,
-                                 const std::vector<std::string> &attrs) const {
-    CommandResult r = search_as(admin_dn(), admin_password(), base, filter, attrs);
-    return r.status == 0 ? parse_ldif(r.out) : std::vector<Entry>{};
 }
 
 }  // namespace zeltest

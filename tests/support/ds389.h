@@ -1,21 +1,21 @@
 // A private 389 Directory Server for a test: one instance on a free
 // loopback port, every file in a temporary folder, the zelmgmt schema in the
 // server's own form, one backend for the suffix (its entry is left to the
-// caller).  Started by the constructor, stopped (by its own pid) by the
-// destructor.
+// caller).  Started by the constructor; a test can hang it, kill it and start
+// it again on the same port and data; the destructor kills it (by its own
+// pid) and removes every file.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
-#include "support/directory.h"
+#include "support/peers_fixture.h"
 
 namespace zeltest {
 
-class Ds389 {
+class Ds389 : public PeerTools {
 public:
     explicit Ds389(std::string suffix = "o=acme");
     ~Ds389();
@@ -23,31 +23,22 @@ public:
     Ds389 &operator=(const Ds389 &) = delete;
 
     uint16_t port() const { return port_; }
-    std::string uri() const;
+    std::string uri() const { return "ldap://127.0.0.1:" + std::to_string(port_); }
     const std::string &suffix() const { return suffix_; }
     static const char *admin_dn() { return "cn=Directory Manager"; }
     static const char *admin_password() { return "Manager-389"; }
 
-    // A file holding a password (no newline) for the tools' -y option, so
-    // that no password shows on a command line.
-    std::string password_file(const std::string &password) const;
-
-    // ldapmodify (with add = true: ldapadd) as the directory manager.
-    CommandResult modify(const std::string &ldif, bool add = false) const;
-    // ldapsearch bound as bind_dn with password (anonymous when bind_dn is
-    // empty); attrs empty means all user attributes.
-    CommandResult search_as(const std::string &bind_dn, const std::string &password,
-                            const std::string &base, const std::string &filter,
-                            const std::vector<std::string> &attrs = {}) const;
-    // The entries below base as the directory manager sees them.
-    std::vector<Entry> search(const std::string &base, const std::string &filter = "(objectClass=*)",
-                              const std::vector<std::string> &attrs = {}) const;
+    void hang();
+    void resume();
+    // SIGKILL: instant (a clean stop takes seconds), and the server starts
+    // again cleanly.
+    void kill();
+    // Starts it unless it runs; waits until it listens.
+    void start();
 
 private:
     void write_config();
-    void start();
     void add_backend();
-    void stop();  // also removes every file
 
     std::string suffix_;
     std::string dir_, config_dir_;

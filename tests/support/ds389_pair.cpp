@@ -1,75 +1,70 @@
 #include "support/ds389_pair.h"
 
-#include <signal.h>
-
 #include <chrono>
-#include <fstream>
 #include <stdexcept>
 #include <thread>
-
-#ifndef ZEL_SOURCE_DIR
-#error "ZEL_SOURCE_DIR must name the source tree"
-#endif
-#ifndef ZEL_BINARY_DIR
-#error "ZEL_BINARY_DIR must name the build tree"
-#endif
 
 namespace zeltest {
 namespace {
 
-const char *const kScript = ZEL_SOURCE_DIR "/tests/support/ds389_pair.sh";
+const char *const kManager = "cn=replication manager,cn=config";
+const char *const kManagerPassword = "Repl-389-pw";
 
-pid_t read_pid(const std::string &text) { return text.empty() ? -1 : static_cast<pid_t>(std::stol(text)); }
+std::string agreement_dn(int n) {
+    return "cn=to-s" + std::to_string(3 - n) + ",cn=replica,cn=\"" + Ds389Pair::suffix() + "\",cn=mapping tree,cn=config";
+}
+
+void must(const CommandResult &r, const std::string &what) {
+    if (r.status != 0) throw std::runtime_error(what + " failed: " + r.err + r.out);
+}
 
 }  // namespace
 
+// Managers and replicas on both servers before any agreement: an agreement
+// starts at once, and one made before its peer has a manager waits a second
+// to try again.
 Ds389Pair::Ds389Pair() {
-    dir_ = make_temp_dir("ds389pair");
-    CommandResult up = script({"start", dir_});
-    if (up.status != 0) {
-        script({"destroy", dir_});
-        throw std::runtime_error("the 389 pair did not come up: " + up.out + up.err);
+    for (auto &s : servers_) s = std::make_unique<Ds389>(suffix());
+    password_file_ = server(1).password_file(admin_password());
+    must(server(1).modify(suffix_entry_ldif(suffix()), true), "the suffix entry");
+    for (int n = 1; n <= 2; ++n)
+        must(server(n).modify(std::string("dn: ") + kManager + "\nobjectClass: top\nobjectClass: netscapeServer\n"
+                                  "objectClass: nsAccount\ncn: replication manager\nuserPassword: " + kManagerPassword +
+                                  "\n\ndn: cn=replica,cn=\"" + suffix() + "\",cn=mapping tree,cn=config\n"
+                                  "objectClass: top\nobjectClass: nsds5Replica\ncn: replica\nnsDS5ReplicaRoot: " +
+                                  suffix() + "\nnsDS5ReplicaId: " + std::to_string(n) +
+                                  "\nnsDS5ReplicaType: 3\nnsDS5Flags: 1\nnsDS5ReplicaBindDN: " + kManager + "\n",
+                              true),
+             "the replica of server " + std::to_string(n));
+    // Agreements that wait 5 ms instead of 100 for the peer's answers:
+    // changes made back to back reach it in milliseconds.
+    for (int n = 1; n <= 2; ++n)
+        must(server(n).modify("dn: " + agreement_dn(n) + "\nobjectClass: top\nobjectClass: nsds5replicationagreement\n"
+                                  "cn: to-s" + std::to_string(3 - n) + "\nnsDS5ReplicaRoot: " + suffix() +
+                                  "\nnsDS5ReplicaHost: 127.0.0.1\nnsDS5ReplicaPort: " + std::to_string(port(3 - n)) +
+                                  "\nnsDS5ReplicaTransportInfo: LDAP\nnsDS5ReplicaBindMethod: SIMPLE\n"
+                                  "nsDS5ReplicaBindDN: " + kManager + "\nnsDS5ReplicaCredentials: " + kManagerPassword +
+                                  "\nnsds5ReplicaWaitForAsyncResults: 5\n",
+                              true),
+             "the agreement of server " + std::to_string(n));
+    // Server 2 gets the suffix by a total update from server 1.
+    must(server(1).modify("dn: " + agreement_dn(1) + "\nchangetype: modify\nreplace: nsds5BeginReplicaRefresh\n"
+                          "nsds5BeginReplicaRefresh: start\n"),
+         "starting the total update");
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    for (;;) {
+        const std::vector<Entry> a = server(1).search(agreement_dn(1), "(objectClass=*)",
+                                                      {"nsds5BeginReplicaRefresh", "nsds5ReplicaLastInitStatus"});
+        const std::string status = a.empty() ? "" : a.front().first("nsds5ReplicaLastInitStatus");
+        if (!a.empty() && !a.front().has("nsds5BeginReplicaRefresh")) {
+            if (status.find("Total update succeeded") != std::string::npos) break;
+            if (status.find("rror") != std::string::npos || status.find("ail") != std::string::npos)
+                throw std::runtime_error("the total update failed: " + status);
+        }
+        if (std::chrono::steady_clock::now() > deadline) throw std::runtime_error("the total update: " + status);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    for (int n = 1; n <= 2; ++n) {
-        std::ifstream port(dir_ + "/s" + std::to_string(n) + "/port");
-        int p = 0;
-        port >> p;
-        ports_[n - 1] = static_cast<uint16_t>(p);
-    }
-    password_file_ = dir_ + "/rootpw";
-}
-
-Ds389Pair::~Ds389Pair() { script({"destroy", dir_}); }
-
-CommandResult Ds389Pair::script(const std::vector<std::string> &args) const {
-    std::vector<std::string> argv = {"bash", kScript};
-    argv.insert(argv.end(), args.begin(), args.end());
-    // Agreements that wait less for the peer's answers: changes made back to
-    // back reach it in milliseconds instead of a tenth of a second.
-    return run_command(argv, "",
-                       {{"SCHEMA_LDIF", std::string(ZEL_BINARY_DIR) + "/schema/99zel.ldif"},
-                        {"REPL_WAIT_ASYNC", "5"}, {"SUFFIX", suffix()}, {"ROOTPW", admin_password()}});
-}
-
-std::string Ds389Pair::hosts() const {
-    return "127.0.0.1:" + std::to_string(port(1)) + " 127.0.0.1:" + std::to_string(port(2));
-}
-
-void Ds389Pair::hang(int n) {
-    pid_t pid = read_pid(script({"pid", dir_, std::to_string(n)}).out);
-    if (pid > 0) ::kill(pid, SIGSTOP);
-}
-
-void Ds389Pair::resume(int n) {
-    pid_t pid = read_pid(script({"pid", dir_, std::to_string(n)}).out);
-    if (pid > 0) ::kill(pid, SIGCONT);
-}
-
-void Ds389Pair::kill(int n) { script({"kill", dir_, std::to_string(n)}); }
-
-void Ds389Pair::start(int n) {
-    CommandResult r = script({"start1", dir_, std::to_string(n)});
-    if (r.status != 0) throw std::runtime_error("389 server " + std::to_string(n) + " did not start: " + r.err);
+    if (!wait_for(2, suffix(), "(objectClass=organization)")) throw std::runtime_error("the suffix is not on server 2");
 }
 
 void Ds389Pair::heal() {
@@ -81,29 +76,17 @@ void Ds389Pair::heal() {
 }
 
 void Ds389Pair::partition(bool cut) {
-    CommandResult r = script({"agreements", dir_, cut ? "off" : "on"});
-    if (r.status != 0) throw std::runtime_error("switching replication failed: " + r.err);
+    for (int n = 1; n <= 2; ++n)
+        must(server(n).modify("dn: " + agreement_dn(n) + "\nchangetype: modify\nreplace: nsds5ReplicaEnabled\n"
+                              "nsds5ReplicaEnabled: " + (cut ? "off" : "on") + "\n"),
+             "switching replication");
     cut_ = cut;
 }
 
-CommandResult Ds389Pair::modify(int n, const std::string &ldif) const {
-    return run_command({"ldapmodify", "-x", "-H", uri(n), "-D", admin_dn(), "-y", password_file_}, ldif);
-}
-
-std::vector<Entry> Ds389Pair::search(int n, const std::string &base, const std::string &filter,
-                                     const std::vector<std::string> &attrs) const {
-    std::vector<std::string> argv = {"ldapsearch", "-x", "-LLL", "-o", "ldif-wrap=no", "-H", uri(n),
-                                     "-D", admin_dn(), "-y", password_file_, "-b", base, filter};
-    argv.insert(argv.end(), attrs.begin(), attrs.end());
-    CommandResult r = run_command(argv);
-    return r.status == 0 ? parse_ldif(r.out) : std::vector<Entry>{};
-}
-
-bool Ds389Pair::wait_for(int n, const std::string &base, const std::string &filter, size_t count,
-                         int seconds) const {
+bool Ds389Pair::wait_for(int n, const std::string &base, const std::string &filter, size_t count, int seconds) const {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     for (;;) {
-        if (search(n, base, filter).size() == count) return true;
+        if (server(n).search(base, filter, {"1.1"}).size() == count) return true;
         if (std::chrono::steady_clock::now() >= deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }

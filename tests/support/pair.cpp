@@ -52,21 +52,9 @@ ReplicatedPair::ReplicatedPair(const std::string &seed_ldif) {
 }
 
 ReplicatedPair::~ReplicatedPair() {
-    for (pid_t pid : pids_) {
-        if (pid <= 0) continue;
-        kill(pid, SIGKILL);   // the data is thrown away
-        waitpid(pid, nullptr, 0);
-    }
+    for (pid_t &pid : pids_) end_process(pid, SIGKILL);   // the data is thrown away
     std::error_code ignored;
     std::filesystem::remove_all(dir_, ignored);
-}
-
-std::string ReplicatedPair::uri(int n) const { return "ldap://127.0.0.1:" + std::to_string(port(n)); }
-
-std::string ReplicatedPair::tls_uri(int n) const { return "ldaps://127.0.0.1:" + std::to_string(tls_port(n)); }
-
-std::string ReplicatedPair::hosts() const {
-    return "127.0.0.1:" + std::to_string(port(1)) + " 127.0.0.1:" + std::to_string(port(2));
 }
 
 void ReplicatedPair::write_config(int n) {
@@ -113,6 +101,7 @@ char process_state(pid_t pid) {
 
 // A signal takes effect a moment after kill() returns: wait until it has.
 void signal_and_wait(pid_t pid, int signal, bool stopped) {
+    if (pid <= 0) return;
     kill(pid, signal);
     for (int i = 0; i < 1000 && (process_state(pid) == 'T') != stopped; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -120,17 +109,16 @@ void signal_and_wait(pid_t pid, int signal, bool stopped) {
 
 }  // namespace
 
-void ReplicatedPair::hang(int n) { signal_and_wait(pids_[n - 1], SIGSTOP, true); }
+void hang_process(pid_t pid) { signal_and_wait(pid, SIGSTOP, true); }
 
-void ReplicatedPair::resume(int n) { signal_and_wait(pids_[n - 1], SIGCONT, false); }
+void resume_process(pid_t pid) { signal_and_wait(pid, SIGCONT, false); }
 
-void ReplicatedPair::stop(int n) {
-    pid_t pid = pids_[n - 1];
+void end_process(pid_t &pid, int signal) {
     if (pid <= 0) return;
     kill(pid, SIGCONT);
-    kill(pid, SIGTERM);
+    kill(pid, signal);
     waitpid(pid, nullptr, 0);
-    pids_[n - 1] = -1;
+    pid = -1;
 }
 
 void ReplicatedPair::heal() {

@@ -8,6 +8,7 @@
 // plain port, with a certificate of the test CA (test_tls_files()).
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -15,10 +16,36 @@
 
 namespace zeltest {
 
-class ReplicatedPair {
+// Two servers replicating each other, as the failover steps drive them:
+// numbered 1 and 2, on loopback ports, each of which can hang, resume, stop
+// and start again on the same port and data.
+class ServerPair {
+public:
+    virtual ~ServerPair() = default;
+    virtual uint16_t port(int n) const = 0;
+    std::string uri(int n) const { return "ldap://127.0.0.1:" + std::to_string(port(n)); }
+    // "127.0.0.1:P1 127.0.0.1:P2": the host argument of an open.
+    std::string hosts() const {
+        return "127.0.0.1:" + std::to_string(port(1)) + " 127.0.0.1:" + std::to_string(port(2));
+    }
+    virtual void hang(int n) = 0;    // SIGSTOP: connections are accepted, nothing answers
+    virtual void resume(int n) = 0;
+    virtual void stop(int n) = 0;    // gone, until start(n)
+    virtual void start(int n) = 0;   // waits until it listens
+    // Both servers running and answering again, whatever a test did.
+    virtual void heal() = 0;
+};
+
+// A server process of a test, signalled by its pid: each returns once the
+// signal has taken effect; end() also reaps it and clears the pid.
+void hang_process(pid_t pid);
+void resume_process(pid_t pid);
+void end_process(pid_t &pid, int signal);
+
+class ReplicatedPair : public ServerPair {
 public:
     explicit ReplicatedPair(const std::string &seed_ldif = "");
-    ~ReplicatedPair();
+    ~ReplicatedPair() override;
     ReplicatedPair(const ReplicatedPair &) = delete;
     ReplicatedPair &operator=(const ReplicatedPair &) = delete;
 
@@ -26,20 +53,15 @@ public:
     static const char *admin_dn() { return "cn=Manager,o=acme"; }
     static const char *admin_password() { return "secret"; }
 
-    // Servers are numbered 1 and 2.
-    uint16_t port(int n) const { return ports_[n - 1]; }
-    std::string uri(int n) const;
+    uint16_t port(int n) const override { return ports_[n - 1]; }
     uint16_t tls_port(int n) const { return tls_ports_[n - 1]; }
-    std::string tls_uri(int n) const;
-    // "127.0.0.1:P1 127.0.0.1:P2": the host argument of an open.
-    std::string hosts() const;
+    std::string tls_uri(int n) const { return "ldaps://127.0.0.1:" + std::to_string(tls_port(n)); }
 
-    void hang(int n);
-    void resume(int n);
-    void stop(int n);    // SIGTERM, waits for the exit
-    void start(int n);   // waits until it listens
-    // Both servers running and answering again, whatever a test did.
-    void heal();
+    void hang(int n) override { hang_process(pids_[n - 1]); }
+    void resume(int n) override { resume_process(pids_[n - 1]); }
+    void stop(int n) override { end_process(pids_[n - 1], SIGTERM); }
+    void start(int n) override;
+    void heal() override;
     // Waits until server n holds dn (true) or `seconds` pass (false).
     bool wait_for(int n, const std::string &dn, int seconds = 10) const;
 

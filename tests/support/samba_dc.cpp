@@ -44,13 +44,6 @@ std::string free_address() {
     throw std::runtime_error("no free loopback address for the DC");
 }
 
-std::string read_text(const std::string &path) {
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
-
 std::string base64(const std::string &bytes) {
     CommandResult r = run_command({"openssl", "base64", "-A"}, bytes);
     if (r.status != 0) throw std::runtime_error("openssl base64 failed: " + r.err);
@@ -86,9 +79,13 @@ SambaDc *SambaDc::shared(std::string &why_not) {
 }
 
 SambaDc::SambaDc() {
-    dir_ = make_temp_dir("samba");
+    dir_ = files_ = make_temp_dir("samba");
+    admin_ = admin_dn();
+    // LDAPNOINIT would make the tools ignore LDAPTLS_CACERT as well.
+    env_ = {{"LDAPNOINIT", ""}, {"LDAPTLS_CACERT", ca_file()}};
     try {
         address_ = free_address();
+        tools_uri_ = ldaps_uri();
         provision();
         make_certificate();
         start();
@@ -205,42 +202,6 @@ void SambaDc::load_schema() {
     if (r.status != 0) throw std::runtime_error("loading schema/zel-ad.ldif failed: " + r.err + r.out);
 }
 
-// LDAPNOINIT would make the tools ignore LDAPTLS_CACERT as well.
-std::map<std::string, std::string> SambaDc::tls_env() const {
-    return {{"LDAPNOINIT", ""}, {"LDAPTLS_CACERT", ca_file()}};
-}
-
-std::string SambaDc::password_file(const std::string &password) const {
-    static int n = 0;
-    std::string path = dir_ + "/pw" + std::to_string(++n);
-    write_file(path, password);
-    chmod(path.c_str(), 0600);
-    return path;
-}
-
-CommandResult SambaDc::modify(const std::string &ldif, bool add) const {
-    std::vector<std::string> argv = {"ldapmodify", "-x", "-H", ldaps_uri(), "-D", admin_dn(), "-y",
-                                     password_file(admin_password_)};
-    if (add) argv.push_back("-a");
-    return run_command(argv, ldif, tls_env());
-}
-
-CommandResult SambaDc::search_as(const std::string &bind_dn, const std::string &password, const std::string &base,
-                                 const std::string &filter, const std::vector<std::string> &attrs) const {
-    std::vector<std::string> argv = {"ldapsearch", "-x", "-LLL", "-o", "ldif-wrap=no", "-H", ldaps_uri(), "-b", base};
-    if (base.empty()) argv.insert(argv.end(), {"-s", "base"});
-    if (!bind_dn.empty()) argv.insert(argv.end(), {"-D", bind_dn, "-y", password_file(password)});
-    argv.push_back(filter);
-    argv.insert(argv.end(), attrs.begin(), attrs.end());
-    return run_command(argv, "", tls_env());
-}
-
-std::vector<Entry> SambaDc::search(const std::string &base, const std::string &filter,
-                                   const std::vector<std::string> &attrs) const {
-    CommandResult r = search_as(admin_dn(), admin_password_, base, filter, attrs);
-    return r.status == 0 ? parse_ldif(r.out) : std::vector<Entry>{};
-}
-
 void SambaDc::add_account(const std::string &name, const std::string &password) const {
     CommandResult r = modify("dn: CN=" + name + ",CN=Users," + base() +
                                  "\nobjectClass: user\nsAMAccountName: " + name + "\nuid: " + name +
@@ -262,7 +223,7 @@ CommandResult SambaDc::grant_readers(const std::string &group_dn, const std::vec
     std::vector<std::string> argv = {std::string(ZEL_SOURCE_DIR) + "/schema/ad-grant-readers.sh", "-H", ldaps_uri(),
                                      "-D", admin_dn(), "-y", password_file(admin_password_), group_dn};
     argv.insert(argv.end(), entry_dns.begin(), entry_dns.end());
-    return run_command(argv, "", tls_env());
+    return run_command(argv, "", env_);
 }
 
 std::string SambaDc::hosts_file() const {
