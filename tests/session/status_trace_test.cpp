@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <ldap.h>
 
 #include "support/env.h"
 #include "support/session.h"
+#include "ZelStatus.h"
 
 using namespace zeltest;
 

@@ -7,7 +7,8 @@
 
 #include <sodium.h>
 
-#include "zel_internal.h"
+#include "ZelHolders.h"
+#include "ZelStatus.h"
 #include "platform/audit_chain.h"
 #include "platform/audit_file.h"
 #include "platform/key_file.h"

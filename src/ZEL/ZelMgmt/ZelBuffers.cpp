@@ -6,7 +6,10 @@
 #include <cstring>
 
 #include "platform/utf8_text.h"
-#include "zel_internal.h"
+#include "ZelPlatform.h"
+#include "ZelRoutines.h"
+#include "ZelSession.h"
+#include "ZelText.h"
 
 namespace zel {
 

@@ -1,7 +1,5 @@
-// The directory client adapter, under the short name the library's files
-// call it by.
+// The directory client adapter, as the library's files reach it.
 #pragma once
 
+#include "ZelPlatform.h"
 #include "platform/ldap_client.h"
-
-namespace plat = zel::platform;

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "ZelUserAccess.h"
-#include "zel_internal.h"
+#include "ZelSession.h"
 
 namespace zel::db {
 

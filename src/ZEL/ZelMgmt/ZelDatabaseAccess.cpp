@@ -6,6 +6,12 @@
 #include "ZelEntry.h"
 #include "ZelAccessText.h"
 #include "ZelDatabase.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
 
 namespace {
 

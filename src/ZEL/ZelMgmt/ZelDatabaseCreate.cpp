@@ -10,6 +10,13 @@
 #include "ZelAccessText.h"
 #include "ZelDatabase.h"
 #include "platform/ad_account.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
 
 namespace {
 

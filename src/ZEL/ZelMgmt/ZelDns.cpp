@@ -4,7 +4,9 @@
 #include <cstring>
 
 #include "platform/dn_escape.h"
-#include "zel_internal.h"
+#include "ZelPlatform.h"
+#include "ZelSession.h"
+#include "ZelWellKnownDns.h"
 
 namespace zel {
 

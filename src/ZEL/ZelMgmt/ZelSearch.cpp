@@ -6,7 +6,13 @@
 
 #include "ZelFailover.h"
 #include "platform/filter_format.h"
-#include "zel_internal.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
 
 namespace zel {
 

@@ -2,6 +2,9 @@
 // product's own dialect, and the names every user routine shares.
 #include "ZelUserAccess.h"
 #include "ZelAccessText.h"
+#include "ZelRoutines.h"
+#include "ZelSession.h"
+#include "ZelText.h"
 
 #include <cstdarg>
 #include <cstring>

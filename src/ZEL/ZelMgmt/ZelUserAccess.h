@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "zel_internal.h"
+#include "zelmgmt.h"
 
 namespace zel {
 
