@@ -1,4 +1,4 @@
-// RAII holders for what the directory client and the C allocator hand out,
+// RAII holders for what the directory client and the C library hand out,
 // and for the modification lists the library builds.
 #pragma once
 
@@ -7,6 +7,7 @@
 #endif
 #include <ldap.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
 #include <memory>
@@ -23,6 +24,9 @@ struct LdapMemFree { void operator()(void *p) const { if (p) ldap_memfree(p); } 
 struct CFree { void operator()(void *p) const { std::free(p); } };
 struct DnFree { void operator()(LDAPDN dn) const { if (dn) ldap_dnfree(dn); } };
 struct RdnFree { void operator()(LDAPRDN rdn) const { if (rdn) ldap_rdnfree(rdn); } };
+struct ControlFree { void operator()(LDAPControl *c) const { if (c) ldap_control_free(c); } };
+struct ControlsFree { void operator()(LDAPControl **c) const { if (c) ldap_controls_free(c); } };
+struct FileClose { void operator()(std::FILE *f) const { std::fclose(f); } };
 // What the public calls hand out, freed with the call that frees it.
 template <class T, void (*Free)(T *)>
 struct FreeWith { void operator()(T *p) const { Free(p); } };

@@ -60,9 +60,6 @@ LDAPMessage *SearchPages::first_entry(LDAP *ld) const {
 
 namespace {
 
-struct ControlFree { void operator()(LDAPControl *c) const { if (c) ldap_control_free(c); } };
-struct ControlsFree { void operator()(LDAPControl **c) const { if (c) ldap_controls_free(c); } };
-
 // The server's cookie for the next page; empty when the last page came.
 class Cookie {
 public:
