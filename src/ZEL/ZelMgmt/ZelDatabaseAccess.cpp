@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "ZelEntry.h"
-#include "ZelAccessText.h"
+#include "ZelUserAccess.h"
 #include "ZelDatabase.h"
 #include "ZelClient.h"
 #include "ZelHolders.h"

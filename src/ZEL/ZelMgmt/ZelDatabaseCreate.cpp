@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "ZelEntry.h"
-#include "ZelAccessText.h"
+#include "ZelUserAccess.h"
 #include "ZelDatabase.h"
 #include "platform/ad_account.h"
 #include "ZelClient.h"
