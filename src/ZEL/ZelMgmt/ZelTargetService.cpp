@@ -24,6 +24,10 @@
 
 namespace zel {
 
+bool builtin_service_type(const char *type) {
+    return same_text(type, "Web Resource") || same_text(type, "Resource Group");
+}
+
 ZelRC split_identifier(const char *stored, ZelReqIdentifier *pair) {
     char **fields[] = {&pair->name, &pair->value};
     const char *p = stored;
