@@ -6,6 +6,7 @@
 
 #include "support/env.h"
 #include "support/session.h"
+#include "ZelSession.h"
 #include "ZelStatus.h"
 
 using namespace zeltest;

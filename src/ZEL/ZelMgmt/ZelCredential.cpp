@@ -15,6 +15,7 @@
 #include "ZelRoutines.h"
 #include "ZelSearch.h"
 #include "ZelSession.h"
+#include "ZelText.h"
 #include "ZelTrace.h"
 
 namespace {

@@ -10,6 +10,7 @@
 #include "ZelSearch.h"
 #include "ZelSession.h"
 #include "ZelStatus.h"
+#include "ZelText.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "ZelHolders.h"
-#include "ZelSession.h"
+#include "zelmgmt.h"
 
 namespace zel {
 

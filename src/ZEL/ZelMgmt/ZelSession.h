@@ -1,5 +1,5 @@
-// The session record behind a ZelSession handle, the fixed sizes of the
-// stored forms, and what every family asks of a session.
+// The session record behind a ZelSession handle, and what every family asks
+// of a session.
 #pragma once
 
 #ifndef LDAP_DEPRECATED
@@ -63,14 +63,6 @@ struct ZelSession {
 };
 
 namespace zel {
-
-// Fixed sizes of the stored forms.  They are limits: a value that would not
-// fit is refused, never written past.
-constexpr size_t kDnSize = 1000;
-constexpr size_t kFilterSize = 600;
-constexpr size_t kHostSize = 256;
-constexpr size_t kAclSize = 2000;
-constexpr size_t kShortValueSize = 256;
 
 bool valid_handle(const ZelSession *s);
 // The session changed a user (or may have): what it cached about users goes.

@@ -7,7 +7,7 @@
 #include <new>
 
 #include "ZelAttributes.h"
-#include "ZelSession.h"
+#include "zelmgmt.h"
 
 namespace zel {
 

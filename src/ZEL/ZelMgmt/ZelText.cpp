@@ -8,7 +8,6 @@
 
 #include "platform/utf8_text.h"
 #include "ZelPlatform.h"
-#include "ZelSession.h"
 #include "ZelText.h"
 
 namespace zel {

@@ -11,6 +11,14 @@
 
 namespace zel {
 
+// Fixed sizes of the stored forms.  They are limits: a value that would not
+// fit is refused, never written past.
+constexpr size_t kDnSize = 1000;
+constexpr size_t kFilterSize = 600;
+constexpr size_t kHostSize = 256;
+constexpr size_t kAclSize = 2000;
+constexpr size_t kShortValueSize = 256;
+
 // Fixed buffers are limits: these write nothing and answer false when the
 // text (with its NUL) would not fit.
 bool copy_into(char *dst, size_t size, const char *text);

@@ -6,6 +6,7 @@
 #include "platform/dn_escape.h"
 #include "ZelPlatform.h"
 #include "ZelSession.h"
+#include "ZelText.h"
 #include "ZelWellKnownDns.h"
 
 namespace zel {

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "ZelSession.h"
+#include "zelmgmt.h"
 
 namespace zel {
 
