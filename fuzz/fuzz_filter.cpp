@@ -7,7 +7,7 @@
 #include <string>
 
 #include "platform/filter_format.h"
-#include "zel_internal.h"
+#include "ZelSearch.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string value(reinterpret_cast<const char *>(data), size);

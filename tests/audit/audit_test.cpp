@@ -17,6 +17,7 @@
 #include "record/record_fixture.h"
 #include "support/env.h"
 #include "support/key_files.h"
+#include "ZelSession.h"
 
 using namespace recordtest;
 namespace plat = zel::platform;

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "database/db_fixture.h"
+#include "ZelHolders.h"
 
 using namespace dbtest;
 

@@ -3,6 +3,7 @@
 #include <ldap.h>
 
 #include "database/db_fixture.h"
+#include "ZelRoutines.h"
 
 using namespace dbtest;
 

@@ -1,6 +1,7 @@
 // Database removal: the schema probe decides, then only the database's own
 // subtree goes.  Person entries, registered as Zel users on request.  zelctl
 // db and person end to end.
+#include <ldap.h>
 #include "database/db_fixture.h"
 #include "support/key_files.h"
 #include "support/progress_log.h"

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/session.h"
+#include "ZelHolders.h"
 
 namespace domaintest {
 

@@ -2,6 +2,8 @@
 // reading and removing them.
 #include "domain/domain_fixtures.h"
 #include "targetservice/ts_fixtures.h"
+#include "ZelRoutines.h"
+#include "ZelSession.h"
 
 namespace {
 

@@ -1,11 +1,13 @@
 // Opens and live sessions on a replicated pair whose servers refuse, hang,
 // stop and come back.
 #include <fstream>
+#include <ldap.h>
 
 #include "failover/failover_fixture.h"
 #include "support/directory.h"
 #include "support/env.h"
 #include "support/key_files.h"
+#include "ZelSession.h"
 
 namespace failovertest {
 namespace {

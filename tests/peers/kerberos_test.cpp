@@ -12,6 +12,7 @@
 #include "record/record_fixture.h"
 #include "support/peers_fixture.h"
 #include "support/kerberos.h"
+#include "ZelSession.h"
 
 namespace {
 

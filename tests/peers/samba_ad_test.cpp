@@ -11,6 +11,7 @@
 #include "record/record_fixture.h"
 #include "peers/family_walk.h"
 #include "support/samba_dc.h"
+#include "ZelSession.h"
 
 namespace {
 

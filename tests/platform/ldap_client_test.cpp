@@ -10,6 +10,7 @@
 #include "support/directory.h"
 #include "support/fault_injection.h"
 #include "support/session.h"
+#include "ZelRoutines.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "zel_internal.h"
+#include "ZelText.h"
 
 namespace {
 

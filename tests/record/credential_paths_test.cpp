@@ -15,6 +15,8 @@
 #include "platform/dn_escape.h"
 #include "platform/password_mask.h"
 #include "record/record_fixture.h"
+#include "ZelPlatform.h"
+#include "ZelSession.h"
 
 using namespace recordtest;
 

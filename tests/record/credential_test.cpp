@@ -2,8 +2,10 @@
 // first group record (in directory order) whose resource group holds the
 // resource.
 #include <array>
+#include <ldap.h>
 
 #include "record/record_fixture.h"
+#include "ZelSession.h"
 
 using namespace recordtest;
 

@@ -2,6 +2,7 @@
 // and slapd takes the values and runs the filters that no library test does,
 // with the intended matching rules.
 #include "support/session.h"
+#include "ZelSession.h"
 
 #include <signal.h>
 

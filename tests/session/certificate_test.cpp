@@ -2,6 +2,7 @@
 // thread's error detail, in the trace and in zelctl's message; a server that
 // is simply not there is not blamed on its certificate.
 #include <gtest/gtest.h>
+#include <ldap.h>
 
 #include "support/env.h"
 #include "support/session.h"

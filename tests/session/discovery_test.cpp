@@ -2,8 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <vector>
+#include <ldap.h>
 
 #include "support/session.h"
+#include "ZelHolders.h"
+#include "ZelSession.h"
 
 using namespace zeltest;
 using fault::Fn;

@@ -4,8 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <ldap.h>
 
 #include "support/session.h"
+#include "ZelRoutines.h"
+#include "ZelSession.h"
+#include "ZelText.h"
 
 using namespace zeltest;
 using fault::Fn;

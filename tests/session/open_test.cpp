@@ -1,8 +1,10 @@
 // Opening and closing sessions against a real directory.
 #include <gtest/gtest.h>
+#include <ldap.h>
 
 #include "support/env.h"
 #include "support/session.h"
+#include "ZelSession.h"
 
 using namespace zeltest;
 using fault::Fn;

@@ -2,12 +2,14 @@
 // directory's root: the server caps unpaged answers at 500 entries, and only
 // reading page by page gets past that.
 #include <set>
+#include <ldap.h>
 
 #include "platform/password_mask.h"
 #include "support/env.h"
 #include "support/key_files.h"
 #include "support/progress_log.h"
 #include "support/session.h"
+#include "ZelSession.h"
 
 using namespace zeltest;
 using fault::Fn;

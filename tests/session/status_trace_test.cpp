@@ -2,9 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <ldap.h>
 
 #include "support/env.h"
 #include "support/session.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
 
 using namespace zeltest;
 

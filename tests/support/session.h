@@ -6,7 +6,7 @@
 
 #include "support/directory.h"
 #include "support/fault_injection.h"
-#include "zel_internal.h"
+#include "zelmgmt.h"
 
 namespace zeltest {
 

@@ -4,8 +4,11 @@
 #include <string>
 #include <vector>
 
+#include <ldap.h>
+
 #include "support/alloc_faults.h"
 #include "targetservice/ts_fixtures.h"
+#include "ZelSession.h"
 
 namespace {
 

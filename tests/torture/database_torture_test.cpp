@@ -5,6 +5,7 @@
 // failure there may end in 0 by design.
 #include "database/db_fixture.h"
 #include "torture/torture.h"
+#include "ZelRoutines.h"
 
 using namespace dbtest;
 using torture::Scenario;

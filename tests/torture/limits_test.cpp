@@ -6,6 +6,7 @@
 #include <set>
 
 #include "record/record_fixture.h"
+#include "ZelSession.h"
 
 namespace {
 

@@ -4,6 +4,7 @@
 
 #include "support/alloc_faults.h"
 #include "user/user_fixture.h"
+#include "ZelRoutines.h"
 
 using namespace usertest;
 

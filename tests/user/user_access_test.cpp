@@ -4,6 +4,7 @@
 #include <cctype>
 
 #include "user/user_fixture.h"
+#include "ZelRoutines.h"
 
 using namespace usertest;
 

@@ -1,6 +1,9 @@
 // Zel user profiles in both storage forms: add, update, verify, remove.
+#include <ldap.h>
+
 #include "support/zelctl.h"
 #include "user/user_fixture.h"
+#include "ZelSession.h"
 
 using namespace usertest;
 using Strings = std::vector<std::string>;

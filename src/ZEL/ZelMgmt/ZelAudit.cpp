@@ -16,6 +16,10 @@
 #include "ZelTargetRecord.h"
 #include "platform/audit_chain.h"
 #include "platform/audit_file.h"
+#include "ZelHolders.h"
+#include "ZelSession.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
 
 struct ZelAuditTrail {
     ~ZelAuditTrail() { sodium_memzero(&key, sizeof key); }

@@ -21,7 +21,8 @@
 // pointer test.
 #pragma once
 
-#include "zel_internal.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
 
 namespace zel::audit {
 

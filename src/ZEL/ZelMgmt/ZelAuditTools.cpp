@@ -7,7 +7,8 @@
 
 #include <sodium.h>
 
-#include "zel_internal.h"
+#include "ZelHolders.h"
+#include "ZelStatus.h"
 #include "platform/audit_chain.h"
 #include "platform/audit_file.h"
 #include "platform/key_file.h"
@@ -15,10 +16,6 @@
 namespace {
 
 namespace plat = zel::platform;
-
-struct FileClose {
-    void operator()(std::FILE *f) const { std::fclose(f); }
-};
 
 char *copy_text(const std::string &text) {
     char *out = static_cast<char *>(std::malloc(text.size() + 1));
@@ -55,14 +52,14 @@ ZEL_API ZelRC Zel_verifyAuditTrail(const char *path, const char *expectHead, Zel
         const plat::KeyFileState state = plat::read_configured_audit_key(key);
         if (state == plat::KeyFileState::refused) return ZEL_RC_SYSTEM_ERROR;
         const bool keyed = state == plat::KeyFileState::usable;
-        std::unique_ptr<std::FILE, FileClose> f(std::fopen(path, "re"));
+        std::unique_ptr<std::FILE, zel::FileClose> f(std::fopen(path, "re"));
         plat::AuditCheck check;
         if (f) check = plat::check_audit_trail(f.get(), keyed ? &key : nullptr, expectHead);
         sodium_memzero(&key, sizeof key);
         if (!f || check.fault == plat::AuditFault::Unreadable) return ZEL_RC_SYSTEM_ERROR;
         if (expectHead && check.fault == plat::AuditFault::Differs && check.line == 0) return ZEL_RC_INVALID_ARGUMENT;
-        std::unique_ptr<ZelAuditCheck, void (*)(ZelAuditCheck *)> result(
-            static_cast<ZelAuditCheck *>(std::calloc(1, sizeof(ZelAuditCheck))), Zel_freeAuditCheck);
+        zel::Owned<ZelAuditCheck, Zel_freeAuditCheck> result(
+            static_cast<ZelAuditCheck *>(std::calloc(1, sizeof(ZelAuditCheck))));
         if (!result) return ZEL_RC_NO_MEMORY;
         const bool intact = check.fault == plat::AuditFault::None;
         result->intact = intact ? 1 : 0;

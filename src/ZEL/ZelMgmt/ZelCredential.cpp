@@ -10,6 +10,13 @@
 #include "ZelIdentifierText.h"
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
+#include "ZelHolders.h"
+#include "ZelPlatform.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
 
 namespace {
 

@@ -6,6 +6,8 @@
 
 #include "ZelEntry.h"
 #include "ZelCredentialQuery.h"
+#include "ZelHolders.h"
+#include "ZelSession.h"
 
 namespace {
 

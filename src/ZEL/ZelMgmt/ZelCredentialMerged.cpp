@@ -17,6 +17,13 @@
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
 #include "platform/utf8_text.h"
+#include "ZelHolders.h"
+#include "ZelPlatform.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
 
 namespace {
 

@@ -8,6 +8,7 @@
 
 #include "ZelTargetRecord.h"
 #include "ZelUserLookup.h"
+#include "ZelHolders.h"
 
 namespace zel {
 

@@ -5,6 +5,12 @@
 #include "ZelCredentialQuery.h"
 #include "ZelIdentifierText.h"
 #include "platform/dn_escape.h"
+#include "ZelHolders.h"
+#include "ZelPlatform.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "ZelText.h"
 #include "ZelUserAccess.h"
-#include "zel_internal.h"
 
 namespace zel::db {
 

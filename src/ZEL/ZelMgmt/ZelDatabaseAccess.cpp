@@ -4,8 +4,14 @@
 #include <cstring>
 
 #include "ZelEntry.h"
-#include "ZelAccessText.h"
+#include "ZelUserAccess.h"
 #include "ZelDatabase.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
 
 namespace {
 

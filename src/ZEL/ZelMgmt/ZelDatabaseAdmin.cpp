@@ -10,6 +10,14 @@
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
 #include "platform/person_password.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
 
 namespace {
 

@@ -7,9 +7,16 @@
 #include <vector>
 
 #include "ZelEntry.h"
-#include "ZelAccessText.h"
+#include "ZelUserAccess.h"
 #include "ZelDatabase.h"
 #include "platform/ad_account.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
 
 namespace {
 
@@ -326,7 +333,7 @@ ZelRC instantiate_suffix(ZelSession *s, const char *dn) {
         if (dn == nullptr || ldap_str2dn(dn, &parsed, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS || !parsed ||
             !parsed[0])
             return rc = ZEL_RC_SUFFIX_UNAVAILABLE;
-        std::unique_ptr<LDAPRDN, void (*)(LDAPRDN *)> holder(parsed, [](LDAPRDN *d) { ldap_dnfree(d); });
+        zel::ParsedDn holder(parsed);
         LDAPAVA *ava = parsed[0][0];
         if (parsed[0][1] != nullptr) return rc = ZEL_RC_SUFFIX_UNAVAILABLE;  // one naming attribute only
         std::string type(ava->la_attr.bv_val, ava->la_attr.bv_len);

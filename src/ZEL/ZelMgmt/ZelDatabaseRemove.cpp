@@ -5,6 +5,12 @@
 #include "ZelEntry.h"
 #include "ZelDatabase.h"
 #include "ZelProgress.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
 
 namespace {
 

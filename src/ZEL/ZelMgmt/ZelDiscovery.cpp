@@ -7,7 +7,14 @@
 #include <strings.h>
 
 #include "ZelEntry.h"
-#include "zel_internal.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
 
 namespace {
 

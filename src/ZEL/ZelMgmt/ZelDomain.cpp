@@ -10,6 +10,15 @@
 #include "ZelIdentifierText.h"
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
+#include "ZelWellKnownDns.h"
 
 namespace zel {
 

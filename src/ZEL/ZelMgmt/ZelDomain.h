@@ -8,7 +8,7 @@
 // secResGroupID, members in member as the DNs of the services' entries.
 #pragma once
 
-#include "zel_internal.h"
+#include "ZelHolders.h"
 
 namespace zel {
 

@@ -8,6 +8,14 @@
 #include "ZelEntry.h"
 #include "ZelDomain.h"
 #include "platform/dn_escape.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
+#include "ZelWellKnownDns.h"
 
 namespace {
 

@@ -10,7 +10,12 @@
 //   }
 #pragma once
 
+#include <utility>
+
 #include "ZelAudit.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelTrace.h"
 
 namespace zel {
 

@@ -7,7 +7,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "zel_internal.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelTrace.h"
 
 namespace {
 

@@ -9,6 +9,11 @@
 #include <unordered_map>
 
 #include "platform/host_list.h"
+#include "ZelClient.h"
+#include "ZelRoutines.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelTrace.h"
 
 namespace zel {
 

@@ -18,7 +18,8 @@
 #include <vector>
 
 #include "platform/wiped_bytes.h"
-#include "zel_internal.h"
+#include "ZelClient.h"
+#include "zelmgmt.h"
 
 namespace zel {
 

@@ -6,7 +6,14 @@
 #include "ZelEntry.h"
 #include "ZelIdentifierText.h"
 #include "platform/filter_format.h"
-#include "zel_internal.h"
+#include "ZelHolders.h"
+#include "ZelPlatform.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
 
 namespace {
 

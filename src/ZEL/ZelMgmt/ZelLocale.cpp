@@ -2,7 +2,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "zel_internal.h"
+#include "ZelClient.h"
+#include "ZelStatus.h"
 
 extern "C" {
 

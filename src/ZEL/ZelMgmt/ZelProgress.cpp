@@ -1,5 +1,6 @@
 #include "ZelEntry.h"
 #include "ZelProgress.h"
+#include "ZelSession.h"
 
 namespace zel {
 

@@ -4,7 +4,7 @@
 // asked of the directory.
 #pragma once
 
-#include "zel_internal.h"
+#include "zelmgmt.h"
 
 namespace zel {
 

@@ -4,7 +4,14 @@
 #include <string>
 
 #include "ZelEntry.h"
-#include "zel_internal.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
 
 namespace {
 

@@ -6,7 +6,13 @@
 
 #include "ZelFailover.h"
 #include "platform/filter_format.h"
-#include "zel_internal.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
 
 namespace zel {
 
@@ -53,9 +59,6 @@ LDAPMessage *SearchPages::first_entry(LDAP *ld) const {
 }
 
 namespace {
-
-struct ControlFree { void operator()(LDAPControl *c) const { if (c) ldap_control_free(c); } };
-struct ControlsFree { void operator()(LDAPControl **c) const { if (c) ldap_controls_free(c); } };
 
 // The server's cookie for the next page; empty when the last page came.
 class Cookie {

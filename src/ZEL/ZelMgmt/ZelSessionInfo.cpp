@@ -5,7 +5,9 @@
 #include <memory>
 
 #include "ZelEntry.h"
-#include "zel_internal.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelSession.h"
 
 namespace {
 

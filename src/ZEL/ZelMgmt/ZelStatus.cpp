@@ -1,6 +1,7 @@
 // LDAP result mapping and the texts of status codes.
 #include "ZelEntry.h"
-#include "zel_internal.h"
+#include "ZelStatus.h"
+#include "ZelTrace.h"
 
 namespace {
 

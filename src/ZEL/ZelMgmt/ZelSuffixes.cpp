@@ -1,8 +1,9 @@
 // The session's suffix list and the lists built like it: nodes and their
 // texts from the C allocator, in the order they were appended.
+#include <cstdlib>
 #include <cstring>
 
-#include "zel_internal.h"
+#include "ZelSession.h"
 
 namespace zel {
 

@@ -14,6 +14,14 @@
 #include "ZelTargetRecord.h"
 #include "platform/filter_format.h"
 #include "platform/password_mask.h"
+#include "ZelHolders.h"
+#include "ZelPlatform.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
 
 namespace {
 

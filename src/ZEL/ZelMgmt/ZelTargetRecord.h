@@ -4,7 +4,9 @@
 #include <string>
 
 #include "ZelUserLookup.h"
-#include "zel_internal.h"
+#include "ZelHolders.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
 
 namespace zel {
 
@@ -56,8 +58,5 @@ inline bool clear_secret_key(const ZelSession *s) { return s->dir_kind == ZEL_DI
 // Token `index` (0-based) of text split at runs of `separator`; leading
 // separators are skipped and no token is empty.  "" when there is none.
 std::string token(const char *text, char separator, int index);
-
-// Replaces a record field with a private copy; the earlier copy is released.
-ZelRC replace_text(char *&field, const char *value);
 
 }  // namespace zel

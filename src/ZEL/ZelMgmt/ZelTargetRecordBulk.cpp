@@ -13,6 +13,12 @@
 #include "ZelEntry.h"
 #include "ZelTargetRecord.h"
 #include "platform/filter_format.h"
+#include "ZelHolders.h"
+#include "ZelPlatform.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
 
 namespace {
 

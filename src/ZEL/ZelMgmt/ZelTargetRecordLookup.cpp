@@ -4,6 +4,13 @@
 
 #include "ZelEntry.h"
 #include "ZelTargetRecord.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelTrace.h"
 
 namespace {
 

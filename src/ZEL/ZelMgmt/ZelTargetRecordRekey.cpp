@@ -13,6 +13,13 @@
 #include "ZelProgress.h"
 #include "ZelTargetRecord.h"
 #include "platform/password_mask.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelTrace.h"
 
 namespace {
 

@@ -9,6 +9,15 @@
 
 #include "ZelEntry.h"
 #include "ZelTargetRecord.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
+#include "ZelWellKnownDns.h"
 
 namespace {
 

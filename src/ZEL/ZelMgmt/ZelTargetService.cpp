@@ -12,9 +12,21 @@
 #include "ZelEntry.h"
 #include "ZelIdentifierText.h"
 #include "platform/filter_format.h"
-#include "zel_internal.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
+#include "ZelWellKnownDns.h"
 
 namespace zel {
+
+bool builtin_service_type(const char *type) {
+    return same_text(type, "Web Resource") || same_text(type, "Resource Group");
+}
 
 ZelRC split_identifier(const char *stored, ZelReqIdentifier *pair) {
     char **fields[] = {&pair->name, &pair->value};

@@ -7,7 +7,13 @@
 #include <string>
 
 #include "ZelEntry.h"
-#include "zel_internal.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
 
 namespace {
 

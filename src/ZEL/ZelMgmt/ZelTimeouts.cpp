@@ -3,6 +3,9 @@
 #include <cstdlib>
 
 #include "ZelFailover.h"
+#include "ZelClient.h"
+#include "ZelSession.h"
+#include "ZelTrace.h"
 
 namespace {
 

@@ -2,9 +2,11 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
-#include "zel_internal.h"
+#include "ZelSession.h"
+#include "ZelTrace.h"
 
 namespace zel {
 

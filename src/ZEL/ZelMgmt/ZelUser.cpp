@@ -5,7 +5,15 @@
 
 #include "ZelEntry.h"
 #include "ZelUserAccess.h"
-#include "zel_internal.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
+#include "ZelWellKnownDns.h"
 
 namespace {
 

@@ -1,7 +1,9 @@
 // Per-user access control of first-generation profiles, in each directory
 // product's own dialect, and the names every user routine shares.
 #include "ZelUserAccess.h"
-#include "ZelAccessText.h"
+#include "ZelRoutines.h"
+#include "ZelSession.h"
+#include "ZelText.h"
 
 #include <cstdarg>
 #include <cstring>

@@ -1,12 +1,13 @@
 // What the Zel user routines share: the user types, the access groups below
 // the Zel database entry, and the access control a first-generation profile
-// carries in the dialect of the directory kind.
+// carries in the dialect of the directory kind (whose texts the database tree
+// uses too).
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "zel_internal.h"
+#include "zelmgmt.h"
 
 namespace zel {
 
@@ -40,3 +41,18 @@ ZelRC profile_access(ZelSession *s, const char *user_type, const char *person_dn
                      const char *user_dn, std::vector<AccessValues> &out);
 
 }  // namespace zel
+
+// Access-control texts that the user profiles and the database tree share.
+namespace zel::access {
+
+// Rights of the Netscape-style ACI dialect.
+constexpr const char *kAllowAll = "allow (all)";
+constexpr const char *kAllowRead = "allow(read, search, compare)";
+constexpr const char *kAllowWrite = "allow(add, read, write, search, compare)";
+constexpr const char *kDenyAll = "deny (all)";
+
+// eDirectory ACLs: privileges#scope#subject#protected attribute.
+constexpr int kEntrySupervisor = 16;
+constexpr int kAttributeRead = 3;
+
+}  // namespace zel::access

@@ -13,6 +13,11 @@
 #include <unordered_map>
 
 #include "ZelTargetRecord.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSession.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
 
 namespace zel {
 

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "zel_internal.h"
+#include "zelmgmt.h"
 
 namespace zel {
 

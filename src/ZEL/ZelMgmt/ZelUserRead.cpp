@@ -10,7 +10,14 @@
 #include "ZelEntry.h"
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
-#include "zel_internal.h"
+#include "ZelClient.h"
+#include "ZelHolders.h"
+#include "ZelRoutines.h"
+#include "ZelSearch.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelWellKnownDns.h"
 
 namespace {
 

@@ -4,7 +4,10 @@
 #include <cstring>
 
 #include "platform/dn_escape.h"
-#include "zel_internal.h"
+#include "ZelPlatform.h"
+#include "ZelSession.h"
+#include "ZelText.h"
+#include "ZelWellKnownDns.h"
 
 namespace zel {
 

@@ -5,7 +5,8 @@
 #include <cstring>
 
 #include "platform/password_mask.h"
-#include "zel_internal.h"
+#include "ZelPlatform.h"
+#include "ZelStatus.h"
 
 namespace {
 

@@ -6,7 +6,12 @@
 #include "ZelUserLookup.h"
 #include "ZelFailover.h"
 #include "ZelEntry.h"
-#include "zel_internal.h"
+#include "ZelClient.h"
+#include "ZelRoutines.h"
+#include "ZelSession.h"
+#include "ZelStatus.h"
+#include "ZelText.h"
+#include "ZelTrace.h"
 
 namespace {
 

@@ -3,10 +3,12 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cctype>
+#include <cstdlib>
 #include <cstring>
 
 #include "platform/utf8_text.h"
-#include "zel_internal.h"
+#include "ZelPlatform.h"
+#include "ZelText.h"
 
 namespace zel {
 
@@ -70,10 +72,6 @@ ZelRC replace_text(char *&field, const char *value) {
     std::free(field);
     field = copy;
     return 0;
-}
-
-bool builtin_service_type(const char *type) {
-    return same_text(type, "Web Resource") || same_text(type, "Resource Group");
 }
 
 bool contains(const char *haystack, const char *needle) {

@@ -1,0 +1,96 @@
+// Directory searches as the library makes them, and walking what they found.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "ZelHolders.h"
+#include "zelmgmt.h"
+
+namespace zel {
+
+// A zero time-out: the directory client reads it as "no limit".
+inline struct timeval no_time_limit() { return {0, 0}; }
+
+// One search with no time limit and no controls.  The result message, if
+// the directory sent one, is in `out` whatever the outcome; the answer is
+// the LDAP result as it stands.
+int search(ZelSession *s, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+           int size_limit, Message &out);
+// The same, mapped: 0, or check_LDAP_rc(result, default_code,
+// "ldap_search_ext_s()") with `out` emptied.
+ZelRC search_mapped(ZelSession *s, const char *base, int scope, const char *filter, char **attrs,
+                    int attrsonly, int size_limit, ZelRC default_code, Message &out);
+
+// A filter from a format with exactly one "%s" (and no other conversion),
+// which receives the caller's value escaped as an assertion value; false
+// (`out` untouched) when the format with the value as given would not fit a
+// 600-byte filter buffer.
+bool format_filter(std::string &out, const char *fmt, const char *value);
+
+// Entries in a search result; 0 for none or no result.
+inline int entry_count(LDAP *ld, LDAPMessage *res) {
+    int n = res ? ldap_count_entries(ld, res) : 0;
+    return n > 0 ? n : 0;
+}
+
+// The result messages of one search read page by page: one message when
+// the server offers no paging.  Entries keep the server's order across pages.
+class SearchPages {
+public:
+    std::vector<Message> pages;
+    int count(LDAP *ld) const;
+    LDAPMessage *first_entry(LDAP *ld) const;
+    // fn(entry) for every entry in order; a non-zero status ends the walk.
+    // `ld` is taken by reference (pass s->ld): a write made by fn may
+    // reconnect the session, and the walk must go on with the live handle.
+    template <class Fn>
+    ZelRC each_entry(LDAP *const &ld, Fn &&fn) const {
+        for (const Message &m : pages)
+            for (LDAPMessage *e = m ? ldap_first_entry(ld, m.get()) : nullptr; e; e = ldap_next_entry(ld, e))
+                if (ZelRC rc = fn(e)) return rc;
+        return 0;
+    }
+};
+inline int entry_count(LDAP *ld, const SearchPages &res) { return res.count(ld); }
+
+// Entries in one page of a paged search.
+constexpr int kPageSize = 500;
+
+// A search for every entry that matches, whatever the server's own size
+// limit for unpaged answers: where the session found the paged-results
+// control in the root DSE the search goes page by page, else it is one
+// search as `search` makes it.  No size limit is asked for.  `out` holds
+// the pages read, also when a later page failed; the answer is the LDAP
+// result of the first page that failed, else that of the last one.
+int search_all(ZelSession *s, const char *base, int scope, const char *filter, char **attrs, SearchPages &out);
+
+// Walks an entry's attributes in the order the server returned them and calls
+// fn(name, strings, bervals) for each attribute that has values; a non-zero
+// status from fn ends the walk and is returned.
+template <class Fn>
+ZelRC walk_attributes(LDAP *ld, LDAPMessage *entry, Fn &&fn) {
+    BerElement *raw = nullptr;
+    LdapText name(ldap_first_attribute(ld, entry, &raw));
+    Ber ber(raw);
+    // Each attribute is decoded once: the client NUL-terminates every binary
+    // value it hands out, so the string form points into the same values.
+    constexpr size_t kInline = 8;
+    char *inline_strings[kInline + 1];
+    while (name) {
+        Bervals bervals(ldap_get_values_len(ld, entry, name.get()));
+        if (bervals && bervals.get()[0]) {
+            size_t n = 0;
+            while (bervals.get()[n]) ++n;
+            std::unique_ptr<char *[]> heap(n > kInline ? new char *[n + 1] : nullptr);
+            char **strings = heap ? heap.get() : inline_strings;
+            for (size_t i = 0; i < n; ++i) strings[i] = bervals.get()[i]->bv_val;
+            strings[n] = nullptr;
+            if (ZelRC rc = fn(name.get(), strings, bervals.get())) return rc;
+        }
+        name.reset(ldap_next_attribute(ld, entry, raw));
+    }
+    return 0;
+}
+
+}  // namespace zel
