@@ -16,18 +16,12 @@ class ZelctlDryRun : public UserTest {
 protected:
     void SetUp() override {
         UserTest::SetUp();
-        const std::vector<std::vector<std::string>> steps = {
-            {"service", "add", "intranet", "--type", "Web Resource"},
-            {"service", "add", "mail", "--type", "Web Resource"},
-            {"domain", "add", "staff", "--member", "intranet"},
-            {"user", "add", "jo", "--person", kJo},
-        };
-        for (const auto &step : steps) ASSERT_EQ(zelctl(*dir, step, "2").status, 0) << step[0] << " " << step[2];
-        ASSERT_EQ(zelctl(*dir, {"record", "add", "jo", "T:intranet", "--service", "intranet", "--account", "jo.direct",
-                                "--password-stdin"},
-                         "2", "intranet-pw\n")
-                      .status,
-                  0);
+        run_rows(*dir, {{"2", {"service", "add", "intranet", "--type", "Web Resource"}},
+                        {"2", {"service", "add", "mail", "--type", "Web Resource"}},
+                        {"2", {"domain", "add", "staff", "--member", "intranet"}},
+                        {"2", {"user", "add", "jo", "--person", kJo}},
+                        {"2", {"record", "add", "jo", "T:intranet", "--service", "intranet", "--account", "jo.direct",
+                               "--password-stdin"}, 0, "", "intranet-pw\n"}}, {}, true);
     }
 
     // Every entry below the suffix with its attributes, in one text.
