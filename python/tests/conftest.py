@@ -11,6 +11,8 @@ from pathlib import Path
 
 import pytest
 
+import zelmgmt
+
 SOURCE = Path(os.environ.get("ZEL_SOURCE_DIR", Path(__file__).resolve().parents[2]))
 SUFFIX = "o=example"
 ADMIN = f"cn=Manager,{SUFFIX}"
@@ -67,6 +69,10 @@ class Directory:
         added = self.ldap("ldapadd", input=SEED)
         if added.returncode != 0:
             raise RuntimeError("seeding failed: " + added.stderr)
+
+    def session(self, version=2):
+        """A binding session as the administrator, the password from its file."""
+        return zelmgmt.Session(self.uri, ADMIN, password_file=str(self.password_file), version=version)
 
     def ldap(self, tool, *args, input=None):
         return subprocess.run([tool, "-x", "-H", self.uri, "-D", ADMIN, "-y", str(self.password_file), *args],

@@ -7,7 +7,7 @@ from conftest import ADMIN, SOURCE, SUFFIX
 
 @pytest.fixture
 def session(directory):
-    with zelmgmt.Session(directory.uri, ADMIN, password_file=str(directory.password_file)) as s:
+    with directory.session() as s:
         yield s
 
 
@@ -55,7 +55,7 @@ def test_services_round_trip(session):
 
 
 def test_service_types_live_in_the_zel_database(directory):
-    with zelmgmt.Session(directory.uri, ADMIN, password_file=str(directory.password_file), version=1) as s:
+    with directory.session(version=1) as s:
         with pytest.raises(zelmgmt.Error) as e:
             s.get_all_target_service_types()
         assert e.value.status == 29  # no database yet

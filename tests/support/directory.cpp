@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -189,23 +190,19 @@ std::vector<Entry> parse_ldif(const std::string &text) {
         open = false;
     };
     while (std::getline(in, line)) {
-        if (line.empty()) { flush(); continue; }
-        if (line[0] == '#') continue;
         size_t colon = line.find(':');
-        if (colon == std::string::npos) continue;
-        std::string attr = line.substr(0, colon);
-        std::string value;
-        bool b64 = colon + 1 < line.size() && line[colon + 1] == ':';
-        size_t start = colon + (b64 ? 2 : 1);
-        while (start < line.size() && line[start] == ' ') ++start;
-        value = line.substr(start);
+        if (line.empty()) flush();
+        if (line.empty() || line[0] == '#' || colon == std::string::npos) continue;
+        bool b64 = line.compare(colon, 2, "::") == 0;
+        size_t start = std::min(line.find_first_not_of(' ', colon + (b64 ? 2 : 1)), line.size());
+        std::string attr = lower(line.substr(0, colon)), value = line.substr(start);
         if (b64) value = base64_decode(value);
-        if (lower(attr) == "dn") {
+        if (attr == "dn") {
             flush();
             cur.dn = value;
             open = true;
         } else {
-            cur.attrs[lower(attr)].push_back(value);
+            cur.attrs[attr].push_back(value);
         }
     }
     flush();
@@ -213,16 +210,9 @@ std::vector<Entry> parse_ldif(const std::string &text) {
 }
 
 const char *kind_name(Kind kind) {
-    switch (kind) {
-    case Kind::Generic: return "generic";
-    case Kind::Orv: return "orv";
-    case Kind::OrvTessan: return "orv_tessan";
-    case Kind::OrvKelmar: return "orv_kelmar";
-    case Kind::Netscape: return "netscape";
-    case Kind::EDirectory: return "edirectory";
-    case Kind::ActiveDirectory: return "active_directory";
-    }
-    return "?";
+    static const char *const names[] = {"generic",   "orv",        "orv_tessan",      "orv_kelmar",
+                                        "netscape", "edirectory", "active_directory"};
+    return names[static_cast<int>(kind)];
 }
 
 bool Entry::has(const std::string &attr) const { return attrs.count(lower(attr)) != 0; }

@@ -124,6 +124,12 @@ class Browser:
         WebDriverWait(self.driver, 30).until(
             lambda d: d.execute_script("return document.readyState") == "complete")
 
+    def main_text(self):
+        return self.driver.find_element(By.TAG_NAME, "main").text
+
+    def token(self):
+        return self.driver.find_element(By.NAME, "csrf_token").get_attribute("value")
+
     def notices(self):
         return [e.text for e in self.driver.find_elements(By.CSS_SELECTOR, ".notice")]
 
