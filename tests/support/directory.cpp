@@ -124,17 +124,13 @@ std::vector<char *> exec_args(const std::vector<std::string> &argv) {
     return args;
 }
 
-// The shipped access rules in one form ("zel-access.conf", or
-// "zel-access.ldif" made as the build makes it) with the suffix filled in.
-std::string shipped_access_rules(const std::string &form, const std::string &suffix) {
+// The shipped access rules in their cn=config form, made as the build makes
+// it, with the suffix filled in.
+std::string shipped_access_ldif(const std::string &suffix) {
     const std::string src = std::string(ZEL_SOURCE_DIR) + "/schema/";
-    std::string text = read_file(src + "zel-access.conf");
-    if (form != "zel-access.conf") {
-        CommandResult r = run_command({"awk", "-f", src + "to-olc.awk", src + "zel-access.conf"});
-        if (r.status != 0) throw std::runtime_error("to-olc.awk failed: " + r.err);
-        text = r.out;
-    }
-    if (text.empty()) throw std::runtime_error("no access rules in " + form);
+    CommandResult r = run_command({"awk", "-f", src + "to-olc.awk", src + "zel-access.conf"});
+    std::string text = r.out;
+    if (r.status != 0 || text.empty()) throw std::runtime_error("to-olc.awk failed: " + r.err);
     for (size_t at; (at = text.find("@SUFFIX@")) != std::string::npos;) text.replace(at, 8, suffix);
     return text;
 }
@@ -323,7 +319,6 @@ const std::string &Directory::ca_file() { return test_ca().ca; }
 
 void Directory::write_config() {
     const TestCa &ca = test_ca();
-    const std::string src = ZEL_SOURCE_DIR;
     std::string root_dse;
     switch (profile_.kind) {
     case Kind::Generic: break;
@@ -336,8 +331,10 @@ void Directory::write_config() {
     }
     for (const auto &[attr, value] : profile_.root_dse) root_dse += attr + ": " + value + "\n";
 
+    // Global lines for the shared starter (scripts/slapd.sh), which writes
+    // the schema, the databases and the shipped access rules around them.
     std::ostringstream conf;
-    conf << server_config_head(dir_)
+    conf << "include " ZEL_SOURCE_DIR "/tests/support/profile.schema\n"
          << "allow bind_v2\n"  // lets the protocol-2 fallback reach a real server
          << "TLSCACertificateFile " << ca.ca << "\n"
          << "TLSCertificateFile " << ca.cert << "\n"
@@ -352,23 +349,11 @@ void Directory::write_config() {
         conf << "sizelimit size.soft=" << profile_.server_size_limit << " size.hard=" << profile_.server_size_limit
              << " size.prtotal=unlimited\n";
     conf << "access to * by dn.exact=\"" << admin_dn() << "\" manage by * read\n";
-    if (profile_.access_rules == AccessRules::SlapdConf)
-        write_file(dir_ + "/zel-access.conf", shipped_access_rules("zel-access.conf", suffix()));
     // Written live through cn=config, as an operator of such a server would.
     if (profile_.access_rules == AccessRules::CnConfig)
         conf << "database config\nrootpw " << admin_password() << "\n";
-    for (size_t i = 0; i < profile_.suffixes.size(); ++i) {
-        std::string db = dir_ + "/db" + std::to_string(i);
-        fs::create_directory(db);
-        conf << "database mdb\nsuffix \"" << profile_.suffixes[i] << "\"\n"
-             << "directory " << db << "\nmaxsize 33554432\n"
-             << (profile_.no_sync ? "dbnosync\n" : "")
-             << "include " << src << "/schema/zel-indexes.conf\n";
-        if (i == 0) conf << "rootdn \"" << admin_dn() << "\"\nrootpw " << admin_password() << "\n";
-        if (i == 0 && profile_.access_rules == AccessRules::SlapdConf)
-            conf << "include " << dir_ << "/zel-access.conf\n";
-    }
-    write_file(dir_ + "/slapd.conf", conf.str());
+    write_file(dir_ + "/global.conf", conf.str());
+    write_file(dir_ + "/admin.pw", admin_password());
 }
 
 std::string server_config_head(const std::string &dir) {
@@ -392,8 +377,12 @@ void Directory::restart() {
 }
 
 void Directory::start() {
-    pid_ = spawn_server({"slapd", "-f", dir_ + "/slapd.conf", "-h", uri() + "/ " + ldaps_uri() + "/", "-d", "0"},
-                        dir_ + "/slapd.log", {port_, ldaps_port_});
+    std::vector<std::string> argv = {
+        "env", "ZEL_SLAPD_GLOBAL=" + dir_ + "/global.conf", std::string("ZEL_SLAPD_NOSYNC=") + (profile_.no_sync ? "1" : ""),
+        std::string("ZEL_ACCESS_RULES=") + (profile_.access_rules == AccessRules::SlapdConf ? "shipped" : ""),
+        "bash", ZEL_SOURCE_DIR "/scripts/slapd.sh", "run", dir_, uri() + "/ " + ldaps_uri() + "/", admin_dn()};
+    argv.insert(argv.end(), profile_.suffixes.begin(), profile_.suffixes.end());
+    pid_ = spawn_server(argv, dir_ + "/slapd.log", {port_, ldaps_port_});
 }
 
 pid_t spawn_server(const std::vector<std::string> &argv, const std::string &log, const std::vector<uint16_t> &ports,
@@ -443,7 +432,7 @@ void Directory::seed() {
 }
 
 void Directory::load_access_rules() {
-    std::string ldif = shipped_access_rules("zel-access.ldif", suffix());
+    std::string ldif = shipped_access_ldif(suffix());
     // The config database comes first, so the first data database is {1}.
     ldif.replace(ldif.find("dn: @DATABASE@") + 4, 10, "olcDatabase={1}mdb,cn=config");
     CommandResult r = run_command({"ldapmodify", "-x", "-H", uri(), "-D", "cn=config", "-w", admin_password()}, ldif);

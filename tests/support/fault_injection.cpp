@@ -157,11 +157,7 @@ std::vector<Call> calls(Fn fn) {
     return out;
 }
 
-int count(Fn fn) {
-    int n = 0;
-    for (const Call &c : state().calls) n += c.fn == fn;
-    return n;
-}
+int count(Fn fn) { return static_cast<int>(calls(fn).size()); }
 
 void set_search_rewrite(SearchRewrite rewrite) {
     HookScope h;
