@@ -186,7 +186,7 @@ TEST_F(ZelctlInfo, LocatedServerClearErrorsAndNoValueShown) {
     for (const Case &c : cases) {
         std::vector<std::string> argv{ZELCTL_PATH};
         std::string line;
-        for (const std::string &a : c.args) line += a + " ";
+        for (const std::string &a : c.args) line += (a == pw ? "<password>" : a) + " ";
         argv.insert(argv.end(), c.args.begin(), c.args.end());
         CommandResult r = run_command(argv, "", c.env);
         const std::string said = r.out + r.err;
