@@ -114,18 +114,10 @@ int write_call(Fn fn, const char *dn, LDAPMod **mods, Real real) {
 }  // namespace
 
 const char *name(Fn fn) {
-    switch (fn) {
-    case Fn::Search: return "ldap_search_ext_s";
-    case Fn::Add: return "ldap_add_ext_s";
-    case Fn::Modify: return "ldap_modify_ext_s";
-    case Fn::ModifyS: return "ldap_modify_s";
-    case Fn::Delete: return "ldap_delete_ext_s";
-    case Fn::SimpleBind: return "ldap_simple_bind_s";
-    case Fn::SaslBind: return "ldap_sasl_bind_s";
-    case Fn::Initialize: return "ldap_initialize";
-    case Fn::Unbind: return "ldap_unbind_ext";
-    }
-    return "?";
+    static const char *const names[] = {"ldap_search_ext_s", "ldap_add_ext_s",    "ldap_modify_ext_s",
+                                        "ldap_modify_s",     "ldap_delete_ext_s", "ldap_simple_bind_s",
+                                        "ldap_sasl_bind_s",  "ldap_initialize",   "ldap_unbind_ext"};
+    return names[static_cast<int>(fn)];
 }
 
 void reset() {
