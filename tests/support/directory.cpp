@@ -319,16 +319,12 @@ const std::string &Directory::ca_file() { return test_ca().ca; }
 
 void Directory::write_config() {
     const TestCa &ca = test_ca();
-    std::string root_dse;
-    switch (profile_.kind) {
-    case Kind::Generic: break;
-    case Kind::Orv: root_dse += "orvdirectoryversion: 6.4.0\n"; break;
-    case Kind::OrvTessan: root_dse += "orvdirectoryversion: Tessan 6.4.0\n"; break;
-    case Kind::OrvKelmar: root_dse += "orvdirectoryversion: Kelmar 6.4.0\n"; break;
-    case Kind::Netscape: root_dse += "netscapemdsuffix: cn=ldbm\n"; break;
-    case Kind::EDirectory: root_dse += "vendorName: Novell, Inc.\nvendorVersion: 885\n"; break;
-    case Kind::ActiveDirectory: root_dse += "forestFunctionality: 7\n"; break;
-    }
+    // What each kind of server says of itself in its root DSE, by Kind.
+    static const char *const kind_root_dse[] = {
+        "", "orvdirectoryversion: 6.4.0\n", "orvdirectoryversion: Tessan 6.4.0\n",
+        "orvdirectoryversion: Kelmar 6.4.0\n", "netscapemdsuffix: cn=ldbm\n",
+        "vendorName: Novell, Inc.\nvendorVersion: 885\n", "forestFunctionality: 7\n"};
+    std::string root_dse = kind_root_dse[static_cast<int>(profile_.kind)];
     for (const auto &[attr, value] : profile_.root_dse) root_dse += attr + ": " + value + "\n";
 
     // Global lines for the shared starter (scripts/slapd.sh), which writes
@@ -435,12 +431,12 @@ void Directory::load_access_rules() {
     std::string ldif = shipped_access_ldif(suffix());
     // The config database comes first, so the first data database is {1}.
     ldif.replace(ldif.find("dn: @DATABASE@") + 4, 10, "olcDatabase={1}mdb,cn=config");
-    CommandResult r = run_command({"ldapmodify", "-x", "-H", uri(), "-D", "cn=config", "-w", admin_password()}, ldif);
+    CommandResult r = run_command({"ldapmodify", "-x", "-H", uri(), "-D", "cn=config", "-y", dir_ + "/admin.pw"}, ldif);
     if (r.status != 0) throw std::runtime_error("loading the access rules failed: " + r.err + r.out);
 }
 
 CommandResult Directory::try_add(const std::string &ldif) const {
-    return run_command({"ldapmodify", "-a", "-x", "-H", uri(), "-D", admin_dn(), "-w", admin_password()}, ldif);
+    return run_command({"ldapmodify", "-a", "-x", "-H", uri(), "-D", admin_dn(), "-y", dir_ + "/admin.pw"}, ldif);
 }
 
 void Directory::add(const std::string &ldif) const {
@@ -450,14 +446,14 @@ void Directory::add(const std::string &ldif) const {
 
 void Directory::modify(const std::string &ldif) const {
     CommandResult r =
-        run_command({"ldapmodify", "-x", "-H", uri(), "-D", admin_dn(), "-w", admin_password()}, ldif);
+        run_command({"ldapmodify", "-x", "-H", uri(), "-D", admin_dn(), "-y", dir_ + "/admin.pw"}, ldif);
     ASSERT_EQ(r.status, 0) << "ldapmodify failed: " << r.err << "\n" << ldif;
 }
 
 std::vector<Entry> Directory::search(const std::string &base, const std::string &scope,
                                      const std::string &filter) const {
     CommandResult r = run_command({"ldapsearch", "-x", "-LLL", "-o", "ldif-wrap=no", "-H", uri(), "-D",
-                                   admin_dn(), "-w", admin_password(), "-b", base, "-s", scope, filter,
+                                   admin_dn(), "-y", dir_ + "/admin.pw", "-b", base, "-s", scope, filter,
                                    "*", "+"});
     if (r.status == LDAP_NO_SUCH_OBJECT) return {};
     EXPECT_EQ(r.status, 0) << "ldapsearch failed: " << r.err;
