@@ -94,30 +94,6 @@ protected:
 
 }  // namespace
 
-// What differs is updated, a broken object fails alone, and without a key
-// file no passwords leave the directory at all.
-TEST_F(ZelctlTransfer, ImportUpdatesReportsFailuresAndRefusesClearText) {
-    Directory dir(demo_profile());
-    write_demo_data(dir);
-    const std::string path = export_of(dir, "edited");
-    std::string doc = read_text(path);
-    doc = std::regex_replace(doc, std::regex("\"Demo user\""), "\"Edited\"");
-    doc = std::regex_replace(doc, std::regex("\"sales-team\""), "\"sales-crew\"");
-    doc = std::regex_replace(doc, std::regex("\"service\": \"intranet\""), "\"service\": \"nowhere\"");
-    std::ofstream(path) << doc;
-    CommandResult r = run(dir, {"import", path});
-    EXPECT_EQ(r.status, 1);
-    for (const char *line : {"user jo: updated", "record jo G:Sales: updated", "record jo T:intranet: failed",
-                             "1 failed"})
-        EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.out;
-
-    CommandResult clear = zeltest::zelctl(dir, {"export", "--passwords", "sealed"}, "2");
-    EXPECT_EQ(clear.status, 2) << "no key file, no passwords";
-    CommandResult omitted = run(dir, {"export"});
-    EXPECT_EQ(omitted.status, 0);
-    EXPECT_EQ(omitted.out.find("\"password\""), std::string::npos);
-}
-
 TEST(CsvRows, QuotingAndMalformedRows) {
     struct Case {
         const char *text;
@@ -145,13 +121,33 @@ TEST(CsvRows, QuotingAndMalformedRows) {
     }
 }
 
-// Rows go on past a malformed one and past a missing service; a group's
-// service makes a "G:" record; the user is made on demand.
-TEST_F(ZelctlTransfer, RecordsFromASpreadsheet) {
+// What differs is updated, a broken object or spreadsheet row fails alone
+// (rows go on past a malformed one and past a missing service; a group's
+// service makes a "G:" record; the user is made on demand), and without a
+// key file no passwords leave the directory at all.
+TEST_F(ZelctlTransfer, ImportsUpdateAndGoOnPastFailuresAndRefuseClearText) {
     Profile p = demo_profile();
     p.seed_ldif += person_ldif(kSuffix, "Al", "al");
     Directory dir(p);
-    write_demo_data(dir);
+    ASSERT_NO_FATAL_FAILURE(write_demo_data(dir));
+    const std::string path = export_of(dir, "edited");
+    std::string doc = read_text(path);
+    doc = std::regex_replace(doc, std::regex("\"Demo user\""), "\"Edited\"");
+    doc = std::regex_replace(doc, std::regex("\"sales-team\""), "\"sales-crew\"");
+    doc = std::regex_replace(doc, std::regex("\"service\": \"intranet\""), "\"service\": \"nowhere\"");
+    std::ofstream(path) << doc;
+    CommandResult r = run(dir, {"import", path});
+    EXPECT_EQ(r.status, 1);
+    for (const char *line : {"user jo: updated", "record jo G:Sales: updated", "record jo T:intranet: failed",
+                             "1 failed"})
+        EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.out;
+
+    CommandResult clear = zeltest::zelctl(dir, {"export", "--passwords", "sealed"}, "2");
+    EXPECT_EQ(clear.status, 2) << "no key file, no passwords";
+    CommandResult omitted = run(dir, {"export"});
+    EXPECT_EQ(omitted.status, 0);
+    EXPECT_EQ(omitted.out.find("\"password\""), std::string::npos);
+
     const std::string csv = testing::TempDir() + "records-" + std::to_string(getpid()) + ".csv";
     std::ofstream(csv) << "user,resource,account,password,description\n"
                           "al,mail,al.mail,\"pw,with comma\",Al's mail\n"
@@ -163,7 +159,7 @@ TEST_F(ZelctlTransfer, RecordsFromASpreadsheet) {
     EXPECT_NE(dry.out.find("line 2: record al T:mail: would be created"), std::string::npos) << dry.out;
     EXPECT_EQ(run(dir, {"record", "list", "al"}).out, "");
 
-    CommandResult r = run(dir, {"record", "import-csv", csv});
+    r = run(dir, {"record", "import-csv", csv});
     EXPECT_EQ(r.status, 1);
     for (const char *line : {"line 2: record al T:mail: created", "line 3: record al G:Sales: created",
                              "line 4: failed: service nowhere", "line 5: failed: a quote in the wrong place",

@@ -5,17 +5,10 @@ from selenium.webdriver.common.by import By
 
 import zelmgmt
 
-from conftest import Console, create_database, zelctl
+from conftest import Console, create_database, secret, zelctl
 
 JO_PASSWORD = "jo-secret-4"
 LOOKUP = "cn=console-lookup,o=example"
-
-
-def secret(directory, name, text):
-    path = directory.work / name
-    path.write_text(text + "\n")
-    path.chmod(0o600)
-    return str(path)
 
 
 @pytest.fixture(scope="module")
