@@ -12,6 +12,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -350,6 +351,7 @@ void Directory::write_config() {
         conf << "database config\nrootpw " << admin_password() << "\n";
     write_file(dir_ + "/global.conf", conf.str());
     write_file(dir_ + "/admin.pw", admin_password());
+    chmod((dir_ + "/admin.pw").c_str(), 0600);  // the tools warn of a password file others may read
 }
 
 std::string server_config_head(const std::string &dir) {
