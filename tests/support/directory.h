@@ -1,6 +1,6 @@
-// A private OpenLDAP slapd for one test: started on free loopback ports in a
-// temporary folder, seeded, and stopped (also when the test fails) by the
-// destructor.  A profile makes it present itself as one directory kind through
+// A private OpenLDAP slapd for one test: started by the shared starter
+// (scripts/slapd.sh) on free loopback ports in a temporary folder, seeded, and
+// stopped (also when the test fails) by the destructor.  A profile makes it present itself as one directory kind through
 // extra root DSE attributes, with one or several suffixes, a security domain
 // entry and an ldaps listener whose CA is made once per test program.
 #pragma once
