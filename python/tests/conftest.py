@@ -11,41 +11,21 @@ from pathlib import Path
 
 import pytest
 
+import zelmgmt
+
 SOURCE = Path(os.environ.get("ZEL_SOURCE_DIR", Path(__file__).resolve().parents[2]))
 SUFFIX = "o=example"
 ADMIN = f"cn=Manager,{SUFFIX}"
 ADMIN_PASSWORD = "py-secret"
 ANN_PASSWORD = "ann-secret"
 
-SEED = f"""dn: {SUFFIX}
-objectClass: organization
-o: example
-
-dn: secAuthority=Default,{SUFFIX}
-objectClass: secAuthorityInfo
-secAuthority: Default
-version: 6
-
-dn: cn=Users,secAuthority=Default,{SUFFIX}
-objectClass: container
-cn: Users
-
-dn: cn=Resources,secAuthority=Default,{SUFFIX}
-objectClass: container
-cn: Resources
-
-dn: cn=ResourceGroups,secAuthority=Default,{SUFFIX}
-objectClass: container
-cn: ResourceGroups
-
-dn: cn=Ann,{SUFFIX}
-objectClass: inetOrgPerson
-objectClass: ePerson
-cn: Ann
-sn: Lee
-uid: ann
-userPassword: {ANN_PASSWORD}
-"""
+DOMAIN = f"secAuthority=Default,{SUFFIX}"
+SEED = "\n".join([
+    f"dn: {SUFFIX}\nobjectClass: organization\no: example\n",
+    f"dn: {DOMAIN}\nobjectClass: secAuthorityInfo\nsecAuthority: Default\nversion: 6\n",
+    *(f"dn: cn={cn},{DOMAIN}\nobjectClass: container\ncn: {cn}\n" for cn in ("Users", "Resources", "ResourceGroups")),
+    f"dn: cn=Ann,{SUFFIX}\nobjectClass: inetOrgPerson\nobjectClass: ePerson\ncn: Ann\nsn: Lee\nuid: ann\n"
+    f"userPassword: {ANN_PASSWORD}\n"])
 
 
 class Directory:
@@ -67,6 +47,10 @@ class Directory:
         added = self.ldap("ldapadd", input=SEED)
         if added.returncode != 0:
             raise RuntimeError("seeding failed: " + added.stderr)
+
+    def session(self, version=2):
+        """A binding session as the administrator, the password from its file."""
+        return zelmgmt.Session(self.uri, ADMIN, password_file=str(self.password_file), version=version)
 
     def ldap(self, tool, *args, input=None):
         return subprocess.run([tool, "-x", "-H", self.uri, "-D", ADMIN, "-y", str(self.password_file), *args],

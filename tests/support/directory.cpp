@@ -9,13 +9,14 @@
 #include <fcntl.h>
 #include <ldap.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -40,63 +41,32 @@ std::string lower(std::string s) {
     return s;
 }
 
-}  // namespace
-
-void write_file(const std::string &path, const std::string &text) {
-    std::ofstream f(path);
-    f << text;
-    if (!f) throw std::runtime_error("cannot write " + path);
+std::string read_file(const std::string &path) {
+    std::ifstream f(path);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
 }
 
-std::string make_temp_dir(const char *what) {
-    std::string templ = (fs::temp_directory_path() / (std::string("zeltest-") + what + "-XXXXXX")).string();
-    if (!mkdtemp(templ.data())) throw std::runtime_error("mkdtemp failed");
-    return templ;
-}
-
-// Two distinct free loopback ports.  They are released before slapd binds
-// them; another process taking one in between is unlikely and shows as a
-// start failure with slapd's own log.
-std::pair<uint16_t, uint16_t> free_ports() {
-    int fds[2];
-    uint16_t ports[2];
-    for (int i = 0; i < 2; ++i) {
-        fds[i] = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        a.sin_port = 0;
-        socklen_t len = sizeof a;
-        if (fds[i] < 0 || bind(fds[i], reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
-            getsockname(fds[i], reinterpret_cast<sockaddr *>(&a), &len) != 0)
-            throw std::runtime_error("no free port");
-        ports[i] = ntohs(a.sin_port);
-    }
-    close(fds[0]);
-    close(fds[1]);
-    return {ports[0], ports[1]};
-}
-
-bool port_open(uint16_t port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
+sockaddr_in loopback(uint16_t port) {
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     a.sin_port = htons(port);
+    return a;
+}
+
+bool port_open(uint16_t port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a = loopback(port);
     bool ok = connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
     close(fd);
     return ok;
 }
 
-namespace {
-
 struct TestCa {
     std::string dir, ca, cert, key;
-    TestCa() {
-        dir = make_temp_dir("ca");
-        ca = dir + "/ca.pem";
-        cert = dir + "/server.pem";
-        key = dir + "/server.key";
+    TestCa() : dir(make_temp_dir("ca")), ca(dir + "/ca.pem"), cert(dir + "/server.pem"), key(dir + "/server.key") {
         write_file(dir + "/san.cnf", "subjectAltName=IP:127.0.0.1,DNS:localhost\n");
         const std::vector<std::vector<std::string>> steps = {
             {"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
@@ -121,15 +91,6 @@ const TestCa &test_ca() {
     static TestCa ca;
     return ca;
 }
-
-}  // namespace
-
-TlsFiles test_tls_files() {
-    const TestCa &ca = test_ca();
-    return {ca.ca, ca.cert, ca.key};
-}
-
-namespace {
 
 std::string rdn_type(const std::string &dn) { return lower(dn.substr(0, dn.find('='))); }
 std::string rdn_value(const std::string &dn) {
@@ -164,7 +125,55 @@ std::vector<char *> exec_args(const std::vector<std::string> &argv) {
     return args;
 }
 
+// The shipped access rules in their cn=config form, made as the build makes
+// it, with the suffix filled in.
+std::string shipped_access_ldif(const std::string &suffix) {
+    const std::string src = std::string(ZEL_SOURCE_DIR) + "/schema/";
+    CommandResult r = run_command({"awk", "-f", src + "to-olc.awk", src + "zel-access.conf"});
+    std::string text = r.out;
+    if (r.status != 0 || text.empty()) throw std::runtime_error("to-olc.awk failed: " + r.err);
+    for (size_t at; (at = text.find("@SUFFIX@")) != std::string::npos;) text.replace(at, 8, suffix);
+    return text;
+}
+
 }  // namespace
+
+void write_file(const std::string &path, const std::string &text) {
+    std::ofstream f(path);
+    f << text;
+    if (!f) throw std::runtime_error("cannot write " + path);
+}
+
+std::string make_temp_dir(const char *what) {
+    std::string templ = (fs::temp_directory_path() / (std::string("zeltest-") + what + "-XXXXXX")).string();
+    if (!mkdtemp(templ.data())) throw std::runtime_error("mkdtemp failed");
+    return templ;
+}
+
+// Two distinct free loopback ports.  They are released before the server
+// binds them; another process taking one in between is unlikely and shows as
+// a start failure with the server's own log.
+std::pair<uint16_t, uint16_t> free_ports() {
+    int fds[2];
+    uint16_t ports[2];
+    for (int i = 0; i < 2; ++i) {
+        fds[i] = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a = loopback(0);
+        socklen_t len = sizeof a;
+        if (fds[i] < 0 || bind(fds[i], reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
+            getsockname(fds[i], reinterpret_cast<sockaddr *>(&a), &len) != 0)
+            throw std::runtime_error("no free port");
+        ports[i] = ntohs(a.sin_port);
+    }
+    close(fds[0]);
+    close(fds[1]);
+    return {ports[0], ports[1]};
+}
+
+TlsFiles test_tls_files() {
+    const TestCa &ca = test_ca();
+    return {ca.ca, ca.cert, ca.key};
+}
 
 std::vector<Entry> parse_ldif(const std::string &text) {
     std::vector<Entry> entries;
@@ -178,23 +187,19 @@ std::vector<Entry> parse_ldif(const std::string &text) {
         open = false;
     };
     while (std::getline(in, line)) {
-        if (line.empty()) { flush(); continue; }
-        if (line[0] == '#') continue;
         size_t colon = line.find(':');
-        if (colon == std::string::npos) continue;
-        std::string attr = line.substr(0, colon);
-        std::string value;
-        bool b64 = colon + 1 < line.size() && line[colon + 1] == ':';
-        size_t start = colon + (b64 ? 2 : 1);
-        while (start < line.size() && line[start] == ' ') ++start;
-        value = line.substr(start);
+        if (line.empty()) flush();
+        if (line.empty() || line[0] == '#' || colon == std::string::npos) continue;
+        bool b64 = line.compare(colon, 2, "::") == 0;
+        size_t start = std::min(line.find_first_not_of(' ', colon + (b64 ? 2 : 1)), line.size());
+        std::string attr = lower(line.substr(0, colon)), value = line.substr(start);
         if (b64) value = base64_decode(value);
-        if (lower(attr) == "dn") {
+        if (attr == "dn") {
             flush();
             cur.dn = value;
             open = true;
         } else {
-            cur.attrs[lower(attr)].push_back(value);
+            cur.attrs[attr].push_back(value);
         }
     }
     flush();
@@ -202,16 +207,9 @@ std::vector<Entry> parse_ldif(const std::string &text) {
 }
 
 const char *kind_name(Kind kind) {
-    switch (kind) {
-    case Kind::Generic: return "generic";
-    case Kind::Orv: return "orv";
-    case Kind::OrvTessan: return "orv_tessan";
-    case Kind::OrvKelmar: return "orv_kelmar";
-    case Kind::Netscape: return "netscape";
-    case Kind::EDirectory: return "edirectory";
-    case Kind::ActiveDirectory: return "active_directory";
-    }
-    return "?";
+    static const char *const names[] = {"generic",   "orv",        "orv_tessan",      "orv_kelmar",
+                                        "netscape", "edirectory", "active_directory"};
+    return names[static_cast<int>(kind)];
 }
 
 bool Entry::has(const std::string &attr) const { return attrs.count(lower(attr)) != 0; }
@@ -229,16 +227,19 @@ std::string Entry::first(const std::string &attr) const {
 
 CommandResult run_command(const std::vector<std::string> &argv, const std::string &input,
                           const std::map<std::string, std::string> &env) {
-    int in_pipe[2], out_pipe[2], err_pipe[2];
-    if (pipe(in_pipe) || pipe(out_pipe) || pipe(err_pipe)) throw std::runtime_error("pipe failed");
+    // Standard input, output and errors are unnamed files: however much a tool
+    // is given or answers, neither side waits on a full pipe.
+    std::unique_ptr<FILE, int (*)(FILE *)> files[3] = {{tmpfile(), fclose}, {tmpfile(), fclose}, {tmpfile(), fclose}};
+    for (const auto &f : files)
+        if (!f) throw std::runtime_error("tmpfile failed");
+    if (fwrite(input.data(), 1, input.size(), files[0].get()) != input.size() || fflush(files[0].get()) != 0)
+        throw std::runtime_error("cannot hold a command's input");
+    rewind(files[0].get());
     std::vector<char *> args = exec_args(argv);
     pid_t pid = fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
-        dup2(in_pipe[0], 0);
-        dup2(out_pipe[1], 1);
-        dup2(err_pipe[1], 2);
-        for (int fd : {in_pipe[0], in_pipe[1], out_pipe[0], out_pipe[1], err_pipe[0], err_pipe[1]}) close(fd);
+        for (int fd = 0; fd < 3; ++fd) dup2(fileno(files[fd].get()), fd);
         setenv("LDAPNOINIT", "1", 1);  // the tools must not read the machine's ldap.conf
         for (const auto &[k, v] : env) {
             if (v.empty()) unsetenv(k.c_str());  // an empty value removes the variable
@@ -247,51 +248,16 @@ CommandResult run_command(const std::vector<std::string> &argv, const std::strin
         execvp(args[0], args.data());
         _exit(127);
     }
-    close(in_pipe[0]);
-    close(out_pipe[1]);
-    close(err_pipe[1]);
-    // Input is written while the output is read: a large seed makes the
-    // tools answer as much as they are given, more than a pipe holds.
-    CommandResult r;
-    signal(SIGPIPE, SIG_IGN);
-    fcntl(in_pipe[1], F_SETFL, O_NONBLOCK);
-    size_t off = 0;
-    int in_fd = in_pipe[1];
-    if (input.empty()) {
-        close(in_fd);
-        in_fd = -1;
-    }
-    struct pollfd fds[3] = {{in_fd, POLLOUT, 0}, {out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
-    std::string *sinks[3] = {nullptr, &r.out, &r.err};
-    while (fds[0].fd >= 0 || fds[1].fd >= 0 || fds[2].fd >= 0) {
-        if (poll(fds, 3, -1) < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
-        if (fds[0].fd >= 0 && fds[0].revents) {
-            ssize_t n = (fds[0].revents & POLLOUT) ? write(in_fd, input.data() + off, input.size() - off) : -1;
-            if (n > 0) off += static_cast<size_t>(n);
-            if (n < 0 && errno == EAGAIN) continue;
-            if (n <= 0 || off == input.size()) {
-                close(in_fd);
-                fds[0].fd = -1;
-            }
-        }
-        for (int i = 1; i < 3; ++i) {
-            if (fds[i].fd < 0 || !fds[i].revents) continue;
-            char buf[65536];
-            ssize_t n = read(fds[i].fd, buf, sizeof buf);
-            if (n > 0) {
-                sinks[i]->append(buf, static_cast<size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-            }
-        }
-    }
     int status = 0;
-    waitpid(pid, &status, 0);
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
+    CommandResult r;
     r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    std::string *sinks[3] = {nullptr, &r.out, &r.err};
+    for (int fd = 1; fd < 3; ++fd) {
+        rewind(files[fd].get());
+        char buf[65536];
+        for (size_t n; (n = fread(buf, 1, sizeof buf, files[fd].get())) > 0;) sinks[fd]->append(buf, n);
+    }
     return r;
 }
 
@@ -354,21 +320,18 @@ const std::string &Directory::ca_file() { return test_ca().ca; }
 
 void Directory::write_config() {
     const TestCa &ca = test_ca();
-    const std::string src = ZEL_SOURCE_DIR;
-    std::string root_dse;
-    switch (profile_.kind) {
-    case Kind::Generic: break;
-    case Kind::Orv: root_dse += "orvdirectoryversion: 6.4.0\n"; break;
-    case Kind::OrvTessan: root_dse += "orvdirectoryversion: Tessan 6.4.0\n"; break;
-    case Kind::OrvKelmar: root_dse += "orvdirectoryversion: Kelmar 6.4.0\n"; break;
-    case Kind::Netscape: root_dse += "netscapemdsuffix: cn=ldbm\n"; break;
-    case Kind::EDirectory: root_dse += "vendorName: Novell, Inc.\nvendorVersion: 885\n"; break;
-    case Kind::ActiveDirectory: root_dse += "forestFunctionality: 7\n"; break;
-    }
+    // What each kind of server says of itself in its root DSE, by Kind.
+    static const char *const kind_root_dse[] = {
+        "", "orvdirectoryversion: 6.4.0\n", "orvdirectoryversion: Tessan 6.4.0\n",
+        "orvdirectoryversion: Kelmar 6.4.0\n", "netscapemdsuffix: cn=ldbm\n",
+        "vendorName: Novell, Inc.\nvendorVersion: 885\n", "forestFunctionality: 7\n"};
+    std::string root_dse = kind_root_dse[static_cast<int>(profile_.kind)];
     for (const auto &[attr, value] : profile_.root_dse) root_dse += attr + ": " + value + "\n";
 
+    // Global lines for the shared starter (scripts/slapd.sh), which writes
+    // the schema, the databases and the shipped access rules around them.
     std::ostringstream conf;
-    conf << server_config_head(dir_)
+    conf << "include " ZEL_SOURCE_DIR "/tests/support/profile.schema\n"
          << "allow bind_v2\n"  // lets the protocol-2 fallback reach a real server
          << "TLSCACertificateFile " << ca.ca << "\n"
          << "TLSCertificateFile " << ca.cert << "\n"
@@ -383,23 +346,12 @@ void Directory::write_config() {
         conf << "sizelimit size.soft=" << profile_.server_size_limit << " size.hard=" << profile_.server_size_limit
              << " size.prtotal=unlimited\n";
     conf << "access to * by dn.exact=\"" << admin_dn() << "\" manage by * read\n";
-    if (profile_.access_rules == AccessRules::SlapdConf)
-        write_file(dir_ + "/zel-access.conf", shipped_access_rules("zel-access.conf", suffix()));
     // Written live through cn=config, as an operator of such a server would.
     if (profile_.access_rules == AccessRules::CnConfig)
         conf << "database config\nrootpw " << admin_password() << "\n";
-    for (size_t i = 0; i < profile_.suffixes.size(); ++i) {
-        std::string db = dir_ + "/db" + std::to_string(i);
-        fs::create_directory(db);
-        conf << "database mdb\nsuffix \"" << profile_.suffixes[i] << "\"\n"
-             << "directory " << db << "\nmaxsize 33554432\n"
-             << (profile_.no_sync ? "dbnosync\n" : "")
-             << "include " << src << "/schema/zel-indexes.conf\n";
-        if (i == 0) conf << "rootdn \"" << admin_dn() << "\"\nrootpw " << admin_password() << "\n";
-        if (i == 0 && profile_.access_rules == AccessRules::SlapdConf)
-            conf << "include " << dir_ << "/zel-access.conf\n";
-    }
-    write_file(dir_ + "/slapd.conf", conf.str());
+    write_file(dir_ + "/global.conf", conf.str());
+    write_file(dir_ + "/admin.pw", admin_password());
+    chmod((dir_ + "/admin.pw").c_str(), 0600);  // the tools warn of a password file others may read
 }
 
 std::string server_config_head(const std::string &dir) {
@@ -423,8 +375,12 @@ void Directory::restart() {
 }
 
 void Directory::start() {
-    pid_ = spawn_server({"slapd", "-f", dir_ + "/slapd.conf", "-h", uri() + "/ " + ldaps_uri() + "/", "-d", "0"},
-                        dir_ + "/slapd.log", {port_, ldaps_port_});
+    std::vector<std::string> argv = {
+        "env", "ZEL_SLAPD_GLOBAL=" + dir_ + "/global.conf", std::string("ZEL_SLAPD_NOSYNC=") + (profile_.no_sync ? "1" : ""),
+        std::string("ZEL_ACCESS_RULES=") + (profile_.access_rules == AccessRules::SlapdConf ? "shipped" : ""),
+        "bash", ZEL_SOURCE_DIR "/scripts/slapd.sh", "run", dir_, uri() + "/ " + ldaps_uri() + "/", admin_dn()};
+    argv.insert(argv.end(), profile_.suffixes.begin(), profile_.suffixes.end());
+    pid_ = spawn_server(argv, dir_ + "/slapd.log", {port_, ldaps_port_});
 }
 
 pid_t spawn_server(const std::vector<std::string> &argv, const std::string &log, const std::vector<uint16_t> &ports,
@@ -446,16 +402,10 @@ pid_t spawn_server(const std::vector<std::string> &argv, const std::string &log,
         execvp(args[0], args.data());
         _exit(127);
     }
-    auto log_text = [&] {
-        std::ifstream f(log);
-        std::stringstream ss;
-        ss << f.rdbuf();
-        return ss.str();
-    };
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     while (std::chrono::steady_clock::now() < deadline) {
         if (waitpid(pid, nullptr, WNOHANG) == pid)
-            throw std::runtime_error(argv[0] + " exited at start:\n" + log_text());
+            throw std::runtime_error(argv[0] + " exited at start:\n" + read_file(log));
         bool listening = true;
         for (uint16_t port : ports) listening = listening && port_open(port);
         if (listening) return pid;
@@ -463,7 +413,7 @@ pid_t spawn_server(const std::vector<std::string> &argv, const std::string &log,
     }
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
-    throw std::runtime_error(argv[0] + " did not start listening in time:\n" + log_text());
+    throw std::runtime_error(argv[0] + " did not start listening in time:\n" + read_file(log));
 }
 
 void Directory::seed() {
@@ -479,34 +429,16 @@ void Directory::seed() {
     if (r.status != 0) throw std::runtime_error("seeding failed: " + r.err + r.out);
 }
 
-std::string shipped_access_rules(const std::string &form, const std::string &suffix) {
-    const std::string src = std::string(ZEL_SOURCE_DIR) + "/schema/";
-    std::string text;
-    if (form == "zel-access.conf") {
-        std::ifstream f(src + form);
-        std::stringstream ss;
-        ss << f.rdbuf();
-        text = ss.str();
-    } else {  // the cn=config form is written at build time; the same here
-        CommandResult r = run_command({"awk", "-f", src + "to-olc.awk", src + "zel-access.conf"});
-        if (r.status != 0) throw std::runtime_error("to-olc.awk failed: " + r.err);
-        text = r.out;
-    }
-    if (text.empty()) throw std::runtime_error("no access rules in " + form);
-    for (size_t at; (at = text.find("@SUFFIX@")) != std::string::npos;) text.replace(at, 8, suffix);
-    return text;
-}
-
 void Directory::load_access_rules() {
-    std::string ldif = shipped_access_rules("zel-access.ldif", suffix());
+    std::string ldif = shipped_access_ldif(suffix());
     // The config database comes first, so the first data database is {1}.
     ldif.replace(ldif.find("dn: @DATABASE@") + 4, 10, "olcDatabase={1}mdb,cn=config");
-    CommandResult r = run_command({"ldapmodify", "-x", "-H", uri(), "-D", "cn=config", "-w", admin_password()}, ldif);
+    CommandResult r = run_command({"ldapmodify", "-x", "-H", uri(), "-D", "cn=config", "-y", dir_ + "/admin.pw"}, ldif);
     if (r.status != 0) throw std::runtime_error("loading the access rules failed: " + r.err + r.out);
 }
 
 CommandResult Directory::try_add(const std::string &ldif) const {
-    return run_command({"ldapmodify", "-a", "-x", "-H", uri(), "-D", admin_dn(), "-w", admin_password()}, ldif);
+    return run_command({"ldapmodify", "-a", "-x", "-H", uri(), "-D", admin_dn(), "-y", dir_ + "/admin.pw"}, ldif);
 }
 
 void Directory::add(const std::string &ldif) const {
@@ -516,14 +448,14 @@ void Directory::add(const std::string &ldif) const {
 
 void Directory::modify(const std::string &ldif) const {
     CommandResult r =
-        run_command({"ldapmodify", "-x", "-H", uri(), "-D", admin_dn(), "-w", admin_password()}, ldif);
+        run_command({"ldapmodify", "-x", "-H", uri(), "-D", admin_dn(), "-y", dir_ + "/admin.pw"}, ldif);
     ASSERT_EQ(r.status, 0) << "ldapmodify failed: " << r.err << "\n" << ldif;
 }
 
 std::vector<Entry> Directory::search(const std::string &base, const std::string &scope,
                                      const std::string &filter) const {
     CommandResult r = run_command({"ldapsearch", "-x", "-LLL", "-o", "ldif-wrap=no", "-H", uri(), "-D",
-                                   admin_dn(), "-w", admin_password(), "-b", base, "-s", scope, filter,
+                                   admin_dn(), "-y", dir_ + "/admin.pw", "-b", base, "-s", scope, filter,
                                    "*", "+"});
     if (r.status == LDAP_NO_SUCH_OBJECT) return {};
     EXPECT_EQ(r.status, 0) << "ldapsearch failed: " << r.err;

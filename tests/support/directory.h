@@ -1,6 +1,6 @@
-// A private OpenLDAP slapd for one test: started on free loopback ports in a
-// temporary folder, seeded, and stopped (also when the test fails) by the
-// destructor.  A profile makes it present itself as one directory kind through
+// A private OpenLDAP slapd for one test: started by the shared starter
+// (scripts/slapd.sh) on free loopback ports in a temporary folder, seeded, and
+// stopped (also when the test fails) by the destructor.  A profile makes it present itself as one directory kind through
 // extra root DSE attributes, with one or several suffixes, a security domain
 // entry and an ldaps listener whose CA is made once per test program.
 #pragma once
@@ -121,10 +121,6 @@ private:
     std::string saved_uri_, saved_base_;
 };
 
-// The shipped access rules in one form ("zel-access.conf" or
-// "zel-access.ldif") with the suffix filled in.
-std::string shipped_access_rules(const std::string &form, const std::string &suffix);
-
 // The LDIF of an entry that makes a suffix exist (by its first RDN's type).
 std::string suffix_entry_ldif(const std::string &suffix);
 
@@ -142,7 +138,6 @@ struct TlsFiles {
     std::string ca, cert, key;
 };
 TlsFiles test_tls_files();
-bool port_open(uint16_t port);                // something listens on 127.0.0.1:port
 std::vector<Entry> parse_ldif(const std::string &text);
 // Runs a server in the foreground (argv[0] searched in PATH), its output in
 // log, and waits until it listens on every port; throws with the log when it

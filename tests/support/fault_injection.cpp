@@ -64,6 +64,13 @@ struct HookScope {
 
 std::string text(const char *s) { return s ? s : ""; }
 
+Call called(Fn fn, const char *dn) {
+    Call c;
+    c.fn = fn;
+    c.dn = text(dn);
+    return c;
+}
+
 std::vector<Mod> copy_mods(LDAPMod **mods) {
     std::vector<Mod> out;
     for (int i = 0; mods && mods[i]; ++i) {
@@ -82,38 +89,35 @@ std::vector<Mod> copy_mods(LDAPMod **mods) {
     return out;
 }
 
-// Records the call; returns true with the planned result when it is to fail.
-bool begin(Call &c, int &planned_result) {
+// Makes the call through `real`, or, when this one is planned to fail, runs
+// `injected` (which empties the out-parameters) and answers the planned
+// result; either way the call is recorded with what the caller saw.
+template <typename Real, typename Injected = void (*)()>
+int make(Call &c, Real real, Injected injected = [] {}) {
     State &s = state();
-    int n = ++s.seen[c.fn];
-    auto it = s.planned.find({c.fn, n});
-    if (it == s.planned.end()) return false;
-    planned_result = it->second;
-    c.injected = true;
-    return true;
+    auto it = s.planned.find({c.fn, ++s.seen[c.fn]});
+    c.injected = it != s.planned.end();
+    if (c.injected) injected();
+    c.result = c.injected ? it->second : real();
+    s.calls.push_back(c);
+    return c.result;
 }
 
-int finish(Call &c, int result) {
-    c.result = result;
-    state().calls.push_back(std::move(c));
-    return result;
+template <typename Real>
+int write_call(Fn fn, const char *dn, LDAPMod **mods, Real real) {
+    HookScope h;
+    Call c = called(fn, dn);
+    c.mods = copy_mods(mods);
+    return make(c, real);
 }
 
 }  // namespace
 
 const char *name(Fn fn) {
-    switch (fn) {
-    case Fn::Search: return "ldap_search_ext_s";
-    case Fn::Add: return "ldap_add_ext_s";
-    case Fn::Modify: return "ldap_modify_ext_s";
-    case Fn::ModifyS: return "ldap_modify_s";
-    case Fn::Delete: return "ldap_delete_ext_s";
-    case Fn::SimpleBind: return "ldap_simple_bind_s";
-    case Fn::SaslBind: return "ldap_sasl_bind_s";
-    case Fn::Initialize: return "ldap_initialize";
-    case Fn::Unbind: return "ldap_unbind_ext";
-    }
-    return "?";
+    static const char *const names[] = {"ldap_search_ext_s", "ldap_add_ext_s",    "ldap_modify_ext_s",
+                                        "ldap_modify_s",     "ldap_delete_ext_s", "ldap_simple_bind_s",
+                                        "ldap_sasl_bind_s",  "ldap_initialize",   "ldap_unbind_ext"};
+    return names[static_cast<int>(fn)];
 }
 
 void reset() {
@@ -145,11 +149,7 @@ std::vector<Call> calls(Fn fn) {
     return out;
 }
 
-int count(Fn fn) {
-    int n = 0;
-    for (const Call &c : state().calls) n += c.fn == fn;
-    return n;
-}
+int count(Fn fn) { return static_cast<int>(calls(fn).size()); }
 
 void set_search_rewrite(SearchRewrite rewrite) {
     HookScope h;
@@ -184,9 +184,7 @@ int __wrap_ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *
                              LDAPControl **cctrls, struct timeval *timeout, int sizelimit,
                              LDAPMessage **res) {
     HookScope h;
-    Call c;
-    c.fn = Fn::Search;
-    c.dn = text(base);
+    Call c = called(Fn::Search, base);
     c.scope = scope;
     c.filter = text(filter);
     c.attrs_null = attrs == nullptr;
@@ -194,102 +192,60 @@ int __wrap_ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *
     c.attrsonly = attrsonly;
     c.sizelimit = sizelimit;
     c.timeout_null = timeout == nullptr;
-    int planned = 0;
-    if (begin(c, planned)) {
-        if (res) *res = nullptr;
-        return finish(c, planned);
-    }
-    std::string b = c.dn, f = c.filter;
-    int sc = scope;
-    if (state().rewrite) state().rewrite(b, sc, f);
-    return finish(c, __real_ldap_search_ext_s(ld, base ? b.c_str() : nullptr, sc,
-                                              filter ? f.c_str() : nullptr, attrs, attrsonly,
-                                              sctrls, cctrls, timeout, sizelimit, res));
+    auto real = [&] {
+        std::string b = c.dn, f = c.filter;
+        int sc = scope;
+        if (state().rewrite) state().rewrite(b, sc, f);
+        return __real_ldap_search_ext_s(ld, base ? b.c_str() : nullptr, sc, filter ? f.c_str() : nullptr, attrs,
+                                        attrsonly, sctrls, cctrls, timeout, sizelimit, res);
+    };
+    return make(c, real, [&] { if (res) *res = nullptr; });
 }
 
-#define ZEL_WRITE_WRAPPER(KIND, CALL)            \
-    {                                                      \
-        HookScope h;                                       \
-        Call c;                                            \
-        c.fn = KIND;                                       \
-        c.dn = text(dn);                                   \
-        c.mods = copy_mods(mods);                          \
-        int planned = 0;                                   \
-        if (begin(c, planned)) return finish(c, planned);  \
-        return finish(c, CALL);                            \
-    }
+int __wrap_ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **s, LDAPControl **cl) {
+    return write_call(Fn::Add, dn, mods, [&] { return __real_ldap_add_ext_s(ld, dn, mods, s, cl); });
+}
 
-int __wrap_ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **s,
-                          LDAPControl **cl)
-    ZEL_WRITE_WRAPPER(Fn::Add, __real_ldap_add_ext_s(ld, dn, mods, s, cl))
+int __wrap_ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **s, LDAPControl **cl) {
+    return write_call(Fn::Modify, dn, mods, [&] { return __real_ldap_modify_ext_s(ld, dn, mods, s, cl); });
+}
 
-int __wrap_ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **s,
-                             LDAPControl **cl)
-    ZEL_WRITE_WRAPPER(Fn::Modify, __real_ldap_modify_ext_s(ld, dn, mods, s, cl))
-
-int __wrap_ldap_modify_s(LDAP *ld, const char *dn, LDAPMod **mods)
-    ZEL_WRITE_WRAPPER(Fn::ModifyS, __real_ldap_modify_s(ld, dn, mods))
+int __wrap_ldap_modify_s(LDAP *ld, const char *dn, LDAPMod **mods) {
+    return write_call(Fn::ModifyS, dn, mods, [&] { return __real_ldap_modify_s(ld, dn, mods); });
+}
 
 int __wrap_ldap_delete_ext_s(LDAP *ld, const char *dn, LDAPControl **s, LDAPControl **cl) {
-    HookScope h;
-    Call c;
-    c.fn = Fn::Delete;
-    c.dn = text(dn);
-    int planned = 0;
-    if (begin(c, planned)) return finish(c, planned);
-    return finish(c, __real_ldap_delete_ext_s(ld, dn, s, cl));
+    return write_call(Fn::Delete, dn, nullptr, [&] { return __real_ldap_delete_ext_s(ld, dn, s, cl); });
 }
 
 int __wrap_ldap_simple_bind_s(LDAP *ld, const char *dn, const char *pw) {
     HookScope h;
-    Call c;
-    c.fn = Fn::SimpleBind;
-    c.dn = text(dn);
+    Call c = called(Fn::SimpleBind, dn);
     c.has_credentials = pw != nullptr;
-    int planned = 0;
-    if (begin(c, planned)) return finish(c, planned);
-    return finish(c, __real_ldap_simple_bind_s(ld, dn, pw));
+    return make(c, [&] { return __real_ldap_simple_bind_s(ld, dn, pw); });
 }
 
 int __wrap_ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mech, struct berval *cred,
                             LDAPControl **s, LDAPControl **cl, struct berval **servercred) {
     HookScope h;
-    Call c;
-    c.fn = Fn::SaslBind;
-    c.dn = text(dn);
+    Call c = called(Fn::SaslBind, dn);
     c.mechanism = text(mech);
     c.has_credentials = cred != nullptr;
-    int planned = 0;
-    if (begin(c, planned)) {
-        if (servercred) *servercred = nullptr;
-        return finish(c, planned);
-    }
-    return finish(c, __real_ldap_sasl_bind_s(ld, dn, mech, cred, s, cl, servercred));
+    return make(c, [&] { return __real_ldap_sasl_bind_s(ld, dn, mech, cred, s, cl, servercred); },
+                [&] { if (servercred) *servercred = nullptr; });
 }
 
 int __wrap_ldap_initialize(LDAP **ldp, const char *uri) {
     HookScope h;
-    Call c;
-    c.fn = Fn::Initialize;
-    c.dn = text(uri);
-    int planned = 0;
-    if (begin(c, planned)) {
-        if (ldp) *ldp = nullptr;
-        return finish(c, planned);
-    }
-    return finish(c, __real_ldap_initialize(ldp, uri));
+    Call c = called(Fn::Initialize, uri);
+    return make(c, [&] { return __real_ldap_initialize(ldp, uri); }, [&] { if (ldp) *ldp = nullptr; });
 }
 
 int __wrap_ldap_unbind_ext(LDAP *ld, LDAPControl **s, LDAPControl **cl) {
     HookScope h;
-    Call c;
-    c.fn = Fn::Unbind;
-    int planned = 0;
-    if (begin(c, planned)) {
-        __real_ldap_unbind_ext(ld, s, cl);  // never leak the handle, even when lying about it
-        return finish(c, planned);
-    }
-    return finish(c, __real_ldap_unbind_ext(ld, s, cl));
+    Call c = called(Fn::Unbind, nullptr);
+    // The handle is released even when the answer is made up: never leaked.
+    return make(c, [&] { return __real_ldap_unbind_ext(ld, s, cl); }, [&] { __real_ldap_unbind_ext(ld, s, cl); });
 }
 
 void *__wrap_calloc(size_t n, size_t size) {

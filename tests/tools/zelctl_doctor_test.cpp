@@ -44,18 +44,17 @@ std::string verdict(const std::string &json, const std::string &check) {
 TEST_P(Doctor, TellsWhoReadsThePasswords) {
     const DoctorCase &c = GetParam();
     const std::string admin_pw = key_file("pw-admin"), ann_pw = key_file("pw-ann"), secret = key_file("s3cret");
-    const std::vector<std::vector<std::string>> setup = {
-        {"db", "create", "o=acme", "--admin-uid", "admin", "--admin-password-file", admin_pw},
-        {"person", "add", "o=acme", "--cn", "Ann", "--sn", "Ann", "--uid", "ann", "--password-file", ann_pw,
-         "--type", "User"},
-        {"service-type", "add", "App", "--id", "url"},
-        {"service", "add", "mail", "--type", "App", "--id", "url=x"},
-        {"record", "add", "ann", "T:mail", "--service", "mail", "--account", "a", "--password-file", secret}};
-    for (const auto &args : setup) ASSERT_EQ(zelctl(*dir, args, "1").status, 0) << args[0];
-    for (const auto &args : std::vector<std::vector<std::string>>{
-             {"service", "add", "wiki", "--type", "Web Resource"},
-             {"record", "add", "ann", "T:wiki", "--service", "wiki", "--account", "a", "--password-file", secret}})
-        ASSERT_EQ(zelctl(*dir, args, "2").status, 0) << args[0];
+    run_steps(*dir, "1", {{"db", "create", "o=acme", "--admin-uid", "admin", "--admin-password-file", admin_pw},
+                          {"person", "add", "o=acme", "--cn", "Ann", "--sn", "Ann", "--uid", "ann", "--password-file",
+                           ann_pw, "--type", "User"},
+                          {"service-type", "add", "App", "--id", "url"},
+                          {"service", "add", "mail", "--type", "App", "--id", "url=x"},
+                          {"record", "add", "ann", "T:mail", "--service", "mail", "--account", "a", "--password-file",
+                           secret}});
+    run_steps(*dir, "2", {{"service", "add", "wiki", "--type", "Web Resource"},
+                          {"record", "add", "ann", "T:wiki", "--service", "wiki", "--account", "a", "--password-file",
+                           secret}});
+    ASSERT_FALSE(HasFatalFailure());
 
     CommandResult r = run_command({ZELCTL_PATH, "-H", dir->uri(), "-D", "cn=Zel Sr Admin,o=acme", "-y", admin_pw,
                                    "--json", "doctor", "--user", "cn=Ann,o=acme", "--user-password-file", ann_pw});
@@ -98,7 +97,7 @@ protected:
 // named as a danger and makes doctor exit 3; undone, doctor is content again.
 TEST_F(DoctorSecurity, NamesEachUnsafeSecretOutsideTheRecords) {
     const std::string admin_pw = key_file("pw-admin"), folder = make_temp_dir("doctor");
-    ASSERT_EQ(zelctl(*dir, {"db", "create", "o=acme", "--admin-password-file", admin_pw}).status, 0);
+    ASSERT_NO_FATAL_FAILURE(run_steps(*dir, "1", {{"db", "create", "o=acme", "--admin-password-file", admin_pw}}));
     const std::string trail = folder + "/trail";
     std::ofstream(trail).close();
     chmod(trail.c_str(), 0600);

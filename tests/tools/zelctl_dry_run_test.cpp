@@ -16,18 +16,12 @@ class ZelctlDryRun : public UserTest {
 protected:
     void SetUp() override {
         UserTest::SetUp();
-        const std::vector<std::vector<std::string>> steps = {
-            {"service", "add", "intranet", "--type", "Web Resource"},
-            {"service", "add", "mail", "--type", "Web Resource"},
-            {"domain", "add", "staff", "--member", "intranet"},
-            {"user", "add", "jo", "--person", kJo},
-        };
-        for (const auto &step : steps) ASSERT_EQ(zelctl(*dir, step, "2").status, 0) << step[0] << " " << step[2];
-        ASSERT_EQ(zelctl(*dir, {"record", "add", "jo", "T:intranet", "--service", "intranet", "--account", "jo.direct",
-                                "--password-stdin"},
-                         "2", "intranet-pw\n")
-                      .status,
-                  0);
+        run_rows(*dir, {{"2", {"service", "add", "intranet", "--type", "Web Resource"}},
+                        {"2", {"service", "add", "mail", "--type", "Web Resource"}},
+                        {"2", {"domain", "add", "staff", "--member", "intranet"}},
+                        {"2", {"user", "add", "jo", "--person", kJo}},
+                        {"2", {"record", "add", "jo", "T:intranet", "--service", "intranet", "--account", "jo.direct",
+                               "--password-stdin"}, 0, "", "intranet-pw\n"}}, {}, true);
     }
 
     // Every entry below the suffix with its attributes, in one text.
@@ -48,49 +42,45 @@ TEST_F(ZelctlDryRun, EveryWritingCommandLeavesTheDirectoryAsItWas) {
     const std::string keys = key_file(kKeyLineA + " active\n");
     const std::string new_key_file = testing::TempDir() + "dry-run-keys-" + std::to_string(getpid());
     const std::string admin_pw = key_file("admin-pw\n");
-    struct Case {
-        std::vector<std::string> args;
-        const char *api;
-        int status;
-        std::string phrase;
-    };
-    const Case cases[] = {
-        {{"service", "add", "wiki", "--type", "Web Resource"}, "2", 0, "would add target service wiki"},
-        {{"service", "remove", "mail"}, "2", 0, "would remove target service mail"},
-        {{"service-type", "add", "Web Application", "--id", "url"}, "1", 0, "would add target service type"},
-        {{"service-type", "remove", "Web Application"}, "1", 0, "would remove target service type"},
-        {{"user", "add", "ann", "--person", kAnn}, "2", 0, "would add Zel user ann"},
-        {{"user", "update", "jo", "--disabled"}, "2", 0, "state: \"enabled\" -> \"disabled\""},
-        {{"user", "remove", "jo"}, "2", 0, "with its 1 target records"},
-        {{"domain", "add", "ops", "--member", "mail"}, "2", 0, "members: \"mail\""},
-        {{"domain", "update", "staff", "--member", "mail"}, "2", 0, "members: \"intranet\" -> \"mail\""},
-        {{"domain", "remove", "staff"}, "2", 0, "would remove resource group staff"},
-        {{"domain", "add-member", "staff", "mail"}, "2", 0, "would add member mail to resource group staff"},
-        {{"domain", "remove-member", "staff", "intranet"}, "2", 0, "would remove member intranet"},
-        {{"record", "add", "jo", "T:mail", "--service", "mail", "--password-file", "/nonexistent"}, "2", 2,
-         "cannot read the password file"},
-        {{"record", "add", "jo", "T:mail", "--service", "mail", "--password-file", admin_pw}, "2", 0,
-         "a password would be set"},
-        {{"record", "update", "jo", "T:intranet", "--service", "intranet", "--account", "jo.new"}, "2", 0,
-         "account: \"jo.direct\" -> \"jo.new\""},
-        {{"record", "remove", "jo", "T:intranet"}, "2", 0, "would remove target record T:intranet of jo"},
-        {{"record", "rekey", "--all"}, "2", 0, "1 target records"},
-        {{"person", "add", "o=acme", "--cn", "Al", "--sn", "Lee"}, "2", 0, "would add person Al"},
-        {{"db", "create", "o=acme", "--admin-password-file", admin_pw}, "1", 1, "dry run: cannot create a Zel database under o=acme"},
-        {{"db", "remove"}, "1", 0, "would remove the Zel database " + kDb},
-        {{"key", "generate", new_key_file}, "2", 0, "would write a new key file"},
-        {{"--json", "service", "add", "wiki", "--type", "Web Resource"}, "2", 0, "\"added\":true,\"dryRun\":true"},
-        {{"service", "list"}, "2", 2, "--dry-run is for commands that write"},
+    // Each command with its API version, the status it foresees and what it says.
+    const ZelctlRow cases[] = {
+        {"2", {"service", "add", "wiki", "--type", "Web Resource"}, 0, "would add target service wiki"},
+        {"2", {"service", "remove", "mail"}, 0, "would remove target service mail"},
+        {"1", {"service-type", "add", "Web Application", "--id", "url"}, 0, "would add target service type"},
+        {"1", {"service-type", "remove", "Web Application"}, 0, "would remove target service type"},
+        {"2", {"user", "add", "ann", "--person", kAnn}, 0, "would add Zel user ann"},
+        {"2", {"user", "update", "jo", "--disabled"}, 0, "state: \"enabled\" -> \"disabled\""},
+        {"2", {"user", "remove", "jo"}, 0, "with its 1 target records"},
+        {"2", {"domain", "add", "ops", "--member", "mail"}, 0, "members: \"mail\""},
+        {"2", {"domain", "update", "staff", "--member", "mail"}, 0, "members: \"intranet\" -> \"mail\""},
+        {"2", {"domain", "remove", "staff"}, 0, "would remove resource group staff"},
+        {"2", {"domain", "add-member", "staff", "mail"}, 0, "would add member mail to resource group staff"},
+        {"2", {"domain", "remove-member", "staff", "intranet"}, 0, "would remove member intranet"},
+        {"2", {"record", "add", "jo", "T:mail", "--service", "mail", "--password-file", "/nonexistent"},
+         2, "cannot read the password file"},
+        {"2", {"record", "add", "jo", "T:mail", "--service", "mail", "--password-file", admin_pw},
+         0, "a password would be set"},
+        {"2", {"record", "update", "jo", "T:intranet", "--service", "intranet", "--account", "jo.new"},
+         0, "account: \"jo.direct\" -> \"jo.new\""},
+        {"2", {"record", "remove", "jo", "T:intranet"}, 0, "would remove target record T:intranet of jo"},
+        {"2", {"record", "rekey", "--all"}, 0, "1 target records"},
+        {"2", {"person", "add", "o=acme", "--cn", "Al", "--sn", "Lee"}, 0, "would add person Al"},
+        {"1", {"db", "create", "o=acme", "--admin-password-file", admin_pw},
+         1, "dry run: cannot create a Zel database under o=acme"},
+        {"1", {"db", "remove"}, 0, "would remove the Zel database " + kDb},
+        {"2", {"key", "generate", new_key_file}, 0, "would write a new key file"},
+        {"2", {"--json", "service", "add", "wiki", "--type", "Web Resource"}, 0, "\"added\":true,\"dryRun\":true"},
+        {"2", {"service", "list"}, 2, "--dry-run is for commands that write"},
     };
     const std::string before = tree();
     ASSERT_NE(before.find("principalName=jo,"), std::string::npos) << before;
-    for (const Case &c : cases) {
+    for (const ZelctlRow &c : cases) {
         std::vector<std::string> args = c.args;
         args.push_back("--dry-run");
-        CommandResult r = zelctl(*dir, args, c.api, "", {{"ZEL_KEYFILE", keys}});
+        CommandResult r = zelctl(*dir, args, c.version, "", {{"ZEL_KEYFILE", keys}});
         SCOPED_TRACE(args[0] + " " + args[1] + "\n" + r.out + r.err);
-        EXPECT_EQ(r.status, c.status);
-        EXPECT_NE((r.out + r.err).find(c.phrase), std::string::npos);
+        EXPECT_EQ(r.status, c.exit);
+        EXPECT_NE((r.out + r.err).find(c.says), std::string::npos);
         EXPECT_EQ(tree(), before);
     }
     struct stat st {};

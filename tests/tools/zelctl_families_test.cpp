@@ -9,22 +9,7 @@ namespace {
 
 using namespace zeltest;
 
-struct Row {
-    const char *version;
-    std::vector<std::string> args;
-    int exit = 0;
-    std::string says = "";
-};
-
-void run_rows(const Directory &dir, const std::vector<Row> &rows) {
-    for (const Row &row : rows) {
-        CommandResult r = zelctl(dir, row.args, row.version);
-        std::string line;
-        for (const std::string &a : row.args) line += a + " ";
-        EXPECT_EQ(r.status, row.exit) << line << r.err;
-        EXPECT_NE((r.out + r.err).find(row.says), std::string::npos) << line << "said: " << r.out << r.err;
-    }
-}
+using Row = ZelctlRow;
 
 std::string failure(const std::string &what, ZelRC rc) {
     return "zelctl: " + what + ": " + Zel_strerror(rc) + " (status " + std::to_string(rc) + ")\n";

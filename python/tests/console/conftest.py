@@ -124,6 +124,12 @@ class Browser:
         WebDriverWait(self.driver, 30).until(
             lambda d: d.execute_script("return document.readyState") == "complete")
 
+    def main_text(self):
+        return self.driver.find_element(By.TAG_NAME, "main").text
+
+    def token(self):
+        return self.driver.find_element(By.NAME, "csrf_token").get_attribute("value")
+
     def notices(self):
         return [e.text for e in self.driver.find_elements(By.CSS_SELECTOR, ".notice")]
 
@@ -154,9 +160,15 @@ def zelctl(directory, *args, check=True):
     return done
 
 
+def secret(directory, name, text):
+    """A password file in the directory's folder, for its owner only."""
+    path = directory.work / name
+    path.write_text(text + "\n")
+    path.chmod(0o600)
+    return str(path)
+
+
 def create_database(directory):
     """A Zel database with the default types and its access groups."""
-    secret = directory.work / "zel-admin.pw"
-    secret.write_text("zel-admin-secret\n")
-    secret.chmod(0o600)
-    zelctl(directory, "db", "create", directory.suffix, "--admin-password-file", str(secret), "--default-types")
+    zelctl(directory, "db", "create", directory.suffix, "--admin-password-file",
+           secret(directory, "zel-admin.pw", "zel-admin-secret"), "--default-types")

@@ -6,7 +6,6 @@ import re
 import pytest
 from selenium.webdriver.common.by import By
 
-import zelmgmt
 
 from conftest import Console, create_database, zelctl
 from zelmgmt.console.people import Lookup, escape_dn_value, person_dn
@@ -29,25 +28,17 @@ def console(module_directory):
     c.stop()
 
 
-def text(browser):
-    return browser.driver.find_element(By.TAG_NAME, "main").text
-
-
-def token(browser):
-    return browser.driver.find_element(By.NAME, "csrf_token").get_attribute("value")
-
-
 def test_a_day_at_the_console(console, browser):
     d = console.directory
     browser.sign_in(d.admin, d.admin_password)
-    assert "Security domain\nDefault" in text(browser)
+    assert "Security domain\nDefault" in browser.main_text()
     assert browser.driver.find_element(By.CSS_SELECTOR, "nav [aria-current=page]").text == "Overview"
     browser.shoot("overview")
 
     browser.open("/services")
     browser.fill("/services/add", name="wiki", type="Web Resource", description=SCRIPT)
     # The description is shown as text, never run as markup.
-    assert SCRIPT in text(browser) and browser.driver.title != "owned"
+    assert SCRIPT in browser.main_text() and browser.driver.title != "owned"
     assert "&lt;script&gt;" in browser.driver.page_source
     browser.fill("/services/add", name="office", type="Resource Group", description="Office")
     # A type added outside the console is offered, and a save that changes
@@ -55,15 +46,14 @@ def test_a_day_at_the_console(console, browser):
     browser.follow("Edit app")
     browser.fill("/services/edit", description="The new app")
     assert "Service app changed." in browser.notices()
-    assert zelmgmt.Session(d.uri, d.admin, password=d.admin_password).get_target_service("app").type \
-        == "Web Application"
+    assert d.session().get_target_service("app").type == "Web Application"
 
     browser.open("/groups")
     browser.fill("/groups/add", name="office", description="Office tools")
     browser.follow("Edit office")
     browser.fill("/groups/members", member="wiki")
     browser.fill("/groups/edit", description="Office software")
-    assert "wiki" in text(browser) and "Resource group office changed." in browser.notices()
+    assert "wiki" in browser.main_text() and "Resource group office changed." in browser.notices()
 
     browser.open("/users")
     browser.fill("/users/add", name="ann", type="User", person_dn=f"cn=Ann,{d.suffix}")
@@ -73,10 +63,10 @@ def test_a_day_at_the_console(console, browser):
     assert any("exists already" in n for n in browser.notices())
     browser.fill("/users/add", name="helpdesk", type="User", person_dn=f"cn=Ann,{d.suffix}")
     assert any("already has a profile: user ann" in n for n in browser.notices())
-    assert "helpdesk" not in text(browser)
+    assert "helpdesk" not in browser.main_text()
 
     browser.follow("Records of ann")
-    assert "No records yet." in text(browser) and not browser.notices()
+    assert "No records yet." in browser.main_text() and not browser.notices()
     browser.fill("/records/add", target="office (group)", account="ann.office", password=RECORD_PASSWORD,
                  description="shared")
     assert "Record G:office added." in browser.notices()
@@ -94,7 +84,7 @@ def test_a_day_at_the_console(console, browser):
     browser.open("/records?user=ann")
     browser.follow("Edit G:office")
     browser.fill("/records/edit", account="", description="")
-    record = zelmgmt.Session(d.uri, d.admin, password=d.admin_password).get_target_record("ann", "G:office")
+    record = d.session().get_target_record("ann", "G:office")
     assert not record.account and record.password == RECORD_PASSWORD
     assert record.description is None or any("keeps no empty description" in n for n in browser.notices())
     browser.follow("Reveal the password of G:office")
@@ -105,16 +95,16 @@ def test_a_day_at_the_console(console, browser):
     # Removal asks first, says what goes with the user, and a GET removes nothing.
     browser.open("/users")
     browser.follow("Remove ann")
-    assert "Its 1 record goes with it: G:office." in text(browser)
+    assert "Its 1 record goes with it: G:office." in browser.main_text()
     browser.shoot("confirm")
     browser.driver.find_element(By.LINK_TEXT, "Cancel, keep it").click()
-    assert "ann" in text(browser)
+    assert "ann" in browser.main_text()
     browser.follow("Remove ann")
     browser.send(browser.driver.find_element(By.CSS_SELECTOR, "form.buttons"))
     assert "User ann removed." in browser.notices()
     # Added again: what was typed is written, or the page says it was not and offers the edit page.
     browser.fill("/users/add", name="ann", type="User", person_dn=f"cn=Ann,{d.suffix}", description="back again")
-    stored = zelmgmt.Session(d.uri, d.admin, password=d.admin_password).get_user("ann")
+    stored = d.session().get_user("ann")
     said = " ".join(browser.notices())
     assert stored.description == "back again" and "User ann added" in said or \
         "not written" in said and browser.driver.find_elements(By.LINK_TEXT, "Open its edit page")
@@ -122,7 +112,7 @@ def test_a_day_at_the_console(console, browser):
     # The trail names who did it; the reveal's log line says who and from where.
     browser.open("/audit?user=ann&action=Remove")
     assert "Intact" in browser.driver.find_element(By.ID, "verdict").text
-    assert "removeZelUser ann done" in text(browser) and d.admin in text(browser)
+    assert "removeZelUser ann done" in browser.main_text() and d.admin in browser.main_text()
     log = console.log()
     assert re.search(r"revealed to 'cn=Manager,o=example' from 127\.0\.0\.1", log)
 
@@ -137,7 +127,7 @@ def test_export_then_import_with_a_second_confirmation(console, browser, tmp_pat
     d = console.directory
     browser.sign_in(d.admin, d.admin_password)
     browser.open("/transfer")
-    status, body = console.post("/export", {"csrf_token": token(browser), "password": d.admin_password,
+    status, body = console.post("/export", {"csrf_token": browser.token(), "password": d.admin_password,
                                             "passwords": "omit"}, browser.cookie())
     document = json.loads(body)
     assert status == 200 and any(s["name"] == "app" for s in document["services"])
@@ -146,11 +136,11 @@ def test_export_then_import_with_a_second_confirmation(console, browser, tmp_pat
     upload = tmp_path / "zel.json"
     upload.write_text(json.dumps(document))
     browser.fill("/import", document=str(upload), password=d.admin_password)
-    assert "Nothing has been written yet" in text(browser) and "imported" in text(browser)
-    with zelmgmt.Session(d.uri, d.admin, password=d.admin_password) as zel:
+    assert "Nothing has been written yet" in browser.main_text() and "imported" in browser.main_text()
+    with d.session() as zel:
         assert "imported" not in [s.name for s in zel.get_all_target_services()]
         browser.fill("/import/apply", password=d.admin_password)
-        assert "The import was written." in text(browser)
+        assert "The import was written." in browser.main_text()
         assert "imported" in [s.name for s in zel.get_all_target_services()]
     assert d.admin_password not in console.log()
 
@@ -161,10 +151,10 @@ def test_names_are_checked_and_shortened(console, browser):
     browser.open("/services")
     for name, said in (("cut\x00here", "holds a NUL character"), ("x" * 5000, "longer than 256 characters"),
                        ("tab\there", "control character")):
-        status, body = console.post("/services/add", {"csrf_token": token(browser), "name": name,
+        status, body = console.post("/services/add", {"csrf_token": browser.token(), "name": name,
                                                       "type": "Web Resource"}, browser.cookie())
         assert status == 200 and said in body
-    with zelmgmt.Session(d.uri, d.admin, password=d.admin_password) as zel:
+    with d.session() as zel:
         names = [s.name for s in zel.get_all_target_services()]
     assert not any(n.startswith(("cut", "xxx", "tab")) for n in names)
     # A long name that is accepted is shown whole in its row, shortened in notices.
@@ -192,7 +182,7 @@ def test_forms_without_their_token_are_refused(console, browser):
         assert console.post("/services/add", fields, cookie)[0] == 403
         assert console.post("/services/add", fields)[0] == 403
     browser.open("/services?q=evil")
-    assert "No service matches." in text(browser)
+    assert "No service matches." in browser.main_text()
 
 
 @pytest.mark.parametrize("login, password, signed_in, shown", [
@@ -203,7 +193,7 @@ def test_forms_without_their_token_are_refused(console, browser):
 ])
 def test_sign_in(console, browser, login, password, signed_in, shown):
     browser.sign_in(login, password)
-    assert shown in text(browser)
+    assert shown in browser.main_text()
     assert password not in browser.driver.page_source and password not in browser.driver.current_url
     browser.open("/credential")
     assert browser.driver.current_url.endswith("/signin") != signed_in
@@ -220,7 +210,7 @@ def test_idle_sessions_end_and_close_their_directory_session(console):
     d = console.directory
     now = [0.0]
     store = SessionStore(idle_seconds=15 * 60, clock=lambda: now[0])
-    zel = zelmgmt.Session(d.uri, d.admin, password=d.admin_password)
+    zel = d.session()
     s = store.start(zel, d.admin)
     now[0] += 15 * 60 - 1
     assert store.get(s.key) is s  # use restarts the idle clock

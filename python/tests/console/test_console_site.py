@@ -5,52 +5,35 @@ from selenium.webdriver.common.by import By
 
 import zelmgmt
 
-from conftest import Console, create_database, zelctl
+from conftest import Console, create_database, secret, zelctl
 
 JO_PASSWORD = "jo-secret-4"
 LOOKUP = "cn=console-lookup,o=example"
 
 
-def secret(directory, name, text):
-    path = directory.work / name
-    path.write_text(text + "\n")
-    path.chmod(0o600)
-    return str(path)
-
-
 @pytest.fixture(scope="module")
-def site(ruled_directory):
+def console(ruled_directory):
     d = ruled_directory
-    if True:
-        create_database(d)
-        added = d.ldap("ldapadd", input=f"dn: {LOOKUP}\nobjectClass: person\ncn: console-lookup\nsn: lookup\n"
-                                        "userPassword: lookup-secret\n")
-        assert added.returncode == 0, added.stderr
-        zelctl(d, "person", "add", d.suffix, "--cn", "Jo", "--sn", "Example", "--uid", "jo",
-               "--password-file", secret(d, "jo.pw", JO_PASSWORD))
-        zelctl(d, "person", "add", d.suffix, "--cn", "Agent", "--sn", "Agent", "--uid", "agent",
-               "--password-file", secret(d, "agent.pw", "agent-secret"))
-        zelctl(d, "service", "add", "intranet", "--type", "Web Resource")
-        zelctl(d, "user", "add", "jo", "--person", f"cn=Jo,{d.suffix}")
-        zelctl(d, "--api-version", "1", "user", "add", "agent", "--type", "Middle Tier Server",
-               "--person", f"cn=Agent,{d.suffix}")
-        zelctl(d, "record", "add", "jo", "T:intranet", "--service", "intranet", "--account", "jo.direct",
-               "--password-file", secret(d, "r.pw", "old-intranet-pw"))
-        with zelmgmt.Session(d.uri, d.admin, password=d.admin_password) as zel:
-            for i in range(1500):
-                zel.add_target_service(zelmgmt.TargetService(f"svc-{i:04d}", "Web Resource", f"Service {i}"))
-        c = Console(d, "--lookup-dn", LOOKUP, "--lookup-password-file", secret(d, "lookup.pw", "lookup-secret"))
-        yield c
-        c.stop()
-
-
-@pytest.fixture(scope="module")
-def console(site):
-    return site
-
-
-def main_text(browser):
-    return browser.driver.find_element(By.TAG_NAME, "main").text
+    create_database(d)
+    added = d.ldap("ldapadd", input=f"dn: {LOOKUP}\nobjectClass: person\ncn: console-lookup\nsn: lookup\n"
+                                    "userPassword: lookup-secret\n")
+    assert added.returncode == 0, added.stderr
+    zelctl(d, "person", "add", d.suffix, "--cn", "Jo", "--sn", "Example", "--uid", "jo",
+           "--password-file", secret(d, "jo.pw", JO_PASSWORD))
+    zelctl(d, "person", "add", d.suffix, "--cn", "Agent", "--sn", "Agent", "--uid", "agent",
+           "--password-file", secret(d, "agent.pw", "agent-secret"))
+    zelctl(d, "service", "add", "intranet", "--type", "Web Resource")
+    zelctl(d, "user", "add", "jo", "--person", f"cn=Jo,{d.suffix}")
+    zelctl(d, "--api-version", "1", "user", "add", "agent", "--type", "Middle Tier Server",
+           "--person", f"cn=Agent,{d.suffix}")
+    zelctl(d, "record", "add", "jo", "T:intranet", "--service", "intranet", "--account", "jo.direct",
+           "--password-file", secret(d, "r.pw", "old-intranet-pw"))
+    with d.session() as zel:
+        for i in range(1500):
+            zel.add_target_service(zelmgmt.TargetService(f"svc-{i:04d}", "Web Resource", f"Service {i}"))
+    c = Console(d, "--lookup-dn", LOOKUP, "--lookup-password-file", secret(d, "lookup.pw", "lookup-secret"))
+    yield c
+    c.stop()
 
 
 def menu(browser):
@@ -70,28 +53,28 @@ def test_each_role_gets_its_own_menus(console, browser, login, password, first_p
     assert menu(browser) == entries
     if login == "agent":
         browser.open("/services")
-        assert "Add a service" not in main_text(browser) and not browser.driver.find_elements(
+        assert "Add a service" not in browser.main_text() and not browser.driver.find_elements(
             By.CSS_SELECTOR, "[aria-label^=Remove]")
         browser.open("/transfer")
-        assert "Not permitted" in main_text(browser)
+        assert "Not permitted" in browser.main_text()
 
 
 def test_a_user_signs_in_by_name_and_sets_their_own_password(console, browser):
     d = console.directory
     browser.sign_in("jo", JO_PASSWORD)
-    assert "T:intranet" in main_text(browser) and "jo.direct" in main_text(browser)
+    assert "T:intranet" in browser.main_text() and "jo.direct" in browser.main_text()
     assert browser.driver.find_element(By.CSS_SELECTOR, "nav [aria-current=page]").text == "My sign-ons"
     browser.shoot("my-sign-ons")
     browser.follow("Edit T:intranet")
     browser.fill("/records/edit", password="new-intranet-pw")
     assert "Record T:intranet updated." in browser.notices()
     assert "new-intranet-pw" not in browser.driver.page_source
-    with zelmgmt.Session(d.uri, d.admin, password=d.admin_password) as zel:
+    with d.session() as zel:
         assert zel.get_target_record("jo", "T:intranet").password == "new-intranet-pw"
     # Nobody else's pages, records or passwords: a refusal says "not permitted".
     for path in ("/services", "/users", "/records?user=ann", "/credential"):
         browser.open(path)
-        assert "Not permitted" in main_text(browser)
+        assert "Not permitted" in browser.main_text()
     assert console.post("/records/reveal", {"user": "jo", "id": "T:intranet"}, browser.cookie())[0] == 403
     assert "new-intranet-pw" not in console.log() and JO_PASSWORD not in console.log()
 
@@ -101,13 +84,13 @@ def test_a_helpdesk_finds_one_service_among_1500(console, browser):
     browser.sign_in(d.admin, d.admin_password)
     browser.open("/services")
     rows = browser.driver.find_elements(By.CSS_SELECTOR, "tbody tr")
-    assert len(rows) == 50 and "Page 1 of 31" in main_text(browser)
+    assert len(rows) == 50 and "Page 1 of 31" in browser.main_text()
     browser.fill("/services", q="svc-0742")
     assert [r.text.split()[0] for r in browser.driver.find_elements(By.CSS_SELECTOR, "tbody tr")] == ["svc-0742"]
     browser.shoot("services-search")
     # A search is text, never a filter; sorting turns the order round.
     browser.fill("/services", q="*)(cn=*")
-    assert "No service matches." in main_text(browser)
+    assert "No service matches." in browser.main_text()
     browser.open("/services?sort=name&dir=desc")
     assert browser.driver.find_element(By.CSS_SELECTOR, "tbody tr td").text == "svc-1499"
     assert browser.driver.find_element(By.CSS_SELECTOR, "th[aria-sort=descending]").text.startswith("Name")

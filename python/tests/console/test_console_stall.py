@@ -73,10 +73,6 @@ def test_a_stalled_directory_gets_its_own_page_and_holds_up_nobody_else(console)
             t.join(60)
     finally:
         os.kill(d.pid, signal.SIGCONT)
-    assert sorted(s for s, _ in answers.values()).count(504) >= 2
-    for status, body in answers.values():
-        assert status in (503, 504)
-        assert "The directory did not answer" in body if status == 504 else "slow to answer" in body
     # Two wait on the directory and say it did not answer; the third is told at once that it is busy.
     assert sorted(s for s, _ in answers.values()) == [503, 504, 504]
     for status, body in answers.values():
