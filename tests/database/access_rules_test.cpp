@@ -109,10 +109,9 @@ protected:
         ASSERT_EQ(Zel_createDatabase(root.get(), "o=acme", nullptr, kZelAdmin.uid, kZelAdmin.password().c_str(), 0),
                   0u);
         for (const Person *p : {&kAgent, &kAnn, &kXr, &kOlga}) {
-            std::string pw = p->password();
-            ZelPerson person{const_cast<char *>("o=acme"), const_cast<char *>(p->cn), const_cast<char *>(p->cn),
-                             nullptr, const_cast<char *>(p->uid), pw.data()};
-            ASSERT_EQ(Zel_create_ePerson(root.get(), &person, nullptr), 0u);
+            const std::string pw = p->password();
+            ZelPerson made = person(p->cn, p->uid, pw.c_str());
+            ASSERT_EQ(Zel_create_ePerson(root.get(), &made, nullptr), 0u);
         }
         for (const Form &f : kForms) {
             Session admin;

@@ -77,19 +77,6 @@ TEST_F(OrvDatabase, SchemaProbeDecides) {
     EXPECT_TRUE(dir->exists(kAdmin));
 }
 
-namespace {
-
-ZelPerson person(const char *cn, const char *uid = nullptr, const char *password = nullptr) {
-    ZelPerson p{};
-    p.parentDN = const_cast<char *>("o=acme");
-    p.cn = p.sn = const_cast<char *>(cn);
-    p.uid = const_cast<char *>(uid);
-    p.password = const_cast<char *>(password);
-    return p;
-}
-
-}  // namespace
-
 TEST_F(OrvDatabase, PersonsAndTheirZelProfiles) {
     ASSERT_EQ(create(), 0u);
     fault::reset();
@@ -119,9 +106,8 @@ TEST_F(OrvDatabase, PersonsAndTheirZelProfiles) {
 // Where the server offers no Password Modify (here: its root entry cannot be
 // read) the library writes a salted hash the server still signs the person on with.
 TEST_F(DatabaseTest, PersonPasswordIsASaltedHashWithoutPasswordModify) {
-    std::string pw = "pw-ed";
-    ZelPerson ed{const_cast<char *>("o=acme"), const_cast<char *>("Ed"), const_cast<char *>("Ed"), nullptr,
-                 nullptr, pw.data()};
+    const std::string pw = "pw-ed";
+    ZelPerson ed = person("Ed", nullptr, pw.c_str());
     fault::reset();
     fault::fail_call(Fn::Search, 1, LDAP_OTHER);
     ASSERT_EQ(Zel_create_ePerson(s.get(), &ed, nullptr), 0u);

@@ -1,47 +1,18 @@
 // Adding and removing target services and their types in both storage forms,
 // directly.
-#include <functional>
-#include <string>
-#include <vector>
-
 #include "support/alloc_faults.h"
 #include "targetservice/ts_fixtures.h"
 
 namespace {
 
 using namespace tstest;
-using zeltest::fault::Fn;
-namespace fault = zeltest::fault;
-using Values = std::vector<std::string>;
-
-// A caller's record with its identifier pairs.
-struct Record {
-    std::vector<ZelReqIdentifier> pairs;
-    std::vector<ZelReqIdentifier *> pointers;
-    ZelTargetService ts{};
-
-    Record(const char *name, const char *type, const char *description,
-           std::vector<std::pair<const char *, const char *>> ids = {}) {
-        for (auto &p : ids) pairs.push_back({const_cast<char *>(p.first), const_cast<char *>(p.second)});
-        for (auto &p : pairs) pointers.push_back(&p);
-        ts = {const_cast<char *>(name), const_cast<char *>(type), const_cast<char *>(description),
-              static_cast<int32_t>(pairs.size()), pointers.empty() ? nullptr : pointers.data()};
-    }
-};
-
-std::string traced(ZelSession *s, const std::function<void()> &fn) {
-    s->debug_level = 10;
-    testing::internal::CaptureStdout();
-    fn();
-    s->debug_level = 0;
-    return testing::internal::GetCapturedStdout();
-}
+using Values = Strings;
 
 TEST_F(TargetServiceV1, ServiceIdentifiersMustMatchItsTypeAndFitTheirBuffer) {
-    Record missing("a", "web", nullptr, {{"host", "h"}});
-    Record other("b", "Web", nullptr, {{"host", "h"}, {"path", "/"}});
-    Record extra("c", "Web", nullptr, {{"host", "h"}, {"port", "1"}, {"path", "/"}});
-    Record unknown("d", "Missing", nullptr);
+    ServiceRecord missing("a", "web", nullptr, {{"host", "h"}});
+    ServiceRecord other("b", "Web", nullptr, {{"host", "h"}, {"path", "/"}});
+    ServiceRecord extra("c", "Web", nullptr, {{"host", "h"}, {"port", "1"}, {"path", "/"}});
+    ServiceRecord unknown("d", "Missing", nullptr);
     EXPECT_EQ(Zel_addTargetService(s.get(), &missing.ts), ZEL_RC_CONFLICT);
     EXPECT_EQ(Zel_addTargetService(s.get(), &other.ts), ZEL_RC_CONFLICT);
     EXPECT_EQ(Zel_addTargetService(s.get(), &extra.ts), ZEL_RC_CONFLICT);
@@ -53,7 +24,7 @@ TEST_F(TargetServiceV1, ServiceIdentifiersMustMatchItsTypeAndFitTheirBuffer) {
     // (slapd would refuse the repeated value, so the add is kept away from
     // it: only what was sent matters here).
     fault::fail_call(Fn::Add, 1, LDAP_SUCCESS);
-    Record reordered("shop", "Web", nullptr, {{"PORT", "443"}, {"host", "shop.acme"}});
+    ServiceRecord reordered("shop", "Web", nullptr, {{"PORT", "443"}, {"host", "shop.acme"}});
     ASSERT_EQ(Zel_addTargetService(s.get(), &reordered.ts), 0u);
     auto adds = fault::calls(Fn::Add);
     ASSERT_EQ(adds.size(), 1u);
@@ -61,26 +32,26 @@ TEST_F(TargetServiceV1, ServiceIdentifiersMustMatchItsTypeAndFitTheirBuffer) {
               (std::vector<Values>{{"PORT=443host=shop.acme", "PORT=443host=shop.acme"}}));
 
     // A type naming no identifiers takes any pairs; a name is taken whatever the type.
-    Record box("box", "Open", "A box", {{"serial", "42"}});
+    ServiceRecord box("box", "Open", "A box", {{"serial", "42"}});
     ASSERT_EQ(Zel_addTargetService(s.get(), &box.ts), 0u);
-    zeltest::Entry e = dir->entry("tsName=box," + type_dn(*dir, "Open"));
+    Entry e = dir->entry("tsName=box," + type_dn("Open"));
     EXPECT_EQ(e.values("objectclass"), (Values{"top", "eTargetService"}));
     EXPECT_EQ((Values{e.first("tstype"), e.first("description")}), (Values{"Open", "A box"}));
     EXPECT_EQ(e.values("reqidentifier"), (Values{"serial=42"}));
-    Record clash("BOX", "Web", nullptr, {{"host", "h"}, {"port", "1"}});
+    ServiceRecord clash("BOX", "Web", nullptr, {{"host", "h"}, {"port", "1"}});
     EXPECT_EQ(Zel_addTargetService(s.get(), &clash.ts), ZEL_RC_ALREADY_EXISTS);
 
     // Pairs that would overflow their buffer, or lack a value, are refused unsent.
     fault::reset();
     std::string long_value(200, 'v'), more(60, 'w'), exact(251, 'x');
-    Record overflow("svc", "Open", nullptr, {{"k", long_value.c_str()}, {"k2", more.c_str()}});
-    Record incomplete("svc", "Open", nullptr, {{"key", nullptr}});
-    Record fits("svc", "Open", nullptr, {{"key", exact.c_str()}});  // 255 bytes and the NUL
+    ServiceRecord overflow("svc", "Open", nullptr, {{"k", long_value.c_str()}, {"k2", more.c_str()}});
+    ServiceRecord incomplete("svc", "Open", nullptr, {{"key", nullptr}});
+    ServiceRecord fits("svc", "Open", nullptr, {{"key", exact.c_str()}});  // 255 bytes and the NUL
     EXPECT_EQ(Zel_addTargetService(s.get(), &overflow.ts), ZEL_RC_INVALID_ARGUMENT);
     EXPECT_EQ(Zel_addTargetService(s.get(), &incomplete.ts), ZEL_RC_INVALID_ARGUMENT);
     EXPECT_TRUE(fault::calls().empty());
     ASSERT_EQ(Zel_addTargetService(s.get(), &fits.ts), 0u);
-    EXPECT_EQ(dir->entry("tsName=svc," + type_dn(*dir, "Open")).first("reqidentifier"), "key=" + exact);
+    EXPECT_EQ(dir->entry("tsName=svc," + type_dn("Open")).first("reqidentifier"), "key=" + exact);
 }
 
 TEST_F(TargetServiceV1, TypesAreAddedAndRemovedAsLeaves) {
@@ -88,14 +59,14 @@ TEST_F(TargetServiceV1, TypesAreAddedAndRemovedAsLeaves) {
     ZelTargetServiceType t{const_cast<char *>("Kerberos"), 2, names.data()};
     std::string out = traced(s.get(), [&] { EXPECT_EQ(Zel_addTargetServiceType(s.get(), &t), 0u); });
     EXPECT_EQ(out, "zelmgmt:Were able add Target Service Type successfully!\n");
-    zeltest::Entry e = dir->entry(type_dn(*dir, "Kerberos"));
+    Entry e = dir->entry(type_dn("Kerberos"));
     EXPECT_EQ(e.values("objectclass"), (Values{"top", "eTargetServiceType"}));
     EXPECT_EQ(e.values("reqidentifiername"), (Values{"user", "realm"}));
     out = traced(s.get(), [&] { EXPECT_EQ(Zel_addTargetServiceType(s.get(), &t), ZEL_RC_ALREADY_EXISTS); });
     EXPECT_EQ(out, "zelmgmt:ldap_add_ext_s() failed.  RC=x44\n"
                    "zelmgmt:LDAP error when trying to add Target Service Type.\n");
 
-    Record box("box", "Open", nullptr);
+    ServiceRecord box("box", "Open", nullptr);
     ASSERT_EQ(Zel_addTargetService(s.get(), &box.ts), 0u);
     EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "open"), ZEL_RC_NOT_LEAF);
 
@@ -116,7 +87,7 @@ TEST_F(TargetServiceV1, TypesAreAddedAndRemovedAsLeaves) {
     ASSERT_EQ(Zel_removeTargetService(s.get(), "BOX"), 0u);
     EXPECT_EQ(Zel_removeTargetService(s.get(), "box"), ZEL_RC_TS_NOT_FOUND);
     EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "open"), 0u);
-    EXPECT_FALSE(dir->exists(type_dn(*dir, "Open")));
+    EXPECT_FALSE(dir->exists(type_dn("Open")));
     EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "open"), ZEL_RC_TST_NOT_FOUND);
 }
 
@@ -124,7 +95,7 @@ TEST_F(TargetServiceV1, TypesAreAddedAndRemovedAsLeaves) {
 // pair's modification: the remaining pairs are left out, the add goes on
 // with complete modifications only, and its result is the answer.
 TEST_F(TargetServiceV1, AllocationFailuresAreReported) {
-    Record r("box", "Open", "Box", {{"a", "1"}, {"b", "2"}});
+    ServiceRecord r("box", "Open", "Box", {{"a", "1"}, {"b", "2"}});
     // No add reaches the directory, so every round starts from the same tree.
     for (int n = 1; n <= 500; ++n) fault::fail_call(Fn::Add, n, LDAP_SUCCESS);
     int pairs_left_out = 0;
@@ -144,11 +115,11 @@ TEST_F(TargetServiceV1, AllocationFailuresAreReported) {
 }
 
 TEST_F(TargetServiceDomain, WithoutDatabaseWritesIntoAnExistingContainerOnly) {
-    auto s = zeltest::open_session(*dir, 2);
-    auto v1 = zeltest::open_session(*dir, 1);
-    ASSERT_TRUE(s && v1);
+    open(2);
+    Session v1 = open_session(*dir, 1);
+    ASSERT_TRUE(v1);
     // A first-generation session has nowhere to write at all.
-    Record open_svc("svc", "Open", nullptr);
+    ServiceRecord open_svc("svc", "Open", nullptr);
     ZelTargetServiceType open_type{const_cast<char *>("Open"), 0, nullptr};
     EXPECT_EQ(Zel_addTargetService(v1.get(), &open_svc.ts), ZEL_RC_DATABASE_NOT_FOUND);
     EXPECT_EQ(Zel_addTargetServiceType(v1.get(), &open_type), ZEL_RC_DATABASE_NOT_FOUND);
@@ -166,56 +137,55 @@ TEST_F(TargetServiceDomain, WithoutDatabaseWritesIntoAnExistingContainerOnly) {
     EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "Web Resource"), 0u);
     EXPECT_TRUE(fault::calls().empty());
 
-    Record web("site", "wEB rESOURCE", "Site");
-    Record group("team", "Resource Group", nullptr);
+    ServiceRecord web("site", "wEB rESOURCE", "Site");
+    ServiceRecord group("team", "Resource Group", nullptr);
     EXPECT_EQ(Zel_addTargetService(s.get(), &web.ts), ZEL_RC_TS_NOT_FOUND);
     EXPECT_EQ(Zel_removeTargetService(s.get(), "site"), ZEL_RC_TS_NOT_FOUND);
 
-    dir->add(resources_ldif(*dir));
+    dir->add(container_ldif(kResources, "Resources"));
     fault::reset();
     ASSERT_EQ(Zel_addTargetService(s.get(), &web.ts), 0u);
     ASSERT_EQ(Zel_addTargetService(s.get(), &group.ts), 0u);
     EXPECT_EQ(fault::count(Fn::Add), 2);  // no container add
-    zeltest::Entry e = dir->entry("secResourceID=site," + resources_dn(*dir));
+    Entry e = dir->entry("secResourceID=site," + kResources);
     EXPECT_EQ(e.values("objectclass"), (Values{"top", "secResource"}));
     EXPECT_EQ((Values{e.first("sectype"), e.first("secvalid"), e.first("description")}), (Values{"1", "TRUE", "Site"}));
-    EXPECT_EQ(dir->entry("secResourceID=team," + resources_dn(*dir)).first("sectype"), "2");
+    EXPECT_EQ(dir->entry("secResourceID=team," + kResources).first("sectype"), "2");
     EXPECT_EQ(Zel_addTargetService(s.get(), &web.ts), ZEL_RC_ALREADY_EXISTS);
     ASSERT_EQ(Zel_removeTargetService(s.get(), "site"), 0u);
-    EXPECT_FALSE(dir->exists("secResourceID=site," + resources_dn(*dir)));
+    EXPECT_FALSE(dir->exists("secResourceID=site," + kResources));
 
     // Any other type is unknown to the domain: answered without a request
     // (its search would have no filter at all), and the session goes on.
     fault::reset();
-    Record misc("misc", "Something", nullptr);
+    ServiceRecord misc("misc", "Something", nullptr);
     EXPECT_EQ(Zel_addTargetService(s.get(), &misc.ts), ZEL_RC_TST_NOT_FOUND);
     EXPECT_EQ(fault::count(Fn::Search) + fault::count(Fn::Add), 0);
     EXPECT_EQ(Zel_addTargetService(s.get(), &web.ts), 0u);
 }
 
 TEST_F(TargetServiceDomain, WithDatabaseAddsTheContainerAndChecksBothForms) {
-    dir->add(zeltest::database_ldif(dir->suffix()) + type_ldif(*dir, "Web", {}) + service_ldif(*dir, "Web", "legacy"));
-    auto s = zeltest::open_session(*dir, 2);
-    ASSERT_TRUE(s);
+    dir->add(database_ldif("o=acme") + type_ldif("Web") + service_ldif("Web", "legacy"));
+    open(2);
     fault::reset();
     std::string long_name(990, 'n');
-    Record too_long(long_name.c_str(), "Web Resource", nullptr);
+    ServiceRecord too_long(long_name.c_str(), "Web Resource", nullptr);
     EXPECT_EQ(Zel_addTargetService(s.get(), &too_long.ts), ZEL_RC_INVALID_ARGUMENT);
     EXPECT_EQ(fault::count(Fn::Add), 0) << "refused before the container is added";
     fault::fail_call(Fn::Add, 1, LDAP_NO_SUCH_ATTRIBUTE);
-    Record web("site", "Web Resource", nullptr);
+    ServiceRecord web("site", "Web Resource", nullptr);
     EXPECT_EQ(Zel_addTargetService(s.get(), &web.ts), ZEL_RC_SCHEMA_VIOLATION);
 
     ASSERT_EQ(Zel_addTargetService(s.get(), &web.ts), 0u);
-    zeltest::Entry container = dir->entry(resources_dn(*dir));
+    Entry container = dir->entry(kResources);
     EXPECT_EQ(container.values("objectclass"), (Values{"top", "container"}));
-    Record second("second", "Web Resource", nullptr);
+    ServiceRecord second("second", "Web Resource", nullptr);
     ASSERT_EQ(Zel_addTargetService(s.get(), &second.ts), 0u);  // the container exists: fine
 
-    Record legacy("legacy", "Web Resource", nullptr);
+    ServiceRecord legacy("legacy", "Web Resource", nullptr);
     EXPECT_EQ(Zel_addTargetService(s.get(), &legacy.ts), ZEL_RC_ALREADY_EXISTS);
     ASSERT_EQ(Zel_removeTargetService(s.get(), "legacy"), 0u);
-    EXPECT_FALSE(dir->exists("tsName=legacy," + type_dn(*dir, "Web")));
+    EXPECT_FALSE(dir->exists("tsName=legacy," + type_dn("Web")));
     // Types are entries of the database: a known database lets them go.
     EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "Web"), 0u);
 }
