@@ -162,6 +162,10 @@ struct ServiceRecord {
     }
 };
 
+inline ZelRC add_service(ZelSession *s, const ServiceRecord &r) {
+    return Zel_addTargetService(s, const_cast<ZelTargetService *>(&r.ts));
+}
+
 // Answers as text: "(null)" for a missing field, "status N" for a failure.
 inline std::string text(const char *t) { return t ? t : "(null)"; }
 inline std::string status(ZelRC rc) { return "status " + std::to_string(rc); }
