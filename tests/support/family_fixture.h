@@ -126,6 +126,7 @@ inline ZelPerson person(const char *cn, const char *uid = nullptr, const char *p
                      const_cast<char *>(uid), const_cast<char *>(password)};
 }
 
+// The records point into their own vectors: they are built in place, never copied.
 struct DomainRecord {
     Locations given;
     std::vector<ZelDomainLocation> slots;
@@ -139,6 +140,8 @@ struct DomainRecord {
         d = {const_cast<char *>(name), const_cast<char *>(description), static_cast<int32_t>(slots.size()),
              pointers.empty() ? nullptr : pointers.data()};
     }
+    DomainRecord(const DomainRecord &) = delete;
+    DomainRecord &operator=(const DomainRecord &) = delete;
 };
 
 inline Locations services(const Strings &names) {
@@ -160,6 +163,8 @@ struct ServiceRecord {
         ts = {const_cast<char *>(name), const_cast<char *>(type), const_cast<char *>(description),
               static_cast<int32_t>(pairs.size()), pointers.empty() ? nullptr : pointers.data()};
     }
+    ServiceRecord(const ServiceRecord &) = delete;
+    ServiceRecord &operator=(const ServiceRecord &) = delete;
 };
 
 inline ZelRC add_service(ZelSession *s, const ServiceRecord &r) {
