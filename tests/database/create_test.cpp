@@ -66,7 +66,6 @@ TEST_F(DatabaseTest, RefusalsWriteNothing) {
 
 // The tree, the containers' access values, the groups and the owners, per
 // directory kind and creation flags.
-using Strings = std::vector<std::string>;
 struct KindCase {
     const char *name;
     Kind kind;

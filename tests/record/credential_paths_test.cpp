@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <stdexcept>
 
@@ -25,23 +26,25 @@ namespace {
 const std::vector<std::string> kResources = {"app", "mail", "we*b", "a(b)", "c,d", "e+f", "x\\y", "#h", "S\xc3\xa9", "sp ace"};
 const std::string kPeople = "ou=People,o=acme";
 
-// LDIF with every value in base64: names here hold what plain lines cannot.
-struct Ldif {
-    std::string text;
-    Ldif &dn(const std::string &dn) { return line("dn", dn); }
-    Ldif &line(const std::string &attr, const std::string &value) {
-        text += attr + ":: " + zelbench::base64(value) + "\n";
-        return *this;
-    }
-    Ldif &raw(const std::string &attr, const std::string &b64value) {
-        text += attr + ":: " + b64value + "\n";
-        return *this;
-    }
-    Ldif &end() {
-        text += "\n";
-        return *this;
-    }
-};
+using Attrs = std::vector<std::pair<std::string, std::string>>;
+
+// An entry in LDIF with every value in base64: names here hold what plain
+// lines cannot.  A type written "type:" takes a value already in base64.
+void entry(std::string &ldif, const std::string &dn, const Attrs &attrs) {
+    ldif += "dn:: " + zelbench::base64(dn) + "\n";
+    for (const auto &[type, value] : attrs)
+        ldif += type.back() == ':' ? type + ": " + value + "\n" : type + ":: " + zelbench::base64(value) + "\n";
+    ldif += "\n";
+}
+Attrs classes(std::initializer_list<const char *> names) {
+    Attrs out;
+    for (const char *n : names) out.emplace_back("objectClass", n);
+    return out;
+}
+Attrs operator+(Attrs a, const Attrs &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
 
 std::string esc(const std::string &value) { return plat::escape_dn_value(value); }
 std::string domain_resource(const std::string &r) { return "secResourceID=" + esc(r) + ",cn=Resources," + kDomain; }
@@ -84,46 +87,46 @@ std::string masked_value(const std::string &password) {
 }
 
 // A record's account names it: "<form>/<id>", so an answer shows its record.
-void add_record(Ldif &l, std::mt19937 &rng, int form, const std::string &parent, const std::string &id) {
-    std::string password = "secret-" + std::to_string(rng());
-    if (form == 2) {
-        l.dn("secResCredsID=" + esc(id) + ",cn=ResCreds," + parent)
-            .line("objectClass", "secResCreds").line("secResCredsID", id).line("secType", id[0] == 'G' ? "2" : "1")
-            .line("secUid", "2/" + id).raw("secAuthnData", masked_value(password)).end();
-    } else {
-        l.dn("cn=" + esc(id) + "," + parent)
-            .line("objectClass", "cimManagedElement").line("objectClass", "cimSetting").line("objectClass", "eTargetRecord").line("cn", id)
-            .line("targetService", "tsName=x").line("tsType", "Web Application").line("launchable", "false")
-            .line("uid", "1/" + id).raw("secretKey", masked_value(password)).end();
-    }
+void add_record(std::string &l, std::mt19937 &rng, int form, const std::string &parent, const std::string &id) {
+    const std::string masked = masked_value("secret-" + std::to_string(rng()));
+    if (form == 2)
+        entry(l, "secResCredsID=" + esc(id) + ",cn=ResCreds," + parent,
+              {{"objectClass", "secResCreds"}, {"secResCredsID", id}, {"secType", id[0] == 'G' ? "2" : "1"},
+               {"secUid", "2/" + id}, {"secAuthnData:", masked}});
+    else
+        entry(l, "cn=" + esc(id) + "," + parent,
+              classes({"cimManagedElement", "cimSetting", "eTargetRecord"}) +
+                  Attrs{{"cn", id}, {"targetService", "tsName=x"}, {"tsType", "Web Application"},
+                        {"launchable", "false"}, {"uid", "1/" + id}, {"secretKey:", masked}});
 }
 
 std::string random_directory(uint32_t seed, bool with_database, int users) {
     std::mt19937 rng(seed);
     auto chance = [&](int percent) { return static_cast<int>(rng() % 100) < percent; };
-    Ldif l;
+    std::string l;
     for (const char *cn : {"Users", "Resources", "ResourceGroups"})
-        l.dn(std::string("cn=") + cn + "," + kDomain).line("objectClass", "container").line("cn", cn).end();
-    l.dn(kPeople).line("objectClass", "organizationalUnit").line("ou", "People").end();
+        entry(l, std::string("cn=") + cn + "," + kDomain, {{"objectClass", "container"}, {"cn", cn}});
+    entry(l, kPeople, {{"objectClass", "organizationalUnit"}, {"ou", "People"}});
     // "gone" is asked for and exists nowhere.
     for (const std::string &r : kResources)
-        l.dn(domain_resource(r)).line("objectClass", "secResource").line("secResourceID", r).line("secType", "1").end();
+        entry(l, domain_resource(r), {{"objectClass", "secResource"}, {"secResourceID", r}, {"secType", "1"}});
     const int groups = 24;
+    // The members each group (or Zel domain) holds, as values of `type`.
+    auto holding = [&](Attrs held, const char *type, const std::function<std::string(const std::string &)> &value) {
+        for (const std::string &r : kResources)
+            if (chance(25)) held.emplace_back(type, value(r));
+        return held;
+    };
     for (int k = 0; k < groups; ++k) {
         const std::string g = group_name(k);
-        if (chance(60)) {
-            l.dn("secResGroupID=" + esc(g) + ",cn=ResourceGroups," + kDomain).line("objectClass", "secResGroup")
-                .line("secResGroupID", g).line("secType", "2").line("member", kDomain);
-            for (const std::string &r : kResources)
-                if (chance(25)) l.line("member", domain_resource(r));
-            l.end();
-        }
-        if (with_database && chance(50)) {
-            l.dn("cn=" + esc(g) + ",cn=Zel Domains," + kDb).line("objectClass", "eZelDomain").line("cn", g);
-            for (const std::string &r : kResources)
-                if (chance(25)) l.line("targetLocation", "T:" + r);
-            l.end();
-        }
+        if (chance(60))
+            entry(l, "secResGroupID=" + esc(g) + ",cn=ResourceGroups," + kDomain,
+                  holding({{"objectClass", "secResGroup"}, {"secResGroupID", g}, {"secType", "2"}, {"member", kDomain}},
+                          "member", domain_resource));
+        if (with_database && chance(50))
+            entry(l, "cn=" + esc(g) + ",cn=Zel Domains," + kDb,
+                  holding({{"objectClass", "eZelDomain"}, {"cn", g}}, "targetLocation",
+                          [](const std::string &r) { return "T:" + r; }));
     }
     auto records = [&](int form, const std::string &parent) {
         std::vector<std::string> ids;
@@ -139,27 +142,26 @@ std::string random_directory(uint32_t seed, bool with_database, int users) {
         for (const std::string &id : ids) add_record(l, rng, form, parent, id);
     };
     for (int i = 0; i < users; ++i) {
-        const std::string name = user_name(i), person = "cn=P" + std::to_string(i) + "," + kPeople;
-        l.dn(person).line("objectClass", "person").line("objectClass", "organizationalPerson")
-            .line("objectClass", "inetOrgPerson").line("objectClass", "ePerson").line("cn", "P" + std::to_string(i))
-            .line("sn", "P").line("uid", name).end();
+        const std::string name = user_name(i), cn = "P" + std::to_string(i), person = "cn=" + cn + "," + kPeople;
+        entry(l, person, classes({"person", "organizationalPerson", "inetOrgPerson", "ePerson"}) +
+                             Attrs{{"cn", cn}, {"sn", "P"}, {"uid", name}});
         if (chance(75)) {
             const std::string dn = "principalName=" + esc(name) + "," + kDomainUsers;
-            l.dn(dn).line("objectClass", "cimManagedElement").line("objectClass", "eUser").line("objectClass", "secUser").line("principalName", name)
-                .line("secDN", person).line("secAuthority", "Default:").line("secLoginType", "Default:LDAP")
-                .line("secAcctValid", chance(20) ? "FALSE" : "TRUE").end();
-            l.dn("cn=ResCreds," + dn).line("objectClass", "container").line("cn", "ResCreds").end();
+            entry(l, dn, classes({"cimManagedElement", "eUser", "secUser"}) +
+                             Attrs{{"principalName", name}, {"secDN", person}, {"secAuthority", "Default:"},
+                                   {"secLoginType", "Default:LDAP"}, {"secAcctValid", chance(20) ? "FALSE" : "TRUE"}});
+            entry(l, "cn=ResCreds," + dn, {{"objectClass", "container"}, {"cn", "ResCreds"}});
             records(2, dn);
         }
         if (with_database && chance(50)) {
             const std::string dn = "cn=" + esc(name) + "," + person;
-            l.dn(dn).line("objectClass", "cimManagedElement").line("objectClass", "eUser").line("objectClass", "eZelUser").line("cn", name)
-                .line("associatedName", person).line("userType", "User")
-                .line("userState", chance(20) ? "Inactive" : "Active").end();
+            entry(l, dn, classes({"cimManagedElement", "eUser", "eZelUser"}) +
+                             Attrs{{"cn", name}, {"associatedName", person}, {"userType", "User"},
+                                   {"userState", chance(20) ? "Inactive" : "Active"}});
             records(1, dn);
         }
     }
-    return l.text;
+    return l;
 }
 
 uint32_t chosen_seed() {

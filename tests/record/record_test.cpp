@@ -4,45 +4,18 @@
 #include "record/record_fixture.h"
 
 using namespace recordtest;
-using Strings = std::vector<std::string>;
 
 namespace {
-
-std::string text(const char *p) { return p ? p : "(null)"; }
-
-// The record's fields in order, or the status.
-Strings get(ZelSession *s, const char *user, const char *target) {
-    ZelTargetRecord *r = nullptr;
-    ZelRC rc = Zel_getTargetRecord(s, user, target, &r);
-    if (rc != 0) return {"status " + std::to_string(rc), r ? "handed out" : ""};
-    Strings out{text(r->targetRecordId), text(r->description), text(r->userId),
-                text(r->password), text(r->targetServiceName), text(r->targetServiceType)};
-    Zel_freeTargetRecord(r);
-    return out;
-}
 
 Strings all_ids(ZelSession *s, const char *user) {
     ZelTargetRecordList *l = nullptr;
     ZelRC rc = Zel_getAllTargetRecord(s, user, &l);
-    if (rc != 0) return {"status " + std::to_string(rc)};
+    if (rc != 0) return {status(rc)};
     Strings out;
     for (int32_t i = 0; i < l->count; ++i) out.push_back(text(l->records[i]->targetRecordId));
     Zel_freeTargetRecords(l);
     return out;
 }
-
-Strings types_sent(const fault::Call &call) {
-    Strings out;
-    for (const fault::Mod &m : call.mods) out.push_back(m.type);
-    return out;
-}
-
-// The record tree on another directory kind.
-template <Kind K>
-class RecordAs : public RecordTest {
-protected:
-    Profile profile() const override { return record_profile(K); }
-};
 
 }  // namespace
 
@@ -84,7 +57,7 @@ TEST_F(RecordTest, BothFormsStoreMaskedPasswordsAndReadThemBack) {
         } else {
             EXPECT_EQ(e.first("targetService"), "tsName=legacy");
         }
-        EXPECT_EQ(get(s.get(), "jo", c.id), (Strings{c.id, "Jo at work", "jdoe", "pa55word", c.service, c.kind}));
+        EXPECT_EQ(read_record(s.get(), "jo", c.id), (Strings{c.id, "Jo at work", "jdoe", "pa55word", c.service, c.kind}));
 
         // The update replaces what it is given; an empty description is
         // dropped on this directory kind (deleted in the first generation).
@@ -93,13 +66,13 @@ TEST_F(RecordTest, BothFormsStoreMaskedPasswordsAndReadThemBack) {
         ASSERT_EQ(Zel_updateTargetRecord(s.get(), "jo", &u), 0u);
         ASSERT_EQ(fault::count(Fn::Modify), 1);
         EXPECT_EQ(types_sent(fault::calls(Fn::Modify)[0]), c.updated);
-        EXPECT_EQ(get(s.get(), "jo", c.id), (Strings{c.id, c.description_after, "jd", "n3w-secret", c.service, c.kind}));
+        EXPECT_EQ(read_record(s.get(), "jo", c.id), (Strings{c.id, c.description_after, "jd", "n3w-secret", c.service, c.kind}));
         EXPECT_EQ(all_ids(s.get(), "jo"), Strings{c.id});
 
         ASSERT_EQ(Zel_removeTargetRecord(s.get(), "jo", c.id), 0u);
         EXPECT_FALSE(dir->exists(c.dn));
         EXPECT_EQ(Zel_removeTargetRecord(s.get(), "jo", c.id), ZEL_RC_TR_NOT_FOUND);
-        EXPECT_EQ(get(s.get(), "jo", c.id), (Strings{"status 24", ""}));
+        EXPECT_EQ(read_record(s.get(), "jo", c.id), (Strings{"status 24", ""}));
         EXPECT_EQ(all_ids(s.get(), "jo"), Strings{"status 24"});
     }
 }
@@ -115,7 +88,7 @@ TEST_F(RecordTest, DomainSessionReachesFirstGenerationRecordsAndRegistersUsers) 
     legacy.password = const_cast<char *>("fresh-pw");
     ASSERT_EQ(Zel_updateTargetRecord(s.get(), kJoProfile.c_str(), &legacy), 0u);
     EXPECT_EQ(fault::calls(Fn::Modify).back().dn, "cn=T:legacy," + kJoProfile);
-    EXPECT_EQ(get(s.get(), "jo", "T:legacy")[3], "fresh-pw");
+    EXPECT_EQ(read_record(s.get(), "jo", "T:legacy")[3], "fresh-pw");
     EXPECT_FALSE(dir->exists(kJoDomainUser));
 
     // jo has a first-generation profile only and is registered; ann has no
@@ -130,7 +103,7 @@ TEST_F(RecordTest, DomainSessionReachesFirstGenerationRecordsAndRegistersUsers) 
     Strings seen;
     for (int32_t i = 0; i < bulk->count; ++i)
         seen.push_back(text(bulk->records[i]->userName) + " " + std::to_string(bulk->records[i]->form) + " " +
-                       get(s.get(), "jo", bulk->records[i]->record->targetRecordId)[3] + " " +
+                       read_record(s.get(), "jo", bulk->records[i]->record->targetRecordId)[3] + " " +
                        text(bulk->records[i]->record->password));
     Zel_freeUserTargetRecords(bulk);
     EXPECT_EQ(seen, (Strings{"jo 2 pw pw", "jo 1 fresh-pw fresh-pw"}));
@@ -148,7 +121,7 @@ TEST_F(RecordTest, DomainSessionReachesFirstGenerationRecordsAndRegistersUsers) 
     ZelUser off = user_record("jo", "User", kJo, nullptr, 0);
     ASSERT_EQ(Zel_updateZelUser(s.get(), &off), 0u);
     dir->modify("dn: " + kJoProfile + "\nchangetype: modify\nreplace: userState\nuserState: Inactive\n");
-    EXPECT_EQ(get(s.get(), "jo", "T:app")[3], "pw");
+    EXPECT_EQ(read_record(s.get(), "jo", "T:app")[3], "pw");
     ZelTargetRecord changed = record("T:app", "app", "jo2", nullptr);
     EXPECT_EQ(Zel_updateTargetRecord(s.get(), "jo", &changed), 0u);
     EXPECT_EQ(Zel_updateTargetRecord(s.get(), "jo", &legacy), 0u) << "first-generation record";
@@ -232,12 +205,12 @@ TEST_F(RecordTest, RefusalsAndDamagedValues) {
     // A stored value the library did not mask fails the whole read.
     dir->modify("dn: secResCredsId=T:app,cn=ResCreds," + kJoDomainUser +
                 "\nchangetype: modify\nreplace: secAuthnData\nsecAuthnData: plain\n");
-    EXPECT_EQ(get(s.get(), "jo", "T:app"), (Strings{"status 1013", ""}));
+    EXPECT_EQ(read_record(s.get(), "jo", "T:app"), (Strings{"status 1013", ""}));
     EXPECT_EQ(credential(s.get(), "jo", "app"), "status 1013");
 }
 
-// What each directory kind changes: Orv keeps first-generation passwords in clear (without a NUL), Netscape
-// names the account principalName.
+// What each directory kind changes: Orv keeps first-generation passwords in
+// clear (without a NUL), Netscape names the account principalName.
 using OrvRecords = RecordAs<Kind::Orv>;
 using NetscapeRecords = RecordAs<Kind::Netscape>;
 using AdRecords = RecordAs<Kind::ActiveDirectory>;
@@ -247,7 +220,7 @@ TEST_F(OrvRecords, FirstGenerationSecretKeyIsStoredAsGiven) {
     ZelTargetRecord r = record("T:legacy", "legacy", "jdoe", "pa55");
     ASSERT_EQ(Zel_addTargetRecord(s.get(), "jo", &r), 0u);
     Entry e = dir->entry("cn=T:legacy," + kJoProfile);
-    EXPECT_EQ(std::make_tuple(e.first("secretKey"), e.first("uid")), std::make_tuple(std::string("pa55"), std::string("jdoe")));
+    EXPECT_EQ((Strings{e.first("secretKey"), e.first("uid")}), (Strings{"pa55", "jdoe"}));
     EXPECT_EQ(credential(s.get(), "jo", "legacy"), "jdoe/pa55");
 }
 

@@ -1,7 +1,7 @@
 // The directory schema: zel.ldif publishes exactly what zel.schema publishes,
 // and slapd takes the values and runs the filters that no library test does,
 // with the intended matching rules.
-#include "support/session.h"
+#include "support/family_fixture.h"
 #include "ZelSession.h"
 
 #include <signal.h>
@@ -93,83 +93,64 @@ TEST(SchemaFiles, LdifAndSchemaFormsPublishTheSameDefinitions) {
     EXPECT_TRUE(only_schema.empty()) << "only in zel.schema:\n" << testing::PrintToString(only_schema);
 }
 
-class SchemaEntries : public zeltest::DirectoryTest {};
+class SchemaEntries : public famtest::FamilyTest {};
 
-// In the Zel database, what no library test writes or asks of slapd: a
+// What no library test writes or asks of slapd.  In the Zel database: a
 // profile's access values in the ACI dialect (creation on that kind stops
 // before any profile), a service type's in the NDS dialect (creation sets it
 // without a check), a stored password of bytes that are no text, and member
-// values matched as DNs.  Every other entry shape, with each kind's access
-// values, is written through the library by the creation, user, service,
-// domain and record tests.
-TEST_F(SchemaEntries, ZelDatabaseValuesNoLibraryTestWrites) {
-    const std::string db = "systemName=ORVZEL,o=acme";
-    const std::string person = "cn=Jo Smith,o=acme";
-    const std::string admins = "cn=Administrators,cn=Access Groups," + db;
-    const std::string user = "cn=jo," + person;
+// values matched as DNs.  In the security domain: users, their credential
+// containers and credentials (one with an empty account), resources, and the
+// matching rules of the searches the library makes.  Every other entry
+// shape, with each kind's access values, is written through the library by
+// the creation, user, service, domain and record tests.
+TEST_F(SchemaEntries, ValuesAndFiltersNoLibraryTestWrites) {
+    using namespace famtest;
+    const std::string person = "cn=Jo Smith,o=acme", user = "cn=jo," + person;
     // Masked passwords are stored with their NUL; keep bytes that are no text.
     const std::string secret("m4sk\0\xff\x80!", 8), secret_base64 = "bTRzawD/gCE=";
-
-    dir->add(zeltest::database_ldif("o=acme") + zeltest::person_ldif("o=acme", "Jo Smith", "jo") + "dn: " + user +
+    dir->add(database_ldif("o=acme") + person_ldif("o=acme", "Jo Smith", "jo") + "dn: " + user +
              "\nobjectClass: top\nobjectClass: cimManagedElement\nobjectClass: eUser\nobjectClass: eZelUser"
              "\ncn: jo\nassociatedName: " + person + "\nuserType: User\nuserState: Active"
              "\nACI: (targetattr != \"secretKey\")(version 3.0; acl \"User access\"; allow(read, search, compare)"
              "userdn = \"ldap:///" + person + "\";)\n\n"
-             "dn: tsType=Web Resource,cn=Target Service Types," + db + "\nobjectClass: eTargetServiceType"
-             "\ntsType: Web Resource\nACL: 16#subtree#" + admins + "#[Entry Rights]\n\n"
+             "dn: " + type_dn("Web Resource") + "\nobjectClass: eTargetServiceType"
+             "\ntsType: Web Resource\nACL: 16#subtree#" + group("Administrators") + "#[Entry Rights]\n\n"
              "dn: cn=T:app1," + user + "\nobjectClass: top\nobjectClass: cimManagedElement\nobjectClass: cimSetting"
              "\nobjectClass: eTargetRecord\ncn: T:app1\nsecretKey:: " + secret_base64 + "\n");
-    dir->modify("dn: " + admins + "\nchangetype: modify\nadd: member\nmember: " + person + "\n");
+    dir->modify("dn: " + group("Administrators") + "\nchangetype: modify\nadd: member\nmember: " + person + "\n");
     ASSERT_FALSE(HasFatalFailure());
-
     EXPECT_EQ(dir->entry("cn=T:app1," + user).first("secretKey"), secret);
-    EXPECT_EQ(dns(dir->search(db, "sub", "(member=CN=Jo Smith, O=ACME)")), std::vector<std::string>{admins});
-}
+    EXPECT_EQ(dns(dir->search(kDb, "sub", "(member=CN=Jo Smith, O=ACME)")), Strings{group("Administrators")});
 
-// The security domain below secAuthority=Default,o=acme: users, their
-// credential containers and credentials, resources and resource groups.
-TEST_F(SchemaEntries, SecurityDomainTreeIsAcceptedAndSearchable) {
-    const std::string domain = dir->domain_dn();
-    const std::string person = "cn=Ann Lee,o=acme";
-    const std::string user = "principalName=ann,cn=Users," + domain;
-    const std::string app = "secResourceID=app1,cn=Resources," + domain;
-    const std::string masked("bWFza2Vk\0", 9), masked_base64 = "YldGemEyVmsA";
-
-    dir->add("dn: " + person + "\nobjectClass: inetOrgPerson\nobjectClass: ePerson\ncn: Ann Lee\nsn: Lee\n\n" +
-             "dn: cn=Users," + domain + "\nobjectClass: top\nobjectClass: container\ncn: Users\n\n"
-             "dn: " + user +
+    const std::string ann = "cn=Ann Lee,o=acme", ann_user = "principalName=ann," + kDomainUsers;
+    const std::string app = resource_dn("app1"), masked("bWFza2Vk\0", 9), masked_base64 = "YldGemEyVmsA";
+    dir->add(person_ldif("o=acme", "Ann Lee", "ann") + container_ldif(kDomainUsers, "Users") + "dn: " + ann_user +
              "\nobjectClass: top\nobjectClass: cimManagedElement\nobjectClass: eUser\nobjectClass: secUser"
-             "\nprincipalName: ann\nsecDN: " + person + "\nsecAuthority: Default:\nsecLoginType: Default:LDAP"
-             "\nsecAcctValid: TRUE\ndescription: ann\n\n"
-             "dn: cn=ResCreds," + user + "\nobjectClass: top\nobjectClass: container\ncn: ResCreds\n\n"
-             "dn: secResCredsId=T:app1,cn=ResCreds," + user +
+             "\nprincipalName: ann\nsecDN: " + ann + "\nsecAuthority: Default:\nsecLoginType: Default:LDAP"
+             "\nsecAcctValid: TRUE\ndescription: ann\n\n" + container_ldif("cn=ResCreds," + ann_user, "ResCreds") +
+             "dn: secResCredsId=T:app1,cn=ResCreds," + ann_user +
              "\nobjectClass: top\nobjectClass: secResCreds\nsecResCredsID: T:app1\nsecType: 1\nsecValid: TRUE"
              "\nsecUid: ann1\nsecAuthnData:: " + masked_base64 + "\nsecAuthnLength: 9\nsecAuthnType: 2\n\n"
              // An update with an empty account name stores an empty secUid.
-             "dn: secResCredsId=G:Sales,cn=ResCreds," + user +
+             "dn: secResCredsId=G:Sales,cn=ResCreds," + ann_user +
              "\nobjectClass: top\nobjectClass: secResCreds\nsecResCredsID: G:Sales\nsecType: 2\nsecValid: TRUE"
-             "\nsecUid:\n\n"
-             "dn: cn=Resources," + domain + "\nobjectClass: top\nobjectClass: container\ncn: Resources\n\n"
+             "\nsecUid:\n\n" + container_ldif(kResources, "Resources") +
              "dn: " + app + "\nobjectClass: top\nobjectClass: secResource\nsecResourceID: app1\nsecType: 1"
              "\nsecValid: TRUE\ndescription: first app\n");
     ASSERT_FALSE(HasFatalFailure());
-
-    EXPECT_EQ(dir->entry("secResCredsID=T:app1,cn=ResCreds," + user).first("secAuthnData"), masked);
-    EXPECT_EQ(dir->entry("secResCredsID=G:Sales,cn=ResCreds," + user).values("secUid"),
-              std::vector<std::string>{""});
+    EXPECT_EQ(dir->entry("secResCredsID=T:app1,cn=ResCreds," + ann_user).first("secAuthnData"), masked);
+    EXPECT_EQ(dir->entry("secResCredsID=G:Sales,cn=ResCreds," + ann_user).values("secUid"), Strings{""});
     // The person DN in the profile filter is whatever the caller passed;
     // the match must not depend on its spelling.
-    EXPECT_EQ(dns(dir->search(domain, "sub",
+    EXPECT_EQ(dns(dir->search(kDomain, "sub",
                               "(&(objectClass=secUser)(secDN=CN=ann lee, O=Acme)(secAuthority=Default:))")),
-              std::vector<std::string>{user});
-    EXPECT_EQ(dir->search(domain, "sub", "(&(objectClass=secUser)(secDN=" + person + ")(secAuthority=Default))")
-                  .size(),
+              Strings{ann_user});
+    EXPECT_EQ(dir->search(kDomain, "sub", "(&(objectClass=secUser)(secDN=" + ann + ")(secAuthority=Default))").size(),
               0u);
-    EXPECT_EQ(dir->search(domain, "sub", "(&(objectClass=secUser)(secAcctValid=true))").size(), 1u);
-    EXPECT_EQ(dir->search(user, "sub", "secResCredsID=T:app1").size(), 1u);
-    EXPECT_EQ(dns(dir->search(user, "sub", "(secResCredsID=G:*)")),
-              std::vector<std::string>{"secResCredsID=G:Sales,cn=ResCreds," + user});
-    EXPECT_EQ(dns(dir->search("cn=Resources," + domain, "sub",
-                              "(&(objectClass=secResource)(secResourceID=APP1))")),
-              std::vector<std::string>{app});
+    EXPECT_EQ(dir->search(kDomain, "sub", "(&(objectClass=secUser)(secAcctValid=true))").size(), 1u);
+    EXPECT_EQ(dir->search(ann_user, "sub", "secResCredsID=T:app1").size(), 1u);
+    EXPECT_EQ(dns(dir->search(ann_user, "sub", "(secResCredsID=G:*)")),
+              Strings{"secResCredsID=G:Sales,cn=ResCreds," + ann_user});
+    EXPECT_EQ(dns(dir->search(kResources, "sub", "(&(objectClass=secResource)(secResourceID=APP1))")), Strings{app});
 }

@@ -1,11 +1,5 @@
 // Adding and removing target services and their types in both storage forms,
 // directly.
-#include <functional>
-#include <string>
-#include <vector>
-
-#include <ldap.h>
-
 #include "support/alloc_faults.h"
 #include "targetservice/ts_fixtures.h"
 #include "ZelSession.h"
@@ -13,42 +7,13 @@
 namespace {
 
 using namespace tstest;
-using zeltest::fault::Fn;
-namespace fault = zeltest::fault;
-using Values = std::vector<std::string>;
-
-// A caller's record with its identifier pairs.
-struct Record {
-    std::vector<ZelReqIdentifier> pairs;
-    std::vector<ZelReqIdentifier *> pointers;
-    ZelTargetService ts{};
-
-    Record(const char *name, const char *type, const char *description,
-           std::vector<std::pair<const char *, const char *>> ids = {}) {
-        for (auto &p : ids) pairs.push_back({const_cast<char *>(p.first), const_cast<char *>(p.second)});
-        for (auto &p : pairs) pointers.push_back(&p);
-        ts = {const_cast<char *>(name), const_cast<char *>(type), const_cast<char *>(description),
-              static_cast<int32_t>(pairs.size()), pointers.empty() ? nullptr : pointers.data()};
-    }
-};
-
-std::string traced(ZelSession *s, const std::function<void()> &fn) {
-    s->debug_level = 10;
-    testing::internal::CaptureStdout();
-    fn();
-    s->debug_level = 0;
-    return testing::internal::GetCapturedStdout();
-}
+using Values = Strings;
 
 TEST_F(TargetServiceV1, ServiceIdentifiersMustMatchItsTypeAndFitTheirBuffer) {
-    Record missing("a", "web", nullptr, {{"host", "h"}});
-    Record other("b", "Web", nullptr, {{"host", "h"}, {"path", "/"}});
-    Record extra("c", "Web", nullptr, {{"host", "h"}, {"port", "1"}, {"path", "/"}});
-    Record unknown("d", "Missing", nullptr);
-    EXPECT_EQ(Zel_addTargetService(s.get(), &missing.ts), ZEL_RC_CONFLICT);
-    EXPECT_EQ(Zel_addTargetService(s.get(), &other.ts), ZEL_RC_CONFLICT);
-    EXPECT_EQ(Zel_addTargetService(s.get(), &extra.ts), ZEL_RC_CONFLICT);
-    EXPECT_EQ(Zel_addTargetService(s.get(), &unknown.ts), ZEL_RC_TST_NOT_FOUND);
+    EXPECT_EQ(add_service(s.get(), {"a", "web", nullptr, {{"host", "h"}}}), ZEL_RC_CONFLICT);
+    EXPECT_EQ(add_service(s.get(), {"b", "Web", nullptr, {{"host", "h"}, {"path", "/"}}}), ZEL_RC_CONFLICT);
+    EXPECT_EQ(add_service(s.get(), {"c", "Web", nullptr, {{"host", "h"}, {"port", "1"}, {"path", "/"}}}), ZEL_RC_CONFLICT);
+    EXPECT_EQ(add_service(s.get(), {"d", "Missing", nullptr}), ZEL_RC_TST_NOT_FOUND);
     EXPECT_EQ(fault::count(Fn::Add), 0);
 
     // Pairs in another order match.  Every reqIdentifier value carries all
@@ -56,34 +21,29 @@ TEST_F(TargetServiceV1, ServiceIdentifiersMustMatchItsTypeAndFitTheirBuffer) {
     // (slapd would refuse the repeated value, so the add is kept away from
     // it: only what was sent matters here).
     fault::fail_call(Fn::Add, 1, LDAP_SUCCESS);
-    Record reordered("shop", "Web", nullptr, {{"PORT", "443"}, {"host", "shop.acme"}});
-    ASSERT_EQ(Zel_addTargetService(s.get(), &reordered.ts), 0u);
+    ASSERT_EQ(add_service(s.get(), {"shop", "Web", nullptr, {{"PORT", "443"}, {"host", "shop.acme"}}}), 0u);
     auto adds = fault::calls(Fn::Add);
     ASSERT_EQ(adds.size(), 1u);
     EXPECT_EQ(sent_values(adds[0], "reqIdentifier"),
               (std::vector<Values>{{"PORT=443host=shop.acme", "PORT=443host=shop.acme"}}));
 
     // A type naming no identifiers takes any pairs; a name is taken whatever the type.
-    Record box("box", "Open", "A box", {{"serial", "42"}});
-    ASSERT_EQ(Zel_addTargetService(s.get(), &box.ts), 0u);
-    zeltest::Entry e = dir->entry("tsName=box," + type_dn(*dir, "Open"));
+    ASSERT_EQ(add_service(s.get(), {"box", "Open", "A box", {{"serial", "42"}}}), 0u);
+    Entry e = dir->entry("tsName=box," + type_dn("Open"));
     EXPECT_EQ(e.values("objectclass"), (Values{"top", "eTargetService"}));
     EXPECT_EQ((Values{e.first("tstype"), e.first("description")}), (Values{"Open", "A box"}));
     EXPECT_EQ(e.values("reqidentifier"), (Values{"serial=42"}));
-    Record clash("BOX", "Web", nullptr, {{"host", "h"}, {"port", "1"}});
-    EXPECT_EQ(Zel_addTargetService(s.get(), &clash.ts), ZEL_RC_ALREADY_EXISTS);
+    EXPECT_EQ(add_service(s.get(), {"BOX", "Web", nullptr, {{"host", "h"}, {"port", "1"}}}), ZEL_RC_ALREADY_EXISTS);
 
     // Pairs that would overflow their buffer, or lack a value, are refused unsent.
     fault::reset();
     std::string long_value(200, 'v'), more(60, 'w'), exact(251, 'x');
-    Record overflow("svc", "Open", nullptr, {{"k", long_value.c_str()}, {"k2", more.c_str()}});
-    Record incomplete("svc", "Open", nullptr, {{"key", nullptr}});
-    Record fits("svc", "Open", nullptr, {{"key", exact.c_str()}});  // 255 bytes and the NUL
-    EXPECT_EQ(Zel_addTargetService(s.get(), &overflow.ts), ZEL_RC_INVALID_ARGUMENT);
-    EXPECT_EQ(Zel_addTargetService(s.get(), &incomplete.ts), ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(add_service(s.get(), {"svc", "Open", nullptr, {{"k", long_value.c_str()}, {"k2", more.c_str()}}}),
+              ZEL_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(add_service(s.get(), {"svc", "Open", nullptr, {{"key", nullptr}}}), ZEL_RC_INVALID_ARGUMENT);
     EXPECT_TRUE(fault::calls().empty());
-    ASSERT_EQ(Zel_addTargetService(s.get(), &fits.ts), 0u);
-    EXPECT_EQ(dir->entry("tsName=svc," + type_dn(*dir, "Open")).first("reqidentifier"), "key=" + exact);
+    ASSERT_EQ(add_service(s.get(), {"svc", "Open", nullptr, {{"key", exact.c_str()}}}), 0u);  // 255 bytes and the NUL
+    EXPECT_EQ(dir->entry("tsName=svc," + type_dn("Open")).first("reqidentifier"), "key=" + exact);
 }
 
 TEST_F(TargetServiceV1, TypesAreAddedAndRemovedAsLeaves) {
@@ -91,15 +51,14 @@ TEST_F(TargetServiceV1, TypesAreAddedAndRemovedAsLeaves) {
     ZelTargetServiceType t{const_cast<char *>("Kerberos"), 2, names.data()};
     std::string out = traced(s.get(), [&] { EXPECT_EQ(Zel_addTargetServiceType(s.get(), &t), 0u); });
     EXPECT_EQ(out, "zelmgmt:Were able add Target Service Type successfully!\n");
-    zeltest::Entry e = dir->entry(type_dn(*dir, "Kerberos"));
+    Entry e = dir->entry(type_dn("Kerberos"));
     EXPECT_EQ(e.values("objectclass"), (Values{"top", "eTargetServiceType"}));
     EXPECT_EQ(e.values("reqidentifiername"), (Values{"user", "realm"}));
     out = traced(s.get(), [&] { EXPECT_EQ(Zel_addTargetServiceType(s.get(), &t), ZEL_RC_ALREADY_EXISTS); });
     EXPECT_EQ(out, "zelmgmt:ldap_add_ext_s() failed.  RC=x44\n"
                    "zelmgmt:LDAP error when trying to add Target Service Type.\n");
 
-    Record box("box", "Open", nullptr);
-    ASSERT_EQ(Zel_addTargetService(s.get(), &box.ts), 0u);
+    ASSERT_EQ(add_service(s.get(), {"box", "Open", nullptr}), 0u);
     EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "open"), ZEL_RC_NOT_LEAF);
 
     // Removals report success once the entry was found, whatever its deletion gave.
@@ -119,7 +78,7 @@ TEST_F(TargetServiceV1, TypesAreAddedAndRemovedAsLeaves) {
     ASSERT_EQ(Zel_removeTargetService(s.get(), "BOX"), 0u);
     EXPECT_EQ(Zel_removeTargetService(s.get(), "box"), ZEL_RC_TS_NOT_FOUND);
     EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "open"), 0u);
-    EXPECT_FALSE(dir->exists(type_dn(*dir, "Open")));
+    EXPECT_FALSE(dir->exists(type_dn("Open")));
     EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "open"), ZEL_RC_TST_NOT_FOUND);
 }
 
@@ -127,7 +86,7 @@ TEST_F(TargetServiceV1, TypesAreAddedAndRemovedAsLeaves) {
 // pair's modification: the remaining pairs are left out, the add goes on
 // with complete modifications only, and its result is the answer.
 TEST_F(TargetServiceV1, AllocationFailuresAreReported) {
-    Record r("box", "Open", "Box", {{"a", "1"}, {"b", "2"}});
+    ServiceRecord r("box", "Open", "Box", {{"a", "1"}, {"b", "2"}});
     // No add reaches the directory, so every round starts from the same tree.
     for (int n = 1; n <= 500; ++n) fault::fail_call(Fn::Add, n, LDAP_SUCCESS);
     int pairs_left_out = 0;
@@ -147,78 +106,66 @@ TEST_F(TargetServiceV1, AllocationFailuresAreReported) {
 }
 
 TEST_F(TargetServiceDomain, WithoutDatabaseWritesIntoAnExistingContainerOnly) {
-    auto s = zeltest::open_session(*dir, 2);
-    auto v1 = zeltest::open_session(*dir, 1);
-    ASSERT_TRUE(s && v1);
+    open(2);
+    Session v1 = open_session(*dir, 1);
+    ASSERT_TRUE(v1);
     // A first-generation session has nowhere to write at all.
-    Record open_svc("svc", "Open", nullptr);
-    ZelTargetServiceType open_type{const_cast<char *>("Open"), 0, nullptr};
-    EXPECT_EQ(Zel_addTargetService(v1.get(), &open_svc.ts), ZEL_RC_DATABASE_NOT_FOUND);
+    auto type = [](const char *name) { return ZelTargetServiceType{const_cast<char *>(name), 0, nullptr}; };
+    ZelTargetServiceType open_type = type("Open"), web_type = type("web RESOURCE"),
+                         group_type = type("Resource Group"), other_type = type("Web");
+    EXPECT_EQ(add_service(v1.get(), {"svc", "Open", nullptr}), ZEL_RC_DATABASE_NOT_FOUND);
     EXPECT_EQ(Zel_addTargetServiceType(v1.get(), &open_type), ZEL_RC_DATABASE_NOT_FOUND);
     EXPECT_EQ(Zel_removeTargetService(v1.get(), "svc"), ZEL_RC_DATABASE_NOT_FOUND);
     EXPECT_EQ(Zel_removeTargetServiceType(v1.get(), "Open"), ZEL_RC_DATABASE_NOT_FOUND);
 
     // A security domain has only its built-in types, which need no entry.
     fault::reset();
-    ZelTargetServiceType web_type{const_cast<char *>("web RESOURCE"), 0, nullptr};
-    ZelTargetServiceType group_type{const_cast<char *>("Resource Group"), 0, nullptr};
-    ZelTargetServiceType other_type{const_cast<char *>("Web"), 0, nullptr};
     EXPECT_EQ(Zel_addTargetServiceType(s.get(), &web_type), 0u);
     EXPECT_EQ(Zel_addTargetServiceType(s.get(), &group_type), 0u);
     EXPECT_EQ(Zel_addTargetServiceType(s.get(), &other_type), ZEL_RC_INVALID_ARGUMENT);
     EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "Web Resource"), 0u);
     EXPECT_TRUE(fault::calls().empty());
 
-    Record web("site", "wEB rESOURCE", "Site");
-    Record group("team", "Resource Group", nullptr);
-    EXPECT_EQ(Zel_addTargetService(s.get(), &web.ts), ZEL_RC_TS_NOT_FOUND);
+    const ServiceRecord web("site", "wEB rESOURCE", "Site");
+    EXPECT_EQ(add_service(s.get(), web), ZEL_RC_TS_NOT_FOUND);
     EXPECT_EQ(Zel_removeTargetService(s.get(), "site"), ZEL_RC_TS_NOT_FOUND);
 
-    dir->add(resources_ldif(*dir));
+    dir->add(container_ldif(kResources, "Resources"));
     fault::reset();
-    ASSERT_EQ(Zel_addTargetService(s.get(), &web.ts), 0u);
-    ASSERT_EQ(Zel_addTargetService(s.get(), &group.ts), 0u);
+    ASSERT_EQ(add_service(s.get(), web), 0u);
+    ASSERT_EQ(add_service(s.get(), {"team", "Resource Group", nullptr}), 0u);
     EXPECT_EQ(fault::count(Fn::Add), 2);  // no container add
-    zeltest::Entry e = dir->entry("secResourceID=site," + resources_dn(*dir));
+    Entry e = dir->entry("secResourceID=site," + kResources);
     EXPECT_EQ(e.values("objectclass"), (Values{"top", "secResource"}));
     EXPECT_EQ((Values{e.first("sectype"), e.first("secvalid"), e.first("description")}), (Values{"1", "TRUE", "Site"}));
-    EXPECT_EQ(dir->entry("secResourceID=team," + resources_dn(*dir)).first("sectype"), "2");
-    EXPECT_EQ(Zel_addTargetService(s.get(), &web.ts), ZEL_RC_ALREADY_EXISTS);
+    EXPECT_EQ(dir->entry("secResourceID=team," + kResources).first("sectype"), "2");
+    EXPECT_EQ(add_service(s.get(), web), ZEL_RC_ALREADY_EXISTS);
     ASSERT_EQ(Zel_removeTargetService(s.get(), "site"), 0u);
-    EXPECT_FALSE(dir->exists("secResourceID=site," + resources_dn(*dir)));
+    EXPECT_FALSE(dir->exists("secResourceID=site," + kResources));
 
     // Any other type is unknown to the domain: answered without a request
     // (its search would have no filter at all), and the session goes on.
     fault::reset();
-    Record misc("misc", "Something", nullptr);
-    EXPECT_EQ(Zel_addTargetService(s.get(), &misc.ts), ZEL_RC_TST_NOT_FOUND);
+    EXPECT_EQ(add_service(s.get(), {"misc", "Something", nullptr}), ZEL_RC_TST_NOT_FOUND);
     EXPECT_EQ(fault::count(Fn::Search) + fault::count(Fn::Add), 0);
-    EXPECT_EQ(Zel_addTargetService(s.get(), &web.ts), 0u);
+    EXPECT_EQ(add_service(s.get(), web), 0u);
 }
 
 TEST_F(TargetServiceDomain, WithDatabaseAddsTheContainerAndChecksBothForms) {
-    dir->add(zeltest::database_ldif(dir->suffix()) + type_ldif(*dir, "Web", {}) + service_ldif(*dir, "Web", "legacy"));
-    auto s = zeltest::open_session(*dir, 2);
-    ASSERT_TRUE(s);
+    dir->add(database_ldif("o=acme") + type_ldif("Web") + service_ldif("Web", "legacy"));
+    open(2);
     fault::reset();
-    std::string long_name(990, 'n');
-    Record too_long(long_name.c_str(), "Web Resource", nullptr);
-    EXPECT_EQ(Zel_addTargetService(s.get(), &too_long.ts), ZEL_RC_INVALID_ARGUMENT);
+    const std::string long_name(990, 'n');
+    EXPECT_EQ(add_service(s.get(), {long_name.c_str(), "Web Resource", nullptr}), ZEL_RC_INVALID_ARGUMENT);
     EXPECT_EQ(fault::count(Fn::Add), 0) << "refused before the container is added";
     fault::fail_call(Fn::Add, 1, LDAP_NO_SUCH_ATTRIBUTE);
-    Record web("site", "Web Resource", nullptr);
-    EXPECT_EQ(Zel_addTargetService(s.get(), &web.ts), ZEL_RC_SCHEMA_VIOLATION);
-
-    ASSERT_EQ(Zel_addTargetService(s.get(), &web.ts), 0u);
-    zeltest::Entry container = dir->entry(resources_dn(*dir));
-    EXPECT_EQ(container.values("objectclass"), (Values{"top", "container"}));
-    Record second("second", "Web Resource", nullptr);
-    ASSERT_EQ(Zel_addTargetService(s.get(), &second.ts), 0u);  // the container exists: fine
-
-    Record legacy("legacy", "Web Resource", nullptr);
-    EXPECT_EQ(Zel_addTargetService(s.get(), &legacy.ts), ZEL_RC_ALREADY_EXISTS);
+    EXPECT_EQ(add_service(s.get(), {"site", "Web Resource", nullptr}), ZEL_RC_SCHEMA_VIOLATION);
+    ASSERT_EQ(add_service(s.get(), {"site", "Web Resource", nullptr}), 0u);
+    EXPECT_EQ(dir->entry(kResources).values("objectclass"), (Values{"top", "container"}));
+    ASSERT_EQ(add_service(s.get(), {"second", "Web Resource", nullptr}), 0u);  // the container exists: fine
+    EXPECT_EQ(add_service(s.get(), {"legacy", "Web Resource", nullptr}), ZEL_RC_ALREADY_EXISTS);
     ASSERT_EQ(Zel_removeTargetService(s.get(), "legacy"), 0u);
-    EXPECT_FALSE(dir->exists("tsName=legacy," + type_dn(*dir, "Web")));
+    EXPECT_FALSE(dir->exists("tsName=legacy," + type_dn("Web")));
     // Types are entries of the database: a known database lets them go.
     EXPECT_EQ(Zel_removeTargetServiceType(s.get(), "Web"), 0u);
 }

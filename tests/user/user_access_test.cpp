@@ -10,7 +10,6 @@ using namespace usertest;
 
 namespace {
 
-using Strings = std::vector<std::string>;
 using Values = std::vector<std::pair<std::string, Strings>>;
 
 const std::string kAdmins = group("Administrators");
@@ -89,7 +88,7 @@ std::vector<AccessCase> cases() {
 
 class UserAccess : public UserTest, public ::testing::WithParamInterface<AccessCase> {
 protected:
-    Profile profile() const override { return seeded(GetParam().kind); }
+    Profile profile() const override { return user_profile(GetParam().kind); }
 };
 
 std::string case_name(const ::testing::TestParamInfo<AccessCase> &info) {
@@ -152,7 +151,7 @@ TEST_F(EDirectoryUsers, RepeatedMembershipEditsLeaveThePersonAlone) {
 // kinds without an access dialect of their own too.
 class KindUsers : public UserTest, public ::testing::WithParamInterface<Kind> {
 protected:
-    Profile profile() const override { return seeded(GetParam()); }
+    Profile profile() const override { return user_profile(GetParam()); }
 };
 
 TEST_P(KindUsers, RemovalLeavesTheAccessGroupsItJoined) {
