@@ -206,13 +206,13 @@ public:
         KeyFileState state = read_checked(path, ring, seen);
         std::lock_guard<std::mutex> lock(mutex_);
         if (closed_) return state;
+        // Nothing is kept until the copy is whole (the copy may throw).
+        forget();
         if (state == KeyFileState::usable && settled(seen, before)) {
             ring_.assign(ring);
             path_ = path;
             identity_ = FileIdentity(seen);
             kept_ = true;
-        } else {
-            forget();
         }
         return state;
     }
