@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -182,6 +183,13 @@ public:
         return cache;
     }
 
+    // ZEL_KEYFILE no longer names a file: keys kept from one go.
+    void drop() {
+        if (!kept_.load(std::memory_order_relaxed)) return;
+        std::lock_guard<std::mutex> lock(mutex_);
+        forget();
+    }
+
     KeyFileState read(const char *path, KeyRing &ring) {
         struct stat st {};
         bool fit = ::stat(path, &st) == 0 && fit_for_keys(st);
@@ -193,7 +201,7 @@ public:
                 ring.clear();
                 return KeyFileState::refused;
             }
-            if (kept_ && identity_ == FileIdentity(st) && path_ == path) {
+            if (kept_.load(std::memory_order_relaxed) && identity_ == FileIdentity(st) && path_ == path) {
                 ring.assign(ring_);
                 return KeyFileState::usable;
             }
@@ -212,7 +220,7 @@ public:
             ring_.assign(ring);
             path_ = path;
             identity_ = FileIdentity(seen);
-            kept_ = true;
+            kept_.store(true, std::memory_order_relaxed);
         }
         return state;
     }
@@ -230,11 +238,12 @@ private:
     void forget() {
         if (closed_) return;
         ring_.clear();
-        kept_ = false;
+        kept_.store(false, std::memory_order_relaxed);
     }
 
     std::mutex mutex_;
-    bool kept_ = false;
+    // Written under mutex_; read without it only to skip a needless lock.
+    std::atomic<bool> kept_{false};
     // Set at exit: nothing is kept after the process began to end.
     bool closed_ = false;
     std::string path_;
@@ -323,7 +332,10 @@ KeyFileState read_key_file(const char *path, KeyRing &ring) {
 
 KeyFileState read_configured_keys(KeyRing &ring) {
     const char *path = std::getenv("ZEL_KEYFILE");
-    if (path == nullptr || *path == '\0') return KeyFileState::absent;
+    if (path == nullptr || *path == '\0') {
+        KeyFileCache::instance().drop();
+        return KeyFileState::absent;
+    }
     return KeyFileCache::instance().read(path, ring);
 }
 
