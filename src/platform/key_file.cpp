@@ -7,10 +7,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <mutex>
 #include <string>
 
 namespace zel::platform {
@@ -106,13 +110,160 @@ bool write_new_file(const char *path, const char *text, size_t length) {
     return ok;
 }
 
+// A file fit to hold keys: a regular file closed to group and others, and
+// not larger than any key file is.
+bool fit_for_keys(const struct stat &st) {
+    return S_ISREG(st.st_mode) && (st.st_mode & (S_IRWXG | S_IRWXO)) == 0 &&
+           static_cast<size_t>(st.st_size) <= kMaxFileBytes;
+}
+
+int64_t nanoseconds(const timespec &t) { return static_cast<int64_t>(t.tv_sec) * 1000000000 + t.tv_nsec; }
+
+// What stat() shows of a key file; any other value is another file, or the
+// same one changed.
+struct FileIdentity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    int64_t modified = 0;
+    int64_t changed = 0;
+    uid_t owner = 0;
+    mode_t mode = 0;
+
+    FileIdentity() = default;
+    explicit FileIdentity(const struct stat &st)
+        : device(st.st_dev), inode(st.st_ino), size(st.st_size), modified(nanoseconds(st.st_mtim)),
+          changed(nanoseconds(st.st_ctim)), owner(st.st_uid), mode(st.st_mode) {}
+    bool operator==(const FileIdentity &o) const {
+        return device == o.device && inode == o.inode && size == o.size && modified == o.modified &&
+               changed == o.changed && owner == o.owner && mode == o.mode;
+    }
+};
+
+// File times advance in steps of the kernel's clock tick (a few
+// milliseconds), or of whole seconds on some file systems, so a change made
+// in the same step as the one before keeps every time as it was.  Keys read
+// at `before` are kept only when the file's last change lies more than a
+// step before that: any later change then moves its change time.
+bool settled(const struct stat &st, const timespec &before) {
+    const int64_t step = st.st_ctim.tv_nsec == 0 ? 2000000000 : 100000000;
+    return nanoseconds(before) - nanoseconds(st.st_ctim) > step;
+}
+
+// Reads and parses the file at `path` after the checks in key_file.h;
+// `seen` is what fstat showed of the very file that was read.
+KeyFileState read_checked(const char *path, KeyRing &ring, struct stat &seen) {
+    if (sodium_init() < 0) return KeyFileState::refused;
+    int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return KeyFileState::refused;
+    bool trusted = ::fstat(fd, &seen) == 0 && fit_for_keys(seen);
+    WipedBytes text(trusted ? static_cast<size_t>(seen.st_size) + 1 : 0);
+    size_t length = 0;
+    while (trusted) {
+        ssize_t n = ::read(fd, text.text() + length, text.size() - length);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) trusted = false;
+        if (n <= 0) break;
+        length += static_cast<size_t>(n);
+        // The file grew while it was read: not the file that was checked.
+        if (length == text.size()) trusted = false;
+    }
+    ::close(fd);
+    return trusted && ring.parse(text.text(), length) ? KeyFileState::usable : KeyFileState::refused;
+}
+
 }  // namespace
+
+// The keys of the configured key file, kept for the process so that a
+// decrypt costs one stat() instead of reading and parsing the file.
+class KeyFileCache {
+public:
+    static KeyFileCache &instance() {
+        static KeyFileCache cache;
+        return cache;
+    }
+
+    // ZEL_KEYFILE no longer names a file: keys kept from one go.
+    void drop() {
+        if (!kept_.load(std::memory_order_relaxed)) return;
+        std::lock_guard<std::mutex> lock(mutex_);
+        forget();
+    }
+
+    KeyFileState read(const char *path, KeyRing &ring) {
+        struct stat st {};
+        bool fit = ::stat(path, &st) == 0 && fit_for_keys(st);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!fit) {
+                // Gone or loosened: the kept keys go with it.
+                forget();
+                ring.clear();
+                return KeyFileState::refused;
+            }
+            if (kept_.load(std::memory_order_relaxed) && identity_ == FileIdentity(st) && path_ == path) {
+                ring.assign(ring_);
+                return KeyFileState::usable;
+            }
+        }
+        // Read outside the lock; a slower reader that stores an older copy
+        // stores it under that copy's own identity, which the next stat() tells apart.
+        timespec before {};
+        ::clock_gettime(CLOCK_REALTIME, &before);
+        struct stat seen {};
+        KeyFileState state = read_checked(path, ring, seen);
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (closed_) return state;
+        // Nothing is kept until the copy is whole (the copy may throw).
+        forget();
+        if (state == KeyFileState::usable && settled(seen, before)) {
+            ring_.assign(ring);
+            path_ = path;
+            identity_ = FileIdentity(seen);
+            kept_.store(true, std::memory_order_relaxed);
+        }
+        return state;
+    }
+
+    ~KeyFileCache() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        forget();
+        closed_ = true;
+    }
+
+private:
+    KeyFileCache() = default;
+
+    // Wipes the kept keys.  Holds mutex_.
+    void forget() {
+        if (closed_) return;
+        ring_.clear();
+        kept_.store(false, std::memory_order_relaxed);
+    }
+
+    std::mutex mutex_;
+    // Written under mutex_; read without it only to skip a needless lock.
+    std::atomic<bool> kept_{false};
+    // Set at exit: nothing is kept after the process began to end.
+    bool closed_ = false;
+    std::string path_;
+    FileIdentity identity_;
+    KeyRing ring_;
+};
 
 KeyRing::~KeyRing() { clear(); }
 
 void KeyRing::clear() {
     if (!keys_.empty()) sodium_memzero(keys_.data(), keys_.size() * sizeof(OperatorKey));
     keys_.clear();
+}
+
+void KeyRing::assign(const KeyRing &other) {
+    if (&other == this) return;
+    clear();
+    // One key more of room, as parse leaves it (see there).
+    keys_.reserve(other.keys_.size() + 1);
+    keys_.insert(keys_.end(), other.keys_.begin(), other.keys_.end());
 }
 
 const OperatorKey *KeyRing::active() const {
@@ -175,31 +326,17 @@ bool KeyRing::add_generated_key() {
 }
 
 KeyFileState read_key_file(const char *path, KeyRing &ring) {
-    if (sodium_init() < 0) return KeyFileState::refused;
-    int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) return KeyFileState::refused;
-    struct stat st {};
-    bool trusted = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & (S_IRWXG | S_IRWXO)) == 0 &&
-                   static_cast<size_t>(st.st_size) <= kMaxFileBytes;
-    WipedBytes text(trusted ? static_cast<size_t>(st.st_size) + 1 : 0);
-    size_t length = 0;
-    while (trusted) {
-        ssize_t n = ::read(fd, text.text() + length, text.size() - length);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) trusted = false;
-        if (n <= 0) break;
-        length += static_cast<size_t>(n);
-        // The file grew while it was read: not the file that was checked.
-        if (length == text.size()) trusted = false;
-    }
-    ::close(fd);
-    return trusted && ring.parse(text.text(), length) ? KeyFileState::usable : KeyFileState::refused;
+    struct stat seen {};
+    return read_checked(path, ring, seen);
 }
 
 KeyFileState read_configured_keys(KeyRing &ring) {
     const char *path = std::getenv("ZEL_KEYFILE");
-    if (path == nullptr || *path == '\0') return KeyFileState::absent;
-    return read_key_file(path, ring);
+    if (path == nullptr || *path == '\0') {
+        KeyFileCache::instance().drop();
+        return KeyFileState::absent;
+    }
+    return KeyFileCache::instance().read(path, ring);
 }
 
 bool write_key_file(const char *path, const KeyRing &ring, bool replace) {

@@ -50,7 +50,10 @@ public:
     bool add_generated_key();
 
 private:
+    friend class KeyFileCache;
     void clear();
+    // This ring becomes a copy of `other`, its own keys wiped first.
+    void assign(const KeyRing &other);
     std::vector<OperatorKey> keys_;
 };
 
@@ -62,6 +65,14 @@ KeyFileState read_key_file(const char *path, KeyRing &ring);
 // Loads the key file ZEL_KEYFILE names: absent when the variable is unset
 // or empty, refused when the file cannot be read, is open to group or others,
 // or is malformed.
+//
+// The parsed keys are kept for the process, with the file's identity as one
+// stat() of the path shows it (device, inode, size, change and modification
+// times to the nanosecond, owner, mode).  Each call takes that identity again,
+// refuses at once a file that is gone or no longer fit, and reads and parses
+// the file only when the identity differs: a key file renamed over the old
+// one, edited or chmod-ed is read anew at the next call.  A file changed so
+// recently that a further change might keep its timestamps is not kept.
 KeyFileState read_configured_keys(KeyRing &ring);
 
 // Writes the ring to `path` with mode 0600: a new file when `replace` is

@@ -2,8 +2,16 @@
 #include "platform/password_mask.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <thread>
 #include <memory>
 #include <string>
 #include <vector>
@@ -126,6 +134,64 @@ TEST(KeyFile, AnUnusableKeyFileRefusesToEncrypt) {
         EXPECT_EQ(text, nullptr);
         EXPECT_TRUE(required);
         EXPECT_EQ(plat::util_key_file_state(), plat::KeyFileState::refused);
+    }
+}
+
+// The keys are kept between calls; every change to the file shows at the
+// next call.  The files are old enough to be kept before they change, so a
+// change the kept identity misses would serve the old key.
+TEST(KeyFile, AChangedKeyFileIsReadAnewAtTheNextCall) {
+    const std::string under_b = kKeyLineB + " active\n";
+    ASSERT_EQ(kKeyLineA.size(), kKeyLineB.size());
+    struct Case {
+        const char *change;
+        std::function<void(const std::string &)> apply;
+        const char *writes;
+    };
+    const Case cases[] = {
+        {"renamed over",
+         [&](const std::string &path) {
+             const std::string fresh = key_file(under_b);
+             ASSERT_EQ(std::rename(fresh.c_str(), path.c_str()), 0);
+         },
+         "{ZK1}b:"},
+        {"edited in place, same size and times",
+         [&](const std::string &path) {
+             struct stat before {};
+             ASSERT_EQ(stat(path.c_str(), &before), 0);
+             std::ofstream(path, std::ios::in | std::ios::out) << under_b;
+             const timespec times[2] = {before.st_atim, before.st_mtim};
+             ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+         },
+         "{ZK1}b:"},
+        {"opened to others", [](const std::string &path) { chmod(path.c_str(), 0644); }, nullptr},
+        {"removed", [](const std::string &path) { unlink(path.c_str()); }, nullptr},
+    };
+    std::vector<std::string> paths;
+    for (size_t i = 0; i < std::size(cases); ++i) paths.push_back(key_file(kKeyLineA + " active\n"));
+    // Past the clock step within which a changed file is not kept.
+    struct stat made {};
+    ASSERT_EQ(stat(paths.back().c_str(), &made), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(made.st_ctim.tv_nsec == 0 ? 2100 : 150));
+
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const Case &c = cases[i];
+        SCOPED_TRACE(c.change);
+        ScopedEnv env("ZEL_KEYFILE", paths[i].c_str());
+        const std::string under_a = encode("pw");
+        ASSERT_EQ(under_a.rfind("{ZK1}a:", 0), 0u) << under_a;
+        ASSERT_EQ(decode(under_a), "pw");
+        c.apply(paths[i]);
+        bool required = false;
+        Text text(plat::util_encode_checked("pw", required));
+        if (c.writes) {
+            ASSERT_NE(text, nullptr);
+            EXPECT_EQ(std::string(text.get()).rfind(c.writes, 0), 0u) << text.get();
+        } else {
+            EXPECT_EQ(text, nullptr);
+            EXPECT_EQ(plat::util_key_file_state(), plat::KeyFileState::refused);
+        }
+        EXPECT_EQ(decode(under_a), "(null)") << "key a is no longer in a usable file";
     }
 }
 
