@@ -85,7 +85,7 @@ LDAP *open_handle(const char *host, int port, bool ssl) {
     if (!build_uris(host, port, ssl, uris)) return nullptr;
     LDAP *ld = nullptr;
     if (::ldap_initialize(&ld, uris.c_str()) != LDAP_SUCCESS) return nullptr;
-    if (ldap_set_referrals(ld, false, nullptr) != LDAP_SUCCESS) {
+    if (ldap_set_referrals(ld, false, nullptr) != LDAP_SUCCESS || !send_without_sigpipe(ld)) {
         ::ldap_unbind_ext(ld, nullptr, nullptr);
         return nullptr;
     }

@@ -18,6 +18,10 @@ constexpr int kConnectError = 91; // classic LDAP_CONNECT_ERROR
 // chasing referrals; null when the host is malformed or OpenLDAP refuses it.
 LDAP *open_handle(const char *host, int port, bool ssl);
 
+// Has every connection of the handle send without raising SIGPIPE; false
+// when libldap refuses the connection hook.
+bool send_without_sigpipe(LDAP *ld);
+
 // Frees what OpenLDAP allocated, whatever path leaves the scope.
 struct LdapText {
     char *text = nullptr;

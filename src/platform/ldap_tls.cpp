@@ -163,7 +163,8 @@ Probe probe_without_verification(const char *uri) {
         return result;
     int never = LDAP_OPT_X_TLS_NEVER, client_context = 0, three = LDAP_VERSION3;
     struct timeval limit{5, 0};
-    result.connected = ::ldap_set_option(probe, LDAP_OPT_PROTOCOL_VERSION, &three) == LDAP_OPT_SUCCESS &&
+    result.connected = send_without_sigpipe(probe) &&
+                       ::ldap_set_option(probe, LDAP_OPT_PROTOCOL_VERSION, &three) == LDAP_OPT_SUCCESS &&
                        ::ldap_set_option(probe, LDAP_OPT_X_TLS_REQUIRE_CERT, &never) == LDAP_OPT_SUCCESS &&
                        ::ldap_set_option(probe, LDAP_OPT_X_TLS_NEWCTX, &client_context) == LDAP_OPT_SUCCESS &&
                        ::ldap_set_option(probe, LDAP_OPT_NETWORK_TIMEOUT, &limit) == LDAP_OPT_SUCCESS &&

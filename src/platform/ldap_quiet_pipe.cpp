@@ -1,0 +1,47 @@
+// Writes to a directory server that went away must not kill the caller.
+// libldap writes with plain send(), so a server closing its end while a
+// request is on the way raises SIGPIPE, whose default action ends the whole
+// process: an agent would die because its directory restarted.  Every
+// connection gets a socket layer that sends with MSG_NOSIGNAL instead; the
+// failed write then comes back as a lost connection, which failover handles.
+#include "platform/ldap_client_internal.h"
+
+#include <sys/socket.h>
+
+namespace zel::platform {
+
+namespace {
+
+ber_slen_t read_below(Sockbuf_IO_Desc *sbiod, void *buf, ber_len_t len) {
+    return LBER_SBIOD_READ_NEXT(sbiod, buf, len);
+}
+
+ber_slen_t send_quietly(Sockbuf_IO_Desc *sbiod, void *buf, ber_len_t len) {
+    ber_socket_t fd = -1;
+    if (::ber_sockbuf_ctrl(sbiod->sbiod_sb, LBER_SB_OPT_GET_FD, &fd) != 1 || fd < 0) return -1;
+    return ::send(fd, buf, len, MSG_NOSIGNAL);
+}
+
+int ctrl_below(Sockbuf_IO_Desc *sbiod, int opt, void *arg) { return LBER_SBIOD_CTRL_NEXT(sbiod, opt, arg); }
+
+Sockbuf_IO quiet_io = {nullptr, nullptr, ctrl_below, read_below, send_quietly, nullptr};
+
+// Between the socket (level 10) and TLS (level 20): TLS records pass through
+// it too, and it sorts there whenever libldap adds its own layers.
+constexpr int kQuietLevel = (LBER_SBIOD_LEVEL_PROVIDER + LBER_SBIOD_LEVEL_TRANSPORT) / 2;
+
+int on_connect(LDAP *, Sockbuf *sb, LDAPURLDesc *, struct sockaddr *, struct ldap_conncb *) {
+    return ::ber_sockbuf_add_io(sb, &quiet_io, kQuietLevel, nullptr) == 0 ? 0 : -1;
+}
+
+void on_close(LDAP *, Sockbuf *, struct ldap_conncb *) {}
+
+ldap_conncb quiet_connect{on_connect, on_close, nullptr};
+
+}  // namespace
+
+bool send_without_sigpipe(LDAP *ld) {
+    return ::ldap_set_option(ld, LDAP_OPT_CONNECT_CB, &quiet_connect) == LDAP_OPT_SUCCESS;
+}
+
+}  // namespace zel::platform
