@@ -43,17 +43,17 @@ class Console:
         self.log_file.seek(0)
         return self.log_file.read()
 
-    def post(self, path, fields, cookie=None):
+    def post(self, path, fields, cookie=None, opener=None):
         """A form sent outside the browser: (status, body)."""
-        return self.fetch(path, urllib.parse.urlencode(fields).encode(), cookie)
+        return self.fetch(path, urllib.parse.urlencode(fields).encode(), cookie, opener)
 
-    def fetch(self, path, data=None, cookie=None, method=None):
-        """(status, body) of one request outside the browser."""
-        req = urllib.request.Request(self.url + path, data=data, method=method)
+    def fetch(self, path, data=None, cookie=None, opener=None):
+        """(status, body) of one request outside the browser; an `opener` may keep cookies."""
+        req = urllib.request.Request(self.url + path, data=data)
         if cookie:
             req.add_header("Cookie", cookie)
         try:
-            with urllib.request.urlopen(req) as r:
+            with (opener or urllib.request.build_opener()).open(req, timeout=60) as r:
                 return r.status, r.read().decode()
         except urllib.error.HTTPError as e:
             return e.code, e.read().decode()
