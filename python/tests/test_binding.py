@@ -46,15 +46,6 @@ def test_a_server_list_and_time_outs(directory):
         zelmgmt.set_hold_down()
 
 
-def test_services_round_trip(session):
-    session.add_target_service(zelmgmt.TargetService("payroll", "Web Resource", "Payroll portal"))
-    assert session.get_target_service("payroll") == zelmgmt.TargetService(
-        "payroll", "Web Resource", "Payroll portal", [])
-    assert [t.name for t in session.get_all_target_services()] == ["payroll"]
-    session.remove_target_service("payroll")
-    assert refusal(session.get_target_service, "payroll").status == 14
-
-
 def test_service_types_live_in_the_zel_database(directory):
     with directory.session(version=1) as s:
         assert refusal(s.get_all_target_service_types).status == 29  # no database yet
@@ -71,8 +62,13 @@ def test_the_sign_on_question(session):
     assert session.verify_user(f"cn=Ann,{SUFFIX}") is not None
     assert session.get_user("ann").enabled
     assert [u.name for u in session.get_all_users()] == ["ann"]
-    for name in ("payroll", "wiki", "mail"):
+    session.add_target_service(zelmgmt.TargetService("payroll", "Web Resource", "Payroll portal"))
+    assert session.get_target_service("payroll") == zelmgmt.TargetService(
+        "payroll", "Web Resource", "Payroll portal", [])
+    for name in ("wiki", "mail", "gone"):
         session.add_target_service(zelmgmt.TargetService(name, "Web Resource"))
+    session.remove_target_service("gone")
+    assert refusal(session.get_target_service, "gone").status == 14
     # A group record names the group as a service of the "Resource Group" kind.
     session.add_target_service(zelmgmt.TargetService("office", "Resource Group"))
     session.add_domain(zelmgmt.Domain("office", locations=[("resourceName", "wiki"), ("resourceName", "mail")]))
@@ -87,6 +83,7 @@ def test_the_sign_on_question(session):
     assert "direct-pw" not in repr(direct) and "direct-pw" not in repr(session.get_target_record("ann", "T:payroll"))
     assert refusal(session.get_credential, "ann", "*").status == 24
     assert sorted(r.id for r in session.get_all_target_records("ann")) == ["G:office", "T:payroll"]
+    assert sorted(t.name for t in session.get_all_target_services()) == ["mail", "office", "payroll", "wiki"]
     seen = []
     session.set_progress(lambda done, total: seen.append((done, total)))
     assert session.rekey_target_records("ann") == (0, [])  # no key file: nothing to rewrite to

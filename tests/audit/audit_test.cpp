@@ -10,16 +10,15 @@
 #include <filesystem>
 #include <functional>
 #include <fstream>
-#include <sstream>
 
 #include "platform/audit_chain.h"
 #include "platform/audit_file.h"
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 #include "support/env.h"
 #include "support/key_files.h"
 #include "ZelSession.h"
 
-using namespace recordtest;
+using namespace famtest;
 namespace plat = zel::platform;
 
 namespace {
@@ -34,13 +33,6 @@ std::vector<std::string> read_lines(const std::string &path) {
 void write_lines(const std::string &path, const std::vector<std::string> &lines) {
     std::ofstream out(path, std::ios::trunc);
     for (const std::string &l : lines) out << l << "\n";
-}
-
-std::string slurp(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 // `"name":value` as the line holds it, or "" when the field is absent.
@@ -118,12 +110,12 @@ TEST_F(AuditTest, ReadsAndWritesAreTrailedWithoutSecrets) {
     EXPECT_EQ(field(lines[6], "time").size(), std::string("\"2026-11-26T01:45:35.123Z\"").size());
 
     // No clear, stored or bind password anywhere in the trail.
-    const std::string text = slurp(trail);
     std::vector<std::string> secrets = {"Direct-Pw-41", "Group-Pw-42", Directory::admin_password()};
     for (const Entry &e : dir->search(kJoDomainUser))
         for (const std::string &stored : e.values("secauthndata")) secrets.push_back(stored);
     ASSERT_GE(secrets.size(), 4u) << "the group record's stored value is read back";
-    for (const std::string &secret : secrets) EXPECT_EQ(text.find(secret), std::string::npos) << secret;
+    for (const std::string &secret : secrets)
+        for (const std::string &l : lines) EXPECT_EQ(l.find(secret), std::string::npos) << secret;
 
     CommandResult v = verify(trail);
     EXPECT_EQ(v.status, 0) << v.err;
@@ -266,7 +258,7 @@ TEST_F(AuditTest, ASessionSealsUnderTheTrailKeyAndChecksPointsTheHead) {
         EXPECT_NE(traced.find("Audit checkpoint: head 2:"), std::string::npos) << traced;
         EXPECT_NE(traced.find("Audit checkpoint: head " + head.out), std::string::npos) << "at close\n" << traced;
     }
-    EXPECT_NE(slurp(trail).find(",\"mac\":\""), std::string::npos);
+    EXPECT_NE(read_lines(trail).back().find(",\"mac\":\""), std::string::npos);
 }
 
 // Fail closed: a trail that cannot be opened, a full disk, a trail whose last
@@ -321,7 +313,7 @@ TEST_F(AuditTest, AnUnwritableTrailRefusesReadsAndWrites) {
                     fault::calls(Fn::ModifyS).empty() && fault::calls(Fn::Delete).empty())
             << path << ": nothing is sent without its attempt line";
     }
-    EXPECT_EQ(slurp(garbled), "not a trail line\n");
+    EXPECT_EQ(read_lines(garbled), std::vector<std::string>{"not a trail line"});
     EXPECT_EQ(credential(s.get(), "jo", "app"), "jo.app/Direct-Pw-41") << "a session without a trail is untouched";
 }
 

@@ -10,11 +10,11 @@
 #include "support/key_files.h"
 #include "support/session.h"
 #include "support/zelctl.h"
-#include "user/user_fixture.h"
+#include "support/family_fixture.h"
 #include "zelctl.h"
 
 using namespace zeltest;
-using usertest::UserTest;
+using famtest::UserTest;
 
 namespace {
 
@@ -199,7 +199,7 @@ TEST_F(ZelctlInfo, LocatedServerClearErrorsAndNoValueShown) {
 }
 
 TEST_F(UserTest, UserListFeedsCompletionOfUserNames) {
-    using usertest::kAnn, usertest::kJo;
+    using famtest::kAnn, famtest::kJo;
     ASSERT_EQ(zeltest::zelctl(*dir, {"user", "add", "jo", "--type", "User", "--person", kJo}, "1").status, 0);
     ASSERT_EQ(zeltest::zelctl(*dir, {"user", "add", "ann", "--person", kAnn, "--disabled"}, "2").status, 0);
     CommandResult r = zeltest::zelctl(*dir, {"--json", "user", "list"}, "2");

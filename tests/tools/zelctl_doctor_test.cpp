@@ -80,22 +80,12 @@ INSTANTIATE_TEST_SUITE_P(Directories, Doctor,
                                          DoctorCase{"Protected", AccessRules::SlapdConf, 0, "ok", "ok"}),
                          [](const testing::TestParamInfo<DoctorCase> &i) { return std::string(i.param.name); });
 
-namespace {
-
-class DoctorSecurity : public DirectoryTest {
-protected:
-    Profile profile() const override {
-        Profile p;
-        p.access_rules = AccessRules::SlapdConf;
-        return p;
-    }
-};
-
-}  // namespace
-
 // One unsafe thing at a time on a directory that is otherwise safe: each is
 // named as a danger and makes doctor exit 3; undone, doctor is content again.
-TEST_F(DoctorSecurity, NamesEachUnsafeSecretOutsideTheRecords) {
+TEST(DoctorSecurity, NamesEachUnsafeSecretOutsideTheRecords) {
+    Profile p;
+    p.access_rules = AccessRules::SlapdConf;
+    const auto dir = std::make_unique<Directory>(p);
     const std::string admin_pw = key_file("pw-admin"), folder = make_temp_dir("doctor");
     ASSERT_NO_FATAL_FAILURE(run_steps(*dir, "1", {{"db", "create", "o=acme", "--admin-password-file", admin_pw}}));
     const std::string trail = folder + "/trail";

@@ -43,17 +43,17 @@ class Console:
         self.log_file.seek(0)
         return self.log_file.read()
 
-    def post(self, path, fields, cookie=None):
+    def post(self, path, fields, cookie=None, opener=None):
         """A form sent outside the browser: (status, body)."""
-        return self.fetch(path, urllib.parse.urlencode(fields).encode(), cookie)
+        return self.fetch(path, urllib.parse.urlencode(fields).encode(), cookie, opener)
 
-    def fetch(self, path, data=None, cookie=None, method=None):
-        """(status, body) of one request outside the browser."""
-        req = urllib.request.Request(self.url + path, data=data, method=method)
+    def fetch(self, path, data=None, cookie=None, opener=None):
+        """(status, body) of one request outside the browser; an `opener` may keep cookies."""
+        req = urllib.request.Request(self.url + path, data=data)
         if cookie:
             req.add_header("Cookie", cookie)
         try:
-            with urllib.request.urlopen(req) as r:
+            with (opener or urllib.request.build_opener()).open(req, timeout=60) as r:
                 return r.status, r.read().decode()
         except urllib.error.HTTPError as e:
             return e.code, e.read().decode()
@@ -61,13 +61,6 @@ class Console:
     def stop(self):
         self.proc.terminate()
         self.proc.wait(timeout=10)
-
-
-@pytest.fixture(scope="module")
-def console(module_directory):
-    c = Console(module_directory)
-    yield c
-    c.stop()
 
 
 class Browser:
@@ -91,16 +84,11 @@ class Browser:
             element = form.find_element(By.NAME, name)
             if element.tag_name == "select":
                 element.find_element(By.XPATH, f'.//option[normalize-space()="{value}" or @value="{value}"]').click()
-            elif element.get_attribute("type") == "file":
-                element.send_keys(value)
             else:
-                element.clear()
+                if element.get_attribute("type") != "file":
+                    element.clear()
                 element.send_keys(value)
-        page = self.driver.find_element(By.TAG_NAME, "html")
-        form.find_element(By.CSS_SELECTOR, "button[type=submit]").click()
-        # The old page is gone once navigation starts; the next look must
-        # wait for the new one, or it may catch a document still being built.
-        self.wait_for_next(page)
+        self.click(form.find_element(By.CSS_SELECTOR, "button[type=submit]"))
 
     def sign_in(self, login, password):
         self.driver.delete_all_cookies()
@@ -109,11 +97,14 @@ class Browser:
 
     def follow(self, name):
         """Opens the link or presses the button whose accessible name is `name`."""
-        page = self.driver.find_element(By.TAG_NAME, "html")
-        self.driver.find_element(By.CSS_SELECTOR, f'[aria-label="{name}"]').click()
-        self.wait_for_next(page)
+        self.click(self.driver.find_element(By.CSS_SELECTOR, f'[aria-label="{name}"]'))
 
-    def wait_for_next(self, page):
+    # Clicks and waits for the page it leads to.  The old page is gone once
+    # navigation starts; the next look must wait for the new one, or it may
+    # catch a document still being built.
+    def click(self, element):
+        page = self.driver.find_element(By.TAG_NAME, "html")
+        element.click()
         def gone(_):
             try:
                 page.is_enabled()

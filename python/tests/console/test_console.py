@@ -97,7 +97,7 @@ def test_a_day_at_the_console(console, browser):
     browser.follow("Remove ann")
     assert "Its 1 record goes with it: G:office." in browser.main_text()
     browser.shoot("confirm")
-    browser.driver.find_element(By.LINK_TEXT, "Cancel, keep it").click()
+    browser.click(browser.driver.find_element(By.LINK_TEXT, "Cancel, keep it"))
     assert "ann" in browser.main_text()
     browser.follow("Remove ann")
     browser.send(browser.driver.find_element(By.CSS_SELECTOR, "form.buttons"))

@@ -5,8 +5,6 @@ import os
 import re
 import signal
 import threading
-import urllib.error
-import urllib.parse
 import urllib.request
 
 import pytest
@@ -26,21 +24,17 @@ class Visitor:
     """One person's browser, without the browser: a cookie jar and forms."""
 
     def __init__(self, console):
-        self.url = console.url
+        self.console = console
         self.opener = urllib.request.build_opener(urllib.request.HTTPCookieProcessor(http.cookiejar.CookieJar()))
 
     def get(self, path):
-        try:
-            with self.opener.open(self.url + path, timeout=60) as r:
-                return r.status, r.read().decode()
-        except urllib.error.HTTPError as e:
-            return e.code, e.read().decode()
+        return self.console.fetch(path, opener=self.opener)
 
     def sign_in(self, dn, password):
         token = re.search(r'name="csrf_token" value="([^"]+)"', self.get("/signin")[1]).group(1)
-        data = urllib.parse.urlencode({"csrf_token": token, "login": dn, "password": password}).encode()
-        with self.opener.open(self.url + "/signin", data=data, timeout=60) as r:
-            assert r.status == 200 and "Overview" in r.read().decode()
+        fields = {"csrf_token": token, "login": dn, "password": password}
+        status, body = self.console.post("/signin", fields, opener=self.opener)
+        assert status == 200 and "Overview" in body
 
 
 def test_a_stalled_directory_gets_its_own_page_and_holds_up_nobody_else(console):
