@@ -9,10 +9,10 @@
 
 #include <cstring>
 
-#include "database/db_fixture.h"
+#include "support/family_fixture.h"
 #include "ZelHolders.h"
 
-using namespace dbtest;
+using namespace famtest;
 
 namespace {
 

@@ -2,12 +2,12 @@
 // subtree goes.  Person entries, registered as Zel users on request.  zelctl
 // db and person end to end.
 #include <ldap.h>
-#include "database/db_fixture.h"
+#include "support/family_fixture.h"
 #include "support/key_files.h"
 #include "support/progress_log.h"
 #include "support/zelctl.h"
 
-using namespace dbtest;
+using namespace famtest;
 
 // A removal takes the database's subtree and keeps the persons (a generic
 // directory is not probed); a creation after it takes the administrator
@@ -67,7 +67,7 @@ TEST_F(OrvDatabase, SchemaProbeDecides) {
     EXPECT_EQ(probe[0].mods[0].op, LDAP_MOD_ADD);
     EXPECT_EQ(probe[1].mods[0].op, LDAP_MOD_DELETE);
     EXPECT_FALSE(dir->exists(kDb));
-    EXPECT_TRUE(dir->exists(kAdmin));
+    EXPECT_TRUE(dir->exists(kDefaultAdmin));
 }
 
 TEST_F(OrvDatabase, PersonsAndTheirZelProfiles) {

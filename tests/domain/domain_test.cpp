@@ -1,18 +1,18 @@
 // Resource groups and their members in both storage forms: adding, updating,
 // reading and removing them.
-#include "domain/domain_fixtures.h"
+#include "support/family_fixture.h"
 #include "ZelRoutines.h"
 #include "ZelSession.h"
 
 namespace {
 
-using namespace domaintest;
+using namespace famtest;
 
 TEST_F(DomainTest, BothFormsWrittenWithEscapedNames) {
     struct Case {
         uint32_t version;
         std::string dn, member_attr;
-        Values given, stored;
+        Strings given, stored;
     } cases[] = {
         {1, "cn=R&D\\, west," + kOldDomains, "targetlocation", {"payroll", "x:y"}, {"T:payroll", "T:x:y"}},
         {2, "secResGroupID=R&D\\, west," + kGroups, "member", {"mail", "a,b"},
@@ -26,7 +26,7 @@ TEST_F(DomainTest, BothFormsWrittenWithEscapedNames) {
         Entry e = dir->entry(c.dn);
         EXPECT_EQ(e.values(c.member_attr), c.stored);
         EXPECT_EQ(e.values("objectclass"),
-                  c.version == 1 ? (Values{"top", "eZelDomain"}) : (Values{"top", "secResGroup"}));
+                  c.version == 1 ? (Strings{"top", "eZelDomain"}) : (Strings{"top", "secResGroup"}));
         EXPECT_EQ(read_domain(s.get(), "R&D, west"), "0 R&D, west [Research]" + member_text(c.given));
         EXPECT_EQ(Zel_addZelDomain(s.get(), &rd.d), ZEL_RC_ALREADY_EXISTS);
 
@@ -54,7 +54,7 @@ TEST_F(DomainTest, ResourceGroupsContainerEnsuredWithADatabaseOnly) {
     EXPECT_EQ(Zel_addZelDomain(s.get(), &team.d), ZEL_RC_SCHEMA_VIOLATION);
     EXPECT_EQ(fault::count(Fn::Add), 1);
     ASSERT_EQ(Zel_addZelDomain(s.get(), &team.d), 0u);
-    EXPECT_EQ(dir->entry(kGroups).values("objectclass"), (Values{"top", "container"}));
+    EXPECT_EQ(dir->entry(kGroups).values("objectclass"), (Strings{"top", "container"}));
     EXPECT_EQ(dir->entry("secResGroupID=team," + kGroups).first("sectype"), "2");
 
     // Without the database the container is taken as it is found: missing.
@@ -89,7 +89,7 @@ TEST(EmptyDescription, ByDirectoryKind) {
         ZelTargetService box{const_cast<char *>("box"), const_cast<char *>("Web"), none, 0, nullptr};
         ASSERT_EQ(Zel_addTargetService(s.get(), &site), 0u);  // adds 4 (container) and 5
         ASSERT_EQ(Zel_addTargetService(v1.get(), &box), 0u);  // add 6
-        using Sent = std::vector<Values>;
+        using Sent = std::vector<Strings>;
         const Sent on_add = keeps_empty ? Sent{{""}} : Sent{};
         const std::vector<fault::Call> adds = fault::calls(Fn::Add);
         ASSERT_EQ(adds.size(), 6u);
@@ -150,7 +150,7 @@ TEST_F(DomainTest, FirstGenerationDomainKeptInPlace) {
     ASSERT_EQ(Zel_addLocationToDomain(s.get(), "legacy", "resourceName", "wiki"), 0u);
     ASSERT_EQ(Zel_removeLocationFromDomain(s.get(), "legacy", "resourceName", "mail"), 0u);
     Entry e = dir->entry("cn=legacy," + kOldDomains);
-    EXPECT_EQ(e.values("targetlocation"), Values{"T:wiki"});
+    EXPECT_EQ(e.values("targetlocation"), Strings{"T:wiki"});
     EXPECT_EQ(e.first("description"), "Moved?");
     EXPECT_EQ(dir->search(kGroups, "one").size(), 0u);
 }
@@ -173,10 +173,10 @@ TEST_F(DomainTest, BothFormsListedFirstGenerationFirstThenRemoved) {
         open(version);
         ZelDomainList *list = nullptr;
         ASSERT_EQ(Zel_getAllZelDomain(s.get(), &list), 0u);
-        Values listed;
+        Strings listed;
         for (int32_t i = 0; i < list->count; ++i) listed.push_back(domain_text(list->domains[i]));
         Zel_freeZelDomains(list);
-        EXPECT_EQ(listed, version == 1 ? Values{kLegacy} : (Values{kLegacy, kTeam}));
+        EXPECT_EQ(listed, version == 1 ? Strings{kLegacy} : (Strings{kLegacy, kTeam}));
 
         // The security domain session finds "legacy" through the fallback;
         // a name is a value, never a pattern.

@@ -8,17 +8,15 @@
 #include <string>
 #include <vector>
 
-#include "domain/domain_fixtures.h"
+#include "support/family_fixture.h"
 #include "peers/family_walk.h"
-#include "record/record_fixture.h"
 #include "support/ds389.h"
-#include "user/user_fixture.h"
 
 namespace {
 
 using namespace zeltest;
-using recordtest::credential;
-using recordtest::record;
+using famtest::credential;
+using famtest::record;
 
 const std::string kSuffix = "o=peer";
 const std::string kDb = "systemName=ORVZEL," + kSuffix;
@@ -65,7 +63,7 @@ protected:
         }
         Service mail("mail", "Web Resource", "resourceName", "mail", "Mail");
         ASSERT_EQ(Zel_addTargetService(admin.get(), &mail.ts), 0u);
-        domaintest::DomainRecord east("East", "East side", {{"resourceName", "mail"}});
+        famtest::DomainRecord east("East", "East side", {{"resourceName", "mail"}});
         ASSERT_EQ(Zel_addZelDomain(admin.get(), &east.d), 0u);
         for (const char *who : {"Jo", "Ann"}) {
             std::string account = std::string(who) + ".mail", pw = std::string(who) + "-mail-pw";
@@ -81,7 +79,7 @@ protected:
         Session v2 = open(Ds389::admin_dn(), Ds389::admin_password(), 2);
         ASSERT_TRUE(v2);
         const std::string jo_person = person("Jo");
-        ZelUser jo = usertest::user_record("Jo", "User", jo_person);
+        ZelUser jo = famtest::user_record("Jo", "User", jo_person);
         ASSERT_EQ(Zel_addZelUser(v2.get(), &jo), 0u);
         ZelTargetRecord app = record("T:app", "app", "jo.app", "app-pw");
         ASSERT_EQ(Zel_addTargetRecord(v2.get(), "Jo", &app), 0u);
@@ -239,12 +237,12 @@ TEST_F(PeerDs389, AcisProtectRecords) {
     // whatever a careless site rule higher up grants: a disabled XR user and
     // an agent change none of them on their own profile, in either form.
     const std::string xr = person("Xr");
-    ZelUser off = usertest::user_record("Xr", "XR User", xr, nullptr, 0);
+    ZelUser off = famtest::user_record("Xr", "XR User", xr, nullptr, 0);
     ASSERT_EQ(Zel_updateZelUser(admin.get(), &off), 0u);
     Session v2 = open(Ds389::admin_dn(), Ds389::admin_password(), 2);
     for (const char *who : {"Xr", "Agent"}) {
         const std::string dn = person(who);
-        ZelUser u = usertest::user_record(who, "User", dn);
+        ZelUser u = famtest::user_record(who, "User", dn);
         ASSERT_EQ(Zel_addZelUser(v2.get(), &u), 0u) << who;
     }
     CommandResult site = server->modify("dn: " + kSuffix + "\nchangetype: modify\nadd: aci\naci: (targetattr = \"*\")"
@@ -277,7 +275,7 @@ TEST_F(PeerDs389, AcisProtectRecords) {
     // The Zel administrator still may.
     Session zel_admin = open(kAdmin, kAdminPassword, 1);
     ASSERT_TRUE(zel_admin);
-    ZelUser on = usertest::user_record("Xr", "XR User", xr);
+    ZelUser on = famtest::user_record("Xr", "XR User", xr);
     EXPECT_EQ(Zel_updateZelUser(zel_admin.get(), &on), 0u);
 }
 

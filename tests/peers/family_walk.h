@@ -8,10 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "domain/domain_fixtures.h"
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 #include "support/peers_fixture.h"
-#include "user/user_fixture.h"
 
 namespace zeltest::walk {
 
@@ -49,13 +47,13 @@ inline std::string security_domain_ldif(const std::string &base, bool entry = tr
     const std::string domain = "secAuthority=Default," + base;
     std::string ldif = entry ? "dn: " + domain + "\nobjectClass: secAuthorityInfo\nsecAuthority: Default\nversion: 5\n\n" : "";
     for (const char *cn : {"Users", "Resources", "ResourceGroups"})
-        ldif += recordtest::container_ldif(std::string("cn=") + cn + "," + domain, cn);
+        ldif += famtest::container_ldif(std::string("cn=") + cn + "," + domain, cn);
     return ldif + "dn: secResourceID=app,cn=Resources," + domain + "\nobjectClass: secResource\nsecResourceID: app\nsecType: 1\n";
 }
 
 // tag keeps the walk's names apart from another walk's on the same server.
 inline std::vector<Step> steps(const Target &t, const std::string &tag) {
-    using recordtest::record;
+    using famtest::record;
     static Service mail("mail", "Web Resource", "resourceName", "mail"), app("app", "Web Resource"),
         east("East", "Resource Group", "groupName", "East"), ops("Ops", "Resource Group");
     static char *mailbox[] = {const_cast<char *>("mailbox")};
@@ -66,7 +64,7 @@ inline std::vector<Step> steps(const Target &t, const std::string &tag) {
     const std::string users_group = "cn=Users,cn=Access Groups,systemName=ORVZEL," + t.base;
     auto user = [=](int enabled) {
         return [=](ZelSession *z) {
-            ZelUser u = usertest::user_record(jo.c_str(), "User", jo_person, nullptr, enabled);
+            ZelUser u = famtest::user_record(jo.c_str(), "User", jo_person, nullptr, enabled);
             return Zel_updateZelUser(z, &u);
         };
     };
@@ -78,12 +76,12 @@ inline std::vector<Step> steps(const Target &t, const std::string &tag) {
     };
     auto credential = [=](const char *resource, std::string account) {
         return [=](ZelSession *z) {
-            return recordtest::credential(z, jo.c_str(), resource) == account + "/" + kRecordPassword ? 0u : 1u;
+            return famtest::credential(z, jo.c_str(), resource) == account + "/" + kRecordPassword ? 0u : 1u;
         };
     };
     auto add_domain = [](std::string name, const char *member) {
         return [=](ZelSession *z) {
-            domaintest::DomainRecord d(name.c_str(), nullptr, {{"resourceName", member}});
+            famtest::DomainRecord d(name.c_str(), nullptr, {{"resourceName", member}});
             return Zel_addZelDomain(z, &d.d);
         };
     };
@@ -110,7 +108,7 @@ inline std::vector<Step> steps(const Target &t, const std::string &tag) {
          }, {"person", "add", t.people, "--cn", pz, "--sn", "Pz", "--uid", pz, "--password-file", person_pw, "--type",
              "User"}, t.person_status},
         {"add user", 1, [=](ZelSession *z) {
-             ZelUser u = usertest::user_record(jo.c_str(), "User", jo_person);
+             ZelUser u = famtest::user_record(jo.c_str(), "User", jo_person);
              return Zel_addZelUser(z, &u);
          }, {"user", "add", jo, "--type", "User", "--person", jo_person}},
         {"user joined its type's group", 1, in_users_group, {}},
@@ -151,7 +149,7 @@ inline std::vector<Step> steps(const Target &t, const std::string &tag) {
         {"add group service", 2, [](ZelSession *z) { return Zel_addTargetService(z, &ops.ts); },
          {"service", "add", "Ops", "--type", "Resource Group"}},
         {"add user", 2, [=](ZelSession *z) {
-             ZelUser u = usertest::user_record(jo.c_str(), "User", jo_person);
+             ZelUser u = famtest::user_record(jo.c_str(), "User", jo_person);
              return Zel_addZelUser(z, &u);
          }, {"user", "add", jo, "--person", jo_person}},  // the domain form keeps no type
         {"disable user", 2, user(0), {"user", "update", jo, "--disabled"}},

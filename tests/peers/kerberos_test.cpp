@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 #include "support/peers_fixture.h"
 #include "support/kerberos.h"
 #include "ZelSession.h"
@@ -17,10 +17,10 @@
 namespace {
 
 using namespace zeltest;
-using recordtest::credential;
-using recordtest::record;
-using usertest::kAnn;
-using usertest::user_record;
+using famtest::credential;
+using famtest::record;
+using famtest::kAnn;
+using famtest::user_record;
 
 // The caller's own connection: libldap would put this machine's name in
 // place of "localhost" in the service principal, and the test realm only

@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "domain/domain_fixtures.h"
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 #include "peers/family_walk.h"
 #include "support/samba_dc.h"
 #include "ZelSession.h"
@@ -16,8 +15,8 @@
 namespace {
 
 using namespace zeltest;
-using recordtest::credential;
-using recordtest::record;
+using famtest::credential;
+using famtest::record;
 
 const std::string kBase = SambaDc::base();
 const std::string kDomain = "secAuthority=Default," + kBase;
@@ -98,7 +97,7 @@ TEST_P(PeerSambaAD, EveryFamilyInBothStorageForms) {
     {  // AD's own words on a refused write reach the caller: a secDN naming no entry.
         Session v2 = t.open(2);
         const std::string ghost_person = "CN=ghost," + kPeople;
-        ZelUser ghost = usertest::user_record("ghost", "User", ghost_person);
+        ZelUser ghost = famtest::user_record("ghost", "User", ghost_person);
         EXPECT_EQ(Zel_addZelUser(v2.get(), &ghost), ZEL_RC_REQUEST_ERROR);
         const std::string detail = Zel_last_error_detail();
         EXPECT_EQ(detail.rfind("server: 000020B5: Referenced object not found", 0), 0u) << detail;

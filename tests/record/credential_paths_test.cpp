@@ -15,11 +15,11 @@
 #include "dataset.h"
 #include "platform/dn_escape.h"
 #include "platform/password_mask.h"
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 #include "ZelPlatform.h"
 #include "ZelSession.h"
 
-using namespace recordtest;
+using namespace famtest;
 
 namespace {
 

@@ -4,10 +4,10 @@
 #include <array>
 #include <ldap.h>
 
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 #include "ZelSession.h"
 
-using namespace recordtest;
+using namespace famtest;
 
 namespace {
 

@@ -4,12 +4,12 @@
 
 #include <fstream>
 
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 #include "support/env.h"
 #include "support/key_files.h"
 #include "support/zelctl.h"
 
-using namespace recordtest;
+using namespace famtest;
 using zeltest::ScopedEnv;
 
 namespace {

@@ -1,9 +1,9 @@
 // Target records in both storage forms: what is written, what reads back,
 // and what each directory kind changes in it.
 #include <ldap.h>
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 
-using namespace recordtest;
+using namespace famtest;
 
 namespace {
 

@@ -16,8 +16,7 @@
 #include <thread>
 
 namespace fs = std::filesystem;
-using zeltest::CommandResult;
-using zeltest::run_command;
+using namespace famtest;
 
 namespace {
 
@@ -93,7 +92,7 @@ TEST(SchemaFiles, LdifAndSchemaFormsPublishTheSameDefinitions) {
     EXPECT_TRUE(only_schema.empty()) << "only in zel.schema:\n" << testing::PrintToString(only_schema);
 }
 
-class SchemaEntries : public famtest::FamilyTest {};
+class SchemaEntries : public FamilyTest {};
 
 // What no library test writes or asks of slapd.  In the Zel database: a
 // profile's access values in the ACI dialect (creation on that kind stops
@@ -105,7 +104,6 @@ class SchemaEntries : public famtest::FamilyTest {};
 // shape, with each kind's access values, is written through the library by
 // the creation, user, service, domain and record tests.
 TEST_F(SchemaEntries, ValuesAndFiltersNoLibraryTestWrites) {
-    using namespace famtest;
     const std::string person = "cn=Jo Smith,o=acme", user = "cn=jo," + person;
     // Masked passwords are stored with their NUL; keep bytes that are no text.
     const std::string secret("m4sk\0\xff\x80!", 8), secret_base64 = "bTRzawD/gCE=";

@@ -31,6 +31,8 @@ inline const std::string kOldDomains = "cn=Zel Domains," + kDb;
 inline const std::string kJo = "cn=Jo,o=acme", kAnn = "cn=Ann,o=acme", kMax = "cn=Max,o=acme";
 inline const std::string kJoDomainUser = "principalName=jo," + kDomainUsers;
 inline const std::string kJoProfile = "cn=jo," + kJo;  // first generation
+// The administrator a database creation makes when given none.
+inline const std::string kDefaultAdmin = "cn=Zel Sr Admin,o=acme";
 
 inline std::string below(const std::string &rdn) { return rdn + "," + kDb; }
 inline std::string group(const std::string &cn) { return "cn=" + cn + ",cn=Access Groups," + kDb; }

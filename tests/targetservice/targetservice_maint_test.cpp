@@ -1,12 +1,12 @@
 // Adding and removing target services and their types in both storage forms,
 // directly.
 #include "support/alloc_faults.h"
-#include "targetservice/ts_fixtures.h"
+#include "support/family_fixture.h"
 #include "ZelSession.h"
 
 namespace {
 
-using namespace tstest;
+using namespace famtest;
 using Values = Strings;
 
 TEST_F(TargetServiceV1, ServiceIdentifiersMustMatchItsTypeAndFitTheirBuffer) {

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <map>
 
-#include "targetservice/ts_fixtures.h"
+#include "support/family_fixture.h"
 
 namespace {
 
-using namespace tstest;
+using namespace famtest;
 
 struct ListFree { void operator()(ZelTargetServiceList *l) const { Zel_freeTargetServices(l); } };
 struct ServiceFree { void operator()(ZelTargetService *t) const { Zel_freeTargetService(t); } };

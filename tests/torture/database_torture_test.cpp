@@ -3,11 +3,11 @@
 // schema first.  Creation on eDirectory is left out: it answers the member
 // edit's own status and ignores what the access steps answer, so a memory
 // failure there may end in 0 by design.
-#include "database/db_fixture.h"
+#include "support/family_fixture.h"
 #include "torture/torture.h"
 #include "ZelRoutines.h"
 
-using namespace dbtest;
+using namespace famtest;
 using torture::Scenario;
 
 namespace {

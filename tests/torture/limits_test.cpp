@@ -5,12 +5,12 @@
 #include <cstring>
 #include <set>
 
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 #include "ZelSession.h"
 
 namespace {
 
-using namespace recordtest;
+using namespace famtest;
 
 template <class T>
 ZelRC read(ZelRC (*get)(ZelSession *, const char *, T **), void (*release)(T *), ZelSession *s, const char *name) {

@@ -6,11 +6,11 @@
 
 #include "platform/dn_escape.h"
 #include "platform/filter_format.h"
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 
 namespace {
 
-using namespace recordtest;
+using namespace famtest;
 
 std::string repeated(const char *text, int times) {
     std::string out;

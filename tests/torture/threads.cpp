@@ -7,13 +7,13 @@
 #include <thread>
 #include <vector>
 
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 #include "support/env.h"
 #include "support/key_files.h"
 
 namespace {
 
-using namespace recordtest;
+using namespace famtest;
 
 constexpr int kThreads = 8;
 constexpr int kRounds = 15;

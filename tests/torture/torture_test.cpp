@@ -1,12 +1,12 @@
 // Every public call, in each storage form, through the torture runner.
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 #include "support/env.h"
 #include "support/key_files.h"
 #include "torture/torture.h"
 
 namespace {
 
-using namespace recordtest;
+using namespace famtest;
 using torture::hands_out;
 using torture::Scenario;
 using torture::Step;
@@ -19,7 +19,7 @@ struct Fixtures {
     uint32_t version;
     ZelUser ann = user_record("ann", "User", kAnn);
     const char *id, *service, *location;  // a first-generation domain holds first-generation services
-    ZelTargetRecord record, group = recordtest::record("G:Sales", "Sales", "sales", "Gr0up-Secret");
+    ZelTargetRecord record, group = famtest::record("G:Sales", "Sales", "sales", "Gr0up-Secret");
     // No identifier pairs: one whose allocation fails is left out by design (its own test).
     ZelTargetService box{text("box"), text("Web Application"), text("Box"), 0, nullptr};
     const char *names[2] = {"serial", "size"};
@@ -30,7 +30,7 @@ struct Fixtures {
 
     explicit Fixtures(uint32_t v)
         : version(v), id(v == 1 ? "T:legacy" : "T:app"), service(id + 2), location(v == 1 ? "legacy" : "shop"),
-          record(recordtest::record(id, service, "jdoe", "Rec0rd-Secret", "desc")) {}
+          record(famtest::record(id, service, "jdoe", "Rec0rd-Secret", "desc")) {}
 };
 
 ZelRC credential_of(ZelSession *s, const char *user, const char *resource) {

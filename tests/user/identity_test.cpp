@@ -3,10 +3,10 @@
 #include <cstring>
 
 #include "support/alloc_faults.h"
-#include "user/user_fixture.h"
+#include "support/family_fixture.h"
 #include "ZelRoutines.h"
 
-using namespace usertest;
+using namespace famtest;
 
 namespace {
 

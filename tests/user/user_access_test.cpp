@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cctype>
 
-#include "user/user_fixture.h"
+#include "support/family_fixture.h"
 #include "ZelRoutines.h"
 
-using namespace usertest;
+using namespace famtest;
 
 namespace {
 
@@ -147,14 +147,12 @@ TEST_F(EDirectoryUsers, RepeatedMembershipEditsLeaveThePersonAlone) {
     EXPECT_EQ(person_edits, (std::vector<int>{1, 0, 1, 0}));
 }
 
-// Removal takes the user out of the groups its creation put it in, on the
-// kinds without an access dialect of their own too.
-class KindUsers : public UserTest, public ::testing::WithParamInterface<Kind> {
-protected:
-    Profile profile() const override { return user_profile(GetParam()); }
-};
+// Removal takes the user out of the groups its creation put it in on AD,
+// which has no access dialect of its own, as on the generic kind
+// (UserTest.FirstGenerationProfilesAndGroupsFollowTheUserType).
+using AdUsers = SeededAs<Kind::ActiveDirectory>;
 
-TEST_P(KindUsers, RemovalLeavesTheAccessGroupsItJoined) {
+TEST_F(AdUsers, RemovalLeavesTheAccessGroupsItJoined) {
     open(1);
     ZelUser jo = user_record("jo", "User", kJo);
     ASSERT_EQ(Zel_addZelUser(s.get(), &jo), 0u);
@@ -163,6 +161,3 @@ TEST_P(KindUsers, RemovalLeavesTheAccessGroupsItJoined) {
     EXPECT_FALSE(dir->exists(kProfile));
     EXPECT_TRUE(members("Users").empty());
 }
-
-INSTANTIATE_TEST_SUITE_P(Kinds, KindUsers, ::testing::Values(Kind::ActiveDirectory, Kind::Generic),
-                         [](const ::testing::TestParamInfo<Kind> &p) { return std::string(kind_name(p.param)); });

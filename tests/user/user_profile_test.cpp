@@ -2,10 +2,10 @@
 #include <ldap.h>
 
 #include "support/zelctl.h"
-#include "user/user_fixture.h"
+#include "support/family_fixture.h"
 #include "ZelSession.h"
 
-using namespace usertest;
+using namespace famtest;
 
 TEST_F(UserTest, FirstGenerationProfilesAndGroupsFollowTheUserType) {
     open(1);
