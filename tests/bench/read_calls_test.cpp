@@ -5,7 +5,7 @@
 #include "dataset.h"
 #include "support/env.h"
 #include "support/key_files.h"
-#include "support/session.h"
+#include "support/family_fixture.h"
 
 using namespace zeltest;
 
@@ -46,14 +46,6 @@ protected:
     ScopedEnv key_{"ZEL_KEYFILE", key_file(kKeyLineA + " active\n").c_str()};
 };
 
-void credential(ZelSession *s, const char *resource, ZelRC want) {
-    ZelCredentialRequest req{nullptr, nullptr, const_cast<char *>(resource)};
-    ZelCredential c{};
-    EXPECT_EQ(Zel_getCredential(s, "u0", &req, &c), want) << resource;
-    Zel_memfree(c.userId);
-    Zel_memfree(c.password);
-}
-
 // A credential through its record: person, user, then the direct and group
 // records in one search; the candidate groups are asked about in one more.
 // With a database one more search reads the first generation's profile,
@@ -63,6 +55,10 @@ void credential(ZelSession *s, const char *resource, ZelRC want) {
 TEST_P(ReadCalls, CredentialQueriesStayWithinTheirSearches) {
     Session s = open_session(*dir, 2);
     ASSERT_TRUE(s);
+    // u0's direct record and the group's, as the templates seed them.
+    auto answers = [&](const char *resource, const std::string &want) {
+        EXPECT_EQ(famtest::credential(s.get(), "u0", resource), want) << resource;
+    };
     auto record = [&](const char *id, ZelRC want) {
         ZelTargetRecord *r = nullptr;
         EXPECT_EQ(Zel_getTargetRecord(s.get(), "u0", id, &r), want);
@@ -74,9 +70,9 @@ TEST_P(ReadCalls, CredentialQueriesStayWithinTheirSearches) {
         std::function<void()> call;
         const char *domain_only, *with_database;
     } cases[] = {
-        {"direct credential", [&] { credential(s.get(), "svc0", 0); }, "3/2 1/0", "3/2 1/0"},
-        {"group credential", [&] { credential(s.get(), "svc5", 0); }, "4/2 2/0", "6/3 3/0"},
-        {"no credential", [&] { credential(s.get(), "nowhere", ZEL_RC_TR_NOT_FOUND); }, "4/2 2/0", "6/3 3/0"},
+        {"direct credential", [&] { answers("svc0", "a/pw"); }, "3/2 1/0", "3/2 1/0"},
+        {"group credential", [&] { answers("svc5", "g/gpw"); }, "4/2 2/0", "6/3 3/0"},
+        {"no credential", [&] { answers("nowhere", famtest::status(ZEL_RC_TR_NOT_FOUND)); }, "4/2 2/0", "6/3 3/0"},
         {"target record", [&] { record("T:svc0", 0); }, "3/2 1/0", "3/2 1/0"},
         {"no target record", [&] { record("T:nowhere", ZEL_RC_TR_NOT_FOUND); }, "3/2 1/0", "5/3 2/0"},
         {"target service",
@@ -108,16 +104,16 @@ TEST_P(ReadCalls, CredentialQueriesStayWithinTheirSearches) {
     // A credential's searches name the attributes its answer reads, never all.
     ASSERT_EQ(Zel_setSessionCacheTTL(s.get(), 0), 0u);
     fault::reset();
-    credential(s.get(), "svc0", 0);
+    answers("svc0", "a/pw");
     for (const fault::Call &c : fault::calls()) EXPECT_FALSE(c.attrs_null) << c.dn << " " << c.filter;
     // The session's own write drops what it cached about users.
     ASSERT_EQ(Zel_setSessionCacheTTL(s.get(), 60), 0u);
-    credential(s.get(), "svc0", 0);
+    answers("svc0", "a/pw");
     ZelUser u0{const_cast<char *>("u0"), const_cast<char *>("User"), nullptr, 1,
                const_cast<char *>("cn=u0,ou=People,o=acme")};
     ASSERT_EQ(Zel_updateZelUser(s.get(), &u0), 0u);
     fault::reset();
-    credential(s.get(), "svc0", 0);
+    answers("svc0", "a/pw");
     EXPECT_EQ(made(), "3/2");
 }
 

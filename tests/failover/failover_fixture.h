@@ -102,23 +102,14 @@ inline Session open_on(const std::string &hosts, int32_t flags = ZEL_OPEN_NONSSL
                                  flags == ZEL_OPEN_NONSSL ? nullptr : ca.c_str(), 2);
 }
 
-// One slapd pair per suite, with both time-outs set to `Timeout` seconds;
-// every test leaves both servers running and answering.
-template <int Timeout>
-class PairTest : public ::testing::Test {
+// One pair of type P per suite (the derived suite makes it), with both
+// time-outs set to `Timeout` seconds; every test leaves both servers running
+// and answering.
+template <class P, int Timeout>
+class SuitePair : public ::testing::Test {
 protected:
     static constexpr int kTimeout = Timeout;
 
-    static void SetUpTestSuite() {
-        ASSERT_EQ(Zel_setTimeouts(kTimeout, kTimeout), 0u);
-        pair = std::make_unique<ReplicatedPair>(record_profile().seed_ldif);
-        Session s = open_on("127.0.0.1:" + std::to_string(pair->port(1)));
-        ASSERT_TRUE(s);
-        ASSERT_EQ(zeltest::add_user_with_record(s.get(), "jo", kJo, "app", "jdoe", "pa55word"), 0u);
-        Session on_two = open_on("127.0.0.1:" + std::to_string(pair->port(2)));
-        ASSERT_TRUE(on_two);
-        ASSERT_EQ(eventually_answers(on_two.get(), "app", kJoApp), kJoApp) << "the record did not replicate";
-    }
     static void TearDownTestSuite() {
         pair.reset();
         Zel_setHoldDown(-1);
@@ -130,12 +121,32 @@ protected:
         Zel_setHoldDown(-1);
     }
     void TearDown() override { heal(); }
+
+    static inline std::unique_ptr<P> pair;
+};
+
+// The slapd pair, with jo's record for "app" on it.
+template <int Timeout>
+class PairTest : public SuitePair<ReplicatedPair, Timeout> {
+protected:
+    using Base = SuitePair<ReplicatedPair, Timeout>;
+    using Base::kTimeout;
+    using Base::pair;
+
+    static void SetUpTestSuite() {
+        ASSERT_EQ(Zel_setTimeouts(kTimeout, kTimeout), 0u);
+        pair = std::make_unique<ReplicatedPair>(record_profile().seed_ldif);
+        Session s = open_on("127.0.0.1:" + std::to_string(pair->port(1)));
+        ASSERT_TRUE(s);
+        ASSERT_EQ(zeltest::add_user_with_record(s.get(), "jo", kJo, "app", "jdoe", "pa55word"), 0u);
+        Session on_two = open_on("127.0.0.1:" + std::to_string(pair->port(2)));
+        ASSERT_TRUE(on_two);
+        ASSERT_EQ(eventually_answers(on_two.get(), "app", kJoApp), kJoApp) << "the record did not replicate";
+    }
     static Rig rig() {
         return {*pair, [](const std::string &hosts, int32_t flags) { return open_on(hosts, flags); }, "jo", kTimeout,
                 pair->tls_uri(1) + " " + pair->tls_uri(2)};
     }
-
-    static inline std::unique_ptr<ReplicatedPair> pair;
 };
 
 }  // namespace failovertest

@@ -18,7 +18,6 @@ namespace {
 using zeltest::CommandResult;
 using zeltest::Ds389Pair;
 
-constexpr int kTimeout = 2;
 const std::string kSuffix = Ds389Pair::suffix();
 const std::string kDb = "systemName=ORVZEL," + kSuffix;
 const std::string kJo = "cn=Jo," + kSuffix, kKim = "cn=Kim," + kSuffix;
@@ -26,15 +25,11 @@ const char *const kConflicts = "(&(objectClass=ldapSubEntry)(nsds5ReplConflict=*
 
 std::string group(const char *cn) { return std::string("cn=") + cn + ",cn=Access Groups," + kDb; }
 
-std::string person_ldif(const std::string &cn) {
-    return "dn: cn=" + cn + "," + kSuffix + "\nobjectClass: inetOrgPerson\ncn: " + cn + "\nsn: " + cn + "\nuid: " + cn + "\n\n";
-}
-
 Session open_389(const std::string &hosts, int32_t flags = ZEL_OPEN_NONSSL) {
     return zeltest::open_version(Ds389Pair::admin_dn(), Ds389Pair::admin_password(), hosts, 0, flags, nullptr, 1);
 }
 
-class Ds389Failover : public ::testing::Test {
+class Ds389Failover : public SuitePair<Ds389Pair, 2> {
 protected:
     static Session open_on(int n) { return open_389("127.0.0.1:" + std::to_string(pair->port(n))); }
 
@@ -50,7 +45,8 @@ protected:
     static void SetUpTestSuite() {
         ASSERT_EQ(Zel_setTimeouts(kTimeout, kTimeout), 0u);
         pair = std::make_unique<Ds389Pair>();
-        ASSERT_EQ(pair->server(1).modify(person_ldif("Jo") + person_ldif("Kim"), true).status, 0);
+        const std::string people = zeltest::person_ldif(kSuffix, "Jo", "Jo") + zeltest::person_ldif(kSuffix, "Kim", "Kim");
+        ASSERT_EQ(pair->server(1).modify(people, true).status, 0);
         Session s = open_on(1);
         ASSERT_TRUE(s);
         ASSERT_EQ(Zel_createDatabase(s.get(), kSuffix.c_str(), nullptr, "sradmin", "Admin-pw-1",
@@ -63,18 +59,7 @@ protected:
         ASSERT_TRUE(two);
         ASSERT_EQ(eventually_answers(two.get(), "app", kJoApp, "Jo"), kJoApp) << "the record did not replicate";
     }
-    static void TearDownTestSuite() {
-        pair.reset();
-        Zel_setHoldDown(-1);
-        Zel_setTimeouts(-1, -1);
-    }
-    void TearDown() override {
-        pair->heal();
-        Zel_setHoldDown(-1);
-    }
     static Rig rig() { return {*pair, open_389, "Jo", kTimeout, ""}; }
-
-    static inline std::unique_ptr<Ds389Pair> pair;
 };
 
 TEST_F(Ds389Failover, TheOtherSupplierAnswersReadsAndWrites) {

@@ -22,18 +22,7 @@ const std::string kBase = SambaDc::base();
 const std::string kDomain = "secAuthority=Default," + kBase;
 const std::string kPeople = "CN=Users," + kBase;
 
-// Null, with the reason printed, when the DC cannot start here.
-SambaDc *dc_or_skip(std::string &why) {
-    SambaDc *dc = SambaDc::shared(why);
-    if (!dc) why = "the AD domain controller cannot start: " + why;
-    return dc;
-}
-
 enum class Transport { Plain, Ldaps };
-
-std::string transport_name(const testing::TestParamInfo<Transport> &p) {
-    return p.param == Transport::Plain ? "Ldap" : "Ldaps";
-}
 
 // The security domain tree, once.
 void seed_security_domain(const SambaDc &dc) {
@@ -48,15 +37,18 @@ Session open_on(const SambaDc &dc, Transport t, uint32_t version, const std::str
                               ssl ? dc.ca_file().c_str() : nullptr, version, rc_out);
 }
 
-class PeerSambaAD : public ::testing::TestWithParam<Transport> {
+// The shared DC; skipped, with the reason, where it cannot start.
+class PeerSambaADReaders : public ::testing::Test {
 protected:
     void SetUp() override {
         std::string why;
-        dc = dc_or_skip(why);
-        if (!dc) GTEST_SKIP() << why;
+        dc = SambaDc::shared(why);
+        if (!dc) GTEST_SKIP() << "the AD domain controller cannot start: " << why;
     }
     SambaDc *dc = nullptr;
 };
+
+class PeerSambaAD : public PeerSambaADReaders, public testing::WithParamInterface<Transport> {};
 
 // The family walk through the library, then through zelctl as an
 // administrator on an AD network runs it: there the realm's name resolves to
@@ -127,16 +119,15 @@ TEST_P(PeerSambaAD, EveryFamilyInBothStorageForms) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, PeerSambaAD, testing::Values(Transport::Plain, Transport::Ldaps),
-                         transport_name);
+                         [](const testing::TestParamInfo<Transport> &p) {
+                             return p.param == Transport::Plain ? "Ldap" : "Ldaps";
+                         });
 
 // The readers group: schema/ad-grant-readers.sh lets one security group read
 // the security domain and the Zel database.  A member's credential query
 // answers in both forms; a signed-in non-member gets nothing, and finds no
 // record below them by searching for it.
-TEST(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
-    std::string why;
-    SambaDc *dc = dc_or_skip(why);
-    if (!dc) GTEST_SKIP() << why;
+TEST_F(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
     const std::string pw = "Reader-pw-AD-1", agent = "CN=agent," + kPeople, outsider = "CN=outsider," + kPeople;
     const std::string agents = "CN=Zel Agents," + kPeople, database = "systemName=ORVZEL," + kBase;
     for (const char *name : {"ro", "agent", "outsider"}) dc->add_account(name, pw);

@@ -20,17 +20,12 @@ using Text = std::unique_ptr<char, FreeText>;
 // Only the filter syntax and NUL are escaped: UTF-8 and control bytes stand
 // as they are, so a name's filter is no longer than the name.
 TEST(FilterQuoting, EscapesFilterSyntaxAndNulOnly) {
-    EXPECT_EQ(escape_filter_value("*"), "\\2A");
-    EXPECT_EQ(escape_filter_value("a(b)c"), "a\\28b\\29c");
-    EXPECT_EQ(escape_filter_value("back\\slash"), "back\\5Cslash");
-    EXPECT_EQ(escape_filter_value(std::string_view("a\0b", 3)), "a\\00b");
     EXPECT_EQ(escape_filter_value("plain value=1,o=acme"), "plain value=1,o=acme");
     EXPECT_EQ(escape_filter_value(""), "");
     EXPECT_EQ(escape_filter_value("(*)"), "\\28\\2A\\29") << "reserved characters side by side";
-    EXPECT_EQ(escape_filter_value("a*"), "a\\2A") << "one at the end";
     EXPECT_EQ(escape_filter_value("J\xC3\xBCrgen\t\x7F"), "J\xC3\xBCrgen\t\x7F");
-    // Long values are scanned a word at a time: each reserved byte is found
-    // wherever it falls, and bytes next to the reserved ones are left alone.
+    // Each reserved byte (NUL included) wherever it falls in a value scanned a
+    // word at a time, the bytes next to it left alone.
     const std::pair<char, const char *> reserved[] = {
         {'\0', "\\00"}, {'*', "\\2A"}, {'(', "\\28"}, {')', "\\29"}, {'\\', "\\5C"}};
     for (size_t at = 0; at < 20; ++at)

@@ -192,29 +192,6 @@ TEST(LdapSsl, ClientInitOnceAndUnreadableCertificates) {
     fault::reset();
 }
 
-// Restores the client's process-wide defaults the test changes.
-class ClientDefaults {
-public:
-    ClientDefaults() {
-        ldap_get_option(nullptr, LDAP_OPT_URI, &uri_);
-        ldap_get_option(nullptr, LDAP_OPT_DEFBASE, &base_);
-    }
-    ~ClientDefaults() {
-        ldap_set_option(nullptr, LDAP_OPT_URI, uri_);
-        ldap_set_option(nullptr, LDAP_OPT_DEFBASE, base_);
-        ldap_memfree(uri_);
-        ldap_memfree(base_);
-    }
-    static void set(const char *uri, const char *base) {
-        ASSERT_EQ(ldap_set_option(nullptr, LDAP_OPT_URI, uri), LDAP_OPT_SUCCESS);
-        ASSERT_EQ(ldap_set_option(nullptr, LDAP_OPT_DEFBASE, base), LDAP_OPT_SUCCESS);
-    }
-
-private:
-    char *uri_ = nullptr;
-    char *base_ = nullptr;
-};
-
 // "host:port security replica suffix" per server, in list order.
 std::string describe(const zp::ServerInfo *list) {
     std::string out;
@@ -227,7 +204,7 @@ std::string describe(const zp::ServerInfo *list) {
 }
 
 TEST(LdapServerLocate, ListsConfiguredUrisAndHandsOutNothingOnFailure) {
-    ClientDefaults restore;
+    zeltest::ClientDefaults restore;
     struct Case {
         const char *uris;
         const char *base;
@@ -239,7 +216,7 @@ TEST(LdapServerLocate, ListsConfiguredUrisAndHandsOutNothingOnFailure) {
                           Case{"ldap://[::1]", nullptr, 0, "::1:389 1 1 -;"},
                           Case{"ldapi:///", "o=acme", LDAP_NO_SUCH_OBJECT, ""},
                           Case{"", "o=acme", LDAP_NO_SUCH_OBJECT, ""}}) {
-        ClientDefaults::set(c.uris, c.base);
+        zeltest::ClientDefaults::set(c.uris, c.base);
         auto *sentinel = reinterpret_cast<zp::ServerInfo *>(&restore);
         zp::ServerInfo *list = sentinel;   // a failure must set it to null
         EXPECT_EQ(zp::ldap_server_locate(nullptr, &list), c.rc) << c.uris;
@@ -252,7 +229,7 @@ TEST(LdapServerLocate, ListsConfiguredUrisAndHandsOutNothingOnFailure) {
     // A configured suffix too long for its buffer is refused: stored empty it
     // would widen every search to the whole directory.
     const std::string base = "o=" + std::string(1000, 'x');
-    ClientDefaults::set("ldap://h1", base.c_str());
+    zeltest::ClientDefaults::set("ldap://h1", base.c_str());
     ZelSession s{};
     char *host = nullptr;
     int port = 0;
@@ -263,7 +240,7 @@ TEST(LdapServerLocate, ListsConfiguredUrisAndHandsOutNothingOnFailure) {
 
     // Each allocation in turn fails: the partial list is freed (the leak
     // checker of the sanitizer build watches) and nothing is handed out.
-    ClientDefaults::set("ldap://h1 ldaps://h2 ldap://h3", "o=acme");
+    zeltest::ClientDefaults::set("ldap://h1 ldaps://h2 ldap://h3", "o=acme");
     zeltest::each_allocation_fails("locate", 0, [] {
         zp::ServerInfo *list = nullptr;
         int rc = zp::ldap_server_locate(nullptr, &list);

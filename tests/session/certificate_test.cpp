@@ -5,6 +5,7 @@
 #include <ldap.h>
 
 #include "support/env.h"
+#include "support/key_files.h"
 #include "support/session.h"
 
 using namespace zeltest;
@@ -65,7 +66,7 @@ TEST(CertificateRefused, SaysWhyOnlyWhenItIsTheCertificate) {
 
     // zelctl prints it after the status.
     CommandResult r = run_command({ZELCTL_PATH, "-H", "ldaps://localhost:" + port, "--ca", Directory::ca_file(), "-D",
-                                   dir.admin_dn(), "-w", Directory::admin_password(), "info"});
+                                   dir.admin_dn(), "-y", key_file(Directory::admin_password()), "info"});
     EXPECT_NE(r.err.find("(status 2): server certificate refused: the certificate does not name the host"),
               std::string::npos)
         << r.err;

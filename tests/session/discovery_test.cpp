@@ -32,12 +32,6 @@ Profile root_dse(std::vector<std::pair<std::string, std::string>> values) {
     return p;
 }
 
-Profile ad_partitions(Profile p) {
-    p.root_dse = {{"namingContexts", "CN=Configuration,o=acme"},
-                  {"namingContexts", "CN=Schema,CN=Configuration,o=acme"}};
-    return p;
-}
-
 class DiscoveryByKind : public testing::TestWithParam<KindCase> {};
 
 }  // namespace
@@ -67,7 +61,10 @@ INSTANTIATE_TEST_SUITE_P(
                     KindCase{"Netscape", Profile{}.kind_is(Kind::Netscape), ZEL_DIR_NETSCAPE, ZEL_HOST_OTHER},
                     KindCase{"EDirectory", Profile{}.kind_is(Kind::EDirectory), ZEL_DIR_EDIRECTORY, ZEL_HOST_OTHER},
                     // AD's configuration and schema partitions hold no Zel entries.
-                    KindCase{"ActiveDirectory", ad_partitions(Profile{}.kind_is(Kind::ActiveDirectory)),
+                    KindCase{"ActiveDirectory",
+                             root_dse({{"namingContexts", "CN=Configuration,o=acme"},
+                                       {"namingContexts", "CN=Schema,CN=Configuration,o=acme"}})
+                                 .kind_is(Kind::ActiveDirectory),
                              ZEL_DIR_ACTIVE_DIRECTORY, ZEL_HOST_OTHER},
                     KindCase{"OrvLowerCaseHost", root_dse({{"orvdirectoryversion", "tessan 6.4"}}), ZEL_DIR_ORV,
                              ZEL_HOST_OTHER},

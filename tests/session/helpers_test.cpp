@@ -3,6 +3,7 @@
 // learnt, subtree deletion, the locale calls and the bounded format.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <ldap.h>
 
@@ -42,12 +43,6 @@ protected:
     char dn[1000];
 };
 
-bool all_zero(const char *buf, size_t n) {
-    for (size_t i = 0; i < n; ++i)
-        if (buf[i]) return false;
-    return true;
-}
-
 }  // namespace
 
 TEST_F(Resolve, FirstSuffixWithOneMatchWinsUniqueNeedsExactlyOne) {
@@ -59,7 +54,7 @@ TEST_F(Resolve, FirstSuffixWithOneMatchWinsUniqueNeedsExactlyOne) {
     ldap_msgfree(res);
 
     EXPECT_EQ(find(determine_unique_DN, "ann", &res), ZEL_RC_NOT_UNIQUE);
-    EXPECT_TRUE(all_zero(dn, sizeof dn));
+    EXPECT_EQ(std::count(dn, dn + sizeof dn, '\0'), std::ptrdiff_t{sizeof dn}) << "cleared";
     EXPECT_EQ(res, nullptr);
 
     EXPECT_EQ(find(determine_unique_DN, "bob", &res), 0u);
@@ -109,7 +104,7 @@ TEST_F(Resolve, PersonLookupsAndProfileParents) {
     EXPECT_EQ(construct_ePersonDN_from_UP(s.get(), "cn=alone", person), 0u);
     EXPECT_STREQ(person, "");
     EXPECT_EQ(construct_ePersonDN_from_UP(s.get(), "not a dn", person), ZEL_RC_INVALID_ARGUMENT);
-    EXPECT_TRUE(all_zero(person, sizeof person));
+    EXPECT_EQ(std::count(person, person + sizeof person, '\0'), std::ptrdiff_t{sizeof person}) << "cleared";
 }
 
 // What the session learnt, handed out as the caller's own copy: the suffixes

@@ -1,6 +1,7 @@
 // Lists and the rekey of everything as an administrator who is not the
 // directory's root: the server caps unpaged answers at 500 entries, and only
 // reading page by page gets past that.
+#include <memory>
 #include <set>
 #include <ldap.h>
 
@@ -80,21 +81,17 @@ std::set<std::string> names_of(const ZelTargetServiceList *services) {
 
 class PagedLists : public testing::Test {
 protected:
-    static void SetUpTestSuite() { dir_ = new Directory(capped_directory()); }
-    static void TearDownTestSuite() {
-        delete dir_;
-        dir_ = nullptr;
-    }
+    static void SetUpTestSuite() { dir_ = std::make_unique<Directory>(capped_directory()); }
+    static void TearDownTestSuite() { dir_.reset(); }
     void SetUp() override {
         fault::reset();
         s = open_session_as(*dir_, kOperatorDn, kOperatorPassword);
         ASSERT_TRUE(s);
         ASSERT_EQ(s->paged_results, 1) << "slapd lists the paged-results control";
     }
-    static Directory *dir_;
+    static inline std::unique_ptr<Directory> dir_;
     Session s;
 };
-Directory *PagedLists::dir_ = nullptr;
 
 TEST_F(PagedLists, ListsReadEveryPage) {
     // Without paging the same lists meet the server's limit: the test bites.

@@ -41,27 +41,12 @@ std::string lower(std::string s) {
     return s;
 }
 
-std::string read_file(const std::string &path) {
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
-
 sockaddr_in loopback(uint16_t port) {
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     a.sin_port = htons(port);
     return a;
-}
-
-bool port_open(uint16_t port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a = loopback(port);
-    bool ok = connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
-    close(fd);
-    return ok;
 }
 
 struct TestCa {
@@ -138,6 +123,30 @@ std::string shipped_access_ldif(const std::string &suffix) {
 
 }  // namespace
 
+std::string file_text(const std::string &path) {
+    std::ifstream f(path);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+bool listening(const std::string &address, uint16_t port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a = loopback(port);
+    inet_pton(AF_INET, address.c_str(), &a.sin_addr);
+    bool ok = fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
+    if (fd >= 0) close(fd);
+    return ok;
+}
+
+void end_process(pid_t &pid, int signal) {
+    if (pid <= 0) return;
+    kill(pid, SIGCONT);
+    kill(pid, signal);
+    waitpid(pid, nullptr, 0);
+    pid = -1;
+}
+
 void write_file(const std::string &path, const std::string &text) {
     std::ofstream f(path);
     f << text;
@@ -150,24 +159,23 @@ std::string make_temp_dir(const char *what) {
     return templ;
 }
 
-// Two distinct free loopback ports.  They are released before the server
-// binds them; another process taking one in between is unlikely and shows as
-// a start failure with the server's own log.
-std::pair<uint16_t, uint16_t> free_ports() {
-    int fds[2];
-    uint16_t ports[2];
-    for (int i = 0; i < 2; ++i) {
-        fds[i] = socket(AF_INET, SOCK_STREAM, 0);
+// Distinct free loopback ports, each held until all are found.  They are
+// released before the server binds them; another process taking one in
+// between is unlikely and shows as a start failure with the server's own log.
+std::vector<uint16_t> free_ports(size_t n) {
+    std::vector<int> fds;
+    std::vector<uint16_t> ports;
+    for (size_t i = 0; i < n; ++i) {
+        fds.push_back(socket(AF_INET, SOCK_STREAM, 0));
         sockaddr_in a = loopback(0);
         socklen_t len = sizeof a;
-        if (fds[i] < 0 || bind(fds[i], reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
-            getsockname(fds[i], reinterpret_cast<sockaddr *>(&a), &len) != 0)
+        if (fds.back() < 0 || bind(fds.back(), reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
+            getsockname(fds.back(), reinterpret_cast<sockaddr *>(&a), &len) != 0)
             throw std::runtime_error("no free port");
-        ports[i] = ntohs(a.sin_port);
+        ports.push_back(ntohs(a.sin_port));
     }
-    close(fds[0]);
-    close(fds[1]);
-    return {ports[0], ports[1]};
+    for (int fd : fds) close(fd);
+    return ports;
 }
 
 TlsFiles test_tls_files() {
@@ -275,9 +283,9 @@ std::string suffix_entry_ldif(const std::string &suffix) {
 Directory::Directory(Profile profile) : profile_(std::move(profile)) {
     if (profile_.suffixes.empty()) throw std::invalid_argument("a directory needs a suffix");
     dir_ = make_temp_dir("slapd");
-    auto [p1, p2] = free_ports();
-    port_ = p1;
-    ldaps_port_ = p2;
+    const std::vector<uint16_t> ports = free_ports(2);
+    port_ = ports[0];
+    ldaps_port_ = ports[1];
     write_config();
     start();
     if (profile_.access_rules == AccessRules::CnConfig) load_access_rules();
@@ -297,14 +305,8 @@ Directory::Directory(Profile profile) : profile_(std::move(profile)) {
 
 Directory::~Directory() {
     if (profile_.kind == Kind::EDirectory) fault::set_search_rewrite(nullptr);
-    if (default_server_) {
-        ldap_set_option(nullptr, LDAP_OPT_URI, saved_uri_.empty() ? nullptr : saved_uri_.c_str());
-        ldap_set_option(nullptr, LDAP_OPT_DEFBASE, saved_base_.empty() ? nullptr : saved_base_.c_str());
-    }
-    if (pid_ > 0) {
-        kill(pid_, SIGKILL);  // the database is thrown away: no need for a clean shutdown
-        waitpid(pid_, nullptr, 0);
-    }
+    defaults_.reset();
+    end_process(pid_, SIGKILL);  // the database is thrown away: no need for a clean shutdown
     std::error_code ec;
     fs::remove_all(dir_, ec);
 }
@@ -366,11 +368,7 @@ std::string server_config_head(const std::string &dir) {
 }
 
 void Directory::restart() {
-    if (pid_ > 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
+    end_process(pid_, SIGKILL);
     start();
 }
 
@@ -405,15 +403,14 @@ pid_t spawn_server(const std::vector<std::string> &argv, const std::string &log,
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     while (std::chrono::steady_clock::now() < deadline) {
         if (waitpid(pid, nullptr, WNOHANG) == pid)
-            throw std::runtime_error(argv[0] + " exited at start:\n" + read_file(log));
-        bool listening = true;
-        for (uint16_t port : ports) listening = listening && port_open(port);
-        if (listening) return pid;
+            throw std::runtime_error(argv[0] + " exited at start:\n" + file_text(log));
+        bool all = true;
+        for (uint16_t port : ports) all = all && listening(Directory::host(), port);
+        if (all) return pid;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-    throw std::runtime_error(argv[0] + " did not start listening in time:\n" + read_file(log));
+    end_process(pid, SIGKILL);
+    throw std::runtime_error(argv[0] + " did not start listening in time:\n" + file_text(log));
 }
 
 void Directory::seed() {
@@ -471,18 +468,25 @@ Entry Directory::entry(const std::string &dn) const {
 }
 
 void Directory::make_default_server() {
-    if (!default_server_) {
-        char *uri_text = nullptr, *base = nullptr;
-        ldap_get_option(nullptr, LDAP_OPT_URI, &uri_text);
-        ldap_get_option(nullptr, LDAP_OPT_DEFBASE, &base);
-        saved_uri_ = uri_text ? uri_text : "";
-        saved_base_ = base ? base : "";
-        ldap_memfree(uri_text);
-        ldap_memfree(base);
-    }
-    ldap_set_option(nullptr, LDAP_OPT_URI, uri().c_str());
-    ldap_set_option(nullptr, LDAP_OPT_DEFBASE, suffix().c_str());
-    default_server_ = true;
+    if (!defaults_) defaults_ = std::make_unique<ClientDefaults>();
+    ClientDefaults::set(uri().c_str(), suffix().c_str());
+}
+
+ClientDefaults::ClientDefaults() {
+    ldap_get_option(nullptr, LDAP_OPT_URI, &uri_);
+    ldap_get_option(nullptr, LDAP_OPT_DEFBASE, &base_);
+}
+
+ClientDefaults::~ClientDefaults() {
+    ldap_set_option(nullptr, LDAP_OPT_URI, uri_);
+    ldap_set_option(nullptr, LDAP_OPT_DEFBASE, base_);
+    ldap_memfree(uri_);
+    ldap_memfree(base_);
+}
+
+void ClientDefaults::set(const char *uri, const char *base) {
+    ASSERT_EQ(ldap_set_option(nullptr, LDAP_OPT_URI, uri), LDAP_OPT_SUCCESS);
+    ASSERT_EQ(ldap_set_option(nullptr, LDAP_OPT_DEFBASE, base), LDAP_OPT_SUCCESS);
 }
 
 void DirectoryTest::SetUp() {

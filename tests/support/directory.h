@@ -67,6 +67,21 @@ struct CommandResult {
 CommandResult run_command(const std::vector<std::string> &argv, const std::string &input = "",
                           const std::map<std::string, std::string> &env = {});
 
+// The client library's process-wide default server and base, as they were,
+// put back when this goes; set() changes both meanwhile.
+class ClientDefaults {
+public:
+    ClientDefaults();
+    ~ClientDefaults();
+    ClientDefaults(const ClientDefaults &) = delete;
+    ClientDefaults &operator=(const ClientDefaults &) = delete;
+    static void set(const char *uri, const char *base);  // null: none
+
+private:
+    char *uri_ = nullptr;
+    char *base_ = nullptr;
+};
+
 class Directory {
 public:
     explicit Directory(Profile profile = {});
@@ -117,8 +132,7 @@ private:
     uint16_t port_ = 0;
     uint16_t ldaps_port_ = 0;
     pid_t pid_ = -1;
-    bool default_server_ = false;
-    std::string saved_uri_, saved_base_;
+    std::unique_ptr<ClientDefaults> defaults_;  // while it is the default server
 };
 
 // The LDIF of an entry that makes a suffix exist (by its first RDN's type).
@@ -129,9 +143,13 @@ std::string suffix_entry_ldif(const std::string &suffix);
 // the profiles' root DSE attributes included), pid and args files in `dir`,
 // and back_mdb.
 std::string server_config_head(const std::string &dir);
+std::string file_text(const std::string &path);  // "" when it cannot be read
 void write_file(const std::string &path, const std::string &text);
+bool listening(const std::string &address, uint16_t port);
+// Signals pid (stopped or not) and reaps it; -1 afterwards, nothing when not running.
+void end_process(pid_t &pid, int signal);
 std::string make_temp_dir(const char *what);
-std::pair<uint16_t, uint16_t> free_ports();  // two distinct free loopback ports
+std::vector<uint16_t> free_ports(size_t n);  // distinct free loopback ports
 // The private CA of the test servers and the certificate (with its key) it
 // signed for 127.0.0.1 and localhost: PEM files, made once per process.
 struct TlsFiles {

@@ -50,7 +50,7 @@ std::string getpwuid_name() {
 
 Ds389::Ds389(std::string suffix) : suffix_(std::move(suffix)) {
     dir_ = files_ = make_temp_dir("ds389");
-    port_ = free_ports().first;
+    port_ = free_ports(1).front();
     tools_uri_ = uri();
     admin_ = admin_dn();
     admin_password_ = admin_password();
@@ -94,7 +94,7 @@ void Ds389::write_config() {
     // are readable to its own group only); the server starts without them.
     fs::copy_file(std::string(ZEL_BINARY_DIR) + "/schema/99zel.ldif", config_dir_ + "/schema/99zel.ldif");
 
-    std::string dse = read_text(kTemplate);
+    std::string dse = file_text(kTemplate);
     if (dse.empty()) throw std::runtime_error(std::string("cannot read ") + kTemplate);
     const std::vector<std::pair<std::string, std::string>> places = {
         {"%schema_dir%", config_dir_ + "/schema"}, {"%config_dir%", config_dir_}, {"%cert_dir%", config_dir_},
@@ -123,7 +123,7 @@ void Ds389::start() {
         pid_ = spawn_server({"/usr/sbin/ns-slapd", "-D", config_dir_, "-d", "0", "-i", dir_ + "/run/slapd.pid"},
                             dir_ + "/log/ns-slapd.out", {port_}, 30);
     } catch (const std::runtime_error &e) {
-        throw std::runtime_error(e.what() + read_text(dir_ + "/log/errors"));
+        throw std::runtime_error(e.what() + file_text(dir_ + "/log/errors"));
     }
 }
 

@@ -41,7 +41,7 @@ std::string machine_name() {
 
 KerberosRealm::KerberosRealm(const std::string &user) : user_(user) {
     dir_ = make_temp_dir("krb");
-    port_ = free_ports().first;
+    port_ = free_ports(1).front();
     write_config();
     for (const auto &[name, value] :
          std::vector<std::pair<const char *, std::string>>{{"KRB5_CONFIG", dir_ + "/krb5.conf"},
@@ -78,11 +78,7 @@ void KerberosRealm::sign_in_as(const std::string &user) {
 }
 
 void KerberosRealm::stop() {
-    if (pid_ > 0) {
-        kill(pid_, SIGTERM);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
+    end_process(pid_, SIGTERM);
     env_.clear();
     std::error_code ec;
     fs::remove_all(dir_, ec);

@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -29,15 +30,9 @@ std::string domain_ldif() {
 
 ReplicatedPair::ReplicatedPair(const std::string &seed_ldif) {
     dir_ = make_temp_dir("pair");
-    auto [p1, p2] = free_ports();
-    ports_[0] = p1;
-    ports_[1] = p2;
-    // Four distinct ports: the second draw may repeat one of the first.
-    do {
-        auto [t1, t2] = free_ports();
-        tls_ports_[0] = t1;
-        tls_ports_[1] = t2;
-    } while (tls_ports_[0] == p1 || tls_ports_[0] == p2 || tls_ports_[1] == p1 || tls_ports_[1] == p2);
+    const std::vector<uint16_t> ports = free_ports(4);
+    std::copy(ports.begin(), ports.begin() + 2, ports_);
+    std::copy(ports.begin() + 2, ports.end(), tls_ports_);
     write_config(1);
     write_config(2);
     // Offline seeding with server id 1 and contextCSN: server 2 then pulls
@@ -112,14 +107,6 @@ void signal_and_wait(pid_t pid, int signal, bool stopped) {
 void hang_process(pid_t pid) { signal_and_wait(pid, SIGSTOP, true); }
 
 void resume_process(pid_t pid) { signal_and_wait(pid, SIGCONT, false); }
-
-void end_process(pid_t &pid, int signal) {
-    if (pid <= 0) return;
-    kill(pid, SIGCONT);
-    kill(pid, signal);
-    waitpid(pid, nullptr, 0);
-    pid = -1;
-}
 
 void ReplicatedPair::heal() {
     for (int n = 1; n <= 2; ++n) {

@@ -14,6 +14,8 @@
 #include <cstdint>
 #include <string>
 
+#include "support/directory.h"
+
 namespace zeltest {
 
 // Two servers replicating each other, as the failover steps drive them:
@@ -40,7 +42,6 @@ public:
 // signal has taken effect; end() also reaps it and clears the pid.
 void hang_process(pid_t pid);
 void resume_process(pid_t pid);
-void end_process(pid_t &pid, int signal);
 
 class ReplicatedPair : public ServerPair {
 public:

@@ -6,9 +6,7 @@
 
 #include <sys/stat.h>
 
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,13 +15,6 @@
 #include "support/session.h"
 
 namespace zeltest {
-
-inline std::string read_text(const std::string &path) {
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
 
 // The tools against a server, set up by its constructor.
 class PeerTools {

@@ -24,17 +24,6 @@ namespace fs = std::filesystem;
 namespace zeltest {
 namespace {
 
-bool listening(const std::string &address, uint16_t port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    inet_pton(AF_INET, address.c_str(), &a.sin_addr);
-    bool ok = fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
-    if (fd >= 0) close(fd);
-    return ok;
-}
-
 // 127.77.x.y from the pid, the next one while another DC holds it.
 std::string free_address() {
     for (unsigned n = static_cast<unsigned>(getpid()), tries = 0; tries < 64; ++n, ++tries) {
@@ -99,14 +88,10 @@ SambaDc::SambaDc() {
 SambaDc::~SambaDc() { stop(); }
 
 void SambaDc::stop() {
-    if (pid_ > 0) {
-        kill(pid_, SIGTERM);
-        for (int i = 0; i < 50 && waitpid(pid_, nullptr, WNOHANG) == 0; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
+    if (pid_ > 0) kill(pid_, SIGTERM);
+    for (int i = 0; i < 50 && pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    end_process(pid_, SIGKILL);
     // The DC's worker processes may still be closing their files.
     for (int i = 0; i < 50 && !dir_.empty() && fs::exists(dir_); ++i) {
         std::error_code ec;
@@ -180,8 +165,8 @@ void SambaDc::start() {
     while (std::chrono::steady_clock::now() < deadline) {
         if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
             pid_ = -1;
-            throw std::runtime_error("samba exited at start:\n" + read_text(dir_ + "/samba.out") +
-                                     read_text(dir_ + "/samba.log"));
+            throw std::runtime_error("samba exited at start:\n" + file_text(dir_ + "/samba.out") +
+                                     file_text(dir_ + "/samba.log"));
         }
         if (listening(address_, 389) && listening(address_, 636) &&
             search_as("", "", "", "(objectClass=*)", {"1.1"}).status == 0)
@@ -191,11 +176,11 @@ void SambaDc::start() {
     throw std::runtime_error(std::string("the DC did not answer in 300 s (LDAP ") +
                              (listening(address_, 389) ? "listening" : "closed") + ", LDAPS " +
                              (listening(address_, 636) ? "listening" : "closed") + "):\n" +
-                             read_text(dir_ + "/samba.log"));
+                             file_text(dir_ + "/samba.log"));
 }
 
 void SambaDc::load_schema() {
-    std::string ldif = read_text(std::string(ZEL_SOURCE_DIR) + "/schema/zel-ad.ldif");
+    std::string ldif = file_text(std::string(ZEL_SOURCE_DIR) + "/schema/zel-ad.ldif");
     for (size_t at = ldif.find(",DC=X\n"); at != std::string::npos; at = ldif.find(",DC=X\n", at))
         ldif.replace(at + 1, 4, base());
     CommandResult r = modify(ldif);
