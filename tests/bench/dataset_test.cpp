@@ -3,13 +3,12 @@
 #include <map>
 
 #include "dataset.h"
-#include "domain/domain_fixtures.h"
 #include "platform/password_mask.h"
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 #include "support/env.h"
 #include "support/key_files.h"
 
-using namespace recordtest;
+using namespace famtest;
 
 namespace {
 
@@ -58,7 +57,7 @@ TEST(BenchDataset, TemplatesMatchWhatTheLibraryWrites) {
     };
     for (const std::string &name : services) add_service(name, "Web Resource");
     add_service(group_name, "Resource Group");
-    domaintest::DomainRecord group(group_name.c_str(), nullptr, domaintest::services(services));
+    famtest::DomainRecord group(group_name.c_str(), nullptr, famtest::services(services));
     ASSERT_EQ(Zel_addZelDomain(s.get(), &group.d), 0u);
 
     struct { const char *id, *service, *account, *password; } records[] = {

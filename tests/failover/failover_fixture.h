@@ -13,14 +13,14 @@
 #include <thread>
 #include <vector>
 
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 #include "support/directory.h"
 #include "support/pair.h"
 #include "support/peers_fixture.h"
 
 namespace failovertest {
 
-using namespace recordtest;
+using namespace famtest;
 using zeltest::ReplicatedPair;
 using zeltest::ServerPair;
 using Clock = std::chrono::steady_clock;

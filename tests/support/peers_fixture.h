@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "support/directory.h"
-#include "record/record_fixture.h"
+#include "support/family_fixture.h"
 #include "support/session.h"
 
 namespace zeltest {
@@ -92,9 +92,9 @@ struct Service {
 // T:<service> with account and password; the first status that is not 0.
 inline ZelRC add_user_with_record(ZelSession *s, const char *user, const std::string &person_dn, const char *service,
                                   const char *account, const char *password) {
-    ZelUser u = usertest::user_record(user, "User", person_dn);
+    ZelUser u = famtest::user_record(user, "User", person_dn);
     const std::string id = std::string("T:") + service;
-    ZelTargetRecord r = recordtest::record(id.c_str(), service, account, password);
+    ZelTargetRecord r = famtest::record(id.c_str(), service, account, password);
     ZelRC rc = Zel_addZelUser(s, &u);
     return rc ? rc : Zel_addTargetRecord(s, user, &r);
 }
