@@ -14,4 +14,10 @@ namespace zel::platform {
 // special characters comes back unchanged.  Throws std::bad_alloc.
 std::string escape_dn_value(std::string_view value);
 
+// A DN whose first RDN is one type=value pair with nothing that a DN
+// escapes, quotes or trims, as a server writes an RDN whose value needs no
+// escaping: that RDN's type and value as they stand in `dn`, and the text of
+// its parent.  False for any other DN, which the caller then parses in full.
+bool plain_first_rdn(const char *dn, std::string_view &type, std::string_view &value, const char *&parent);
+
 }  // namespace zel::platform

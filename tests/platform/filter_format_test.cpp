@@ -2,10 +2,13 @@
 #include "platform/dn_escape.h"
 
 #include <gtest/gtest.h>
+#include <ldap.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -52,6 +55,33 @@ TEST(DnValueEscaping, EscapesRdnSyntaxOnly) {
     EXPECT_EQ(escape_dn_value("#x"), "\\#x");
     EXPECT_EQ(escape_dn_value(std::string_view("a\0b\t\x7F", 5)), "a\\00b\\09\\7F");
     EXPECT_EQ(escape_dn_value("*()J\xC3\xBCrgen"), "*()J\xC3\xBCrgen");
+}
+
+// Read without parsing only where the full parse reads the same type and
+// value; everything a DN escapes, quotes or trims goes to the full parse.
+TEST(DnFirstRdn, ReadPlainlyOnlyWhereTheFullParseAgrees) {
+    std::vector<std::string> declined;
+    for (const char *dn : {"cn=G:grp1,cn=x", "secResCredsID=G:a b,cn=x", "CN=Mixed Case,o=x", "cn=\xc3\xa9*(),o=x",
+                           "cn=G\\2Cx,cn=y", "cn=a+sn=b,cn=y", "cn= a,cn=y", "cn=a ,cn=y", "cn=#41,cn=y",
+                           "cn=\"q\",cn=y", "cn=a;cn=y", "cn=a", "=a,cn=y", "cn=,cn=y", "cn=a=b,cn=y", "cn=<a>,o=x"}) {
+        std::string_view type, value;
+        const char *parent = nullptr;
+        if (!zel::platform::plain_first_rdn(dn, type, value, parent)) {
+            declined.push_back(dn);
+            continue;
+        }
+        LDAPRDN rdn = nullptr;
+        char *rest = nullptr;
+        ASSERT_EQ(ldap_str2rdn(dn, &rdn, &rest, LDAP_DN_FORMAT_LDAP), LDAP_SUCCESS) << dn;
+        EXPECT_EQ(type, std::string_view(rdn[0]->la_attr.bv_val, rdn[0]->la_attr.bv_len)) << dn;
+        EXPECT_EQ(value, std::string_view(rdn[0]->la_value.bv_val, rdn[0]->la_value.bv_len)) << dn;
+        EXPECT_EQ(rdn[1], nullptr) << dn;
+        EXPECT_STREQ(parent, std::strchr(dn, ',') + 1) << dn;
+        ldap_rdnfree(rdn);
+    }
+    EXPECT_EQ(declined, (std::vector<std::string>{"cn=G\\2Cx,cn=y", "cn=a+sn=b,cn=y", "cn= a,cn=y", "cn=a ,cn=y",
+                                                  "cn=#41,cn=y", "cn=\"q\",cn=y", "cn=a;cn=y", "cn=a", "=a,cn=y",
+                                                  "cn=,cn=y", "cn=a=b,cn=y", "cn=<a>,o=x"}));
 }
 
 TEST(FilterFormat, MixesQuotedAndPlainConversions) {

@@ -148,17 +148,23 @@ ZelRC query_credential(ZelSession *s, const char *user, const ZelCredentialReque
 
 ZelRC credential_group(const char *dn, std::string &group) {
     group.clear();
-    // The record's own RDN names the group: the rest of the DN is not parsed.
+    // The record's own RDN names the group: the rest of the DN is not parsed,
+    // nor the RDN when the server wrote it plainly.
     // libldap asserts on an empty string rather than refusing it.
     if (dn == nullptr || *dn == '\0') return ZEL_RC_SYSTEM_ERROR;
+    std::string_view type, plain;
+    const char *parent = nullptr;
+    if (plat::plain_first_rdn(dn, type, plain, parent)) {
+        group = token(plain, ':', 1);
+        return 0;
+    }
     LDAPRDN raw = nullptr;
     char *rest = nullptr;
     if (ldap_str2rdn(dn, &raw, &rest, LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) return ZEL_RC_SYSTEM_ERROR;
     ParsedRdn parsed(raw);
     if (!parsed || !parsed.get()[0]) return ZEL_RC_SYSTEM_ERROR;
     const struct berval &value = parsed.get()[0]->la_value;
-    std::string id(value.bv_val, value.bv_len);
-    group = token(id.c_str(), ':', 1);
+    group = token(std::string_view(value.bv_val, strnlen(value.bv_val, value.bv_len)), ':', 1);  // up to a NUL, as before
     return 0;
 }
 

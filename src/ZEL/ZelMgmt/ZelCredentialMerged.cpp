@@ -59,31 +59,37 @@ bool split_dn(const char *dn, Rdns &out) {
     return true;
 }
 
-// The same for a container's DN, which is the same text on every query of a
-// session: the last two parsed are kept (a domain's and the database's), and
-// the answer points into them.  A query asks about two containers at most:
-// the one it used last is never the one written over, so both of a query's
-// stay in place until it is done.
-const Rdns *split_container(const std::string &dn, bool &ok) {
-    struct Parsed {
-        std::string dn;
-        Rdns rdns;
-        bool ok = false;
-    };
-    thread_local Parsed kept[2];
-    thread_local unsigned last = 0;
+// A group container: "<prefix><base>", parsed.  The two a session asks
+// about (its domain's and its database's) are the same on every query, so
+// the last two built are kept per thread with the deepest DN both lie below;
+// a query asks about two containers at most, and the one it used last is
+// never the one written over, so both of a query's stay in place until it
+// is done.
+struct Container {
+    const char *prefix = nullptr;
+    std::string base;
+    std::string dn;
+    Rdns rdns;
+    bool ok = false;
+    unsigned serial = 0;  // changes whenever the slot is written over
+};
+
+const Container &container_of(const char *prefix, const char *base) {
+    thread_local Container kept[2];
+    thread_local unsigned last = 0, serials = 0;
     for (unsigned i = 0; i < 2; ++i)
-        if (!kept[i].dn.empty() && kept[i].dn == dn) {
+        if (kept[i].prefix == prefix && kept[i].base == base) {
             last = i;
-            ok = kept[i].ok;
-            return &kept[i].rdns;
+            return kept[i];
         }
     last = 1 - last;
-    Parsed &p = kept[last];
-    p.ok = split_dn(dn.c_str(), p.rdns);
-    p.dn = dn;
-    ok = p.ok;
-    return &p.rdns;
+    Container &c = kept[last];
+    c.prefix = prefix;
+    c.base = base;
+    c.dn.assign(prefix).append(base);
+    c.ok = split_dn(c.dn.c_str(), c.rdns);
+    c.serial = ++serials;
+    return c;
 }
 
 bool same_rdns(const Rdns &a, size_t a_from, const Rdns &b) {
@@ -106,8 +112,8 @@ struct FormRecords {
 // A group record's identifier starts "G:"; neither character is ever
 // escaped in a DN, so the text after the first '=' tells.
 bool names_group(LDAP *ld, LDAPMessage *entry) {
-    zel::LdapText dn(ldap_get_dn(ld, entry));
-    const char *value = dn ? std::strchr(dn.get(), '=') : nullptr;
+    const char *dn = zel::entry_dn(ld, entry);
+    const char *value = dn ? std::strchr(dn, '=') : nullptr;
     return value && (value[1] == 'G' || value[1] == 'g') && value[2] == ':';
 }
 
@@ -140,8 +146,7 @@ ZelRC search_form_records(ZelSession *s, const std::string &user_dn, int32_t mod
 // Which of the candidate groups hold the resource in one storage form.
 struct FormAsk {
     int32_t mode = 0;
-    const Rdns *container = nullptr;  // kept by split_container
-    std::string container_dn;
+    const Container *container = nullptr;  // kept by container_of
     const char *naming = nullptr;     // the groups' naming attribute
     std::string filter;               // holds the resource and is one of the candidates
     std::vector<unsigned char> fits;  // whether the group's DN fits a DN buffer
@@ -152,12 +157,13 @@ struct FormAsk {
 // `in_filter`: each group's name escaped for a filter, once for both forms.
 // A group's DN must fit a DN buffer; escaping at most triples a name, so
 // only a long one is escaped to be measured.
-void prepare_ask(FormAsk &ask, int32_t mode, std::string container, const char *naming,
+void prepare_ask(FormAsk &ask, int32_t mode, const Container &container, const char *naming,
                  const std::string &holds, const std::vector<std::string> &groups,
                  const std::vector<std::string> &in_filter) {
     ask.mode = mode;
     ask.naming = naming;
-    ask.container = split_container(container, ask.needed);
+    ask.container = &container;
+    ask.needed = container.ok;
     ask.fits.assign(groups.size(), false);
     ask.held.assign(groups.size(), false);
     const size_t naming_size = std::strlen(naming);
@@ -167,7 +173,7 @@ void prepare_ask(FormAsk &ask, int32_t mode, std::string container, const char *
     const size_t empty_size = f.size();
     for (size_t i = 0; i < groups.size(); ++i) {
         if (groups[i].empty()) continue;
-        const size_t fixed = naming_size + 1 + 1 + container.size();
+        const size_t fixed = naming_size + 1 + 1 + container.dn.size();
         if (!(ask.fits[i] = fixed + 3 * groups[i].size() < zel::kDnSize ||
                             fixed + plat::escape_dn_value(groups[i]).size() < zel::kDnSize))
             continue;
@@ -175,7 +181,6 @@ void prepare_ask(FormAsk &ask, int32_t mode, std::string container, const char *
     }
     ask.needed = ask.needed && f.size() != empty_size;
     f.append("))");
-    ask.container_dn = std::move(container);
 }
 
 // Marks the candidates an entry of the answer names, if it is a child of
@@ -189,37 +194,13 @@ void mark_named(FormAsk &ask, const char *name, const std::vector<std::string> &
 }
 
 void mark_held(FormAsk &ask, const Rdns &entry, const std::vector<std::string> &groups) {
-    if (entry.empty() || !zel::same_text(entry[0].first.c_str(), ask.naming) || !same_rdns(entry, 1, *ask.container))
+    if (entry.empty() || !zel::same_text(entry[0].first.c_str(), ask.naming) || !same_rdns(entry, 1, ask.container->rdns))
         return;
     mark_named(ask, entry[0].second.c_str(), groups);
 }
 
-// A DN whose first RDN is one type=value pair with nothing that a DN escapes,
-// quotes or trims (as the server gives a group's DN whose name needs no
-// escaping): that RDN's type and value, and the text of its parent.  False
-// for any other DN, which is then parsed in full.
-bool plain_child(const char *dn, std::string &type, std::string &value, const char *&parent) {
-    const char *equals = nullptr, *p = dn;
-    for (; *p != '\0' && *p != ','; ++p) {
-        switch (*p) {
-        case '\\': case '+': case '"': case ';': case '<': case '>': return false;
-        case '=':
-            if (equals) return false;
-            equals = p;
-            break;
-        default: break;
-        }
-    }
-    if (*p != ',' || !equals || equals == dn || equals + 1 == p) return false;
-    if (dn[0] == ' ' || equals[-1] == ' ' || equals[1] == ' ' || equals[1] == '#' || p[-1] == ' ') return false;
-    type.assign(dn, static_cast<size_t>(equals - dn));
-    value.assign(equals + 1, static_cast<size_t>(p - equals - 1));
-    parent = p + 1;
-    return true;
-}
-
 // The deepest DN both containers lie below, as text; empty when none.
-std::string common_base(const Rdns &a, const Rdns &b) {
+std::string common_base_text(const Rdns &a, const Rdns &b) {
     size_t n = 0;
     while (n < a.size() && n < b.size() && zel::same_text(a[a.size() - 1 - n].first.c_str(), b[b.size() - 1 - n].first.c_str()) &&
            zel::same_text(a[a.size() - 1 - n].second.c_str(), b[b.size() - 1 - n].second.c_str()))
@@ -234,6 +215,17 @@ std::string common_base(const Rdns &a, const Rdns &b) {
     return base;
 }
 
+const std::string &common_base(const Container &a, const Container &b) {
+    thread_local unsigned serial_a = 0, serial_b = 0;
+    thread_local std::string kept;
+    if (serial_a != a.serial || serial_b != b.serial) {
+        kept = common_base_text(a.rdns, b.rdns);
+        serial_a = a.serial;
+        serial_b = b.serial;
+    }
+    return kept;
+}
+
 // One search over the asks' containers: one level below a single container,
 // the subtree of the common base of two (the entries outside the containers
 // are passed over), one search each when the two share no base.
@@ -243,14 +235,15 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, const std::vect
     for (FormAsk *a : {first, second})
         if (a && a->needed) needed[count++] = a;
     if (count == 0) return 0;
-    std::string common, both;
-    const char *base = needed[0]->container_dn.c_str(), *filter = needed[0]->filter.c_str();
+    std::string both;
+    const char *base = needed[0]->container->dn.c_str(), *filter = needed[0]->filter.c_str();
     int scope = LDAP_SCOPE_ONELEVEL;
-    if (count == 2 && !(common = common_base(*needed[0]->container, *needed[1]->container)).empty()) {
+    const std::string *common = count == 2 ? &common_base(*needed[0]->container, *needed[1]->container) : nullptr;
+    if (common && !common->empty()) {
         scope = LDAP_SCOPE_SUBTREE;
         both.reserve(needed[0]->filter.size() + needed[1]->filter.size() + 3);
         both.append("(|").append(needed[0]->filter).append(needed[1]->filter).append(")");
-        base = common.c_str();
+        base = common->c_str();
         filter = both.c_str();
     } else if (count == 2) {
         if (ZelRC rc = ask_groups(s, needed[0], nullptr, groups)) return rc;
@@ -266,23 +259,27 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, const std::vect
     // takes such an entry only when its container is the same DN.
     int same_containers = count == 2 ? -1 : 0;  // -1: not yet compared
     Rdns rdns;
-    std::string type, value;
+    std::string_view type_view, value_view;
+    std::string type, value;  // the views as text the comparisons take
     for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e; e = ldap_next_entry(s->ld, e)) {
-        zel::LdapText dn(ldap_get_dn(s->ld, e));
+        const char *dn = zel::entry_dn(s->ld, e);
         if (!dn) continue;
         const char *parent = nullptr;
         size_t below = count;
-        if (plain_child(dn.get(), type, value, parent))
+        if (plat::plain_first_rdn(dn, type_view, value_view, parent)) {
+            type.assign(type_view);
+            value.assign(value_view);
             for (size_t k = 0; k < count && below == count; ++k)
-                if (needed[k]->container_dn == parent) below = k;
+                if (needed[k]->container->dn == parent) below = k;
+        }
         if (below < count) {
-            if (same_containers < 0) same_containers = same_rdns(*needed[0]->container, 0, *needed[1]->container);
+            if (same_containers < 0) same_containers = same_rdns(needed[0]->container->rdns, 0, needed[1]->container->rdns);
             for (size_t k = 0; k < count; ++k)
                 if ((k == below || same_containers) && zel::same_text(type.c_str(), needed[k]->naming))
                     mark_named(*needed[k], value.c_str(), groups);
             continue;
         }
-        if (!split_dn(dn.get(), rdns)) continue;
+        if (!split_dn(dn, rdns)) continue;
         for (size_t k = 0; k < count; ++k) mark_held(*needed[k], rdns, groups);
     }
     return 0;
@@ -295,9 +292,9 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
                        LDAPMessage *&answer, CredentialTrail *trail) {
     std::vector<std::string> groups(records.groups.size()), in_filter(groups.size());
     for (size_t i = 0; i < groups.size(); ++i) {
-        zel::LdapText dn(ldap_get_dn(s->ld, records.groups[i]));
+        const char *dn = zel::entry_dn(s->ld, records.groups[i]);
         if (!dn) return ZEL_RC_SYSTEM_ERROR;
-        if (ZelRC rc = zel::credential_group(dn.get(), groups[i])) return rc;
+        if (ZelRC rc = zel::credential_group(dn, groups[i])) return rc;
         if (!groups[i].empty()) in_filter[i] = plat::escape_filter_value(groups[i]);
     }
     // A security domain record held in no domain: without a domain DN there
@@ -306,10 +303,10 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
     bool first_gen = s->database_dn && (mode == zel::kFirstGenerationMode || domain);
     FormAsk in_domain, in_database;
     if (domain)
-        prepare_ask(in_domain, zel::kDomainMode, std::string("cn=ResourceGroups,") + s->domain_dn, "secResGroupID",
+        prepare_ask(in_domain, zel::kDomainMode, container_of("cn=ResourceGroups,", s->domain_dn), "secResGroupID",
                     q.member_filter, groups, in_filter);
     if (first_gen)
-        prepare_ask(in_database, zel::kFirstGenerationMode, std::string("cn=Zel Domains,") + s->database_dn, "cn",
+        prepare_ask(in_database, zel::kFirstGenerationMode, container_of("cn=Zel Domains,", s->database_dn), "cn",
                     q.location_filter, groups, in_filter);
     if (ZelRC rc = ask_groups(s, &in_domain, &in_database, groups)) return rc;
 

@@ -46,9 +46,9 @@ ZelRC group_holds(ZelSession *s, const std::string &group, const zel::Credential
 
 ZelRC group_of(LDAP *ld, LDAPMessage *entry, std::string &group) {
     group.clear();
-    zel::LdapText dn(ldap_get_dn(ld, entry));
+    const char *dn = zel::entry_dn(ld, entry);
     if (!dn) return ZEL_RC_SYSTEM_ERROR;
-    return zel::credential_group(dn.get(), group);
+    return zel::credential_group(dn, group);
 }
 
 // The first group record, in directory order, whose group holds the resource.

@@ -149,12 +149,12 @@ ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_ou
                     for (char **v = values; v && *v; ++v) {
                         const size_t class_length = std::strlen(*v);
                         if (!is_name(*v, class_length, "eZelUser") && !is_name(*v, class_length, "secUser")) continue;
-                        zel::LdapText dn(ldap_get_dn(s->ld, e));
+                        const char *dn = zel::entry_dn(s->ld, e);
                         if (!dn) return ZEL_RC_NO_MEMORY;
                         user_seen = true;
-                        zel::tracef(s, zel::kTraceProgress, "zelmgmt:User Profile DN: %s\n", dn.get());
+                        zel::tracef(s, zel::kTraceProgress, "zelmgmt:User Profile DN: %s\n", dn);
                         if (profile_dn_out) {
-                            char *copy = strdup(dn.get());
+                            char *copy = strdup(dn);
                             if (!copy) return ZEL_RC_NO_MEMORY;
                             std::free(*profile_dn_out);
                             *profile_dn_out = copy;

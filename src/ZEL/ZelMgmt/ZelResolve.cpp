@@ -32,9 +32,9 @@ bool suffix_holds_nothing(int ldap_rc) {
 
 // Copies an entry's DN into a 1000-byte buffer.
 ZelRC copy_entry_dn(LDAP *ld, LDAPMessage *entry, char *dn) {
-    zel::LdapText text(ldap_get_dn(ld, entry));
+    const char *text = zel::entry_dn(ld, entry);
     if (!text) return ZEL_RC_ENTRY_NOT_FOUND;
-    return zel::copy_into(dn, zel::kDnSize, text.get()) ? 0 : ZEL_RC_LIMIT_EXCEEDED;
+    return zel::copy_into(dn, zel::kDnSize, text) ? 0 : ZEL_RC_LIMIT_EXCEEDED;
 }
 
 }  // namespace

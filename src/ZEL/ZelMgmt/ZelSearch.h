@@ -65,32 +65,52 @@ constexpr int kPageSize = 500;
 // result of the first page that failed, else that of the last one.
 int search_all(ZelSession *s, const char *base, int scope, const char *filter, char **attrs, SearchPages &out);
 
+// The entry's DN, read in place: valid while the entry's result lives;
+// null when the entry cannot be decoded.  Nothing is allocated.
+inline const char *entry_dn(LDAP *ld, LDAPMessage *entry) {
+    struct berval dn{0, nullptr};
+    return ldap_get_dn_ber(ld, entry, nullptr, &dn) == LDAP_SUCCESS ? dn.bv_val : nullptr;
+}
+
 // Walks an entry's attributes in the order the server returned them and calls
 // fn(name, strings, bervals) for each attribute that has values; a non-zero
-// status from fn ends the walk and is returned.
+// status from fn ends the walk and is returned.  The names and values are
+// read in place (the client NUL-terminates each inside the result, so the
+// string form points into the same bytes): pointers into them stay valid
+// while the entry's result lives, and one list is allocated per attribute.
 template <class Fn>
 ZelRC walk_attributes(LDAP *ld, LDAPMessage *entry, Fn &&fn) {
     BerElement *raw = nullptr;
-    LdapText name(ldap_first_attribute(ld, entry, &raw));
+    struct berval dn{0, nullptr};
+    const int dn_rc = ldap_get_dn_ber(ld, entry, &raw, &dn);
     Ber ber(raw);
-    // Each attribute is decoded once: the client NUL-terminates every binary
-    // value it hands out, so the string form points into the same values.
+    if (dn_rc != LDAP_SUCCESS) return 0;
     constexpr size_t kInline = 8;
     char *inline_strings[kInline + 1];
-    while (name) {
-        Bervals bervals(ldap_get_values_len(ld, entry, name.get()));
-        if (bervals && bervals.get()[0]) {
-            size_t n = 0;
-            while (bervals.get()[n]) ++n;
-            std::unique_ptr<char *[]> heap(n > kInline ? new char *[n + 1] : nullptr);
-            char **strings = heap ? heap.get() : inline_strings;
-            for (size_t i = 0; i < n; ++i) strings[i] = bervals.get()[i]->bv_val;
-            strings[n] = nullptr;
-            if (ZelRC rc = fn(name.get(), strings, bervals.get())) return rc;
+    struct berval *inline_bervals[kInline + 1];
+    for (;;) {
+        struct berval name{0, nullptr};
+        BerVarray list = nullptr;
+        if (ldap_get_attribute_ber(ld, entry, ber.get(), &name, &list) != LDAP_SUCCESS || !name.bv_val) {
+            ldap_memfree(list);
+            return 0;
         }
-        name.reset(ldap_next_attribute(ld, entry, raw));
+        std::unique_ptr<struct berval, LdapMemFree> values(list);
+        size_t n = 0;
+        while (list && list[n].bv_val) ++n;
+        if (n == 0) continue;
+        std::unique_ptr<char *[]> heap_strings(n > kInline ? new char *[n + 1] : nullptr);
+        std::unique_ptr<struct berval *[]> heap_bervals(n > kInline ? new struct berval *[n + 1] : nullptr);
+        char **strings = heap_strings ? heap_strings.get() : inline_strings;
+        struct berval **bervals = heap_bervals ? heap_bervals.get() : inline_bervals;
+        for (size_t i = 0; i < n; ++i) {
+            strings[i] = list[i].bv_val;
+            bervals[i] = &list[i];
+        }
+        strings[n] = nullptr;
+        bervals[n] = nullptr;
+        if (ZelRC rc = fn(name.bv_val, strings, bervals)) return rc;
     }
-    return 0;
 }
 
 }  // namespace zel

@@ -135,15 +135,15 @@ ZelRC mask(const char *text, int32_t *length_out, char **buffer_out, int32_t dir
 
 namespace zel {
 
-std::string token(const char *text, char separator, int index) {
-    const char *p = text;
+std::string token(std::string_view text, char separator, int index) {
+    size_t p = 0;
     for (int i = 0;; ++i) {
-        while (*p == separator) ++p;
-        if (*p == '\0') return std::string();
-        const char *end = std::strchr(p, separator);
-        size_t length = end ? static_cast<size_t>(end - p) : std::strlen(p);
-        if (i == index) return std::string(p, length);
-        p += length;
+        while (p < text.size() && text[p] == separator) ++p;
+        if (p == text.size()) return std::string();
+        size_t end = text.find(separator, p);
+        if (end == std::string_view::npos) end = text.size();
+        if (i == index) return std::string(text.substr(p, end - p));
+        p = end;
     }
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "ZelUserLookup.h"
 #include "ZelHolders.h"
@@ -57,6 +58,6 @@ inline bool clear_secret_key(const ZelSession *s) { return s->dir_kind == ZEL_DI
 
 // Token `index` (0-based) of text split at runs of `separator`; leading
 // separators are skipped and no token is empty.  "" when there is none.
-std::string token(const char *text, char separator, int index);
+std::string token(std::string_view text, char separator, int index);
 
 }  // namespace zel

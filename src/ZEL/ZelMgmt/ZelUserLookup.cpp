@@ -97,16 +97,16 @@ uint32_t ttl_from_environment() {
 
 ZelRC resolve_person(ZelSession *s, const char *user, std::string &person_dn) {
     person_dn.clear();
-    CText buffer = zeroed_buffer(kDnSize);
-    if (!buffer) return ZEL_RC_NO_MEMORY;
+    char buffer[kDnSize];
+    buffer[0] = '\0';
     ZelRC rc;
     if (contains(user, "="))
-        rc = construct_ePersonDN_from_UP(s, user, buffer.get());
+        rc = construct_ePersonDN_from_UP(s, user, buffer);
     else if (contains(user, "@"))
-        rc = locate_krb_ePerson(s, user, s->suffixes, buffer.get());
+        rc = locate_krb_ePerson(s, user, s->suffixes, buffer);
     else
-        rc = locate_ePerson(s, user, s->suffixes, buffer.get());
-    if (rc == 0) person_dn = buffer.get();
+        rc = locate_ePerson(s, user, s->suffixes, buffer);
+    if (rc == 0) person_dn = buffer;
     return rc;
 }
 
