@@ -21,6 +21,7 @@
 #include "ZelPlatform.h"
 #include "ZelSearch.h"
 #include "ZelSession.h"
+#include "ZelSmallVector.h"
 #include "ZelStatus.h"
 #include "ZelText.h"
 #include "ZelTrace.h"
@@ -101,12 +102,15 @@ bool same_rdns(const Rdns &a, size_t a_from, const Rdns &b) {
     return true;
 }
 
+// Group names, one per group record.
+using Names = zel::SmallVector<std::string, 4>;
+
 // A user's records of one form: the direct one (the first found) and the
 // group records in directory order.
 struct FormRecords {
     zel::Message result;
     LDAPMessage *direct = nullptr;
-    std::vector<LDAPMessage *> groups;
+    zel::SmallVector<LDAPMessage *, 8> groups;
 };
 
 // A group record's identifier starts "G:"; neither character is ever
@@ -149,8 +153,8 @@ struct FormAsk {
     const Container *container = nullptr;  // kept by container_of
     const char *naming = nullptr;     // the groups' naming attribute
     std::string filter;               // holds the resource and is one of the candidates
-    std::vector<unsigned char> fits;  // whether the group's DN fits a DN buffer
-    std::vector<unsigned char> held;
+    zel::SmallVector<unsigned char, 16> fits;  // whether the group's DN fits a DN buffer
+    zel::SmallVector<unsigned char, 16> held;
     bool needed = false;
 };
 
@@ -158,8 +162,8 @@ struct FormAsk {
 // A group's DN must fit a DN buffer; escaping at most triples a name, so
 // only a long one is escaped to be measured.
 void prepare_ask(FormAsk &ask, int32_t mode, const Container &container, const char *naming,
-                 const std::string &holds, const std::vector<std::string> &groups,
-                 const std::vector<std::string> &in_filter) {
+                 const std::string &holds, const Names &groups,
+                 const Names &in_filter) {
     ask.mode = mode;
     ask.naming = naming;
     ask.container = &container;
@@ -187,13 +191,13 @@ void prepare_ask(FormAsk &ask, int32_t mode, const Container &container, const c
 // the ask's container.  The server found the entry by the group's name as
 // its matching rule compares them (case and insignificant spaces ignored);
 // the name is matched back to the candidates the same way.
-void mark_named(FormAsk &ask, const char *name, const std::vector<std::string> &groups) {
+void mark_named(FormAsk &ask, const char *name, const Names &groups) {
     for (size_t i = 0; i < groups.size(); ++i)
         if (ask.fits[i] && plat::zstricmp_spaced(plat::zgetUTF8Handle(), groups[i].c_str(), name) == 0)
             ask.held[i] = true;
 }
 
-void mark_held(FormAsk &ask, const Rdns &entry, const std::vector<std::string> &groups) {
+void mark_held(FormAsk &ask, const Rdns &entry, const Names &groups) {
     if (entry.empty() || !zel::same_text(entry[0].first.c_str(), ask.naming) || !same_rdns(entry, 1, ask.container->rdns))
         return;
     mark_named(ask, entry[0].second.c_str(), groups);
@@ -229,7 +233,7 @@ const std::string &common_base(const Container &a, const Container &b) {
 // One search over the asks' containers: one level below a single container,
 // the subtree of the common base of two (the entries outside the containers
 // are passed over), one search each when the two share no base.
-ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, const std::vector<std::string> &groups) {
+ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, const Names &groups) {
     FormAsk *needed[2];
     size_t count = 0;
     for (FormAsk *a : {first, second})
@@ -290,7 +294,7 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, const std::vect
 // database's group of that name; first-generation records at the latter.
 ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, FormRecords &records,
                        LDAPMessage *&answer, CredentialTrail *trail) {
-    std::vector<std::string> groups(records.groups.size()), in_filter(groups.size());
+    Names groups(records.groups.size()), in_filter(groups.size());
     for (size_t i = 0; i < groups.size(); ++i) {
         const char *dn = zel::entry_dn(s->ld, records.groups[i]);
         if (!dn) return ZEL_RC_SYSTEM_ERROR;

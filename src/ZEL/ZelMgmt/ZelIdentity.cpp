@@ -112,12 +112,12 @@ bool split_principal(const char *principal, std::string &name, std::string &real
 
 }  // namespace zel
 
-extern "C" {
+namespace zel {
 
-ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_out, int32_t mode) {
+ZelRC verify_user(ZelSession *s, const char *person_dn, int32_t mode, std::string *profile_dn_out) {
     ZelRC rc = 0;
     return zel::routine(s, "verify_ZEL_user", [&]() -> ZelRC {
-        if (profile_dn_out) *profile_dn_out = nullptr;
+        if (profile_dn_out) profile_dn_out->clear();
         if (person_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
 
         // Sessions on a security domain look for the secUser entry first; mode 1
@@ -153,12 +153,7 @@ ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_ou
                         if (!dn) return ZEL_RC_NO_MEMORY;
                         user_seen = true;
                         zel::tracef(s, zel::kTraceProgress, "zelmgmt:User Profile DN: %s\n", dn);
-                        if (profile_dn_out) {
-                            char *copy = strdup(dn);
-                            if (!copy) return ZEL_RC_NO_MEMORY;
-                            std::free(*profile_dn_out);
-                            *profile_dn_out = copy;
-                        }
+                        if (profile_dn_out) profile_dn_out->assign(dn);
                     }
                 } else if (is_name(name, length, "userState") || is_name(name, length, "secAcctValid")) {
                     if (marks_inactive(values)) inactive = true;
@@ -170,12 +165,21 @@ ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_ou
         if (rc == 0 && user_seen) rc = 1;
 
         // An inactive account still names its profile; a failure hands out nothing.
-        if (rc != 0 && rc != 1 && rc != ZEL_RC_ACCOUNT_INVALID && profile_dn_out) {
-            std::free(*profile_dn_out);
-            *profile_dn_out = nullptr;
-        }
+        if (rc != 0 && rc != 1 && rc != ZEL_RC_ACCOUNT_INVALID && profile_dn_out) profile_dn_out->clear();
         return rc;
     });
+}
+
+}  // namespace zel
+
+extern "C" {
+
+ZelRC verify_ZEL_user(ZelSession *s, const char *person_dn, char **profile_dn_out, int32_t mode) {
+    if (profile_dn_out) *profile_dn_out = nullptr;
+    std::string dn;
+    ZelRC rc = zel::verify_user(s, person_dn, mode, profile_dn_out ? &dn : nullptr);
+    if (profile_dn_out && !dn.empty() && (*profile_dn_out = strdup(dn.c_str())) == nullptr) return ZEL_RC_NO_MEMORY;
+    return rc;
 }
 
 ZelRC locate_krb_ePerson(ZelSession *s, const char *principal, ZelSuffixNode *suffixes, char *dn) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "ZelAttributes.h"
 #include "ZelHolders.h"
@@ -26,6 +27,10 @@ ZelRC search_services(ZelSession *s, const char *name, const char *type, int32_t
 // does not hold (clearing a description that is not there) is no error: the
 // other modifications are sent again without it.  The LDAP result.
 int modify_clearing(ZelSession *s, const char *dn, LDAPMod **mods);
+
+// verify_ZEL_user with the profile DN into `profile_dn_out` (when given):
+// 1 (a user), 0 (none), 33 (inactive, the DN still named) or a failure.
+ZelRC verify_user(ZelSession *s, const char *person_dn, int32_t mode, std::string *profile_dn_out);
 
 }  // namespace zel
 

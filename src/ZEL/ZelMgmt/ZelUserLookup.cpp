@@ -111,11 +111,7 @@ ZelRC resolve_person(ZelSession *s, const char *user, std::string &person_dn) {
 }
 
 ZelRC verify_form(ZelSession *s, const std::string &person_dn, int32_t mode, std::string &user_dn) {
-    user_dn.clear();
-    char *raw = nullptr;
-    ZelRC rc = verify_ZEL_user(s, person_dn.c_str(), &raw, mode);
-    CText dn(raw);
-    if (dn) user_dn = dn.get();
+    ZelRC rc = verify_user(s, person_dn.c_str(), mode, &user_dn);
     if (rc == 1) return 0;
     return rc == 0 ? ZEL_RC_USER_NOT_FOUND : rc;
 }
