@@ -34,9 +34,9 @@ namespace zel {
 
 ZelRC form_credential_query(const ZelSession *s, const char *resource, CredentialQuery &q) {
     q.resource = resource;
-    const size_t resource_size = std::strlen(resource);
-    q.credential_id.reserve(resource_size + 2);
-    q.credential_id.assign("T:").append(resource, resource_size);
+    const std::string_view resource_text(resource);
+    const size_t resource_size = resource_text.size();
+    append_text(q.credential_id, {"T:", resource_text});
     if (q.credential_id.size() >= kCredentialIdSize) return ZEL_RC_INVALID_ARGUMENT;
     const char *domain = s->domain_dn ? s->domain_dn : "";
     const size_t domain_size = std::strlen(domain);
@@ -46,19 +46,27 @@ ZelRC form_credential_query(const ZelSession *s, const char *resource, Credentia
     if (dn_size >= kDnSize || std::strlen("(member=)") + dn_size >= kFilterSize ||
         std::strlen("(&(objectClass=eZelDomain)(targetLocation=))") + q.credential_id.size() >= kFilterSize)
         return ZEL_RC_INVALID_ARGUMENT;
-    // Each text is built in place: a query is formed on every credential read.
-    std::string resource_dn;
-    resource_dn.reserve(dn_size + 16);
-    resource_dn.append("secResourceID=").append(plat::escape_dn_value(resource)).append(",cn=Resources,").append(
-        domain, domain_size);
-    q.member_filter.reserve(resource_dn.size() + 16);
-    q.member_filter.assign("(member=");
-    plat::append_filter_value(q.member_filter, resource_dn);
-    q.member_filter.append(")");
-    q.id_assertion = plat::escape_filter_value(q.credential_id);
-    q.location_filter.reserve(q.id_assertion.size() + 48);
-    q.location_filter.assign("(&(objectClass=eZelDomain)(targetLocation=").append(q.id_assertion).append("))");
+    q.domain_dn = domain;
+    plat::append_filter_value(q.id_assertion, q.credential_id);
     return 0;
+}
+
+// Filter escaping works byte by byte, so the resource's DN is escaped for
+// the filter piece by piece, never built on its own.
+const std::string &CredentialQuery::member_filter() const {
+    if (member_.empty()) {
+        member_.assign("(member=secResourceID=");
+        plat::append_filter_value(member_, plat::escape_dn_value(resource));
+        member_.append(",cn=Resources,");
+        plat::append_filter_value(member_, domain_dn);
+        member_.push_back(')');
+    }
+    return member_;
+}
+
+const std::string &CredentialQuery::location_filter() const {
+    if (location_.empty()) append_text(location_, {"(&(objectClass=eZelDomain)(targetLocation=", id_assertion, "))"});
+    return location_;
 }
 
 void clear_credential(ZelCredential *out) {

@@ -128,11 +128,10 @@ ZelRC search_form_records(ZelSession *s, const std::string &user_dn, int32_t mod
     zel::RoutineTrace trace(s, "locate_ZEL_TR", rc);
     const std::string &id = q.id_assertion;
     std::string filter;
-    filter.reserve(id.size() + 64);
     if (mode == zel::kFirstGenerationMode)
-        filter.assign("(&(objectClass=eTargetRecord)(|(cn=").append(id).append(")(cn=G:*)))");
+        zel::append_text(filter, {"(&(objectClass=eTargetRecord)(|(cn=", id, ")(cn=G:*)))"});
     else
-        filter.assign("(|(secResCredsID=").append(id).append(")(secResCredsID=G:*))");
+        zel::append_text(filter, {"(|(secResCredsID=", id, ")(secResCredsID=G:*))"});
     zel::tracef(s, zel::kTraceProgress, "zelmgmt:Target being looked for: %s\n", q.credential_id.c_str());
     char **attrs = const_cast<char **>(zel::kCredentialAttributes);
     if ((rc = zel::search_mapped(s, user_dn.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), attrs, 0, 0, 0,
@@ -170,21 +169,22 @@ void prepare_ask(FormAsk &ask, int32_t mode, const Container &container, const c
     ask.needed = container.ok;
     ask.fits.assign(groups.size(), false);
     ask.held.assign(groups.size(), false);
-    const size_t naming_size = std::strlen(naming);
+    const std::string_view name(naming);
     std::string &f = ask.filter;
-    f.reserve(holds.size() + 8 + groups.size() * (naming_size + 24));
-    f.assign("(&").append(holds).append("(|");
+    f.clear();
+    f.reserve(holds.size() + 8 + groups.size() * (name.size() + 24));
+    zel::append_text(f, {"(&", holds, "(|"});
     const size_t empty_size = f.size();
     for (size_t i = 0; i < groups.size(); ++i) {
         if (groups[i].empty()) continue;
-        const size_t fixed = naming_size + 1 + 1 + container.dn.size();
+        const size_t fixed = name.size() + 1 + 1 + container.dn.size();
         if (!(ask.fits[i] = fixed + 3 * groups[i].size() < zel::kDnSize ||
                             fixed + plat::escape_dn_value(groups[i]).size() < zel::kDnSize))
             continue;
-        f.append("(").append(naming, naming_size).append("=").append(in_filter[i]).append(")");
+        zel::append_text(f, {"(", name, "=", in_filter[i], ")"});
     }
     ask.needed = ask.needed && f.size() != empty_size;
-    f.append("))");
+    zel::append_text(f, {"))"});
 }
 
 // Marks the candidates an entry of the answer names, if it is a child of
@@ -245,8 +245,7 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, const Names &gr
     const std::string *common = count == 2 ? &common_base(*needed[0]->container, *needed[1]->container) : nullptr;
     if (common && !common->empty()) {
         scope = LDAP_SCOPE_SUBTREE;
-        both.reserve(needed[0]->filter.size() + needed[1]->filter.size() + 3);
-        both.append("(|").append(needed[0]->filter).append(needed[1]->filter).append(")");
+        zel::append_text(both, {"(|", needed[0]->filter, needed[1]->filter, ")"});
         base = common->c_str();
         filter = both.c_str();
     } else if (count == 2) {
@@ -308,10 +307,10 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
     FormAsk in_domain, in_database;
     if (domain)
         prepare_ask(in_domain, zel::kDomainMode, container_of("cn=ResourceGroups,", s->domain_dn), "secResGroupID",
-                    q.member_filter, groups, in_filter);
+                    q.member_filter(), groups, in_filter);
     if (first_gen)
         prepare_ask(in_database, zel::kFirstGenerationMode, container_of("cn=Zel Domains,", s->database_dn), "cn",
-                    q.location_filter, groups, in_filter);
+                    q.location_filter(), groups, in_filter);
     if (ZelRC rc = ask_groups(s, &in_domain, &in_database, groups)) return rc;
 
     for (size_t i = 0; i < groups.size(); ++i) {

@@ -13,12 +13,20 @@
 namespace zel {
 
 // Names of one credential query, formed and measured before any search.
+// The filters that ask about groups are built when first asked for: a
+// direct answer never needs them.
 struct CredentialQuery {
     const char *resource = nullptr;
+    const char *domain_dn = "";
     std::string credential_id;    // "T:<resource>"
     std::string id_assertion;     // credential_id escaped for a filter
-    std::string member_filter;    // "(member=<resource DN>)"
-    std::string location_filter;  // first-generation domains list "T:<resource>" as a location
+    // "(member=<resource DN>)"
+    const std::string &member_filter() const;
+    // First-generation domains list "T:<resource>" as a location.
+    const std::string &location_filter() const;
+
+private:
+    mutable std::string member_, location_;
 };
 
 // 1005 for a resource whose names would not fit the fixed sizes.

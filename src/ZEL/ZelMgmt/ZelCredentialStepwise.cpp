@@ -38,10 +38,10 @@ ZelRC group_holds(ZelSession *s, const std::string &group, const zel::Credential
     if (mode == zel::kDomainMode) {
         if (s->domain_dn == nullptr) return 0;
         std::string base = "secResGroupID=" + name + ",cn=ResourceGroups," + s->domain_dn;
-        if ((rc = group_matches(s, base, q.member_filter, member)) != 0 || member || !s->database_dn) return rc;
+        if ((rc = group_matches(s, base, q.member_filter(), member)) != 0 || member || !s->database_dn) return rc;
     }
     if (s->database_dn == nullptr) return 0;
-    return group_matches(s, "cn=" + name + ",cn=Zel Domains," + s->database_dn, q.location_filter, member);
+    return group_matches(s, "cn=" + name + ",cn=Zel Domains," + s->database_dn, q.location_filter(), member);
 }
 
 ZelRC group_of(LDAP *ld, LDAPMessage *entry, std::string &group) {

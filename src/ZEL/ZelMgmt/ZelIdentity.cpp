@@ -32,10 +32,10 @@ ZelRC search_profile_below_person(ZelSession *s, const char *person_dn, const ch
 }
 
 // Subtree search of the security domain for the person's secUser entry,
-// asking only for what tells a user and an inactive account.
+// asking only for what tells an inactive account: the filter names the
+// class, so every entry found is a user.
 ZelRC search_domain_user(ZelSession *s, const char *filter, zel::Message &out) {
-    char *attrs[] = {const_cast<char *>("objectClass"), const_cast<char *>("secAcctValid"),
-                     const_cast<char *>("userState"), nullptr};
+    char *attrs[] = {const_cast<char *>("secAcctValid"), const_cast<char *>("userState"), nullptr};
     ZelRC rc = zel::search_mapped(s, s->domain_dn, LDAP_SCOPE_SUBTREE, filter, attrs, 0, 2, ZEL_RC_ENTRY_NOT_FOUND,
                                   out);
     if (rc != ZEL_RC_NO_SUCH_OBJECT) return rc;
@@ -55,15 +55,14 @@ bool is_name(const char *text, size_t length, const char (&name)[N]) {
 // with no domain "(associatedName=<person>)", each value escaped; false (as
 // for memory) when the domain has no name.
 bool user_filter(std::string &out, const char *person_dn, bool domain_form, const char *domain) {
-    out.clear();
     if (!domain_form) {
-        out.append("(associatedName=");
+        out.assign("(associatedName=");
         plat::append_filter_value(out, person_dn);
-        out.append(")");
+        out.push_back(')');
         return true;
     }
     if (domain == nullptr) return false;
-    out.append("(&(objectClass=secUser)(secDN=");
+    out.assign("(&(objectClass=secUser)(secDN=");
     plat::append_filter_value(out, person_dn);
     out.append(")(secAuthority=");
     plat::append_filter_value(out, domain);
@@ -132,28 +131,37 @@ ZelRC verify_user(ZelSession *s, const char *person_dn, int32_t mode, std::strin
                          : search_profile_below_person(s, person_dn, filter.c_str(), res);
         if (rc != 0) return rc;
 
+        // Entries of the domain's search are users by their filter; a
+        // profile below the person is one when its classes say so.
+        bool classed_by_filter = domain_form;
         if (zel::entry_count(s->ld, res.get()) <= 0) {
             // The security domain may not know a user that the Zel database does.
             if (zel::first_generation(s) || mode != 0 || s->database_dn == nullptr) return rc;
             user_filter(filter, person_dn, false, nullptr);
             if ((rc = search_profile_below_person(s, person_dn, filter.c_str(), res)) != 0) return rc;
             if (zel::entry_count(s->ld, res.get()) <= 0) return rc;
+            classed_by_filter = false;
         }
 
         bool user_seen = false;
+        auto seen = [&](LDAPMessage *e) -> ZelRC {
+            const char *dn = zel::entry_dn(s->ld, e);
+            if (!dn) return ZEL_RC_NO_MEMORY;
+            user_seen = true;
+            zel::tracef(s, zel::kTraceProgress, "zelmgmt:User Profile DN: %s\n", dn);
+            if (profile_dn_out) profile_dn_out->assign(dn);
+            return 0;
+        };
         for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e && rc == 0; e = ldap_next_entry(s->ld, e)) {
             bool inactive = false;
+            if (classed_by_filter && (rc = seen(e)) != 0) break;
             rc = zel::walk_attributes(s->ld, e, [&](const char *name, char **values, struct berval **) -> ZelRC {
                 const size_t length = std::strlen(name);
                 if (is_name(name, length, "objectClass")) {
                     for (char **v = values; v && *v; ++v) {
                         const size_t class_length = std::strlen(*v);
-                        if (!is_name(*v, class_length, "eZelUser") && !is_name(*v, class_length, "secUser")) continue;
-                        const char *dn = zel::entry_dn(s->ld, e);
-                        if (!dn) return ZEL_RC_NO_MEMORY;
-                        user_seen = true;
-                        zel::tracef(s, zel::kTraceProgress, "zelmgmt:User Profile DN: %s\n", dn);
-                        if (profile_dn_out) profile_dn_out->assign(dn);
+                        if (is_name(*v, class_length, "eZelUser") || is_name(*v, class_length, "secUser"))
+                            if (ZelRC seen_rc = seen(e)) return seen_rc;
                     }
                 } else if (is_name(name, length, "userState") || is_name(name, length, "secAcctValid")) {
                     if (marks_inactive(values)) inactive = true;

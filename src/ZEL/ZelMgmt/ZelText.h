@@ -4,7 +4,10 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstring>
+#include <initializer_list>
 #include <string>
+#include <string_view>
 
 #include "ZelAttributes.h"
 #include "zelmgmt.h"
@@ -28,6 +31,18 @@ bool vformat_into(char *dst, size_t size, const char *fmt, va_list ap) ZEL_PRINT
 // `size` bytes, and is left as it was when not.
 bool format_text(std::string &out, size_t size, const char *fmt, ...) ZEL_PRINTF(3, 4);
 bool vformat_text(std::string &out, size_t size, const char *fmt, va_list ap) ZEL_PRINTF(3, 0);
+
+// Appends the parts in one step: filters and DNs are built of many short
+// pieces on every read, and one growth of `out` serves them all.
+inline void append_text(std::string &out, std::initializer_list<std::string_view> parts) {
+    size_t at = out.size(), total = at;
+    for (std::string_view p : parts) total += p.size();
+    out.resize(total);
+    for (std::string_view p : parts) {
+        std::memcpy(&out[at], p.data(), p.size());
+        at += p.size();
+    }
+}
 
 // Replaces a record field with a private copy of value (not null); the
 // earlier copy is released.  1012 when memory runs out, the field unchanged.

@@ -100,9 +100,10 @@ ZelRC resolve_person(ZelSession *s, const char *user, std::string &person_dn) {
     char buffer[kDnSize];
     buffer[0] = '\0';
     ZelRC rc;
-    if (contains(user, "="))
+    // Neither '=' nor '@' has another case: a plain search for the byte tells.
+    if (user != nullptr && std::strchr(user, '='))
         rc = construct_ePersonDN_from_UP(s, user, buffer);
-    else if (contains(user, "@"))
+    else if (user != nullptr && std::strchr(user, '@'))
         rc = locate_krb_ePerson(s, user, s->suffixes, buffer);
     else
         rc = locate_ePerson(s, user, s->suffixes, buffer);
