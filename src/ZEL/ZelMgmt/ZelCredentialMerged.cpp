@@ -111,12 +111,12 @@ struct FormRecords {
     zel::Message result;
     LDAPMessage *direct = nullptr;
     zel::SmallVector<LDAPMessage *, 8> groups;
+    zel::SmallVector<const char *, 8> group_dns;  // read in place, alive with `result`
 };
 
 // A group record's identifier starts "G:"; neither character is ever
 // escaped in a DN, so the text after the first '=' tells.
-bool names_group(LDAP *ld, LDAPMessage *entry) {
-    const char *dn = zel::entry_dn(ld, entry);
+bool names_group(const char *dn) {
     const char *value = dn ? std::strchr(dn, '=') : nullptr;
     return value && (value[1] == 'G' || value[1] == 'g') && value[2] == ':';
 }
@@ -138,9 +138,11 @@ ZelRC search_form_records(ZelSession *s, const std::string &user_dn, int32_t mod
                                  out.result)) != 0)
         return rc;
     for (LDAPMessage *e = ldap_first_entry(s->ld, out.result.get()); e; e = ldap_next_entry(s->ld, e)) {
-        if (names_group(s->ld, e))
+        const char *dn = zel::entry_dn(s->ld, e);
+        if (names_group(dn)) {
             out.groups.push_back(e);
-        else if (!out.direct)
+            out.group_dns.push_back(dn);
+        } else if (!out.direct)
             out.direct = e;
     }
     return rc;
@@ -295,9 +297,7 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
                        LDAPMessage *&answer, CredentialTrail *trail) {
     Names groups(records.groups.size()), in_filter(groups.size());
     for (size_t i = 0; i < groups.size(); ++i) {
-        const char *dn = zel::entry_dn(s->ld, records.groups[i]);
-        if (!dn) return ZEL_RC_SYSTEM_ERROR;
-        if (ZelRC rc = zel::credential_group(dn, groups[i])) return rc;
+        if (ZelRC rc = zel::credential_group(records.group_dns[i], groups[i])) return rc;
         if (!groups[i].empty()) in_filter[i] = plat::escape_filter_value(groups[i]);
     }
     // A security domain record held in no domain: without a domain DN there

@@ -144,30 +144,31 @@ ZelRC verify_user(ZelSession *s, const char *person_dn, int32_t mode, std::strin
         }
 
         bool user_seen = false;
-        auto seen = [&](LDAPMessage *e) -> ZelRC {
-            const char *dn = zel::entry_dn(s->ld, e);
-            if (!dn) return ZEL_RC_NO_MEMORY;
-            user_seen = true;
-            zel::tracef(s, zel::kTraceProgress, "zelmgmt:User Profile DN: %s\n", dn);
-            if (profile_dn_out) profile_dn_out->assign(dn);
-            return 0;
-        };
         for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e && rc == 0; e = ldap_next_entry(s->ld, e)) {
-            bool inactive = false;
-            if (classed_by_filter && (rc = seen(e)) != 0) break;
-            rc = zel::walk_attributes(s->ld, e, [&](const char *name, char **values, struct berval **) -> ZelRC {
-                const size_t length = std::strlen(name);
-                if (is_name(name, length, "objectClass")) {
-                    for (char **v = values; v && *v; ++v) {
-                        const size_t class_length = std::strlen(*v);
-                        if (is_name(*v, class_length, "eZelUser") || is_name(*v, class_length, "secUser"))
-                            if (ZelRC seen_rc = seen(e)) return seen_rc;
+            bool inactive = false, a_user = classed_by_filter;
+            const char *dn = nullptr;
+            rc = zel::walk_attributes(
+                s->ld, e,
+                [&](const char *name, char **values, struct berval **) -> ZelRC {
+                    const size_t length = std::strlen(name);
+                    if (is_name(name, length, "objectClass")) {
+                        for (char **v = values; v && *v; ++v) {
+                            const size_t class_length = std::strlen(*v);
+                            if (is_name(*v, class_length, "eZelUser") || is_name(*v, class_length, "secUser"))
+                                a_user = true;
+                        }
+                    } else if (is_name(name, length, "userState") || is_name(name, length, "secAcctValid")) {
+                        if (marks_inactive(values)) inactive = true;
                     }
-                } else if (is_name(name, length, "userState") || is_name(name, length, "secAcctValid")) {
-                    if (marks_inactive(values)) inactive = true;
-                }
-                return 0;
-            });
+                    return 0;
+                },
+                &dn);
+            if (rc == 0 && a_user) {
+                if (!dn) return rc = ZEL_RC_NO_MEMORY;
+                user_seen = true;
+                zel::tracef(s, zel::kTraceProgress, "zelmgmt:User Profile DN: %s\n", dn);
+                if (profile_dn_out) profile_dn_out->assign(dn);
+            }
             if (rc == 0 && inactive) rc = ZEL_RC_ACCOUNT_INVALID;
         }
         if (rc == 0 && user_seen) rc = 1;

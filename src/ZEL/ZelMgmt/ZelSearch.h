@@ -78,12 +78,15 @@ inline const char *entry_dn(LDAP *ld, LDAPMessage *entry) {
 // read in place (the client NUL-terminates each inside the result, so the
 // string form points into the same bytes): pointers into them stay valid
 // while the entry's result lives, and one list is allocated per attribute.
+// The walk reads the entry's DN on its way; `dn_out`, when given, receives
+// it as entry_dn would (null when the entry cannot be decoded).
 template <class Fn>
-ZelRC walk_attributes(LDAP *ld, LDAPMessage *entry, Fn &&fn) {
+ZelRC walk_attributes(LDAP *ld, LDAPMessage *entry, Fn &&fn, const char **dn_out = nullptr) {
     BerElement *raw = nullptr;
     struct berval dn{0, nullptr};
     const int dn_rc = ldap_get_dn_ber(ld, entry, &raw, &dn);
     Ber ber(raw);
+    if (dn_out) *dn_out = dn_rc == LDAP_SUCCESS ? dn.bv_val : nullptr;
     if (dn_rc != LDAP_SUCCESS) return 0;
     constexpr size_t kInline = 8;
     char *inline_strings[kInline + 1];
