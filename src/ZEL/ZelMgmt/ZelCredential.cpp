@@ -55,6 +55,7 @@ ZelRC form_credential_query(const ZelSession *s, const char *resource, Credentia
 // the filter piece by piece, never built on its own.
 const std::string &CredentialQuery::member_filter() const {
     if (member_.empty()) {
+        member_.reserve(std::strlen(resource) + std::strlen(domain_dn) + 48);
         member_.assign("(member=secResourceID=");
         plat::append_filter_value(member_, plat::escape_dn_value(resource));
         member_.append(",cn=Resources,");

@@ -153,7 +153,9 @@ struct FormAsk {
     int32_t mode = 0;
     const Container *container = nullptr;  // kept by container_of
     const char *naming = nullptr;     // the groups' naming attribute
-    std::string filter;               // holds the resource and is one of the candidates
+    // Holds the resource and is one of the candidates: a slice of the
+    // query's filter text, which joins both asks' filters for one search.
+    size_t filter_at = 0, filter_size = 0;
     zel::SmallVector<unsigned char, 16> fits;  // whether the group's DN fits a DN buffer
     zel::SmallVector<unsigned char, 16> held;
     bool needed = false;
@@ -163,8 +165,7 @@ struct FormAsk {
 // A group's DN must fit a DN buffer; escaping at most triples a name, so
 // only a long one is escaped to be measured.
 void prepare_ask(FormAsk &ask, int32_t mode, const Container &container, const char *naming,
-                 const std::string &holds, const Names &groups,
-                 const Names &in_filter) {
+                 const std::string &holds, const Names &groups, const Names &in_filter, std::string &f) {
     ask.mode = mode;
     ask.naming = naming;
     ask.container = &container;
@@ -172,9 +173,8 @@ void prepare_ask(FormAsk &ask, int32_t mode, const Container &container, const c
     ask.fits.assign(groups.size(), false);
     ask.held.assign(groups.size(), false);
     const std::string_view name(naming);
-    std::string &f = ask.filter;
-    f.clear();
-    f.reserve(holds.size() + 8 + groups.size() * (name.size() + 24));
+    ask.filter_at = f.size();
+    f.reserve(f.size() + holds.size() + 8 + groups.size() * (name.size() + 24));
     zel::append_text(f, {"(&", holds, "(|"});
     const size_t empty_size = f.size();
     for (size_t i = 0; i < groups.size(); ++i) {
@@ -187,6 +187,7 @@ void prepare_ask(FormAsk &ask, int32_t mode, const Container &container, const c
     }
     ask.needed = ask.needed && f.size() != empty_size;
     zel::append_text(f, {"))"});
+    ask.filter_size = f.size() - ask.filter_at;
 }
 
 // Marks the candidates an entry of the answer names, if it is a child of
@@ -235,24 +236,26 @@ const std::string &common_base(const Container &a, const Container &b) {
 // One search over the asks' containers: one level below a single container,
 // the subtree of the common base of two (the entries outside the containers
 // are passed over), one search each when the two share no base.
-ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, const Names &groups) {
+// `filters` is "(|" and the asks' filters, then ")": the filter of a search
+// over both, each ask's own a slice of it.
+ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, const Names &groups, const std::string &filters) {
     FormAsk *needed[2];
     size_t count = 0;
     for (FormAsk *a : {first, second})
         if (a && a->needed) needed[count++] = a;
     if (count == 0) return 0;
-    std::string both;
-    const char *base = needed[0]->container->dn.c_str(), *filter = needed[0]->filter.c_str();
+    const char *base = needed[0]->container->dn.c_str(), *filter = filters.c_str();
+    std::string one;
     int scope = LDAP_SCOPE_ONELEVEL;
     const std::string *common = count == 2 ? &common_base(*needed[0]->container, *needed[1]->container) : nullptr;
     if (common && !common->empty()) {
         scope = LDAP_SCOPE_SUBTREE;
-        zel::append_text(both, {"(|", needed[0]->filter, needed[1]->filter, ")"});
         base = common->c_str();
-        filter = both.c_str();
     } else if (count == 2) {
-        if (ZelRC rc = ask_groups(s, needed[0], nullptr, groups)) return rc;
-        return ask_groups(s, needed[1], nullptr, groups);
+        if (ZelRC rc = ask_groups(s, needed[0], nullptr, groups, filters)) return rc;
+        return ask_groups(s, needed[1], nullptr, groups, filters);
+    } else {
+        filter = one.assign(filters, needed[0]->filter_at, needed[0]->filter_size).c_str();
     }
     char *attrs[] = {const_cast<char *>(LDAP_NO_ATTRS), nullptr};
     zel::Message res;
@@ -305,13 +308,15 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
     bool domain = mode == zel::kDomainMode && s->domain_dn;
     bool first_gen = s->database_dn && (mode == zel::kFirstGenerationMode || domain);
     FormAsk in_domain, in_database;
+    std::string filters("(|");
     if (domain)
         prepare_ask(in_domain, zel::kDomainMode, container_of("cn=ResourceGroups,", s->domain_dn), "secResGroupID",
-                    q.member_filter(), groups, in_filter);
+                    q.member_filter(), groups, in_filter, filters);
     if (first_gen)
         prepare_ask(in_database, zel::kFirstGenerationMode, container_of("cn=Zel Domains,", s->database_dn), "cn",
-                    q.location_filter(), groups, in_filter);
-    if (ZelRC rc = ask_groups(s, &in_domain, &in_database, groups)) return rc;
+                    q.location_filter(), groups, in_filter, filters);
+    filters.push_back(')');
+    if (ZelRC rc = ask_groups(s, &in_domain, &in_database, groups, filters)) return rc;
 
     for (size_t i = 0; i < groups.size(); ++i) {
         int32_t held_in = 0;

@@ -134,12 +134,15 @@ bool format_filter(std::string &out, const char *fmt, const char *value) {
     // name that fits the filter buffer behave differently from a short one.
     // With "%s" the only conversion, that is the format's text and the value.
     const char *slot = std::strstr(fmt, "%s");
-    if (slot != nullptr && std::strchr(fmt, '%') == slot && std::strchr(slot + 2, '%') == nullptr) {
-        if (std::strlen(fmt) - 2 + std::strlen(value) >= kFilterSize) return false;
+    if (slot == nullptr) return false;
+    const size_t fmt_size = std::strlen(fmt), value_size = std::strlen(value);
+    if (std::strchr(fmt, '%') == slot && std::strchr(slot + 2, '%') == nullptr) {
+        if (fmt_size - 2 + value_size >= kFilterSize) return false;
     } else {
         std::string measured;
         if (!format_text(measured, kFilterSize, fmt, value)) return false;
     }
+    out.reserve(fmt_size + value_size + 16);
     out.assign(fmt, static_cast<size_t>(slot - fmt));
     plat::append_filter_value(out, value);
     out += slot + 2;
