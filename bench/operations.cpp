@@ -95,6 +95,39 @@ Replay::Replay(std::vector<Search> searches, bool opens_password)
     }
 }
 
+namespace {
+
+// Every value of an entry read in place (one list per attribute), as the
+// library reads its entries; false on an entry it cannot decode.
+bool read_in_place(LDAP *ld, LDAPMessage *e, int &to_open, bool &opened) {
+    BerElement *ber = nullptr;
+    berval dn{0, nullptr};
+    if (ldap_get_dn_ber(ld, e, &ber, &dn) != LDAP_SUCCESS) {
+        ber_free(ber, 0);
+        return false;
+    }
+    for (;;) {
+        berval name{0, nullptr};
+        BerVarray values = nullptr;
+        if (ldap_get_attribute_ber(ld, e, ber, &name, &values) != LDAP_SUCCESS || name.bv_val == nullptr) {
+            ldap_memfree(values);
+            break;
+        }
+        if (to_open && values && values[0].bv_val &&
+            (strcasecmp(name.bv_val, "secAuthnData") == 0 || strcasecmp(name.bv_val, "secretKey") == 0)) {
+            opened = open_password(values[0]);
+            --to_open;
+        }
+        ldap_memfree(values);
+    }
+    ber_free(ber, 0);
+    return true;
+}
+
+}  // namespace
+
+bool raw_reads_in_place = false;
+
 bool Replay::run(LDAP *ld) const {
     int to_open = opens_password_ ? 1 : 0;
     bool opened = true;
@@ -108,6 +141,10 @@ bool Replay::run(LDAP *ld) const {
             return false;
         }
         for (LDAPMessage *e = ldap_first_entry(ld, res); e; e = ldap_next_entry(ld, e)) {
+            if (raw_reads_in_place) {
+                if (!read_in_place(ld, e, to_open, opened)) opened = false;
+                continue;
+            }
             BerElement *ber = nullptr;
             for (char *a = ldap_first_attribute(ld, e, &ber); a; a = ldap_next_attribute(ld, e, ber)) {
                 berval **values = ldap_get_values_len(ld, e, a);

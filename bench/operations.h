@@ -50,6 +50,11 @@ private:
     bool opens_password_;
 };
 
+// How the raw side reads an entry's values: false (the default), through
+// ldap_first_attribute and ldap_get_values_len, as most clients do; true,
+// in place as the library does (ldap_get_dn_ber, ldap_get_attribute_ber).
+extern bool raw_reads_in_place;
+
 // A session / a bound raw connection as the administrator; null on failure.
 ZelSession *open_session(int port);
 LDAP *open_raw(int port);

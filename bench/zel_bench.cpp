@@ -420,6 +420,8 @@ int instr(int port, const Layout &layout, const std::string &name, bool library,
     if (!s || !ld) fail("cannot reach the directory");
     std::vector<Sample> xs = samples(layout, kSamples);
     Prepared p = prepare(s, op, xs);
+    const char *in_place = std::getenv("ZEL_BENCH_RAW_IN_PLACE");
+    raw_reads_in_place = in_place != nullptr && std::strcmp(in_place, "1") == 0;
     // One untimed pass warms the caches of both paths alike.
     int failed = library ? bench_measured_lib(s, op, xs.data(), kSamples, kSamples)
                          : bench_measured_raw(ld, p.replays.data(), kSamples, kSamples);
