@@ -59,19 +59,55 @@ char **field_of(ZelTargetRecord *r, const char *attr, size_t length) {
     return nullptr;
 }
 
+// fn(name, name length, values) for each attribute of the entry that has
+// values, in the server's order; a non-zero status ends the walk.  Names and
+// values are read in place in the result (the client ends each with a NUL).
+template <class Fn>
+ZelRC each_attribute(LDAP *ld, LDAPMessage *entry, Fn &&fn) {
+    BerElement *raw = nullptr;
+    struct berval dn{0, nullptr};
+    const int dn_rc = ldap_get_dn_ber(ld, entry, &raw, &dn);
+    zel::Ber ber(raw);
+    if (dn_rc != LDAP_SUCCESS) return 0;
+    for (;;) {
+        struct berval name{0, nullptr};
+        BerVarray list = nullptr;
+        if (ldap_get_attribute_ber(ld, entry, ber.get(), &name, &list) != LDAP_SUCCESS || !name.bv_val) {
+            ldap_memfree(list);
+            return 0;
+        }
+        std::unique_ptr<struct berval, zel::LdapMemFree> values(list);
+        if (list == nullptr || list[0].bv_val == nullptr) continue;
+        if (ZelRC rc = fn(name.bv_val, name.bv_len, list)) return rc;
+    }
+}
+
+// `field` becomes a copy of `text`, or null when it is empty.
+ZelRC replace_with(char *&field, std::string_view text) {
+    char *copy = nullptr;
+    if (!text.empty()) {
+        copy = static_cast<char *>(std::malloc(text.size() + 1));
+        if (copy == nullptr) return ZEL_RC_NO_MEMORY;
+        std::memcpy(copy, text.data(), text.size());
+        copy[text.size()] = '\0';
+    }
+    std::free(field);
+    field = copy;
+    return 0;
+}
+
 // A password that cannot be read (1013) does not stop the other fields:
 // the record comes back whole but for its password, with that status, so a
 // list of many can name it and go on.
 ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record) {
     ZelRC unreadable = 0;
-    ZelRC rc = zel::walk_attributes(s->ld, entry, [&](const char *attr, char **strings, struct berval **bervals) -> ZelRC {
-        const size_t length = std::strlen(attr);
+    ZelRC rc = each_attribute(s->ld, entry, [&](const char *attr, size_t length, const struct berval *values) -> ZelRC {
         bool secret_key = is_attr(attr, length, "secretKey");
         if (secret_key || is_attr(attr, length, "secAuthnData")) {
             bool as_stored = secret_key && zel::clear_secret_key(s);
-            for (struct berval **v = bervals; *v; ++v) {
+            for (const struct berval *v = values; v->bv_val; ++v) {
                 char *clear = nullptr;
-                ZelRC clear_rc = zel::clear_password(s, *v, as_stored, clear);
+                ZelRC clear_rc = zel::clear_password(s, v, as_stored, clear);
                 if (clear_rc == ZEL_RC_DECODE_FAILED) unreadable = clear_rc;
                 else if (clear_rc != 0) return clear_rc;
                 free_secret(record->password);
@@ -82,28 +118,20 @@ ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record)
         }
         char **field = field_of(record, attr, length);
         if (field == nullptr) return 0;
-        // The binary values were there, so no string values means no memory.
-        if (strings == nullptr) return ZEL_RC_NO_MEMORY;
-        for (char **v = strings; *v; ++v) {
-            if (field == &record->targetServiceName) {
-                // "tsName=<name>": the name is the second word.
-                std::string name = zel::token(*v, '=', 1);
-                std::free(*field);
-                *field = nullptr;
-                if (!name.empty() && zel::replace_text(*field, name.c_str()) != 0) return ZEL_RC_NO_MEMORY;
-            } else if (is_attr(attr, length, "secType")) {
-                if (zel::replace_text(*field, kind_of_sec_type(*v)) != 0) return ZEL_RC_NO_MEMORY;
-            } else if (zel::replace_text(*field, *v) != 0) {
-                return ZEL_RC_NO_MEMORY;
-            }
-        }
-        return 0;
+        // A field holds one value: the last one given.
+        const struct berval *last = values;
+        while (last[1].bv_val) ++last;
+        const char *value = last->bv_val;
+        // "tsName=<name>": the name is the second word.
+        if (field == &record->targetServiceName) return replace_with(*field, zel::token_view(value, '=', 1));
+        if (is_attr(attr, length, "secType")) value = kind_of_sec_type(value);
+        return zel::replace_text(*field, value);
     });
     if (rc != 0 || record->targetServiceName || zel::first_generation(s) || !record->targetRecordId)
         return rc ? rc : unreadable;
     // The security domain form names the service in the identifier: "T:<service>".
-    std::string service = zel::token(record->targetRecordId, ':', 1);
-    if (!service.empty() && zel::replace_text(record->targetServiceName, service.c_str()) != 0) return ZEL_RC_NO_MEMORY;
+    if (replace_with(record->targetServiceName, zel::token_view(record->targetRecordId, ':', 1)) != 0)
+        return ZEL_RC_NO_MEMORY;
     return unreadable;
 }
 
@@ -135,16 +163,20 @@ ZelRC mask(const char *text, int32_t *length_out, char **buffer_out, int32_t dir
 
 namespace zel {
 
-std::string token(std::string_view text, char separator, int index) {
+std::string_view token_view(std::string_view text, char separator, int index) {
     size_t p = 0;
     for (int i = 0;; ++i) {
         while (p < text.size() && text[p] == separator) ++p;
-        if (p == text.size()) return std::string();
+        if (p == text.size()) return std::string_view();
         size_t end = text.find(separator, p);
         if (end == std::string_view::npos) end = text.size();
-        if (i == index) return std::string(text.substr(p, end - p));
+        if (i == index) return text.substr(p, end - p);
         p = end;
     }
+}
+
+std::string token(std::string_view text, char separator, int index) {
+    return std::string(token_view(text, separator, index));
 }
 
 ZelRC clear_password(ZelSession *s, const struct berval *stored, bool as_stored, char *&out) {
@@ -169,38 +201,50 @@ ZelRC clear_password(ZelSession *s, const struct berval *stored, bool as_stored,
     return rc;
 }
 
+char **record_attributes(int32_t mode) {
+    // What dissect_TR reads of each form.
+    static char *first_generation[] = {const_cast<char *>("cn"), const_cast<char *>("uid"),
+                                       const_cast<char *>("principalName"), const_cast<char *>("targetService"),
+                                       const_cast<char *>("tsType"), const_cast<char *>("description"),
+                                       const_cast<char *>("secretKey"), nullptr};
+    static char *domain[] = {const_cast<char *>("secResCredsID"), const_cast<char *>("secUid"),
+                             const_cast<char *>("secType"), const_cast<char *>("description"),
+                             const_cast<char *>("secAuthnData"), nullptr};
+    return mode == kFirstGenerationMode ? first_generation : domain;
+}
+
 ZelRC search_user_records(ZelSession *s, const UserForm &user, const char *assertion, const char *shown,
-                          int32_t mode, Message &out) {
+                          int32_t mode, Message &out, char **attrs) {
     out.reset();
     // An inactive user's records are still found; the caller decides.
     if (user.rc != 0 && user.rc != ZEL_RC_ACCOUNT_INVALID) return user.rc;
     // Measured with the target as the caller gave it: its escaping never
     // refuses a name that fits the filter buffer.
-    const char *form = mode == kFirstGenerationMode ? "(&(objectClass=eTargetRecord)(cn=%s))" : "secResCredsID=%s";
-    // The form's one conversion is "%s": its text and the value's make the length.
-    const char *slot = std::strstr(form, "%s");
-    const size_t fixed = std::strlen(form) - 2, length = fixed + std::strlen(assertion);
-    if (fixed + std::strlen(shown ? shown : assertion) >= kFilterSize || length >= 3 * kFilterSize)
+    const std::string_view head = mode == kFirstGenerationMode ? "(&(objectClass=eTargetRecord)(cn=" : "secResCredsID=";
+    const std::string_view tail = mode == kFirstGenerationMode ? "))" : "";
+    const size_t fixed = head.size() + tail.size(), length = fixed + std::strlen(assertion);
+    if ((shown ? fixed + std::strlen(shown) : length) >= kFilterSize || length >= 3 * kFilterSize)
         return ZEL_RC_INVALID_ARGUMENT;
     std::string filter;
     filter.reserve(length);
-    filter.assign(form, static_cast<size_t>(slot - form)).append(assertion).append(slot + 2);
+    filter.append(head).append(assertion).append(tail);
     if (shown)
         tracef(s, kTraceProgress, "zelmgmt:Target being looked for: %s\n", shown);
     else
         trace_line(s, kTraceProgress, "zelmgmt:All target records being retrieved.");
     if (user.dn.empty()) return ZEL_RC_USER_NOT_FOUND;
-    if (ZelRC rc = search_mapped(s, user.dn.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), nullptr, 0, 0, 0, out))
+    if (ZelRC rc = search_mapped(s, user.dn.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), attrs, 0, 0, 0, out))
         return rc;
     return user.rc;
 }
 
-ZelRC find_user_records(ZelSession *s, const UserForm &user, const char *target, int32_t mode, Message &out) {
+ZelRC find_user_records(ZelSession *s, const UserForm &user, const char *target, int32_t mode, Message &out,
+                        char **attrs) {
     ZelRC rc = 0;
     RoutineTrace trace(s, "locate_ZEL_TR", rc);
-    if (target == nullptr) return rc = search_user_records(s, user, "*", nullptr, mode, out);
+    if (target == nullptr) return rc = search_user_records(s, user, "*", nullptr, mode, out, attrs);
     std::string assertion = plat::escape_filter_value(target);
-    return rc = search_user_records(s, user, assertion.c_str(), target, mode, out);
+    return rc = search_user_records(s, user, assertion.c_str(), target, mode, out, attrs);
 }
 
 ZelRC search_records(ZelSession *s, const char *assertion, const char *shown, const char *user, int32_t mode,
