@@ -135,6 +135,34 @@ ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record)
     return unreadable;
 }
 
+// The record filter of one storage form, around its assertion.
+struct RecordFilter {
+    std::string_view head, tail;
+    explicit RecordFilter(int32_t mode)
+        : head(mode == zel::kFirstGenerationMode ? "(&(objectClass=eTargetRecord)(cn=" : "secResCredsID="),
+          tail(mode == zel::kFirstGenerationMode ? "))" : "") {}
+    size_t fixed() const { return head.size() + tail.size(); }
+};
+
+// Why the user's records cannot be searched, or 0: an inactive user's
+// records are still found; the caller decides.
+ZelRC records_unreachable(const zel::UserForm &user) {
+    return user.rc != 0 && user.rc != ZEL_RC_ACCOUNT_INVALID ? user.rc : 0;
+}
+
+// The record search below the user's entry with a filter made: `shown` is
+// what the trace names (null: every record).
+ZelRC search_below_user(ZelSession *s, const zel::UserForm &user, const char *filter, const char *shown, char **attrs,
+                        zel::Message &out) {
+    if (shown == nullptr)
+        zel::trace_line(s, zel::kTraceProgress, "zelmgmt:All target records being retrieved.");
+    else if (zel::tracing(s, zel::kTraceProgress))
+        zel::tracef(s, zel::kTraceProgress, "zelmgmt:Target being looked for: %s\n", shown);
+    if (user.dn.empty()) return ZEL_RC_USER_NOT_FOUND;
+    if (ZelRC rc = zel::search_mapped(s, user.dn.c_str(), LDAP_SCOPE_SUBTREE, filter, attrs, 0, 0, 0, out)) return rc;
+    return user.rc;
+}
+
 ZelRC mask(const char *text, int32_t *length_out, char **buffer_out, int32_t direction) {
     errno = 0;
     bool encryption_required = false;
@@ -216,26 +244,17 @@ char **record_attributes(int32_t mode) {
 ZelRC search_user_records(ZelSession *s, const UserForm &user, const char *assertion, const char *shown,
                           int32_t mode, Message &out, char **attrs) {
     out.reset();
-    // An inactive user's records are still found; the caller decides.
-    if (user.rc != 0 && user.rc != ZEL_RC_ACCOUNT_INVALID) return user.rc;
+    if (ZelRC rc = records_unreachable(user)) return rc;
     // Measured with the target as the caller gave it: its escaping never
     // refuses a name that fits the filter buffer.
-    const std::string_view head = mode == kFirstGenerationMode ? "(&(objectClass=eTargetRecord)(cn=" : "secResCredsID=";
-    const std::string_view tail = mode == kFirstGenerationMode ? "))" : "";
-    const size_t fixed = head.size() + tail.size(), length = fixed + std::strlen(assertion);
-    if ((shown ? fixed + std::strlen(shown) : length) >= kFilterSize || length >= 3 * kFilterSize)
+    const RecordFilter form(mode);
+    const size_t length = form.fixed() + std::strlen(assertion);
+    if ((shown ? form.fixed() + std::strlen(shown) : length) >= kFilterSize || length >= 3 * kFilterSize)
         return ZEL_RC_INVALID_ARGUMENT;
     std::string filter;
     filter.reserve(length);
-    filter.append(head).append(assertion).append(tail);
-    if (shown)
-        tracef(s, kTraceProgress, "zelmgmt:Target being looked for: %s\n", shown);
-    else
-        trace_line(s, kTraceProgress, "zelmgmt:All target records being retrieved.");
-    if (user.dn.empty()) return ZEL_RC_USER_NOT_FOUND;
-    if (ZelRC rc = search_mapped(s, user.dn.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), attrs, 0, 0, 0, out))
-        return rc;
-    return user.rc;
+    filter.append(form.head).append(assertion).append(form.tail);
+    return search_below_user(s, user, filter.c_str(), shown, attrs, out);
 }
 
 ZelRC find_user_records(ZelSession *s, const UserForm &user, const char *target, int32_t mode, Message &out,
@@ -243,8 +262,18 @@ ZelRC find_user_records(ZelSession *s, const UserForm &user, const char *target,
     ZelRC rc = 0;
     RoutineTrace trace(s, "locate_ZEL_TR", rc);
     if (target == nullptr) return rc = search_user_records(s, user, "*", nullptr, mode, out, attrs);
-    std::string assertion = plat::escape_filter_value(target);
-    return rc = search_user_records(s, user, assertion.c_str(), target, mode, out, attrs);
+    out.reset();
+    if ((rc = records_unreachable(user)) != 0) return rc;
+    // The target is escaped straight into the filter.
+    const RecordFilter form(mode);
+    const size_t target_length = std::strlen(target);
+    if (form.fixed() + target_length >= kFilterSize) return rc = ZEL_RC_INVALID_ARGUMENT;
+    std::string filter;
+    filter.reserve(form.fixed() + 3 * target_length);
+    filter.append(form.head);
+    plat::append_filter_value(filter, std::string_view(target, target_length));
+    filter.append(form.tail);
+    return rc = search_below_user(s, user, filter.c_str(), target, attrs, out);
 }
 
 ZelRC search_records(ZelSession *s, const char *assertion, const char *shown, const char *user, int32_t mode,
