@@ -191,7 +191,7 @@ public:
     }
 
     KeyFileState read(const char *path, std::shared_ptr<const KeyRing> &keys) {
-        struct stat st {};
+        struct stat st;  // read only where stat() filled it
         bool fit = ::stat(path, &st) == 0 && fit_for_keys(st);
         {
             std::lock_guard<std::mutex> lock(mutex_);

@@ -47,16 +47,46 @@ bool is_attr(const char *attr, size_t length, const char (&name)[N]) {
     return length == N - 1 && (std::memcmp(attr, name, N - 1) == 0 || zel::same_text(attr, name));
 }
 
-// The record field an attribute of a target record entry fills, or null for
-// attributes that are not read.
-char **field_of(ZelTargetRecord *r, const char *attr, size_t length) {
-    if (is_attr(attr, length, "cn") || is_attr(attr, length, "secResCredsID")) return &r->targetRecordId;
-    if (is_attr(attr, length, "uid") || is_attr(attr, length, "secUid") || is_attr(attr, length, "principalName"))
-        return &r->userId;
-    if (is_attr(attr, length, "targetService")) return &r->targetServiceName;
-    if (is_attr(attr, length, "tsType") || is_attr(attr, length, "secType")) return &r->targetServiceType;
-    if (is_attr(attr, length, "description")) return &r->description;
-    return nullptr;
+// How an attribute of a target record entry fills the record.
+enum class Fill { skip, text, service_name, service_kind, password, secret_key };
+struct Use {
+    Fill fill;
+    char **field;
+};
+
+// What the attribute `attr` of `length` bytes fills: names are sorted by
+// length, so most attributes are matched or passed over in one comparison.
+Use use_of(ZelTargetRecord *r, const char *attr, size_t length) {
+    switch (length) {
+    case 2:
+        if (is_attr(attr, length, "cn")) return {Fill::text, &r->targetRecordId};
+        break;
+    case 3:
+        if (is_attr(attr, length, "uid")) return {Fill::text, &r->userId};
+        break;
+    case 6:
+        if (is_attr(attr, length, "secUid")) return {Fill::text, &r->userId};
+        if (is_attr(attr, length, "tsType")) return {Fill::text, &r->targetServiceType};
+        break;
+    case 7:
+        if (is_attr(attr, length, "secType")) return {Fill::service_kind, &r->targetServiceType};
+        break;
+    case 9:
+        if (is_attr(attr, length, "secretKey")) return {Fill::secret_key, &r->password};
+        break;
+    case 11:
+        if (is_attr(attr, length, "description")) return {Fill::text, &r->description};
+        break;
+    case 12:
+        if (is_attr(attr, length, "secAuthnData")) return {Fill::password, &r->password};
+        break;
+    case 13:
+        if (is_attr(attr, length, "secResCredsID")) return {Fill::text, &r->targetRecordId};
+        if (is_attr(attr, length, "principalName")) return {Fill::text, &r->userId};
+        if (is_attr(attr, length, "targetService")) return {Fill::service_name, &r->targetServiceName};
+        break;
+    }
+    return {Fill::skip, nullptr};
 }
 
 // fn(name, name length, values) for each attribute of the entry that has
@@ -102,9 +132,10 @@ ZelRC replace_with(char *&field, std::string_view text) {
 ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record) {
     ZelRC unreadable = 0;
     ZelRC rc = each_attribute(s->ld, entry, [&](const char *attr, size_t length, const struct berval *values) -> ZelRC {
-        bool secret_key = is_attr(attr, length, "secretKey");
-        if (secret_key || is_attr(attr, length, "secAuthnData")) {
-            bool as_stored = secret_key && zel::clear_secret_key(s);
+        const Use use = use_of(record, attr, length);
+        if (use.fill == Fill::skip) return 0;
+        if (use.fill == Fill::password || use.fill == Fill::secret_key) {
+            bool as_stored = use.fill == Fill::secret_key && zel::clear_secret_key(s);
             for (const struct berval *v = values; v->bv_val; ++v) {
                 char *clear = nullptr;
                 ZelRC clear_rc = zel::clear_password(s, v, as_stored, clear);
@@ -116,16 +147,13 @@ ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record)
             }
             return 0;
         }
-        char **field = field_of(record, attr, length);
-        if (field == nullptr) return 0;
         // A field holds one value: the last one given.
         const struct berval *last = values;
         while (last[1].bv_val) ++last;
-        const char *value = last->bv_val;
         // "tsName=<name>": the name is the second word.
-        if (field == &record->targetServiceName) return replace_with(*field, zel::token_view(value, '=', 1));
-        if (is_attr(attr, length, "secType")) value = kind_of_sec_type(value);
-        return zel::replace_text(*field, value);
+        if (use.fill == Fill::service_name) return replace_with(*use.field, zel::token_view(last->bv_val, '=', 1));
+        return zel::replace_text(*use.field, use.fill == Fill::service_kind ? kind_of_sec_type(last->bv_val)
+                                                                             : last->bv_val);
     });
     if (rc != 0 || record->targetServiceName || zel::first_generation(s) || !record->targetRecordId)
         return rc ? rc : unreadable;
