@@ -317,7 +317,7 @@ ZelRC search_records(ZelSession *s, const char *assertion, const char *shown, co
     return rc = search_user_records(s, form, assertion, shown, mode, out);
 }
 
-ZelRC list_user_records(ZelSession *s, const UserForm &user, int32_t mode, SearchPages &out) {
+ZelRC list_user_records(ZelSession *s, const UserForm &user, int32_t mode, SearchPages &out, char **attrs) {
     ZelRC rc = 0;
     RoutineTrace trace(s, "locate_ZEL_TR", rc);
     out.pages.clear();
@@ -326,7 +326,7 @@ ZelRC list_user_records(ZelSession *s, const UserForm &user, int32_t mode, Searc
     trace_line(s, kTraceProgress, "zelmgmt:All target records being retrieved.");
     if (user.dn.empty()) return rc = ZEL_RC_USER_NOT_FOUND;
     const char *filter = mode == kFirstGenerationMode ? "(&(objectClass=eTargetRecord)(cn=*))" : "secResCredsID=*";
-    int lrc = search_all(s, user.dn.c_str(), LDAP_SCOPE_SUBTREE, filter, nullptr, out);
+    int lrc = search_all(s, user.dn.c_str(), LDAP_SCOPE_SUBTREE, filter, attrs, out);
     if (lrc != LDAP_SUCCESS) {
         out.pages.clear();
         return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");

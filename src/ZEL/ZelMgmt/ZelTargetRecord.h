@@ -48,7 +48,8 @@ char **record_attributes(int32_t mode);
 // Every record of the user in one form, page by page: search_records for
 // every identifier.
 ZelRC list_records(ZelSession *s, const char *user, int32_t mode, SearchPages &out);
-ZelRC list_user_records(ZelSession *s, const UserForm &user, int32_t mode, SearchPages &out);
+ZelRC list_user_records(ZelSession *s, const UserForm &user, int32_t mode, SearchPages &out,
+                        char **attrs = nullptr);
 
 // locate_ZEL_TR into an owned result.
 ZelRC find_records(ZelSession *s, const char *target, const char *user, int32_t mode, Message &out);

@@ -61,7 +61,7 @@ ZelRC get_target_record(ZelSession *s, const char *user, const char *target, Zel
 // Every record of one form, or none: a user who is not (yet) a Zel user in
 // that form has no records there.
 ZelRC every_record(ZelSession *s, zel::UserLookup &users, int32_t mode, zel::SearchPages &res) {
-    ZelRC rc = zel::list_user_records(s, users.form(mode), mode, res);
+    ZelRC rc = zel::list_user_records(s, users.form(mode), mode, res, zel::record_attributes(mode));
     return zel::search_made(rc) ? 0 : rc;
 }
 
