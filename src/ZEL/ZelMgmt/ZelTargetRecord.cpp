@@ -219,18 +219,6 @@ ZelRC mask(const char *text, int32_t *length_out, char **buffer_out, int32_t dir
 
 namespace zel {
 
-std::string_view token_view(std::string_view text, char separator, int index) {
-    size_t p = 0;
-    for (int i = 0;; ++i) {
-        while (p < text.size() && text[p] == separator) ++p;
-        if (p == text.size()) return std::string_view();
-        size_t end = text.find(separator, p);
-        if (end == std::string_view::npos) end = text.size();
-        if (i == index) return text.substr(p, end - p);
-        p = end;
-    }
-}
-
 std::string token(std::string_view text, char separator, int index) {
     return std::string(token_view(text, separator, index));
 }

@@ -65,6 +65,16 @@ inline bool clear_secret_key(const ZelSession *s) { return s->dir_kind == ZEL_DI
 // separators are skipped and no token is empty.  "" when there is none.
 std::string token(std::string_view text, char separator, int index);
 // The same token in place, within `text`.
-std::string_view token_view(std::string_view text, char separator, int index);
+inline std::string_view token_view(std::string_view text, char separator, int index) {
+    size_t p = 0;
+    for (int i = 0;; ++i) {
+        while (p < text.size() && text[p] == separator) ++p;
+        if (p == text.size()) return std::string_view();
+        size_t end = text.find(separator, p);
+        if (end == std::string_view::npos) end = text.size();
+        if (i == index) return text.substr(p, end - p);
+        p = end;
+    }
+}
 
 }  // namespace zel
