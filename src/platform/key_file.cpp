@@ -190,36 +190,37 @@ public:
         forget();
     }
 
-    KeyFileState read(const char *path, KeyRing &ring) {
-        struct stat st {};
+    KeyFileState read(const char *path, std::shared_ptr<const KeyRing> &keys) {
+        struct stat st;  // read only where stat() filled it
         bool fit = ::stat(path, &st) == 0 && fit_for_keys(st);
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (!fit) {
                 // Gone or loosened: the kept keys go with it.
                 forget();
-                ring.clear();
                 return KeyFileState::refused;
             }
-            if (kept_.load(std::memory_order_relaxed) && identity_ == FileIdentity(st) && path_ == path) {
-                ring.assign(ring_);
+            if (ring_ && identity_ == FileIdentity(st) && path_ == path) {
+                keys = ring_;
                 return KeyFileState::usable;
             }
         }
-        // Read outside the lock; a slower reader that stores an older copy
-        // stores it under that copy's own identity, which the next stat() tells apart.
+        // Read outside the lock; a slower reader that stores an older ring
+        // stores it under that ring's own identity, which the next stat() tells apart.
         timespec before {};
         ::clock_gettime(CLOCK_REALTIME, &before);
         struct stat seen {};
-        KeyFileState state = read_checked(path, ring, seen);
+        auto fresh = std::make_shared<KeyRing>();
+        KeyFileState state = read_checked(path, *fresh, seen);
+        if (state == KeyFileState::usable) keys = fresh;
         std::lock_guard<std::mutex> lock(mutex_);
         if (closed_) return state;
-        // Nothing is kept until the copy is whole (the copy may throw).
+        // Nothing is kept until the path's copy is whole (the copy may throw).
         forget();
         if (state == KeyFileState::usable && settled(seen, before)) {
-            ring_.assign(ring);
             path_ = path;
             identity_ = FileIdentity(seen);
+            ring_ = std::move(fresh);
             kept_.store(true, std::memory_order_relaxed);
         }
         return state;
@@ -234,10 +235,11 @@ public:
 private:
     KeyFileCache() = default;
 
-    // Wipes the kept keys.  Holds mutex_.
+    // Lets the kept keys go: wiped now, or by the last caller still using them.
+    // Holds mutex_.
     void forget() {
         if (closed_) return;
-        ring_.clear();
+        ring_.reset();
         kept_.store(false, std::memory_order_relaxed);
     }
 
@@ -248,7 +250,8 @@ private:
     bool closed_ = false;
     std::string path_;
     FileIdentity identity_;
-    KeyRing ring_;
+    // Never changed once kept: a caller holding it reads it without the lock.
+    std::shared_ptr<const KeyRing> ring_;
 };
 
 KeyRing::~KeyRing() { clear(); }
@@ -256,14 +259,6 @@ KeyRing::~KeyRing() { clear(); }
 void KeyRing::clear() {
     if (!keys_.empty()) sodium_memzero(keys_.data(), keys_.size() * sizeof(OperatorKey));
     keys_.clear();
-}
-
-void KeyRing::assign(const KeyRing &other) {
-    if (&other == this) return;
-    clear();
-    // One key more of room, as parse leaves it (see there).
-    keys_.reserve(other.keys_.size() + 1);
-    keys_.insert(keys_.end(), other.keys_.begin(), other.keys_.end());
 }
 
 const OperatorKey *KeyRing::active() const {
@@ -330,13 +325,14 @@ KeyFileState read_key_file(const char *path, KeyRing &ring) {
     return read_checked(path, ring, seen);
 }
 
-KeyFileState read_configured_keys(KeyRing &ring) {
+KeyFileState read_configured_keys(std::shared_ptr<const KeyRing> &keys) {
+    keys.reset();
     const char *path = std::getenv("ZEL_KEYFILE");
     if (path == nullptr || *path == '\0') {
         KeyFileCache::instance().drop();
         return KeyFileState::absent;
     }
-    return KeyFileCache::instance().read(path, ring);
+    return KeyFileCache::instance().read(path, keys);
 }
 
 bool write_key_file(const char *path, const KeyRing &ring, bool replace) {

@@ -18,6 +18,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 namespace zel::platform {
@@ -50,10 +51,7 @@ public:
     bool add_generated_key();
 
 private:
-    friend class KeyFileCache;
     void clear();
-    // This ring becomes a copy of `other`, its own keys wiped first.
-    void assign(const KeyRing &other);
     std::vector<OperatorKey> keys_;
 };
 
@@ -73,7 +71,10 @@ KeyFileState read_key_file(const char *path, KeyRing &ring);
 // the file only when the identity differs: a key file renamed over the old
 // one, edited or chmod-ed is read anew at the next call.  A file changed so
 // recently that a further change might keep its timestamps is not kept.
-KeyFileState read_configured_keys(KeyRing &ring);
+//
+// `keys` is set only when usable: a ring nobody changes, shared with the
+// cache and other callers, whose keys are wiped when the last holder lets go.
+KeyFileState read_configured_keys(std::shared_ptr<const KeyRing> &keys);
 
 // Writes the ring to `path` with mode 0600: a new file when `replace` is
 // false (an existing one is never touched), else a complete new copy put in

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
@@ -97,16 +98,53 @@ char *encoded_text(const char *prefix, size_t prefix_length, WipedBytes &blob) {
     return out;
 }
 
-// The clear bytes as a C string, or null when they hold a NUL (encode never
-// writes one) or memory runs out.
-char *clear_text(const unsigned char *bytes, size_t length) {
-    if (std::memchr(bytes, '\0', length) != nullptr) return nullptr;
-    auto *clear = static_cast<char *>(malloc(length + 1));
-    if (clear == nullptr) return nullptr;
-    std::memcpy(clear, bytes, length);
-    clear[length] = '\0';
-    return clear;
-}
+// A decoded stored value: nonce, sealed or masked bytes and tag, nothing
+// that reveals the password.  A password's fits on the stack.
+class Blob {
+public:
+    // Room for the bytes of `text_length` characters of base64.
+    explicit Blob(size_t text_length) : capacity_(text_length / 4 * 3 + 3) {
+        if (capacity_ > sizeof inline_) heap_.reset(new unsigned char[capacity_]);
+    }
+    unsigned char *data() { return heap_ ? heap_.get() : inline_; }
+    size_t capacity() const { return capacity_; }
+    size_t length = 0;
+
+private:
+    size_t capacity_;
+    unsigned char inline_[256];
+    std::unique_ptr<unsigned char[]> heap_;
+};
+
+// The clear text being decoded, in the C string the caller gets: wiped and
+// freed unless released, and released only when it holds no NUL byte
+// (encode never writes one).
+class ClearText {
+public:
+    explicit ClearText(size_t length) : length_(length), text_(static_cast<char *>(malloc(length + 1))) {
+        if (text_ == nullptr) errno = ENOMEM;
+    }
+    ~ClearText() {
+        if (text_ == nullptr) return;
+        sodium_memzero(text_, length_);
+        free(text_);
+    }
+    ClearText(const ClearText &) = delete;
+    ClearText &operator=(const ClearText &) = delete;
+    explicit operator bool() const { return text_ != nullptr; }
+    unsigned char *bytes() { return reinterpret_cast<unsigned char *>(text_); }
+    char *release() {
+        if (std::memchr(text_, '\0', length_) != nullptr) return nullptr;
+        text_[length_] = '\0';
+        char *text = text_;
+        text_ = nullptr;
+        return text;
+    }
+
+private:
+    size_t length_;
+    char *text_;
+};
 
 char *seal(const char *clear, const OperatorKey &key) {
     size_t clear_length = std::strlen(clear);
@@ -127,33 +165,37 @@ char *seal(const char *clear, const OperatorKey &key) {
     return encoded_text(prefix.c_str(), prefix.size(), blob);
 }
 
+// Base64 `text` into `blob`: no end pointer and no ignored characters, so any
+// stray character, missing padding or non-zero padding bits is refused.
+bool decode_base64(const char *text, size_t text_length, Blob &blob) {
+    return sodium_base642bin(blob.data(), blob.capacity(), text, text_length, nullptr, &blob.length, nullptr,
+                             kBase64) == 0;
+}
+
 char *unseal(const char *sealed_text) {
     const char *id = sealed_text + kSealedPrefixLength;
     const char *colon = std::strchr(id, ':');
     if (colon == nullptr || colon == id) return nullptr;
-    KeyRing ring;
-    if (read_configured_keys(ring) != KeyFileState::usable) return nullptr;
-    const OperatorKey *key = ring.find(id, static_cast<size_t>(colon - id));
+    std::shared_ptr<const KeyRing> keys;
+    if (read_configured_keys(keys) != KeyFileState::usable) return nullptr;
+    const OperatorKey *key = keys->find(id, static_cast<size_t>(colon - id));
     if (key == nullptr) return nullptr;
 
     const char *text = colon + 1;
     size_t text_length = std::strlen(text);
-    WipedBytes blob(text_length / 4 * 3 + 3);
-    size_t blob_length = 0;
-    if (sodium_base642bin(blob.data(), blob.size(), text, text_length, nullptr, &blob_length, nullptr, kBase64) != 0 ||
-        blob_length < kSealNonceLength + kSealTagLength) {
-        return nullptr;
-    }
-    size_t clear_length = blob_length - kSealNonceLength - kSealTagLength;
-    WipedBytes clear(clear_length + 1);
+    Blob blob(text_length);
+    if (!decode_base64(text, text_length, blob) || blob.length < kSealNonceLength + kSealTagLength) return nullptr;
+    size_t clear_length = blob.length - kSealNonceLength - kSealTagLength;
+    ClearText clear(clear_length);
+    if (!clear) return nullptr;
     unsigned char context[kSealedContextLength + kKeyIdMax];
     size_t context_length = sealed_context(*key, context);
-    if (crypto_aead_xchacha20poly1305_ietf_decrypt(clear.data(), nullptr, nullptr, blob.data() + kSealNonceLength,
-                                                   blob_length - kSealNonceLength, context, context_length,
+    if (crypto_aead_xchacha20poly1305_ietf_decrypt(clear.bytes(), nullptr, nullptr, blob.data() + kSealNonceLength,
+                                                   blob.length - kSealNonceLength, context, context_length,
                                                    blob.data(), key->key) != 0) {
         return nullptr;
     }
-    return clear_text(clear.data(), clear_length);
+    return clear.release();
 }
 
 char *mask_with_builtin_key(const char *clear) {
@@ -186,35 +228,24 @@ char *unmask_builtin(const char *masked_text) {
 
     const char *text = masked_text + kPrefixLength;
     size_t text_length = std::strlen(text);
-    size_t max_length = text_length / 4 * 3 + 3;
-    if (max_length < kNonceLength + kTagLength) return nullptr;
-    try {
-        WipedBytes blob(max_length);
-        size_t blob_length = 0;
-        // No end pointer and no ignored characters: any stray character,
-        // missing padding or non-zero padding bits is refused.
-        if (sodium_base642bin(blob.data(), blob.size(), text, text_length, nullptr, &blob_length,
-                              nullptr, kBase64) != 0) {
-            return nullptr;
-        }
-        if (blob_length < kNonceLength + kTagLength) return nullptr;
-        size_t clear_length = blob_length - kNonceLength - kTagLength;
-        unsigned char *nonce = blob.data();
-        unsigned char *masked = nonce + kNonceLength;
-        const unsigned char *stored_tag = masked + clear_length;
+    if (text_length / 4 * 3 + 3 < kNonceLength + kTagLength) return nullptr;
+    Blob blob(text_length);
+    if (!decode_base64(text, text_length, blob) || blob.length < kNonceLength + kTagLength) return nullptr;
+    size_t clear_length = blob.length - kNonceLength - kTagLength;
+    unsigned char *nonce = blob.data();
+    unsigned char *masked = nonce + kNonceLength;
+    const unsigned char *stored_tag = masked + clear_length;
 
-        unsigned char expected_tag[kTagLength];
-        bool tag_ok = compute_tag(*keys, nonce, kNonceLength + clear_length, expected_tag) &&
-                      crypto_verify_16(expected_tag, stored_tag) == 0;
-        sodium_memzero(expected_tag, sizeof expected_tag);
-        if (!tag_ok) return nullptr;
+    unsigned char expected_tag[kTagLength];
+    bool tag_ok = compute_tag(*keys, nonce, kNonceLength + clear_length, expected_tag) &&
+                  crypto_verify_16(expected_tag, stored_tag) == 0;
+    sodium_memzero(expected_tag, sizeof expected_tag);
+    if (!tag_ok) return nullptr;
 
-        WipedBytes clear(clear_length + 1);
-        crypto_stream_chacha20_ietf_xor(clear.data(), masked, clear_length, nonce, keys->stream);
-        return clear_text(clear.data(), clear_length);
-    } catch (const std::bad_alloc &) {
-        return nullptr;
-    }
+    ClearText clear(clear_length);
+    if (!clear) return nullptr;
+    crypto_stream_chacha20_ietf_xor(clear.bytes(), masked, clear_length, nonce, keys->stream);
+    return clear.release();
 }
 
 }  // namespace
@@ -223,11 +254,11 @@ char *util_encode_checked(const char *clear, bool &encryption_required) {
     encryption_required = false;
     if (clear == nullptr) return nullptr;
     try {
-        KeyRing ring;
-        KeyFileState state = read_configured_keys(ring);
+        std::shared_ptr<const KeyRing> keys;
+        KeyFileState state = read_configured_keys(keys);
         encryption_required = state != KeyFileState::absent;
         if (state == KeyFileState::absent) return mask_with_builtin_key(clear);
-        const OperatorKey *key = ring.active();
+        const OperatorKey *key = keys ? keys->active() : nullptr;
         return key ? seal(clear, *key) : nullptr;
     } catch (const std::bad_alloc &) {
         errno = ENOMEM;
@@ -253,18 +284,18 @@ char *util_decode(const char *stored) {
 }
 
 KeyFileState util_key_file_state() {
-    KeyRing ring;
-    return read_configured_keys(ring);
+    std::shared_ptr<const KeyRing> keys;
+    return read_configured_keys(keys);
 }
 
 bool util_is_current(const char *stored) {
     if (stored == nullptr) return false;
-    KeyRing ring;
-    switch (read_configured_keys(ring)) {
+    std::shared_ptr<const KeyRing> keys;
+    switch (read_configured_keys(keys)) {
     case KeyFileState::absent:
         return std::strncmp(stored, kPrefix, kPrefixLength) == 0;
     case KeyFileState::usable: {
-        std::string prefix = std::string(kSealedPrefix) + ring.active()->id + ":";
+        std::string prefix = std::string(kSealedPrefix) + keys->active()->id + ":";
         return std::strncmp(stored, prefix.c_str(), prefix.size()) == 0;
     }
     case KeyFileState::refused:

@@ -222,6 +222,7 @@ TEST_F(OrvRecords, FirstGenerationSecretKeyIsStoredAsGiven) {
     Entry e = dir->entry("cn=T:legacy," + kJoProfile);
     EXPECT_EQ((Strings{e.first("secretKey"), e.first("uid")}), (Strings{"pa55", "jdoe"}));
     EXPECT_EQ(credential(s.get(), "jo", "legacy"), "jdoe/pa55");
+    EXPECT_EQ(read_record(s.get(), "jo", "T:legacy")[3], "pa55");
 }
 
 TEST_F(NetscapeRecords, FirstGenerationAccountIsPrincipalName) {
@@ -233,6 +234,7 @@ TEST_F(NetscapeRecords, FirstGenerationAccountIsPrincipalName) {
     Entry e = dir->entry("cn=T:legacy," + kJoProfile);
     EXPECT_EQ(std::make_tuple(e.first("principalName"), e.has("uid")), std::make_tuple(std::string("jdoe"), false));
     EXPECT_EQ(credential(s.get(), "jo", "legacy"), "jdoe/pa55");
+    EXPECT_EQ(read_record(s.get(), "jo", "T:legacy")[2], "jdoe");
 }
 
 TEST_F(AdRecords, EmptyValuesAreLeftOutOrDeleted) {

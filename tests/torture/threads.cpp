@@ -2,10 +2,19 @@
 // credential queries side by side, opened over TLS so the client's one-time
 // initialisation, the locale and the key file are shared process-wide state
 // in use at once.  Run under ThreadSanitizer it must stay silent.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "platform/password_mask.h"
 
 #include "support/family_fixture.h"
 #include "support/env.h"
@@ -65,6 +74,45 @@ TEST_F(RecordTest, EightSessionsOnEightThreads) {
     for (std::thread &th : threads) th.join();
     EXPECT_EQ(seen, std::vector<std::string>(kThreads)) << "every call of every thread succeeded";
     EXPECT_EQ(dir->search("o=acme", "sub", "(|(cn=team*)(secResGroupID=team*))").size(), 0u) << "nothing left behind";
+}
+
+// Decrypts on several threads while the key file's link is switched between
+// two files that both hold the value's key: the kept keys are replaced while
+// other callers still use the ones before, and every decrypt reads the value.
+TEST(KeyFileThreads, DecryptsWhileTheKeyFileIsSwitched) {
+    const std::string first = key_file(kKeyLineA + " active\n" + kKeyLineB + "\n");
+    const std::string second = key_file(kKeyLineB + " active\n" + kKeyLineA + "\n");
+    // Past the clock step within which a changed file is not kept: each is kept when seen.
+    struct stat made {};
+    ASSERT_EQ(stat(second.c_str(), &made), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(made.st_ctim.tv_nsec == 0 ? 2100 : 150));
+    const std::string link = first + ".link", staged = link + ".new";
+    ASSERT_EQ(symlink(first.c_str(), link.c_str()), 0);
+    ScopedEnv keys("ZEL_KEYFILE", link.c_str());
+    std::unique_ptr<char, decltype(&std::free)> sealed(zel::platform::util_encode("pw"), &std::free);
+    ASSERT_NE(sealed, nullptr);
+
+    std::atomic<bool> done{false};
+    std::atomic<int> decrypts{0}, wrong{0};
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 4; ++t)
+        readers.emplace_back([&] {
+            while (!done.load()) {
+                char *clear = zel::platform::util_decode(sealed.get());
+                wrong += clear == nullptr || std::strcmp(clear, "pw") != 0;
+                ++decrypts;
+                std::free(clear);
+            }
+        });
+    for (int i = 0; i < 200; ++i) {
+        symlink((i % 2 ? first : second).c_str(), staged.c_str());
+        rename(staged.c_str(), link.c_str());
+    }
+    done = true;
+    for (std::thread &th : readers) th.join();
+    unlink(link.c_str());
+    EXPECT_GT(decrypts.load(), 0);
+    EXPECT_EQ(wrong.load(), 0);
 }
 
 }  // namespace

@@ -47,16 +47,83 @@ bool is_attr(const char *attr, size_t length, const char (&name)[N]) {
     return length == N - 1 && (std::memcmp(attr, name, N - 1) == 0 || zel::same_text(attr, name));
 }
 
-// The record field an attribute of a target record entry fills, or null for
-// attributes that are not read.
-char **field_of(ZelTargetRecord *r, const char *attr, size_t length) {
-    if (is_attr(attr, length, "cn") || is_attr(attr, length, "secResCredsID")) return &r->targetRecordId;
-    if (is_attr(attr, length, "uid") || is_attr(attr, length, "secUid") || is_attr(attr, length, "principalName"))
-        return &r->userId;
-    if (is_attr(attr, length, "targetService")) return &r->targetServiceName;
-    if (is_attr(attr, length, "tsType") || is_attr(attr, length, "secType")) return &r->targetServiceType;
-    if (is_attr(attr, length, "description")) return &r->description;
-    return nullptr;
+// How an attribute of a target record entry fills the record.
+enum class Fill { skip, text, service_name, service_kind, password, secret_key };
+struct Use {
+    Fill fill;
+    char **field;
+};
+
+// What the attribute `attr` of `length` bytes fills: names are sorted by
+// length, so most attributes are matched or passed over in one comparison.
+Use use_of(ZelTargetRecord *r, const char *attr, size_t length) {
+    switch (length) {
+    case 2:
+        if (is_attr(attr, length, "cn")) return {Fill::text, &r->targetRecordId};
+        break;
+    case 3:
+        if (is_attr(attr, length, "uid")) return {Fill::text, &r->userId};
+        break;
+    case 6:
+        if (is_attr(attr, length, "secUid")) return {Fill::text, &r->userId};
+        if (is_attr(attr, length, "tsType")) return {Fill::text, &r->targetServiceType};
+        break;
+    case 7:
+        if (is_attr(attr, length, "secType")) return {Fill::service_kind, &r->targetServiceType};
+        break;
+    case 9:
+        if (is_attr(attr, length, "secretKey")) return {Fill::secret_key, &r->password};
+        break;
+    case 11:
+        if (is_attr(attr, length, "description")) return {Fill::text, &r->description};
+        break;
+    case 12:
+        if (is_attr(attr, length, "secAuthnData")) return {Fill::password, &r->password};
+        break;
+    case 13:
+        if (is_attr(attr, length, "secResCredsID")) return {Fill::text, &r->targetRecordId};
+        if (is_attr(attr, length, "principalName")) return {Fill::text, &r->userId};
+        if (is_attr(attr, length, "targetService")) return {Fill::service_name, &r->targetServiceName};
+        break;
+    }
+    return {Fill::skip, nullptr};
+}
+
+// fn(name, name length, values) for each attribute of the entry that has
+// values, in the server's order; a non-zero status ends the walk.  Names and
+// values are read in place in the result (the client ends each with a NUL).
+template <class Fn>
+ZelRC each_attribute(LDAP *ld, LDAPMessage *entry, Fn &&fn) {
+    BerElement *raw = nullptr;
+    struct berval dn{0, nullptr};
+    const int dn_rc = ldap_get_dn_ber(ld, entry, &raw, &dn);
+    zel::Ber ber(raw);
+    if (dn_rc != LDAP_SUCCESS) return 0;
+    for (;;) {
+        struct berval name{0, nullptr};
+        BerVarray list = nullptr;
+        if (ldap_get_attribute_ber(ld, entry, ber.get(), &name, &list) != LDAP_SUCCESS || !name.bv_val) {
+            ldap_memfree(list);
+            return 0;
+        }
+        std::unique_ptr<struct berval, zel::LdapMemFree> values(list);
+        if (list == nullptr || list[0].bv_val == nullptr) continue;
+        if (ZelRC rc = fn(name.bv_val, name.bv_len, list)) return rc;
+    }
+}
+
+// `field` becomes a copy of `text`, or null when it is empty.
+ZelRC replace_with(char *&field, std::string_view text) {
+    char *copy = nullptr;
+    if (!text.empty()) {
+        copy = static_cast<char *>(std::malloc(text.size() + 1));
+        if (copy == nullptr) return ZEL_RC_NO_MEMORY;
+        std::memcpy(copy, text.data(), text.size());
+        copy[text.size()] = '\0';
+    }
+    std::free(field);
+    field = copy;
+    return 0;
 }
 
 // A password that cannot be read (1013) does not stop the other fields:
@@ -64,14 +131,14 @@ char **field_of(ZelTargetRecord *r, const char *attr, size_t length) {
 // list of many can name it and go on.
 ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record) {
     ZelRC unreadable = 0;
-    ZelRC rc = zel::walk_attributes(s->ld, entry, [&](const char *attr, char **strings, struct berval **bervals) -> ZelRC {
-        const size_t length = std::strlen(attr);
-        bool secret_key = is_attr(attr, length, "secretKey");
-        if (secret_key || is_attr(attr, length, "secAuthnData")) {
-            bool as_stored = secret_key && zel::clear_secret_key(s);
-            for (struct berval **v = bervals; *v; ++v) {
+    ZelRC rc = each_attribute(s->ld, entry, [&](const char *attr, size_t length, const struct berval *values) -> ZelRC {
+        const Use use = use_of(record, attr, length);
+        if (use.fill == Fill::skip) return 0;
+        if (use.fill == Fill::password || use.fill == Fill::secret_key) {
+            bool as_stored = use.fill == Fill::secret_key && zel::clear_secret_key(s);
+            for (const struct berval *v = values; v->bv_val; ++v) {
                 char *clear = nullptr;
-                ZelRC clear_rc = zel::clear_password(s, *v, as_stored, clear);
+                ZelRC clear_rc = zel::clear_password(s, v, as_stored, clear);
                 if (clear_rc == ZEL_RC_DECODE_FAILED) unreadable = clear_rc;
                 else if (clear_rc != 0) return clear_rc;
                 free_secret(record->password);
@@ -80,31 +147,48 @@ ZelRC dissect_record(ZelSession *s, LDAPMessage *entry, ZelTargetRecord *record)
             }
             return 0;
         }
-        char **field = field_of(record, attr, length);
-        if (field == nullptr) return 0;
-        // The binary values were there, so no string values means no memory.
-        if (strings == nullptr) return ZEL_RC_NO_MEMORY;
-        for (char **v = strings; *v; ++v) {
-            if (field == &record->targetServiceName) {
-                // "tsName=<name>": the name is the second word.
-                std::string name = zel::token(*v, '=', 1);
-                std::free(*field);
-                *field = nullptr;
-                if (!name.empty() && zel::replace_text(*field, name.c_str()) != 0) return ZEL_RC_NO_MEMORY;
-            } else if (is_attr(attr, length, "secType")) {
-                if (zel::replace_text(*field, kind_of_sec_type(*v)) != 0) return ZEL_RC_NO_MEMORY;
-            } else if (zel::replace_text(*field, *v) != 0) {
-                return ZEL_RC_NO_MEMORY;
-            }
-        }
-        return 0;
+        // A field holds one value: the last one given.
+        const struct berval *last = values;
+        while (last[1].bv_val) ++last;
+        // "tsName=<name>": the name is the second word.
+        if (use.fill == Fill::service_name) return replace_with(*use.field, zel::token_view(last->bv_val, '=', 1));
+        return zel::replace_text(*use.field, use.fill == Fill::service_kind ? kind_of_sec_type(last->bv_val)
+                                                                             : last->bv_val);
     });
     if (rc != 0 || record->targetServiceName || zel::first_generation(s) || !record->targetRecordId)
         return rc ? rc : unreadable;
     // The security domain form names the service in the identifier: "T:<service>".
-    std::string service = zel::token(record->targetRecordId, ':', 1);
-    if (!service.empty() && zel::replace_text(record->targetServiceName, service.c_str()) != 0) return ZEL_RC_NO_MEMORY;
+    if (replace_with(record->targetServiceName, zel::token_view(record->targetRecordId, ':', 1)) != 0)
+        return ZEL_RC_NO_MEMORY;
     return unreadable;
+}
+
+// The record filter of one storage form, around its assertion.
+struct RecordFilter {
+    std::string_view head, tail;
+    explicit RecordFilter(int32_t mode)
+        : head(mode == zel::kFirstGenerationMode ? "(&(objectClass=eTargetRecord)(cn=" : "secResCredsID="),
+          tail(mode == zel::kFirstGenerationMode ? "))" : "") {}
+    size_t fixed() const { return head.size() + tail.size(); }
+};
+
+// Why the user's records cannot be searched, or 0: an inactive user's
+// records are still found; the caller decides.
+ZelRC records_unreachable(const zel::UserForm &user) {
+    return user.rc != 0 && user.rc != ZEL_RC_ACCOUNT_INVALID ? user.rc : 0;
+}
+
+// The record search below the user's entry with a filter made: `shown` is
+// what the trace names (null: every record).
+ZelRC search_below_user(ZelSession *s, const zel::UserForm &user, const char *filter, const char *shown, char **attrs,
+                        zel::Message &out) {
+    if (shown == nullptr)
+        zel::trace_line(s, zel::kTraceProgress, "zelmgmt:All target records being retrieved.");
+    else if (zel::tracing(s, zel::kTraceProgress))
+        zel::tracef(s, zel::kTraceProgress, "zelmgmt:Target being looked for: %s\n", shown);
+    if (user.dn.empty()) return ZEL_RC_USER_NOT_FOUND;
+    if (ZelRC rc = zel::search_mapped(s, user.dn.c_str(), LDAP_SCOPE_SUBTREE, filter, attrs, 0, 0, 0, out)) return rc;
+    return user.rc;
 }
 
 ZelRC mask(const char *text, int32_t *length_out, char **buffer_out, int32_t direction) {
@@ -136,15 +220,7 @@ ZelRC mask(const char *text, int32_t *length_out, char **buffer_out, int32_t dir
 namespace zel {
 
 std::string token(std::string_view text, char separator, int index) {
-    size_t p = 0;
-    for (int i = 0;; ++i) {
-        while (p < text.size() && text[p] == separator) ++p;
-        if (p == text.size()) return std::string();
-        size_t end = text.find(separator, p);
-        if (end == std::string_view::npos) end = text.size();
-        if (i == index) return std::string(text.substr(p, end - p));
-        p = end;
-    }
+    return std::string(token_view(text, separator, index));
 }
 
 ZelRC clear_password(ZelSession *s, const struct berval *stored, bool as_stored, char *&out) {
@@ -169,38 +245,51 @@ ZelRC clear_password(ZelSession *s, const struct berval *stored, bool as_stored,
     return rc;
 }
 
+char **record_attributes(int32_t mode) {
+    // What dissect_TR reads of each form.
+    static char *first_generation[] = {const_cast<char *>("cn"), const_cast<char *>("uid"),
+                                       const_cast<char *>("principalName"), const_cast<char *>("targetService"),
+                                       const_cast<char *>("tsType"), const_cast<char *>("description"),
+                                       const_cast<char *>("secretKey"), nullptr};
+    static char *domain[] = {const_cast<char *>("secResCredsID"), const_cast<char *>("secUid"),
+                             const_cast<char *>("secType"), const_cast<char *>("description"),
+                             const_cast<char *>("secAuthnData"), nullptr};
+    return mode == kFirstGenerationMode ? first_generation : domain;
+}
+
 ZelRC search_user_records(ZelSession *s, const UserForm &user, const char *assertion, const char *shown,
-                          int32_t mode, Message &out) {
+                          int32_t mode, Message &out, char **attrs) {
     out.reset();
-    // An inactive user's records are still found; the caller decides.
-    if (user.rc != 0 && user.rc != ZEL_RC_ACCOUNT_INVALID) return user.rc;
+    if (ZelRC rc = records_unreachable(user)) return rc;
     // Measured with the target as the caller gave it: its escaping never
     // refuses a name that fits the filter buffer.
-    const char *form = mode == kFirstGenerationMode ? "(&(objectClass=eTargetRecord)(cn=%s))" : "secResCredsID=%s";
-    // The form's one conversion is "%s": its text and the value's make the length.
-    const char *slot = std::strstr(form, "%s");
-    const size_t fixed = std::strlen(form) - 2, length = fixed + std::strlen(assertion);
-    if (fixed + std::strlen(shown ? shown : assertion) >= kFilterSize || length >= 3 * kFilterSize)
+    const RecordFilter form(mode);
+    const size_t length = form.fixed() + std::strlen(assertion);
+    if ((shown ? form.fixed() + std::strlen(shown) : length) >= kFilterSize || length >= 3 * kFilterSize)
         return ZEL_RC_INVALID_ARGUMENT;
     std::string filter;
     filter.reserve(length);
-    filter.assign(form, static_cast<size_t>(slot - form)).append(assertion).append(slot + 2);
-    if (shown)
-        tracef(s, kTraceProgress, "zelmgmt:Target being looked for: %s\n", shown);
-    else
-        trace_line(s, kTraceProgress, "zelmgmt:All target records being retrieved.");
-    if (user.dn.empty()) return ZEL_RC_USER_NOT_FOUND;
-    if (ZelRC rc = search_mapped(s, user.dn.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), nullptr, 0, 0, 0, out))
-        return rc;
-    return user.rc;
+    filter.append(form.head).append(assertion).append(form.tail);
+    return search_below_user(s, user, filter.c_str(), shown, attrs, out);
 }
 
-ZelRC find_user_records(ZelSession *s, const UserForm &user, const char *target, int32_t mode, Message &out) {
+ZelRC find_user_records(ZelSession *s, const UserForm &user, const char *target, int32_t mode, Message &out,
+                        char **attrs) {
     ZelRC rc = 0;
     RoutineTrace trace(s, "locate_ZEL_TR", rc);
-    if (target == nullptr) return rc = search_user_records(s, user, "*", nullptr, mode, out);
-    std::string assertion = plat::escape_filter_value(target);
-    return rc = search_user_records(s, user, assertion.c_str(), target, mode, out);
+    if (target == nullptr) return rc = search_user_records(s, user, "*", nullptr, mode, out, attrs);
+    out.reset();
+    if ((rc = records_unreachable(user)) != 0) return rc;
+    // The target is escaped straight into the filter.
+    const RecordFilter form(mode);
+    const size_t target_length = std::strlen(target);
+    if (form.fixed() + target_length >= kFilterSize) return rc = ZEL_RC_INVALID_ARGUMENT;
+    std::string filter;
+    filter.reserve(form.fixed() + 3 * target_length);
+    filter.append(form.head);
+    plat::append_filter_value(filter, std::string_view(target, target_length));
+    filter.append(form.tail);
+    return rc = search_below_user(s, user, filter.c_str(), target, attrs, out);
 }
 
 ZelRC search_records(ZelSession *s, const char *assertion, const char *shown, const char *user, int32_t mode,
@@ -216,7 +305,7 @@ ZelRC search_records(ZelSession *s, const char *assertion, const char *shown, co
     return rc = search_user_records(s, form, assertion, shown, mode, out);
 }
 
-ZelRC list_user_records(ZelSession *s, const UserForm &user, int32_t mode, SearchPages &out) {
+ZelRC list_user_records(ZelSession *s, const UserForm &user, int32_t mode, SearchPages &out, char **attrs) {
     ZelRC rc = 0;
     RoutineTrace trace(s, "locate_ZEL_TR", rc);
     out.pages.clear();
@@ -225,7 +314,7 @@ ZelRC list_user_records(ZelSession *s, const UserForm &user, int32_t mode, Searc
     trace_line(s, kTraceProgress, "zelmgmt:All target records being retrieved.");
     if (user.dn.empty()) return rc = ZEL_RC_USER_NOT_FOUND;
     const char *filter = mode == kFirstGenerationMode ? "(&(objectClass=eTargetRecord)(cn=*))" : "secResCredsID=*";
-    int lrc = search_all(s, user.dn.c_str(), LDAP_SCOPE_SUBTREE, filter, nullptr, out);
+    int lrc = search_all(s, user.dn.c_str(), LDAP_SCOPE_SUBTREE, filter, attrs, out);
     if (lrc != LDAP_SUCCESS) {
         out.pages.clear();
         return rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");

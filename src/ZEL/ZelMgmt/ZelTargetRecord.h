@@ -36,15 +36,20 @@ inline int32_t session_mode(const ZelSession *s) { return first_generation(s) ? 
 ZelRC search_records(ZelSession *s, const char *assertion, const char *shown, const char *user, int32_t mode,
                      Message &out);
 
-// The same search for a user already resolved (see UserLookup).
+// The same search for a user already resolved (see UserLookup), asking for
+// `attrs` (null: every attribute).
 ZelRC search_user_records(ZelSession *s, const UserForm &user, const char *assertion, const char *shown,
-                          int32_t mode, Message &out);
+                          int32_t mode, Message &out, char **attrs = nullptr);
 // locate_ZEL_TR for a resolved user: `target` escaped, null for every record.
-ZelRC find_user_records(ZelSession *s, const UserForm &user, const char *target, int32_t mode, Message &out);
+ZelRC find_user_records(ZelSession *s, const UserForm &user, const char *target, int32_t mode, Message &out,
+                        char **attrs = nullptr);
+// The attributes dissect_TR reads from a record of the form `mode`.
+char **record_attributes(int32_t mode);
 // Every record of the user in one form, page by page: search_records for
 // every identifier.
 ZelRC list_records(ZelSession *s, const char *user, int32_t mode, SearchPages &out);
-ZelRC list_user_records(ZelSession *s, const UserForm &user, int32_t mode, SearchPages &out);
+ZelRC list_user_records(ZelSession *s, const UserForm &user, int32_t mode, SearchPages &out,
+                        char **attrs = nullptr);
 
 // locate_ZEL_TR into an owned result.
 ZelRC find_records(ZelSession *s, const char *target, const char *user, int32_t mode, Message &out);
@@ -59,5 +64,17 @@ inline bool clear_secret_key(const ZelSession *s) { return s->dir_kind == ZEL_DI
 // Token `index` (0-based) of text split at runs of `separator`; leading
 // separators are skipped and no token is empty.  "" when there is none.
 std::string token(std::string_view text, char separator, int index);
+// The same token in place, within `text`.
+inline std::string_view token_view(std::string_view text, char separator, int index) {
+    size_t p = 0;
+    for (int i = 0;; ++i) {
+        while (p < text.size() && text[p] == separator) ++p;
+        if (p == text.size()) return std::string_view();
+        size_t end = text.find(separator, p);
+        if (end == std::string_view::npos) end = text.size();
+        if (i == index) return text.substr(p, end - p);
+        p = end;
+    }
+}
 
 }  // namespace zel

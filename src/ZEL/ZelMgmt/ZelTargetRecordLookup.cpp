@@ -19,17 +19,22 @@ using RecordListHolder = zel::Owned<ZelTargetRecordList, Zel_freeTargetRecords>;
 
 // The user's one record for `target`, in the session's form and then, where
 // the Zel database is known, among the first-generation records.  Two
-// records for one target are as good as none.
+// records for one target are as good as none.  `dn_only` asks for the entry
+// without its attributes.
 // The user is resolved once for both forms; a removal asks the directory,
 // never the session's cache.
 ZelRC find_one_record(ZelSession *s, const char *user, const char *target, zel::Message &res, LDAPMessage *&entry,
-                      bool cached = true) {
+                      bool cached = true, bool dn_only = false) {
     entry = nullptr;
+    char *no_attributes[] = {const_cast<char *>(LDAP_NO_ATTRS), nullptr};
+    auto attributes = [&](int32_t mode) { return dn_only ? no_attributes : zel::record_attributes(mode); };
     zel::UserLookup users(s, user, cached);
-    ZelRC rc = zel::find_user_records(s, users.form(zel::session_mode(s)), target, zel::session_mode(s), res);
+    const int32_t mode = zel::session_mode(s);
+    ZelRC rc = zel::find_user_records(s, users.form(mode), target, mode, res, attributes(mode));
     if (!zel::search_made(rc)) return rc;
     if (!zel::first_generation(s) && s->database_dn && zel::entry_count(s->ld, res.get()) == 0) {
-        rc = zel::find_user_records(s, users.form(zel::kFirstGenerationMode), target, zel::kFirstGenerationMode, res);
+        rc = zel::find_user_records(s, users.form(zel::kFirstGenerationMode), target, zel::kFirstGenerationMode, res,
+                                    attributes(zel::kFirstGenerationMode));
         if (rc != 0 && rc != ZEL_RC_ACCOUNT_INVALID) return rc;
     }
     if (zel::entry_count(s->ld, res.get()) != 1) return ZEL_RC_TR_NOT_FOUND;
@@ -56,7 +61,7 @@ ZelRC get_target_record(ZelSession *s, const char *user, const char *target, Zel
 // Every record of one form, or none: a user who is not (yet) a Zel user in
 // that form has no records there.
 ZelRC every_record(ZelSession *s, zel::UserLookup &users, int32_t mode, zel::SearchPages &res) {
-    ZelRC rc = zel::list_user_records(s, users.form(mode), mode, res);
+    ZelRC rc = zel::list_user_records(s, users.form(mode), mode, res, zel::record_attributes(mode));
     return zel::search_made(rc) ? 0 : rc;
 }
 
@@ -104,7 +109,7 @@ ZelRC remove_target_record(ZelSession *s, const char *user, const char *target) 
 
     zel::Message res;
     LDAPMessage *entry = nullptr;
-    if ((rc = find_one_record(s, user, target, res, entry, false)) != 0) return rc;
+    if ((rc = find_one_record(s, user, target, res, entry, false, true)) != 0) return rc;
     zel::LdapText dn(ldap_get_dn(s->ld, entry));
     if (!dn) return rc = ZEL_RC_TR_NOT_FOUND;
     int lrc = plat::ldap_delete_ext_s(s->ld, dn.get(), nullptr, nullptr);
