@@ -40,11 +40,16 @@ fi
 
 # Per-call time against directory size, and how it grows from the smallest size.
 awk -F, -v first="${sizes[0]}" -v last="${sizes[${#sizes[@]}-1]}" -v busy="$busy" '
-  NR > 1 && $8 != "" { t[$1 "," $2] = $3; ops[$2] = 1 }
+  NR > 1 && $8 != "" { t[$1 "," $2] = $3; if ($5 != "") r[$1 "," $2] = $4; ops[$2] = 1 }
   END { if (first == last) exit
-        printf "\nper-call time %s -> %s users (target <= 1.2x):\n", first, last
-        for (op in ops) printf "  %-18s %.2fx %s\n", op, t[last "," op] / t[first "," op],
-                               (busy ? "busy" : t[last "," op] / t[first "," op] <= 1.2 ? "ok" : "MISSED") }' "$csv"
+        # The raw side of the same searches grew by what the machine and the
+        # server did meanwhile: beside the library its growth tells the two apart.
+        printf "\nper-call time %s -> %s users (target <= 1.2x; raw beside):\n", first, last
+        for (op in ops) {
+          g = t[last "," op] / t[first "," op]
+          raw = r[first "," op] > 0 ? sprintf("(raw %.2fx)", r[last "," op] / r[first "," op]) : ""
+          printf "  %-26s %.2fx %-12s %s\n", op, g, raw, (busy ? "busy" : g <= 1.2 ? "ok" : "MISSED")
+        } }' "$csv"
 
 if command -v gnuplot >/dev/null; then
   gnuplot <<PLOT
