@@ -70,6 +70,10 @@ int classic_result(int rc);
 int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
                       int attrsonly, LDAPControl **serverctrls, LDAPControl **clientctrls,
                       struct timeval *timeout, int sizelimit, LDAPMessage **res);
+// The same with no controls and no time limit of its own (the handle's
+// request time-out still bounds it): the library's own searches.
+int ldap_search_plain(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+                      int sizelimit, LDAPMessage **res);
 int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
                    LDAPControl **clientctrls);
 int ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,

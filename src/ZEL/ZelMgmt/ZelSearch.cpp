@@ -23,24 +23,32 @@ constexpr int kListRestarts = 3;  // a list that meets more moves than this fail
 unsigned moves_of(const ZelSession *s) { return s->failover ? s->failover->moves() : 0; }
 }  // namespace
 
-int search(ZelSession *s, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
-           int size_limit, Message &out) {
+namespace {
+
+// search() itself, for search_mapped() too.
+[[gnu::always_inline]] inline int search_into(ZelSession *s, const char *base, int scope, const char *filter,
+                                              char **attrs, int attrsonly, int size_limit, Message &out) {
     out.reset();
     // The server answers a missing filter with a protocol error and drops
     // the connection: the session must outlive a bad request, so it is
     // refused here as the client refuses a malformed filter.
     if (filter == nullptr || *filter == '\0') return kFilterError;
-    struct timeval tv = no_time_limit();
     LDAPMessage *raw = nullptr;
-    int lrc = plat::ldap_search_ext_s(s->ld, base, scope, filter, attrs, attrsonly, nullptr, nullptr, &tv,
-                                      size_limit, &raw);
+    int lrc = plat::ldap_search_plain(s->ld, base, scope, filter, attrs, attrsonly, size_limit, &raw);
     out.reset(raw);
     return lrc;
 }
 
+}  // namespace
+
+int search(ZelSession *s, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+           int size_limit, Message &out) {
+    return search_into(s, base, scope, filter, attrs, attrsonly, size_limit, out);
+}
+
 ZelRC search_mapped(ZelSession *s, const char *base, int scope, const char *filter, char **attrs,
                     int attrsonly, int size_limit, ZelRC default_code, Message &out) {
-    int lrc = search(s, base, scope, filter, attrs, attrsonly, size_limit, out);
+    int lrc = search_into(s, base, scope, filter, attrs, attrsonly, size_limit, out);
     if (lrc == LDAP_SUCCESS) return 0;
     out.reset();
     return check_LDAP_rc(s, static_cast<uint32_t>(lrc), default_code, "ldap_search_ext_s()");
