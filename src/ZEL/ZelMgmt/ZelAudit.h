@@ -39,10 +39,17 @@ enum class Form {
 // group of a G: record) and its storage form.  The last report before the
 // read returns is the one written.  Does nothing when the session has no
 // trail or no audited read is running; never fails, never throws.
-void note_answer(ZelSession *s, const char *record_id, Form form) noexcept;
+// Without a trail the call costs a pointer test.
+void keep_answer(ZelSession *s, const char *record_id, Form form) noexcept;
+inline void note_answer(ZelSession *s, const char *record_id, Form form) noexcept {
+    if (s != nullptr && s->audit != nullptr) keep_answer(s, record_id, form);
+}
 // The same, read off the answering entry: its first RDN gives the identifier
 // and, by its attribute type, the form.
-void note_answer(ZelSession *s, LDAPMessage *entry) noexcept;
+void keep_answer(ZelSession *s, LDAPMessage *entry) noexcept;
+inline void note_answer(ZelSession *s, LDAPMessage *entry) noexcept {
+    if (s != nullptr && s->audit != nullptr) keep_answer(s, entry);
+}
 
 // ---- For the session -----------------------------------------------------
 

@@ -3,16 +3,11 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "ZelSession.h"
 #include "ZelTrace.h"
 
 namespace zel {
-
-bool valid_handle(const ZelSession *s) {
-    return s != nullptr && std::memcmp(s->tag, "ZEL", 4) == 0;
-}
 
 void print_trace(const char *fmt, ...) {
     va_list ap;
