@@ -91,6 +91,7 @@ public:
         // The deadline counts from now; the handle's time-outs are read only
         // when a reconnect needs them.
         sent_ = std::chrono::steady_clock::now();
+        timed_ = resent_ = false;
         if (recovery_->passes(ld_, kind_)) return use_ = ld_;
         return prepared(rc);
     }
@@ -98,7 +99,7 @@ public:
     // or null when `rc` (which a refusal may replace) is the answer.  A
     // search's earlier result (`*drop`, when given) is freed before a resend.
     LDAP *next(int &rc, LDAPMessage **drop = nullptr) {
-        if (recovery_ == nullptr || resent_ || !lost_connection(rc)) return nullptr;
+        if (!lost_connection(rc) || recovery_ == nullptr) return nullptr;
         return recovered(rc, drop);
     }
 
@@ -106,14 +107,16 @@ private:
     LDAP *prepared(int &rc);
     LDAP *recovered(int &rc, LDAPMessage **drop);
 
+    // Only ld_, kind_ and recovery_ count without a recovery; the rest is
+    // set by first() when there is one.
     LDAP *ld_;
     Request kind_;
+    bool timed_;    // deadline_ is worked out: only the recovery needs it
+    bool resent_;
     Recovery *recovery_ = nullptr;
-    LDAP *use_ = nullptr;   // where the first attempt went, once it went
-    std::chrono::steady_clock::time_point sent_{};
-    Deadline deadline_{};
-    bool timed_ = false;    // deadline_ is worked out: only the recovery needs it
-    bool resent_ = false;
+    LDAP *use_;     // where the first attempt went
+    std::chrono::steady_clock::time_point sent_;
+    Deadline deadline_;
     std::optional<KeptTimeouts> kept_;   // the resend's handle, put back as it was
 };
 

@@ -53,6 +53,7 @@ LDAP *Attempts::prepared(int &rc) {
 }
 
 LDAP *Attempts::recovered(int &rc, LDAPMessage **drop) {
+    if (resent_) return nullptr;
     resent_ = true;   // whatever happens now, the request goes out at most once more
     // A request that went out on the handle as it was has no deadline yet.
     if (!timed_) deadline_ = request_deadline(ld_, sent_);
