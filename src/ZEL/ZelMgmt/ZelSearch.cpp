@@ -3,6 +3,7 @@
 // page by page where the server caps unpaged answers.
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "ZelFailover.h"
 #include "platform/filter_format.h"
@@ -141,13 +142,18 @@ bool format_filter(std::string &out, const char *fmt, const char *value) {
     // Measured with the value as given: what its escaping adds never makes a
     // name that fits the filter buffer behave differently from a short one.
     // With "%s" the only conversion, that is the format's text and the value.
-    const char *slot = std::strstr(fmt, "%s");
-    if (slot != nullptr && std::strchr(fmt, '%') == slot && std::strchr(slot + 2, '%') == nullptr) {
-        if (std::strlen(fmt) - 2 + std::strlen(value) >= kFilterSize) return false;
-    } else {
-        std::string measured;
-        if (!format_text(measured, kFilterSize, fmt, value)) return false;
+    const char *slot = std::strchr(fmt, '%');
+    if (slot != nullptr && slot[1] == 's' && std::strchr(slot + 2, '%') == nullptr) {
+        const size_t head = static_cast<size_t>(slot - fmt), tail = std::strlen(slot + 2), given = std::strlen(value);
+        if (head + tail + given >= kFilterSize) return false;
+        out.assign(fmt, head);
+        plat::append_filter_value(out, std::string_view(value, given));
+        out.append(slot + 2, tail);
+        return true;
     }
+    std::string measured;
+    if (!format_text(measured, kFilterSize, fmt, value)) return false;
+    slot = std::strstr(fmt, "%s");
     out.assign(fmt, static_cast<size_t>(slot - fmt));
     plat::append_filter_value(out, value);
     out += slot + 2;
