@@ -21,6 +21,8 @@
 // pointer test.
 #pragma once
 
+#include <optional>
+
 #include "ZelSession.h"
 #include "ZelStatus.h"
 
@@ -109,11 +111,12 @@ ZelRC write(ZelSession *s, const char *op, const Subject &subject, Body &&body) 
 // the body handed out and the read fails.
 template <class Body, class Withdraw>
 ZelRC read(ZelSession *s, const char *op, const Subject &subject, Body &&body, Withdraw &&withdraw) {
-    if (s->audit == nullptr) return guarded(body);
-    Call call(s, op, subject);
+    // One guarded body for both cases, so that it is inlined here once.
+    std::optional<Call> call;
+    if (s->audit != nullptr) call.emplace(s, op, subject);
     ZelRC rc = guarded(body);
-    if (!call.audited()) return rc;
-    if (ZelRC refused = call.result(rc)) {
+    if (!call || !call->audited()) return rc;
+    if (ZelRC refused = call->result(rc)) {
         if (rc == 0) withdraw();
         return refused;
     }
