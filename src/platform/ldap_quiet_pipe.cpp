@@ -27,9 +27,15 @@ int keep_socket(Sockbuf_IO_Desc *sbiod, void *arg) {
     return 0;
 }
 
+// The buffer's socket, asked for: -1 when it has none.
+[[gnu::noinline]] ber_socket_t socket_of(Sockbuf *sb) {
+    ber_socket_t fd = -1;
+    return ::ber_sockbuf_ctrl(sb, LBER_SB_OPT_GET_FD, &fd) == 1 ? fd : -1;
+}
+
 ber_slen_t send_quietly(Sockbuf_IO_Desc *sbiod, void *buf, ber_len_t len) {
     ber_socket_t fd = static_cast<ber_socket_t>(reinterpret_cast<intptr_t>(sbiod->sbiod_pvt) - 1);
-    if (fd < 0 && (::ber_sockbuf_ctrl(sbiod->sbiod_sb, LBER_SB_OPT_GET_FD, &fd) != 1 || fd < 0)) return -1;
+    if (fd < 0 && (fd = socket_of(sbiod->sbiod_sb)) < 0) return -1;
     return ::send(fd, buf, len, MSG_NOSIGNAL);
 }
 
@@ -44,9 +50,7 @@ constexpr int kQuietLevel = (LBER_SBIOD_LEVEL_PROVIDER + LBER_SBIOD_LEVEL_TRANSP
 int on_connect(LDAP *, Sockbuf *sb, LDAPURLDesc *, struct sockaddr *, struct ldap_conncb *) {
     // The socket is in place by now: the layer keeps it rather than ask the
     // buffer for it at every send.
-    ber_socket_t fd = -1;
-    if (::ber_sockbuf_ctrl(sb, LBER_SB_OPT_GET_FD, &fd) != 1) fd = -1;
-    return ::ber_sockbuf_add_io(sb, &quiet_io, kQuietLevel, kept_socket(fd)) == 0 ? 0 : -1;
+    return ::ber_sockbuf_add_io(sb, &quiet_io, kQuietLevel, kept_socket(socket_of(sb))) == 0 ? 0 : -1;
 }
 
 void on_close(LDAP *, Sockbuf *, struct ldap_conncb *) {}
