@@ -29,12 +29,14 @@ namespace {
 // search() itself, for search_mapped() too.
 [[gnu::always_inline]] inline int search_into(ZelSession *s, const char *base, int scope, const char *filter,
                                               char **attrs, int attrsonly, int size_limit, Message &out) {
-    out.reset();
     // The server answers a missing filter with a protocol error and drops
     // the connection: the session must outlive a bad request, so it is
     // refused here as the client refuses a malformed filter.
-    if (filter == nullptr || *filter == '\0') return kFilterError;
-    LDAPMessage *raw = nullptr;
+    if (filter == nullptr || *filter == '\0') {
+        out.reset();
+        return kFilterError;
+    }
+    LDAPMessage *raw = nullptr;   // `out` keeps its earlier result until this one comes
     int lrc = plat::ldap_search_plain(s->ld, base, scope, filter, attrs, attrsonly, size_limit, &raw);
     out.reset(raw);
     return lrc;
