@@ -186,9 +186,16 @@ public:
     // True when prepare() would hand back `ld` as it is: the request then
     // goes out without its deadline worked out, which only a reconnect needs.
     virtual bool passes(LDAP *ld, Request kind) const = 0;
+    // The same, first against the handle the recovery last found healthy.
+    bool passes_now(LDAP *ld, Request kind) const {
+        return (ld == steady_ && kind != Request::Write) || passes(ld, kind);
+    }
 
 protected:
     ~Recovery() = default;
+    // A handle on which passes() holds for reads and binds, or null: the
+    // recovery clears it before anything makes that untrue.
+    LDAP *steady_ = nullptr;
 };
 
 // A handle's request (or connect) time-out; nullopt when it has none.

@@ -92,7 +92,7 @@ public:
         // when a reconnect needs them.
         sent_ = std::chrono::steady_clock::now();
         timed_ = resent_ = false;
-        if (recovery_->passes(ld_, kind_)) return use_ = ld_;
+        if (recovery_->passes_now(ld_, kind_)) return use_ = ld_;
         return prepared(rc);
     }
     // After an attempt that answered `rc`: the handle to send on once more,
