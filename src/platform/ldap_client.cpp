@@ -142,6 +142,31 @@ std::string connection_uri(LDAP *ld) {
     return uri.text;
 }
 
+namespace {
+
+// One search on its attempts (see Attempts).
+[[gnu::always_inline]] inline int search_on(LDAP *ld, const char *base, int scope, const char *filter,
+                                            char **attrs, int attrsonly, LDAPControl **serverctrls,
+                                            LDAPControl **clientctrls, struct timeval *timeout, int sizelimit,
+                                            LDAPMessage **res) {
+    Attempts attempts(ld, Request::Read);
+    int rc = 0;
+    for (LDAP *handle = attempts.first(rc); handle != nullptr; handle = attempts.next(rc, res)) {
+        rc = classic_result(::ldap_search_ext_s(handle, base, scope, filter, attrs, attrsonly, serverctrls,
+                                                clientctrls, timeout, sizelimit, res));
+        // The library asks for a size limit of 2 to tell one match from several
+        // and counts what arrived; a search cut at that limit is not a failure.
+        // One cut shorter by the server's own limit stays a failure: two matches
+        // arriving as one must not read as a unique match.
+        if (rc == LDAP_SIZELIMIT_EXCEEDED && sizelimit > 0 && res != nullptr && *res != nullptr &&
+            ldap_count_entries(handle, *res) == sizelimit)
+            rc = LDAP_SUCCESS;
+    }
+    return rc;
+}
+
+}  // namespace
+
 // A null handle is refused here: OpenLDAP asserts on it or dereferences it.
 
 int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
@@ -150,24 +175,13 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
     if (ld == nullptr) return kParamError;
     // A zero time-out means "no limit"; OpenLDAP would refuse it.
     if (timeout != nullptr && timeout->tv_sec == 0 && timeout->tv_usec == 0) timeout = nullptr;
-    auto once = [&](LDAP *handle) {
-        int rc = classic_result(::ldap_search_ext_s(handle, base, scope, filter, attrs, attrsonly, serverctrls,
-                                                    clientctrls, timeout, sizelimit, res));
-        // The library asks for a size limit of 2 to tell one match from several
-        // and counts what arrived; a search cut at that limit is not a failure.
-        // One cut shorter by the server's own limit stays a failure: two matches
-        // arriving as one must not read as a unique match.
-        if (rc == LDAP_SIZELIMIT_EXCEEDED && sizelimit > 0 && res != nullptr && *res != nullptr &&
-            ldap_count_entries(handle, *res) == sizelimit)
-            rc = LDAP_SUCCESS;
-        return rc;
-    };
-    return with_recovery(ld, Request::Read, once, [&] {
-        if (res != nullptr && *res != nullptr) {
-            ::ldap_msgfree(*res);
-            *res = nullptr;
-        }
-    });
+    return search_on(ld, base, scope, filter, attrs, attrsonly, serverctrls, clientctrls, timeout, sizelimit, res);
+}
+
+int ldap_search_plain(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+                      int sizelimit, LDAPMessage **res) {
+    if (ld == nullptr) return kParamError;
+    return search_on(ld, base, scope, filter, attrs, attrsonly, nullptr, nullptr, nullptr, sizelimit, res);
 }
 
 int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,

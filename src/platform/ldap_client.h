@@ -70,6 +70,10 @@ int classic_result(int rc);
 int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
                       int attrsonly, LDAPControl **serverctrls, LDAPControl **clientctrls,
                       struct timeval *timeout, int sizelimit, LDAPMessage **res);
+// The same with no controls and no time limit of its own (the handle's
+// request time-out still bounds it): the library's own searches.
+int ldap_search_plain(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+                      int sizelimit, LDAPMessage **res);
 int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
                    LDAPControl **clientctrls);
 int ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
@@ -182,9 +186,16 @@ public:
     // True when prepare() would hand back `ld` as it is: the request then
     // goes out without its deadline worked out, which only a reconnect needs.
     virtual bool passes(LDAP *ld, Request kind) const = 0;
+    // The same, first against the handle the recovery last found healthy.
+    bool passes_now(LDAP *ld, Request kind) const {
+        return (ld == steady_ && kind != Request::Write) || passes(ld, kind);
+    }
 
 protected:
     ~Recovery() = default;
+    // A handle on which passes() holds for reads and binds, or null: the
+    // recovery clears it before anything makes that untrue.
+    LDAP *steady_ = nullptr;
 };
 
 // A handle's request (or connect) time-out; nullopt when it has none.

@@ -4,7 +4,10 @@
 
 #include "platform/ldap_client.h"
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
+#include <optional>
 
 namespace zel::platform {
 
@@ -36,49 +39,103 @@ struct UrlDesc {
     }
 };
 
-// The recovery attached to a handle, or null.
-Recovery *recovery_of(LDAP *ld);
+// What the calling thread last found attached to a handle: good while the
+// registry's generation is still the one it was found under.  Every
+// request asks, so the answer it asked for last is kept at hand.
+struct RecoveryHint {
+    LDAP *ld;
+    Recovery *recovery;
+    uint64_t generation;
+};
+extern __thread RecoveryHint t_recovery_hint;
+extern std::atomic<uint64_t> recovery_generation;   // counts attaches and detaches
+// The registry's answer for `ld`, kept as the thread's hint.
+Recovery *look_up_recovery(LDAP *ld);
 
-// Runs call(handle) on the handle the recovery chooses and, when it failed
-// on the client side, lets the recovery connect again; a read is sent once
-// more on the new handle, within what is left of the call's deadline.
-// `before_resend` drops what the failed attempt left.
-template <class Call, class Drop>
-int with_recovery(LDAP *ld, Request kind, Call &&call, Drop &&before_resend) {
-    Recovery *recovery = recovery_of(ld);
-    if (recovery == nullptr) return call(ld);
-    // The deadline counts from now; the handle's time-outs are read only
-    // when a reconnect needs them.
-    const auto sent = std::chrono::steady_clock::now();
-    LDAP *use = ld;
-    Deadline deadline = Deadline::max();
-    int refusal = kServerDown;
-    const bool passes = recovery->passes(ld, kind);
-    if (!passes) {
-        deadline = request_deadline(ld, sent);
-        if ((use = recovery->prepare(ld, kind, deadline, refusal)) == nullptr) return refusal;
-    }
-    int rc = call(use);
-    if (!connection_lost(rc)) return rc;
-    if (passes) deadline = request_deadline(ld, sent);
-    refusal = 0;
-    LDAP *fresh = recovery->recover(use, rc, deadline, refusal);   // `use` may be gone from here on
-    if (refusal != 0) return refusal;
-    if (fresh == nullptr || kind != Request::Read) return rc;
-    before_resend();
-    KeptTimeouts kept(fresh);
-    if (!limit_to_deadline(fresh, deadline)) return rc;
-    return call(fresh);
+// The recovery attached to a handle, or null.
+inline Recovery *recovery_of(LDAP *ld) {
+    const RecoveryHint &hint = t_recovery_hint;
+    if (hint.ld == ld && hint.generation == recovery_generation.load(std::memory_order_acquire))
+        return hint.recovery;
+    return look_up_recovery(ld);
 }
 
+inline bool lost_connection(int classic_rc) {
+    // Classic numbers: OpenLDAP's own names for these stand for negative codes.
+    return classic_rc == kServerDown || classic_rc == kTimeout || classic_rc == kConnectError;
+}
+
+// The attempts of one request on a handle that may have a recovery
+// attached: the handle the recovery chooses and, when the request failed on
+// the client side, the new handle the recovery connected (a read is sent
+// once more there, within what is left of the request's deadline).
+//
+//   Attempts attempts(ld, Request::Read);
+//   int rc = 0;
+//   for (LDAP *h = attempts.first(rc); h != nullptr; h = attempts.next(rc, res))
+//       rc = send(h);
+//
+// No closure holds the request: the arguments stay where the caller has
+// them, and a healthy handle costs a lookup, a clock read and one check.
+class Attempts {
+public:
+    Attempts(LDAP *ld, Request kind) : ld_(ld), kind_(kind) {}
+    Attempts(const Attempts &) = delete;
+    Attempts &operator=(const Attempts &) = delete;
+
+    // The handle to send on first, or null when the recovery refuses the
+    // request (`rc` then holds the classic result it answers).
+    LDAP *first(int &rc) {
+        recovery_ = recovery_of(ld_);
+        if (recovery_ == nullptr) return ld_;
+        // The deadline counts from now; the handle's time-outs are read only
+        // when a reconnect needs them.
+        sent_ = std::chrono::steady_clock::now();
+        timed_ = resent_ = false;
+        if (recovery_->passes_now(ld_, kind_)) return use_ = ld_;
+        return prepared(rc);
+    }
+    // After an attempt that answered `rc`: the handle to send on once more,
+    // or null when `rc` (which a refusal may replace) is the answer.  A
+    // search's earlier result (`*drop`, when given) is freed before a resend.
+    LDAP *next(int &rc, LDAPMessage **drop = nullptr) {
+        if (!lost_connection(rc) || recovery_ == nullptr) return nullptr;
+        return recovered(rc, drop);
+    }
+
+private:
+    LDAP *prepared(int &rc);
+    LDAP *recovered(int &rc, LDAPMessage **drop);
+
+    // Only ld_, kind_ and recovery_ count without a recovery; the rest is
+    // set by first() when there is one.
+    LDAP *ld_;
+    Request kind_;
+    bool timed_;    // deadline_ is worked out: only the recovery needs it
+    bool resent_;
+    Recovery *recovery_ = nullptr;
+    LDAP *use_;     // where the first attempt went
+    std::chrono::steady_clock::time_point sent_;
+    Deadline deadline_;
+    std::optional<KeptTimeouts> kept_;   // the resend's handle, put back as it was
+};
+
+// Runs call(handle) as Attempts describes: a write or a bind is never sent
+// twice.
 template <class Call>
 int write_with_recovery(LDAP *ld, Call &&call) {
-    return with_recovery(ld, Request::Write, call, [] {});
+    Attempts attempts(ld, Request::Write);
+    int rc = 0;
+    for (LDAP *handle = attempts.first(rc); handle != nullptr; handle = attempts.next(rc)) rc = call(handle);
+    return rc;
 }
 
 template <class Call>
 int bind_with_recovery(LDAP *ld, Call &&call) {
-    return with_recovery(ld, Request::Bind, call, [] {});
+    Attempts attempts(ld, Request::Bind);
+    int rc = 0;
+    for (LDAP *handle = attempts.first(rc); handle != nullptr; handle = attempts.next(rc)) rc = call(handle);
+    return rc;
 }
 
 }  // namespace zel::platform

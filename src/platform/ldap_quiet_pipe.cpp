@@ -6,6 +6,8 @@
 // failed write then comes back as a lost connection, which failover handles.
 #include "platform/ldap_client_internal.h"
 
+#include <cstdint>
+
 #include <sys/socket.h>
 
 namespace zel::platform {
@@ -16,22 +18,39 @@ ber_slen_t read_below(Sockbuf_IO_Desc *sbiod, void *buf, ber_len_t len) {
     return LBER_SBIOD_READ_NEXT(sbiod, buf, len);
 }
 
-ber_slen_t send_quietly(Sockbuf_IO_Desc *sbiod, void *buf, ber_len_t len) {
+// The layer keeps its connection's socket, as found when it was set up,
+// in its private word (the descriptor plus one: zero when it was unknown).
+void *kept_socket(ber_socket_t fd) { return reinterpret_cast<void *>(static_cast<intptr_t>(fd) + 1); }
+
+int keep_socket(Sockbuf_IO_Desc *sbiod, void *arg) {
+    sbiod->sbiod_pvt = arg;
+    return 0;
+}
+
+// The buffer's socket, asked for: -1 when it has none.
+[[gnu::noinline]] ber_socket_t socket_of(Sockbuf *sb) {
     ber_socket_t fd = -1;
-    if (::ber_sockbuf_ctrl(sbiod->sbiod_sb, LBER_SB_OPT_GET_FD, &fd) != 1 || fd < 0) return -1;
+    return ::ber_sockbuf_ctrl(sb, LBER_SB_OPT_GET_FD, &fd) == 1 ? fd : -1;
+}
+
+ber_slen_t send_quietly(Sockbuf_IO_Desc *sbiod, void *buf, ber_len_t len) {
+    ber_socket_t fd = static_cast<ber_socket_t>(reinterpret_cast<intptr_t>(sbiod->sbiod_pvt) - 1);
+    if (fd < 0 && (fd = socket_of(sbiod->sbiod_sb)) < 0) return -1;
     return ::send(fd, buf, len, MSG_NOSIGNAL);
 }
 
 int ctrl_below(Sockbuf_IO_Desc *sbiod, int opt, void *arg) { return LBER_SBIOD_CTRL_NEXT(sbiod, opt, arg); }
 
-Sockbuf_IO quiet_io = {nullptr, nullptr, ctrl_below, read_below, send_quietly, nullptr};
+Sockbuf_IO quiet_io = {keep_socket, nullptr, ctrl_below, read_below, send_quietly, nullptr};
 
 // Between the socket (level 10) and TLS (level 20): TLS records pass through
 // it too, and it sorts there whenever libldap adds its own layers.
 constexpr int kQuietLevel = (LBER_SBIOD_LEVEL_PROVIDER + LBER_SBIOD_LEVEL_TRANSPORT) / 2;
 
 int on_connect(LDAP *, Sockbuf *sb, LDAPURLDesc *, struct sockaddr *, struct ldap_conncb *) {
-    return ::ber_sockbuf_add_io(sb, &quiet_io, kQuietLevel, nullptr) == 0 ? 0 : -1;
+    // The socket is in place by now: the layer keeps it rather than ask the
+    // buffer for it at every send.
+    return ::ber_sockbuf_add_io(sb, &quiet_io, kQuietLevel, kept_socket(socket_of(sb))) == 0 ? 0 : -1;
 }
 
 void on_close(LDAP *, Sockbuf *, struct ldap_conncb *) {}

@@ -207,7 +207,7 @@ void detach(ZelSession *s) noexcept {
     s->audit = nullptr;
 }
 
-void note_answer(ZelSession *s, const char *record_id, Form form) noexcept {
+void keep_answer(ZelSession *s, const char *record_id, Form form) noexcept {
     if (s == nullptr || s->audit == nullptr || s->audit->depth == 0 || record_id == nullptr) return;
     try {
         s->audit->answer = record_id;
@@ -217,7 +217,7 @@ void note_answer(ZelSession *s, const char *record_id, Form form) noexcept {
     }
 }
 
-void note_answer(ZelSession *s, LDAPMessage *entry) noexcept {
+void keep_answer(ZelSession *s, LDAPMessage *entry) noexcept {
     if (s == nullptr || s->audit == nullptr || s->audit->depth == 0 || entry == nullptr) return;
     LdapText dn(ldap_get_dn(s->ld, entry));
     LDAPDN parsed = nullptr;
@@ -228,7 +228,7 @@ void note_answer(ZelSession *s, LDAPMessage *entry) noexcept {
         std::string type(ava->la_attr.bv_val, ava->la_attr.bv_len);
         try {
             std::string id(ava->la_value.bv_val, ava->la_value.bv_len);
-            note_answer(s, id.c_str(), same_text(type.c_str(), "cn") ? Form::FirstGeneration : Form::Domain);
+            keep_answer(s, id.c_str(), same_text(type.c_str(), "cn") ? Form::FirstGeneration : Form::Domain);
         } catch (...) {
         }
     }

@@ -21,6 +21,8 @@
 // pointer test.
 #pragma once
 
+#include <optional>
+
 #include "ZelSession.h"
 #include "ZelStatus.h"
 
@@ -39,10 +41,17 @@ enum class Form {
 // group of a G: record) and its storage form.  The last report before the
 // read returns is the one written.  Does nothing when the session has no
 // trail or no audited read is running; never fails, never throws.
-void note_answer(ZelSession *s, const char *record_id, Form form) noexcept;
+// Without a trail the call costs a pointer test.
+void keep_answer(ZelSession *s, const char *record_id, Form form) noexcept;
+inline void note_answer(ZelSession *s, const char *record_id, Form form) noexcept {
+    if (s != nullptr && s->audit != nullptr) keep_answer(s, record_id, form);
+}
 // The same, read off the answering entry: its first RDN gives the identifier
 // and, by its attribute type, the form.
-void note_answer(ZelSession *s, LDAPMessage *entry) noexcept;
+void keep_answer(ZelSession *s, LDAPMessage *entry) noexcept;
+inline void note_answer(ZelSession *s, LDAPMessage *entry) noexcept {
+    if (s != nullptr && s->audit != nullptr) keep_answer(s, entry);
+}
 
 // ---- For the session -----------------------------------------------------
 
@@ -102,11 +111,12 @@ ZelRC write(ZelSession *s, const char *op, const Subject &subject, Body &&body) 
 // the body handed out and the read fails.
 template <class Body, class Withdraw>
 ZelRC read(ZelSession *s, const char *op, const Subject &subject, Body &&body, Withdraw &&withdraw) {
-    if (s->audit == nullptr) return guarded(body);
-    Call call(s, op, subject);
+    // One guarded body for both cases, so that it is inlined here once.
+    std::optional<Call> call;
+    if (s->audit != nullptr) call.emplace(s, op, subject);
     ZelRC rc = guarded(body);
-    if (!call.audited()) return rc;
-    if (ZelRC refused = call.result(rc)) {
+    if (!call || !call->audited()) return rc;
+    if (ZelRC refused = call->result(rc)) {
         if (rc == 0) withdraw();
         return refused;
     }

@@ -172,6 +172,7 @@ void Failover::bound(const char *bind_dn, const char *password, bool gssapi) {
     int version = LDAP_VERSION3;
     if (ldap_get_option(s_->ld, LDAP_OPT_PROTOCOL_VERSION, &version) == LDAP_OPT_SUCCESS) protocol_version_ = version;
     armed_ = true;
+    settle();
 }
 
 LDAP *Failover::reach(size_t i, Deadline deadline, int &refusal) {
@@ -247,6 +248,7 @@ void Failover::switch_to(LDAP *fresh, size_t i, bool reset) {
     s_->ld = fresh;
     current_ = i;
     disconnected_ = false;
+    settle();
     ++moves_;
     if (old != nullptr) reset ? platform::ldap_drop(old) : platform::ldap_unbind(old);
 }
@@ -263,8 +265,11 @@ void Failover::stand_down(LDAP *failed) {
     platform::ldap_drop(failed);
     s_->ld = stand_in;
     disconnected_ = true;
+    settle();
     ++moves_;
 }
+
+void Failover::settle() { steady_ = armed_ && !refused_ && !disconnected_ ? s_->ld : nullptr; }
 
 bool Failover::passes(LDAP *ld, platform::Request kind) const {
     if (!armed_ || ld != s_->ld) return true;
@@ -286,6 +291,7 @@ LDAP *Failover::prepare(LDAP *ld, platform::Request kind, Deadline deadline, int
             return fresh;
         }
         if (refused != 0) refused_ = true;
+        settle();
         refusal = refused != 0 ? refused : platform::classic_result(LDAP_SERVER_DOWN);
         return nullptr;
     }
@@ -300,6 +306,7 @@ LDAP *Failover::prepare(LDAP *ld, platform::Request kind, Deadline deadline, int
     if (fresh == nullptr) {
         if (refused != 0) {
             refused_ = true;
+            settle();
             refusal = refused;
             return nullptr;
         }
@@ -333,6 +340,7 @@ LDAP *Failover::recover(LDAP *failed_ld, int classic_rc, Deadline deadline, int 
     stand_down(failed_ld);
     if (refused != 0) {
         refused_ = true;
+        settle();
         refusal = refused;
     }
     tracef(s_, kTraceProgress, "zelmgmt:Request to %s failed with rc=%d; no server could be reached\n", left.c_str(),

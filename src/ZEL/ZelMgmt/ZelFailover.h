@@ -76,6 +76,10 @@ private:
     // After the failures that leave no server: s->ld becomes an unconnected
     // handle, and the next request connects first.
     void stand_down(LDAP *failed);
+    // Keeps the handle that passes (see platform::Recovery) in step with the
+    // state: called after every change of armed_, refused_, disconnected_ or
+    // the session's handle.
+    void settle();
     std::string key(size_t i) const;
 
     ZelSession *s_;

@@ -3,6 +3,7 @@
 // page by page where the server caps unpaged answers.
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "ZelFailover.h"
 #include "platform/filter_format.h"
@@ -23,24 +24,34 @@ constexpr int kListRestarts = 3;  // a list that meets more moves than this fail
 unsigned moves_of(const ZelSession *s) { return s->failover ? s->failover->moves() : 0; }
 }  // namespace
 
-int search(ZelSession *s, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
-           int size_limit, Message &out) {
-    out.reset();
+namespace {
+
+// search() itself, for search_mapped() too.
+[[gnu::always_inline]] inline int search_into(ZelSession *s, const char *base, int scope, const char *filter,
+                                              char **attrs, int attrsonly, int size_limit, Message &out) {
     // The server answers a missing filter with a protocol error and drops
     // the connection: the session must outlive a bad request, so it is
     // refused here as the client refuses a malformed filter.
-    if (filter == nullptr || *filter == '\0') return kFilterError;
-    struct timeval tv = no_time_limit();
-    LDAPMessage *raw = nullptr;
-    int lrc = plat::ldap_search_ext_s(s->ld, base, scope, filter, attrs, attrsonly, nullptr, nullptr, &tv,
-                                      size_limit, &raw);
+    if (filter == nullptr || *filter == '\0') {
+        out.reset();
+        return kFilterError;
+    }
+    LDAPMessage *raw = nullptr;   // `out` keeps its earlier result until this one comes
+    int lrc = plat::ldap_search_plain(s->ld, base, scope, filter, attrs, attrsonly, size_limit, &raw);
     out.reset(raw);
     return lrc;
 }
 
+}  // namespace
+
+int search(ZelSession *s, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+           int size_limit, Message &out) {
+    return search_into(s, base, scope, filter, attrs, attrsonly, size_limit, out);
+}
+
 ZelRC search_mapped(ZelSession *s, const char *base, int scope, const char *filter, char **attrs,
                     int attrsonly, int size_limit, ZelRC default_code, Message &out) {
-    int lrc = search(s, base, scope, filter, attrs, attrsonly, size_limit, out);
+    int lrc = search_into(s, base, scope, filter, attrs, attrsonly, size_limit, out);
     if (lrc == LDAP_SUCCESS) return 0;
     out.reset();
     return check_LDAP_rc(s, static_cast<uint32_t>(lrc), default_code, "ldap_search_ext_s()");
@@ -133,16 +144,20 @@ bool format_filter(std::string &out, const char *fmt, const char *value) {
     // Measured with the value as given: what its escaping adds never makes a
     // name that fits the filter buffer behave differently from a short one.
     // With "%s" the only conversion, that is the format's text and the value.
-    const char *slot = std::strstr(fmt, "%s");
-    if (slot == nullptr) return false;
-    const size_t fmt_size = std::strlen(fmt), value_size = std::strlen(value);
-    if (std::strchr(fmt, '%') == slot && std::strchr(slot + 2, '%') == nullptr) {
-        if (fmt_size - 2 + value_size >= kFilterSize) return false;
-    } else {
-        std::string measured;
-        if (!format_text(measured, kFilterSize, fmt, value)) return false;
+    const char *slot = std::strchr(fmt, '%');
+    if (slot != nullptr && slot[1] == 's' && std::strchr(slot + 2, '%') == nullptr) {
+        const size_t head = static_cast<size_t>(slot - fmt), tail = std::strlen(slot + 2), given = std::strlen(value);
+        if (head + tail + given >= kFilterSize) return false;
+        out.reserve(head + tail + given + 16);
+        out.assign(fmt, head);
+        plat::append_filter_value(out, std::string_view(value, given));
+        out.append(slot + 2, tail);
+        return true;
     }
-    out.reserve(fmt_size + value_size + 16);
+    std::string measured;
+    if (!format_text(measured, kFilterSize, fmt, value)) return false;
+    slot = std::strstr(fmt, "%s");
+    if (slot == nullptr) return false;
     out.assign(fmt, static_cast<size_t>(slot - fmt));
     plat::append_filter_value(out, value);
     out += slot + 2;

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "zelmgmt.h"
 
@@ -64,7 +65,8 @@ struct ZelSession {
 
 namespace zel {
 
-bool valid_handle(const ZelSession *s);
+// A live handle of the library's own ("ZEL" and its NUL in the tag).
+inline bool valid_handle(const ZelSession *s) { return s != nullptr && std::memcmp(s->tag, "ZEL", 4) == 0; }
 // The session changed a user (or may have): what it cached about users goes.
 void forget_users(ZelSession *s);
 

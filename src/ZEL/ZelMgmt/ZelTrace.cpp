@@ -3,17 +3,26 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "ZelSession.h"
 #include "ZelTrace.h"
 
 namespace zel {
 
-bool valid_handle(const ZelSession *s) {
-    return s != nullptr && std::memcmp(s->tag, "ZEL", 4) == 0;
+void print_trace(const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    std::vfprintf(stdout, fmt, ap);
+    va_end(ap);
+    std::fflush(stdout);
 }
 
+void print_trace_line(const char *text) {
+    std::puts(text);
+    std::fflush(stdout);
+}
+
+#if !(defined(__GNUC__) && !defined(__clang__))
 void tracef(const ZelSession *s, int above, const char *fmt, ...) {
     if (!tracing(s, above)) return;
     va_list ap;
@@ -22,12 +31,7 @@ void tracef(const ZelSession *s, int above, const char *fmt, ...) {
     va_end(ap);
     std::fflush(stdout);
 }
-
-void trace_line(const ZelSession *s, int above, const char *text) {
-    if (!tracing(s, above)) return;
-    std::puts(text);
-    std::fflush(stdout);
-}
+#endif
 
 int read_debug_level() {
     const char *v = std::getenv("ZEL_DEBUG");

@@ -15,10 +15,26 @@ constexpr int kTraceFlow = 19;
 constexpr const char *kMaskedPassword = "XXXXXXXX";
 
 inline bool tracing(const ZelSession *s, int above) { return s != nullptr && s->debug_level > above; }
+
+// Prints a trace line as it stands (tracef below decides whether to).
+void print_trace(const char *fmt, ...) ZEL_PRINTF(1, 2);
+void print_trace_line(const char *text);
+
 // Formatted trace; the format carries its own newline where it has one.
+// With tracing off a call costs the level test: its arguments are passed on
+// only when the line is printed.
+#if defined(__GNUC__) && !defined(__clang__)
+extern inline __attribute__((always_inline, gnu_inline)) ZEL_PRINTF(3, 4) void tracef(const ZelSession *s, int above,
+                                                                                      const char *fmt, ...) {
+    if (tracing(s, above)) print_trace(fmt, __builtin_va_arg_pack());
+}
+#else
 void tracef(const ZelSession *s, int above, const char *fmt, ...) ZEL_PRINTF(3, 4);
+#endif
 // Line trace: the text is printed followed by a newline.
-void trace_line(const ZelSession *s, int above, const char *text);
+inline void trace_line(const ZelSession *s, int above, const char *text) {
+    if (tracing(s, above)) print_trace_line(text);
+}
 int read_debug_level();
 
 // Prints the Entered line on construction and the Exited line, with the
