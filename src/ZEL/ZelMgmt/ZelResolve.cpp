@@ -70,12 +70,11 @@ ZelRC determine_DN(ZelSession *s, ZelSuffixNode *suffixes, const char *filter, c
         bool found = false;
         for (ZelSuffixNode *node = suffixes; node && node->suffix && !found && rc == 0; node = node->next) {
             zel::tracef(s, zel::kTraceProgress, "zelmgmt:Suffix being searched: %s\n", node->suffix);
-            struct timeval tv = zel::no_time_limit();
             LDAPMessage *raw = nullptr;
             // A caller that keeps no result needs the DN alone.
             char *dn_only[] = {const_cast<char *>(LDAP_NO_ATTRS), nullptr};
-            int lrc = plat::ldap_search_ext_s(s->ld, node->suffix, LDAP_SCOPE_SUBTREE, filter, result ? nullptr : dn_only,
-                                              result ? 0 : 1, nullptr, nullptr, &tv, 2, &raw);
+            int lrc = plat::ldap_search_plain(s->ld, node->suffix, LDAP_SCOPE_SUBTREE, filter, result ? nullptr : dn_only,
+                                              result ? 0 : 1, 2, &raw);
             zel::Message res(raw);
             if (lrc != LDAP_SUCCESS) {
                 if (suffix_holds_nothing(lrc)) continue;
