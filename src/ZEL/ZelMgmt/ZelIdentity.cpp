@@ -70,8 +70,9 @@ bool user_filter(std::string &out, const char *person_dn, bool domain_form, cons
     return true;
 }
 
-bool marks_inactive(char **values) {
-    return values && values[0] && (zel::same_text(values[0], "Inactive") || zel::same_text(values[0], "False"));
+// The first value of an account's state marks it inactive.
+bool marks_inactive(const char *first) {
+    return first && (zel::same_text(first, "Inactive") || zel::same_text(first, "False"));
 }
 
 // A suffix list of its own copies, for searching a realm's principal subtrees.
@@ -147,18 +148,16 @@ ZelRC verify_user(ZelSession *s, const char *person_dn, int32_t mode, std::strin
         for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e && rc == 0; e = ldap_next_entry(s->ld, e)) {
             bool inactive = false, a_user = classed_by_filter;
             const char *dn = nullptr;
-            rc = zel::walk_attributes(
+            rc = zel::walk_values(
                 s->ld, e,
-                [&](const char *name, char **values, struct berval **) -> ZelRC {
+                [&](const char *name, const struct berval *values, size_t n) -> ZelRC {
                     const size_t length = std::strlen(name);
                     if (is_name(name, length, "objectClass")) {
-                        for (char **v = values; v && *v; ++v) {
-                            const size_t class_length = std::strlen(*v);
-                            if (is_name(*v, class_length, "eZelUser") || is_name(*v, class_length, "secUser"))
+                        for (const struct berval *v = values; v != values + n; ++v)
+                            if (is_name(v->bv_val, v->bv_len, "eZelUser") || is_name(v->bv_val, v->bv_len, "secUser"))
                                 a_user = true;
-                        }
                     } else if (is_name(name, length, "userState") || is_name(name, length, "secAcctValid")) {
-                        if (marks_inactive(values)) inactive = true;
+                        if (marks_inactive(values[0].bv_val)) inactive = true;
                     }
                     return 0;
                 },

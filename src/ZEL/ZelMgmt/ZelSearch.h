@@ -72,6 +72,34 @@ inline const char *entry_dn(LDAP *ld, LDAPMessage *entry) {
     return ldap_get_dn_ber(ld, entry, nullptr, &dn) == LDAP_SUCCESS ? dn.bv_val : nullptr;
 }
 
+// Walks an entry's attributes in the order the server returned them and
+// calls fn(name, values, count) with the values as the client decoded them
+// in place (each NUL-terminated); a non-zero status from fn ends the walk
+// and is returned.  `dn_out` as for walk_attributes.  The lean form of the
+// walk below, for the read paths that look at a value or two.
+template <class Fn>
+ZelRC walk_values(LDAP *ld, LDAPMessage *entry, Fn &&fn, const char **dn_out = nullptr) {
+    BerElement *raw = nullptr;
+    struct berval dn{0, nullptr};
+    const int dn_rc = ldap_get_dn_ber(ld, entry, &raw, &dn);
+    Ber ber(raw);
+    if (dn_out) *dn_out = dn_rc == LDAP_SUCCESS ? dn.bv_val : nullptr;
+    if (dn_rc != LDAP_SUCCESS) return 0;
+    for (;;) {
+        struct berval name{0, nullptr};
+        BerVarray list = nullptr;
+        if (ldap_get_attribute_ber(ld, entry, ber.get(), &name, &list) != LDAP_SUCCESS || !name.bv_val) {
+            ldap_memfree(list);
+            return 0;
+        }
+        std::unique_ptr<struct berval, LdapMemFree> values(list);
+        size_t n = 0;
+        while (list && list[n].bv_val) ++n;
+        if (n == 0) continue;
+        if (ZelRC rc = fn(name.bv_val, static_cast<const struct berval *>(list), n)) return rc;
+    }
+}
+
 // Walks an entry's attributes in the order the server returned them and calls
 // fn(name, strings, bervals) for each attribute that has values; a non-zero
 // status from fn ends the walk and is returned.  The names and values are
