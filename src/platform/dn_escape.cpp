@@ -46,25 +46,16 @@ std::string escape_dn_value(std::string_view value) {
     return out;
 }
 
-namespace {
-
-// Bytes that end a plain RDN's scan: its end, '=' and what a DN escapes or quotes.
-constexpr std::array<bool, 256> kRdnStops = [] {
-    std::array<bool, 256> t{};
-    for (unsigned char c : std::string_view("\0,=\\+\";<>", 9)) t[c] = true;
-    return t;
-}();
-
-}  // namespace
-
 bool plain_first_rdn(const char *dn, std::string_view &type, std::string_view &value, const char *&parent) {
-    const char *equals = nullptr, *p = dn;
-    for (;; ++p) {
-        while (!kRdnStops[static_cast<unsigned char>(*p)]) ++p;
-        if (*p != '=' || equals) break;
-        equals = p;
-    }
-    if (*p != ',' || !equals || equals == dn || equals + 1 == p) return false;
+    // The RDN's end, its '=' and what a DN escapes or quotes, found by the
+    // C library's set scan: the type runs to the first '=', the value to the
+    // ',' after it, and any other of these bytes on the way sends the DN to
+    // the full parse.
+    static const char kStops[] = ",=\\+\";<>";
+    const char *equals = dn + std::strcspn(dn, kStops);
+    if (*equals != '=' || equals == dn) return false;
+    const char *p = equals + 1 + std::strcspn(equals + 1, kStops);
+    if (*p != ',' || equals + 1 == p) return false;
     if (dn[0] == ' ' || equals[-1] == ' ' || equals[1] == ' ' || equals[1] == '#' || p[-1] == ' ') return false;
     type = std::string_view(dn, static_cast<size_t>(equals - dn));
     value = std::string_view(equals + 1, static_cast<size_t>(p - equals - 1));
