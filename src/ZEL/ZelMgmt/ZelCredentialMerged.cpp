@@ -173,21 +173,38 @@ void prepare_ask(FormAsk &ask, int32_t mode, const Container &container, const c
     ask.fits.assign(groups.size(), false);
     ask.held.assign(groups.size(), false);
     const std::string_view name(naming);
-    ask.filter_at = f.size();
-    f.reserve(f.size() + holds.size() + 8 + groups.size() * (name.size() + 24));
-    zel::append_text(f, {"(&", holds, "(|"});
-    const size_t empty_size = f.size();
+    // Measured first, then written in one growth of `f`.
+    const size_t fixed = name.size() + 1 + 1 + container.dn.size();
+    size_t size = 2 + holds.size() + 2 + 2, asked = 0;
     for (size_t i = 0; i < groups.size(); ++i) {
         if (groups[i].empty()) continue;
-        const size_t fixed = name.size() + 1 + 1 + container.dn.size();
         if (!(ask.fits[i] = fixed + 3 * groups[i].size() < zel::kDnSize ||
                             fixed + plat::escape_dn_value(groups[i]).size() < zel::kDnSize))
             continue;
-        zel::append_text(f, {"(", name, "=", in_filter[i], ")"});
+        size += 1 + name.size() + 1 + in_filter[i].size() + 1;
+        ++asked;
     }
-    ask.needed = ask.needed && f.size() != empty_size;
-    zel::append_text(f, {"))"});
-    ask.filter_size = f.size() - ask.filter_at;
+    ask.needed = ask.needed && asked > 0;
+    ask.filter_at = f.size();
+    ask.filter_size = size;
+    f.resize(f.size() + size);
+    char *out = &f[ask.filter_at];
+    auto put = [&out](std::string_view text) {
+        std::memcpy(out, text.data(), text.size());
+        out += text.size();
+    };
+    put("(&");
+    put(holds);
+    put("(|");
+    for (size_t i = 0; i < groups.size(); ++i) {
+        if (groups[i].empty() || !ask.fits[i]) continue;
+        *out++ = '(';
+        put(name);
+        *out++ = '=';
+        put(in_filter[i]);
+        *out++ = ')';
+    }
+    put("))");
 }
 
 // Marks the candidates an entry of the answer names, if it is a child of
@@ -308,7 +325,11 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
     bool domain = mode == zel::kDomainMode && s->domain_dn;
     bool first_gen = s->database_dn && (mode == zel::kFirstGenerationMode || domain);
     FormAsk in_domain, in_database;
-    std::string filters("(|");
+    std::string filters;
+    size_t names_size = 0;
+    for (size_t i = 0; i < groups.size(); ++i) names_size += in_filter[i].size() + 16;
+    filters.reserve(2 * names_size + 256);
+    filters.assign("(|");
     if (domain)
         prepare_ask(in_domain, zel::kDomainMode, container_of("cn=ResourceGroups,", s->domain_dn), "secResGroupID",
                     q.member_filter(), groups, in_filter, filters);
