@@ -173,7 +173,9 @@ ZelRC credential_group(const char *dn, std::string &group) {
     ParsedRdn parsed(raw);
     if (!parsed || !parsed.get()[0]) return ZEL_RC_SYSTEM_ERROR;
     const struct berval &value = parsed.get()[0]->la_value;
-    group = token(std::string_view(value.bv_val, strnlen(value.bv_val, value.bv_len)), ':', 1);  // up to a NUL, as before
+    // An empty value comes without text; a value holding a NUL counts up to it.
+    if (value.bv_val != nullptr)
+        group = token(std::string_view(value.bv_val, strnlen(value.bv_val, value.bv_len)), ':', 1);
     return 0;
 }
 
