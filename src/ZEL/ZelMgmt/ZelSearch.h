@@ -110,38 +110,25 @@ ZelRC walk_values(LDAP *ld, LDAPMessage *entry, Fn &&fn, const char **dn_out = n
 // it as entry_dn would (null when the entry cannot be decoded).
 template <class Fn>
 ZelRC walk_attributes(LDAP *ld, LDAPMessage *entry, Fn &&fn, const char **dn_out = nullptr) {
-    BerElement *raw = nullptr;
-    struct berval dn{0, nullptr};
-    const int dn_rc = ldap_get_dn_ber(ld, entry, &raw, &dn);
-    Ber ber(raw);
-    if (dn_out) *dn_out = dn_rc == LDAP_SUCCESS ? dn.bv_val : nullptr;
-    if (dn_rc != LDAP_SUCCESS) return 0;
     constexpr size_t kInline = 8;
     char *inline_strings[kInline + 1];
     struct berval *inline_bervals[kInline + 1];
-    for (;;) {
-        struct berval name{0, nullptr};
-        BerVarray list = nullptr;
-        if (ldap_get_attribute_ber(ld, entry, ber.get(), &name, &list) != LDAP_SUCCESS || !name.bv_val) {
-            ldap_memfree(list);
-            return 0;
-        }
-        std::unique_ptr<struct berval, LdapMemFree> values(list);
-        size_t n = 0;
-        while (list && list[n].bv_val) ++n;
-        if (n == 0) continue;
-        std::unique_ptr<char *[]> heap_strings(n > kInline ? new char *[n + 1] : nullptr);
-        std::unique_ptr<struct berval *[]> heap_bervals(n > kInline ? new struct berval *[n + 1] : nullptr);
-        char **strings = heap_strings ? heap_strings.get() : inline_strings;
-        struct berval **bervals = heap_bervals ? heap_bervals.get() : inline_bervals;
-        for (size_t i = 0; i < n; ++i) {
-            strings[i] = list[i].bv_val;
-            bervals[i] = &list[i];
-        }
-        strings[n] = nullptr;
-        bervals[n] = nullptr;
-        if (ZelRC rc = fn(name.bv_val, strings, bervals)) return rc;
-    }
+    return walk_values(
+        ld, entry,
+        [&](const char *name, const struct berval *list, size_t n) -> ZelRC {
+            std::unique_ptr<char *[]> heap_strings(n > kInline ? new char *[n + 1] : nullptr);
+            std::unique_ptr<struct berval *[]> heap_bervals(n > kInline ? new struct berval *[n + 1] : nullptr);
+            char **strings = heap_strings ? heap_strings.get() : inline_strings;
+            struct berval **bervals = heap_bervals ? heap_bervals.get() : inline_bervals;
+            for (size_t i = 0; i < n; ++i) {
+                strings[i] = list[i].bv_val;
+                bervals[i] = const_cast<struct berval *>(&list[i]);
+            }
+            strings[n] = nullptr;
+            bervals[n] = nullptr;
+            return fn(name, strings, bervals);
+        },
+        dn_out);
 }
 
 }  // namespace zel

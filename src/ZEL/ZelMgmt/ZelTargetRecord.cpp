@@ -94,22 +94,9 @@ Use use_of(ZelTargetRecord *r, const char *attr, size_t length) {
 // values are read in place in the result (the client ends each with a NUL).
 template <class Fn>
 ZelRC each_attribute(LDAP *ld, LDAPMessage *entry, Fn &&fn) {
-    BerElement *raw = nullptr;
-    struct berval dn{0, nullptr};
-    const int dn_rc = ldap_get_dn_ber(ld, entry, &raw, &dn);
-    zel::Ber ber(raw);
-    if (dn_rc != LDAP_SUCCESS) return 0;
-    for (;;) {
-        struct berval name{0, nullptr};
-        BerVarray list = nullptr;
-        if (ldap_get_attribute_ber(ld, entry, ber.get(), &name, &list) != LDAP_SUCCESS || !name.bv_val) {
-            ldap_memfree(list);
-            return 0;
-        }
-        std::unique_ptr<struct berval, zel::LdapMemFree> values(list);
-        if (list == nullptr || list[0].bv_val == nullptr) continue;
-        if (ZelRC rc = fn(name.bv_val, name.bv_len, list)) return rc;
-    }
+    return zel::walk_values(ld, entry, [&](const char *name, const struct berval *values, size_t) {
+        return fn(name, std::strlen(name), values);
+    });
 }
 
 // `field` becomes a copy of `text`, or null when it is empty.
