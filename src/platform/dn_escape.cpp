@@ -3,6 +3,8 @@
 #include <array>
 #include <cstring>
 
+#include "platform/byte_scan.h"
+
 namespace zel::platform {
 
 namespace {
@@ -21,9 +23,22 @@ constexpr std::array<bool, 256> kSpecial = special_in_dn();
 
 std::string escape_dn_value(std::string_view value) {
     // Most names hold nothing to escape: one scan, one copy.
-    bool plain = value.empty() || (value.front() != ' ' && value.front() != '#' && value.back() != ' ');
-    for (size_t i = 0; plain && i < value.size(); ++i) plain = !kSpecial[static_cast<unsigned char>(value[i])];
-    if (plain) return std::string(value);
+    const bool plain_edges = value.empty() || (value.front() != ' ' && value.front() != '#' && value.back() != ' ');
+    if (plain_edges && first_special(
+                           value.data(), value.size(),
+#if defined(__SSE2__)
+                           [](Block v) {
+                               // Controls, DEL, '"', '+' ',', ';' '<' '=' '>', '\\'.
+                               return _mm_or_si128(
+                                   _mm_or_si128(_mm_or_si128(bytes_within(v, 0, 0x1F), bytes_equal(v, 0x7F)),
+                                                _mm_or_si128(bytes_equal(v, '"'), bytes_equal(v, '\\'))),
+                                   _mm_or_si128(bytes_within(v, '+', 1), bytes_within(v, ';', 3)));
+                           },
+#else
+                           nullptr,
+#endif
+                           [](unsigned char c) { return kSpecial[c]; }) == value.size())
+        return std::string(value);
     std::string out;
     out.reserve(value.size());
     for (size_t i = 0; i < value.size(); ++i) {

@@ -9,9 +9,7 @@
 #include <cstring>
 #include <new>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
+#include "platform/byte_scan.h"
 
 namespace zel::platform {
 
@@ -105,48 +103,34 @@ std::string escape_filter_value(std::string_view value) {
 
 void append_filter_value(std::string &out, std::string_view value) {
     static const char hex[] = "0123456789ABCDEF";
-    const unsigned char *p = reinterpret_cast<const unsigned char *>(value.data());
-    const unsigned char *const end = p + value.size();
     // Most values hold nothing to escape: one scan, one copy.
-    const unsigned char *q = p;
+    size_t at = first_special(
+        value.data(), value.size(),
 #if defined(__SSE2__)
-    // Sixteen bytes at a time where the machine compares them at once.
-    {
-        const __m128i zero = _mm_setzero_si128(), star = _mm_set1_epi8('*'), back = _mm_set1_epi8('\\'),
-                      one = _mm_set1_epi8(1), paren = _mm_set1_epi8(0x29);
-        for (; end - q >= 16; q += 16) {
-            __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(q));
-            __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, zero), _mm_cmpeq_epi8(v, star)),
-                                       _mm_or_si128(_mm_cmpeq_epi8(v, back),
-                                                    _mm_cmpeq_epi8(_mm_or_si128(v, one), paren)));
-            if (_mm_movemask_epi8(hit) != 0) break;
-        }
-    }
+        [](Block v) {
+            // '(' and ')' differ in the lowest bit only.
+            return _mm_or_si128(_mm_or_si128(bytes_equal(v, '\0'), bytes_equal(v, '*')),
+                                _mm_or_si128(bytes_equal(v, '\\'), bytes_equal(_mm_or_si128(v, _mm_set1_epi8(1)), ')')));
+        },
+#else
+        nullptr,
 #endif
-    // Eight bytes at a time up to the word that holds a reserved byte.
-    constexpr uint64_t kOnes = 0x0101010101010101ULL, kHigh = 0x8080808080808080ULL;
-    auto any_zero = [](uint64_t v) { return (v - kOnes) & ~v & kHigh; };
-    for (uint64_t w; end - q >= 8; q += 8) {
-        std::memcpy(&w, q, 8);
-        if (any_zero(w) | any_zero((w | kOnes) ^ (kOnes * 0x29)) | any_zero(w ^ (kOnes * '*')) |
-            any_zero(w ^ (kOnes * '\\')))
-            break;
-    }
-    while (q != end && !kReserved[*q]) ++q;
-    if (q == end) {
+        [](unsigned char c) { return kReserved[c]; });
+    if (at == value.size()) {
         out.append(value.data(), value.size());
         return;
     }
     out.reserve(out.size() + value.size() + 8);
-    const unsigned char *run = p;
-    for (; q != end; ++q) {
-        if (!kReserved[*q]) continue;
-        out.append(reinterpret_cast<const char *>(run), static_cast<size_t>(q - run));
-        const char escaped[3] = {'\\', hex[*q >> 4], hex[*q & 0x0F]};
+    const unsigned char *p = reinterpret_cast<const unsigned char *>(value.data());
+    size_t run = 0;
+    for (; at < value.size(); ++at) {
+        if (!kReserved[p[at]]) continue;
+        out.append(value.data() + run, at - run);
+        const char escaped[3] = {'\\', hex[p[at] >> 4], hex[p[at] & 0x0F]};
         out.append(escaped, 3);
-        run = q + 1;
+        run = at + 1;
     }
-    out.append(reinterpret_cast<const char *>(run), static_cast<size_t>(end - run));
+    out.append(value.data() + run, value.size() - run);
 }
 
 char *ku_mbs_sprintf(const char *format, ...) {

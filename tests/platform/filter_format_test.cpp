@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <ldap.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -27,23 +28,37 @@ TEST(FilterQuoting, EscapesFilterSyntaxAndNulOnly) {
     EXPECT_EQ(escape_filter_value(""), "");
     EXPECT_EQ(escape_filter_value("(*)"), "\\28\\2A\\29") << "reserved characters side by side";
     EXPECT_EQ(escape_filter_value("J\xC3\xBCrgen\t\x7F"), "J\xC3\xBCrgen\t\x7F");
-    // Each reserved byte (NUL included) wherever it falls in a value scanned a
-    // word at a time, the bytes next to it left alone.
-    const std::pair<char, const char *> reserved[] = {
-        {'\0', "\\00"}, {'*', "\\2A"}, {'(', "\\28"}, {')', "\\29"}, {'\\', "\\5C"}};
-    for (size_t at = 0; at < 20; ++at)
-        for (const auto &[c, escaped] : reserved) {
-            std::string value = "'+[]^_'+[]^_'+[]^_'+";
-            value[at] = c;
-            EXPECT_EQ(escape_filter_value(value), value.substr(0, at) + escaped + value.substr(at + 1)) << "at " << at;
-        }
-    // The last bytes of a value of any length are scanned as well.
-    for (size_t size = 1; size <= 33; ++size)
-        for (const auto &[c, escaped] : reserved) {
-            std::string value(size - 1, '+');
-            EXPECT_EQ(escape_filter_value(value), value) << size;
-            EXPECT_EQ(escape_filter_value(value + c), value + escaped) << size;
-        }
+}
+
+// Each byte value at each place of values short and long, as escaping one
+// byte at a time would give: the scans that pass over plain text a block at
+// a time must neither miss a byte nor read one outside the value.
+TEST(Escaping, EveryByteAtEveryPlaceAsOneByteAtATime) {
+    using zel::platform::escape_dn_value;
+    auto hex = [](unsigned char c) {
+        char text[4];
+        std::snprintf(text, sizeof text, "\\%02X", c);
+        return std::string(text);
+    };
+    for (size_t size = 1; size <= 40; ++size)
+        for (size_t at = 0; at < size; ++at)
+            for (int byte = 0; byte < 256; ++byte) {
+                const unsigned char c = static_cast<unsigned char>(byte);
+                std::string value(size, 'a');
+                value[at] = static_cast<char>(c);
+                const std::string before = value.substr(0, at), after = value.substr(at + 1);
+                const bool in_filter = c == 0 || c == '*' || c == '(' || c == ')' || c == '\\';
+                ASSERT_EQ(escape_filter_value(value), before + (in_filter ? hex(c) : value.substr(at, 1)) + after)
+                    << "size " << size << " at " << at << " byte " << byte;
+                std::string in_dn = value.substr(at, 1);
+                if (c < 0x20 || c == 0x7F)
+                    in_dn = hex(c);
+                else if (std::strchr("\"+,;<>\\=", c) || ((c == ' ' || c == '#') && at == 0) ||
+                         (c == ' ' && at + 1 == size))
+                    in_dn = "\\" + in_dn;
+                ASSERT_EQ(escape_dn_value(value), before + in_dn + after)
+                    << "size " << size << " at " << at << " byte " << byte;
+            }
 }
 
 // A DN value keeps its text but can never add an RDN or end early.
