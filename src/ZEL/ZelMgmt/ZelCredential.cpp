@@ -2,6 +2,7 @@
 // present to this resource?  The user's own "T:<resource>" record answers
 // first; failing that, the first of the user's "G:<group>" records, in the
 // order the directory returns them, whose resource group holds the resource.
+#include <cstdint>
 #include <cstring>
 #include <string>
 
@@ -90,12 +91,32 @@ char *const kCredentialAttributes[] = {const_cast<char *>("uid"),          const
 namespace {
 
 // Attribute names are ASCII letters, digits and hyphens; against a name of
-// letters only, folding each byte with 0x20 compares them without regard to
-// case and never matches a byte of anything else.
-bool is_attribute(const char *attr, const char *lower, size_t n) {
-    for (size_t i = 0; i < n; ++i)
-        if ((static_cast<unsigned char>(attr[i]) | 0x20) != static_cast<unsigned char>(lower[i])) return false;
-    return true;
+// lowercase letters only, setting 0x20 in each byte compares them without
+// regard to case and never matches a byte of anything else.  The name's
+// length is known, so it is compared a word at a time (the last word
+// overlapping the one before) rather than byte by byte.
+template <size_t N>
+bool is_attribute(const char *attr, const char (&lower)[N]) {
+    constexpr size_t n = N - 1;
+    auto folded_equal = [&](size_t at, auto word) {
+        decltype(word) a, b;
+        std::memcpy(&a, attr + at, sizeof a);
+        std::memcpy(&b, lower + at, sizeof b);
+        return static_cast<decltype(word)>(a | word) == b;
+    };
+    if constexpr (n >= 8) {
+        constexpr uint64_t fold = 0x2020202020202020ULL;
+        for (size_t at = 0; at + 8 < n; at += 8)
+            if (!folded_equal(at, fold)) return false;
+        return folded_equal(n - 8, fold);
+    } else if constexpr (n >= 4) {
+        constexpr uint32_t fold = 0x20202020U;
+        return folded_equal(0, fold) && folded_equal(n - 4, fold);
+    } else {
+        for (size_t i = 0; i < n; ++i)
+            if ((static_cast<unsigned char>(attr[i]) | 0x20) != static_cast<unsigned char>(lower[i])) return false;
+        return true;
+    }
 }
 
 // What an attribute of the answering record fills.  Every read walks all of
@@ -103,11 +124,11 @@ bool is_attribute(const char *attr, const char *lower, size_t n) {
 // comparing.
 CredentialField field_of(const char *attr) {
     switch (std::strlen(attr)) {
-    case 3: return is_attribute(attr, "uid", 3) ? CredentialField::Account : CredentialField::None;
-    case 6: return is_attribute(attr, "secuid", 6) ? CredentialField::Account : CredentialField::None;
-    case 9: return is_attribute(attr, "secretkey", 9) ? CredentialField::SecretKey : CredentialField::None;
-    case 12: return is_attribute(attr, "secauthndata", 12) ? CredentialField::Password : CredentialField::None;
-    case 13: return is_attribute(attr, "principalname", 13) ? CredentialField::Account : CredentialField::None;
+    case 3: return is_attribute(attr, "uid") ? CredentialField::Account : CredentialField::None;
+    case 6: return is_attribute(attr, "secuid") ? CredentialField::Account : CredentialField::None;
+    case 9: return is_attribute(attr, "secretkey") ? CredentialField::SecretKey : CredentialField::None;
+    case 12: return is_attribute(attr, "secauthndata") ? CredentialField::Password : CredentialField::None;
+    case 13: return is_attribute(attr, "principalname") ? CredentialField::Account : CredentialField::None;
     default: return CredentialField::None;
     }
 }
