@@ -1,11 +1,15 @@
 // A list that keeps its first N elements in place: the lists a read builds
 // per call (a user's group records, the marks of each) hardly ever outgrow
-// a few, and each allocation counts on the sign-on path.
+// a few, and each allocation counts on the sign-on path.  Only the elements
+// in use are ever constructed, so an empty list costs nothing to make or
+// drop.  It stays where it was made: its data may point into itself.
 #pragma once
 
-#include <array>
+#include <algorithm>
 #include <cstddef>
-#include <vector>
+#include <memory>
+#include <new>
+#include <utility>
 
 namespace zel {
 
@@ -13,35 +17,61 @@ template <class T, size_t N>
 class SmallVector {
 public:
     SmallVector() = default;
-    explicit SmallVector(size_t n) { assign(n, T()); }
+    // n value-initialised elements.
+    explicit SmallVector(size_t n) {
+        reserve(n);
+        std::uninitialized_value_construct_n(data_, n);
+        size_ = n;
+    }
+    SmallVector(const SmallVector &) = delete;
+    SmallVector &operator=(const SmallVector &) = delete;
+    ~SmallVector() {
+        clear();
+        if (data_ != in_place()) ::operator delete(data_);
+    }
 
     void assign(size_t n, const T &value) {
-        heap_.clear();
+        clear();
+        reserve(n);
+        std::uninitialized_fill_n(data_, n, value);
         size_ = n;
-        if (n > N) heap_.assign(n, value);
-        else
-            for (size_t i = 0; i < n; ++i) inline_[i] = value;
     }
     void push_back(const T &value) {
-        if (heap_.empty() && size_ < N) {
-            inline_[size_++] = value;
-            return;
+        if (size_ == capacity_) {
+            T copy(value);  // value may lie in the storage about to move
+            reserve(2 * capacity_);
+            ::new (static_cast<void *>(data_ + size_)) T(std::move(copy));
+        } else {
+            ::new (static_cast<void *>(data_ + size_)) T(value);
         }
-        if (heap_.empty()) heap_.assign(inline_.begin(), inline_.begin() + size_);
-        heap_.push_back(value);
         ++size_;
     }
-    T *data() { return heap_.empty() ? inline_.data() : heap_.data(); }
-    const T *data() const { return heap_.empty() ? inline_.data() : heap_.data(); }
-    T &operator[](size_t i) { return data()[i]; }
-    const T &operator[](size_t i) const { return data()[i]; }
+    void clear() {
+        std::destroy_n(data_, size_);
+        size_ = 0;
+    }
+    T *data() { return data_; }
+    const T *data() const { return data_; }
+    T &operator[](size_t i) { return data_[i]; }
+    const T &operator[](size_t i) const { return data_[i]; }
     size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
 
 private:
-    std::array<T, N> inline_{};
-    std::vector<T> heap_;
-    size_t size_ = 0;
+    T *in_place() { return reinterpret_cast<T *>(storage_); }
+    void reserve(size_t n) {
+        if (n <= capacity_) return;
+        T *grown = static_cast<T *>(::operator new(n * sizeof(T)));
+        std::uninitialized_move_n(data_, size_, grown);
+        std::destroy_n(data_, size_);
+        if (data_ != in_place()) ::operator delete(data_);
+        data_ = grown;
+        capacity_ = n;
+    }
+
+    alignas(T) unsigned char storage_[N * sizeof(T)];
+    T *data_ = in_place();
+    size_t size_ = 0, capacity_ = N;
 };
 
 }  // namespace zel
