@@ -208,6 +208,8 @@ bool has_insignificant_space(const char *text) {
 
 int zstricmp_spaced(Utf8Handle h, const char *a, const char *b) {
     if (a == nullptr || b == nullptr) return zstricmp(h, a, b);
+    // A name is mostly matched back to the very text it was found by.
+    if (std::strcmp(a, b) == 0) return 0;
     // Names rarely carry spaces that do not count: compare in place then.
     if (!has_insignificant_space(a) && !has_insignificant_space(b)) return zstricmp(h, a, b);
     try {

@@ -50,10 +50,12 @@ ZelRC replace_text(char *&field, const char *value);
 
 // Attribute names and values compared as the directory does: ignoring case.
 bool same_text_folded(const char *a, const char *b);
-// Names are ASCII and are compared in place; full folding takes over from the
-// first byte past ASCII (an ASCII prefix folds to itself, so the rest decides).
+// Names are ASCII and are compared in place, most often against the very
+// spelling they were written in; full folding takes over from the first
+// byte past ASCII (an ASCII prefix folds to itself, so the rest decides).
 inline bool same_text(const char *a, const char *b) {
     if (a == nullptr || b == nullptr) return a == b;
+    if (std::strcmp(a, b) == 0) return true;
     for (;; ++a, ++b) {
         unsigned x = static_cast<unsigned char>(*a), y = static_cast<unsigned char>(*b);
         if ((x | y) >= 0x80) return same_text_folded(a, b);
