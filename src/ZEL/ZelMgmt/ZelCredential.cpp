@@ -136,12 +136,12 @@ CredentialField field_of(const char *attr) {
 }  // namespace
 
 ZelRC read_credential(ZelSession *s, LDAPMessage *entry, ZelCredential *out) {
-    ZelRC rc = walk_values(s->ld, entry, [&](const char *attr, const struct berval *values, size_t n) -> ZelRC {
+    ZelRC rc = walk_values(s->ld, entry, [&](const char *attr, const struct berval *values) -> ZelRC {
         const CredentialField field = field_of(attr);
         if (field == CredentialField::None) return 0;
         const bool account = field == CredentialField::Account;
         const bool as_stored = account || (field == CredentialField::SecretKey && clear_secret_key(s));
-        for (const struct berval *v = values; v != values + n; ++v) {
+        for (const struct berval *v = values; v->bv_val; ++v) {
             char *text = nullptr;
             if (ZelRC clear_rc = clear_password(s, v, as_stored, text)) return clear_rc;
             char *&target = account ? out->userId : out->password;

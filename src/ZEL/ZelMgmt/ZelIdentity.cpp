@@ -150,10 +150,10 @@ ZelRC verify_user(ZelSession *s, const char *person_dn, int32_t mode, std::strin
             const char *dn = nullptr;
             rc = zel::walk_values(
                 s->ld, e,
-                [&](const char *name, const struct berval *values, size_t n) -> ZelRC {
+                [&](const char *name, const struct berval *values) -> ZelRC {
                     const size_t length = std::strlen(name);
                     if (is_name(name, length, "objectClass")) {
-                        for (const struct berval *v = values; v != values + n; ++v)
+                        for (const struct berval *v = values; v->bv_val; ++v)
                             if (is_name(v->bv_val, v->bv_len, "eZelUser") || is_name(v->bv_val, v->bv_len, "secUser"))
                                 a_user = true;
                     } else if (is_name(name, length, "userState") || is_name(name, length, "secAcctValid")) {

@@ -73,9 +73,9 @@ inline const char *entry_dn(LDAP *ld, LDAPMessage *entry) {
 }
 
 // Walks an entry's attributes in the order the server returned them and
-// calls fn(name, values, count) with the values as the client decoded them
-// in place (each NUL-terminated); a non-zero status from fn ends the walk
-// and is returned.  `dn_out` as for walk_attributes.  The lean form of the
+// calls fn(name, values) for each that has values, with the values as the
+// client decoded them in place (each NUL-terminated; the list ends with a
+// null bv_val); a non-zero status from fn ends the walk and is returned.  `dn_out` as for walk_attributes.  The lean form of the
 // walk below, for the read paths that look at a value or two.
 template <class Fn>
 ZelRC walk_values(LDAP *ld, LDAPMessage *entry, Fn &&fn, const char **dn_out = nullptr) {
@@ -93,10 +93,8 @@ ZelRC walk_values(LDAP *ld, LDAPMessage *entry, Fn &&fn, const char **dn_out = n
             return 0;
         }
         std::unique_ptr<struct berval, LdapMemFree> values(list);
-        size_t n = 0;
-        while (list && list[n].bv_val) ++n;
-        if (n == 0) continue;
-        if (ZelRC rc = fn(name.bv_val, static_cast<const struct berval *>(list), n)) return rc;
+        if (!list || !list[0].bv_val) continue;
+        if (ZelRC rc = fn(name.bv_val, static_cast<const struct berval *>(list))) return rc;
     }
 }
 
@@ -115,7 +113,9 @@ ZelRC walk_attributes(LDAP *ld, LDAPMessage *entry, Fn &&fn, const char **dn_out
     struct berval *inline_bervals[kInline + 1];
     return walk_values(
         ld, entry,
-        [&](const char *name, const struct berval *list, size_t n) -> ZelRC {
+        [&](const char *name, const struct berval *list) -> ZelRC {
+            size_t n = 1;
+            while (list[n].bv_val) ++n;
             std::unique_ptr<char *[]> heap_strings(n > kInline ? new char *[n + 1] : nullptr);
             std::unique_ptr<struct berval *[]> heap_bervals(n > kInline ? new struct berval *[n + 1] : nullptr);
             char **strings = heap_strings ? heap_strings.get() : inline_strings;

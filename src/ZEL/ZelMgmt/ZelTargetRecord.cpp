@@ -94,7 +94,7 @@ Use use_of(ZelTargetRecord *r, const char *attr, size_t length) {
 // values are read in place in the result (the client ends each with a NUL).
 template <class Fn>
 ZelRC each_attribute(LDAP *ld, LDAPMessage *entry, Fn &&fn) {
-    return zel::walk_values(ld, entry, [&](const char *name, const struct berval *values, size_t) {
+    return zel::walk_values(ld, entry, [&](const char *name, const struct berval *values) {
         return fn(name, std::strlen(name), values);
     });
 }
