@@ -185,7 +185,7 @@ ZelRC credential_group(const char *dn, std::string &group) {
     std::string_view type, plain;
     const char *parent = nullptr;
     if (plat::plain_first_rdn(dn, type, plain, parent)) {
-        group = token(plain, ':', 1);
+        group.assign(token_view(plain, ':', 1));
         return 0;
     }
     LDAPRDN raw = nullptr;
@@ -196,7 +196,7 @@ ZelRC credential_group(const char *dn, std::string &group) {
     const struct berval &value = parsed.get()[0]->la_value;
     // An empty value comes without text; a value holding a NUL counts up to it.
     if (value.bv_val != nullptr)
-        group = token(std::string_view(value.bv_val, strnlen(value.bv_val, value.bv_len)), ':', 1);
+        group.assign(token_view(std::string_view(value.bv_val, strnlen(value.bv_val, value.bv_len)), ':', 1));
     return 0;
 }
 
