@@ -29,33 +29,34 @@ inline Block bytes_within(Block v, unsigned char low, unsigned char span) {
 }
 #endif
 
-// The offset of the first byte of text[0, n) that `marks` (a function of a
-// Block giving its hits) or, without SSE2, `is_special` (of one byte) picks
-// out; n when there is none.  Short texts are scanned from a zero-padded
-// copy and long ones end with a load that overlaps what was already passed,
-// so no byte is read outside the text and none is read one at a time.
-template <class Marks, class IsSpecial>
-size_t first_special(const char *text, size_t n, [[maybe_unused]] Marks marks, [[maybe_unused]] IsSpecial is_special) {
+// The offset of the first byte of text[0, n) that `Bytes` marks, or n when
+// there is none.  `Bytes::special(c)` tells one byte; with SSE2,
+// `Bytes::block(v)` gives the hits of a 16-byte Block at once.  Short texts
+// are scanned from a zero-padded copy and long ones end with a load that
+// overlaps what was already passed, so no byte is read outside the text and
+// none is read one at a time.
+template <class Bytes>
+size_t first_special(const char *text, size_t n) {
 #if defined(__SSE2__)
     if (n < 16) {
         if (n == 0) return 0;
         alignas(16) char padded[16] = {};
         std::memcpy(padded, text, n);
-        const unsigned bits = block_bits(marks(_mm_load_si128(reinterpret_cast<const Block *>(padded)))) &
+        const unsigned bits = block_bits(Bytes::block(_mm_load_si128(reinterpret_cast<const Block *>(padded)))) &
                               ((1u << n) - 1);
         return bits ? static_cast<size_t>(__builtin_ctz(bits)) : n;
     }
     size_t at = 0;
     for (; at + 16 <= n; at += 16)
-        if (unsigned bits = block_bits(marks(_mm_loadu_si128(reinterpret_cast<const Block *>(text + at)))))
+        if (unsigned bits = block_bits(Bytes::block(_mm_loadu_si128(reinterpret_cast<const Block *>(text + at)))))
             return at + static_cast<size_t>(__builtin_ctz(bits));
     if (at == n) return n;
     const size_t last = n - 16;
-    const unsigned bits = block_bits(marks(_mm_loadu_si128(reinterpret_cast<const Block *>(text + last))));
+    const unsigned bits = block_bits(Bytes::block(_mm_loadu_si128(reinterpret_cast<const Block *>(text + last))));
     return bits ? last + static_cast<size_t>(__builtin_ctz(bits)) : n;
 #else
     for (size_t at = 0; at < n; ++at)
-        if (is_special(static_cast<unsigned char>(text[at]))) return at;
+        if (Bytes::special(static_cast<unsigned char>(text[at]))) return at;
     return n;
 #endif
 }

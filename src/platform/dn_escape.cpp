@@ -19,25 +19,24 @@ constexpr std::array<bool, 256> special_in_dn() {
 }
 constexpr std::array<bool, 256> kSpecial = special_in_dn();
 
+struct DnBytes {
+    static bool special(unsigned char c) { return kSpecial[c]; }
+#if defined(__SSE2__)
+    static Block block(Block v) {
+        // Controls, DEL, '"', '+' ',', ';' '<' '=' '>', '\\'.
+        return _mm_or_si128(_mm_or_si128(_mm_or_si128(bytes_within(v, 0, 0x1F), bytes_equal(v, 0x7F)),
+                                         _mm_or_si128(bytes_equal(v, '"'), bytes_equal(v, '\\'))),
+                            _mm_or_si128(bytes_within(v, '+', 1), bytes_within(v, ';', 3)));
+    }
+#endif
+};
+
 }  // namespace
 
 std::string escape_dn_value(std::string_view value) {
     // Most names hold nothing to escape: one scan, one copy.
     const bool plain_edges = value.empty() || (value.front() != ' ' && value.front() != '#' && value.back() != ' ');
-    if (plain_edges && first_special(
-                           value.data(), value.size(),
-#if defined(__SSE2__)
-                           [](Block v) {
-                               // Controls, DEL, '"', '+' ',', ';' '<' '=' '>', '\\'.
-                               return _mm_or_si128(
-                                   _mm_or_si128(_mm_or_si128(bytes_within(v, 0, 0x1F), bytes_equal(v, 0x7F)),
-                                                _mm_or_si128(bytes_equal(v, '"'), bytes_equal(v, '\\'))),
-                                   _mm_or_si128(bytes_within(v, '+', 1), bytes_within(v, ';', 3)));
-                           },
-#else
-                           nullptr,
-#endif
-                           [](unsigned char c) { return kSpecial[c]; }) == value.size())
+    if (plain_edges && first_special<DnBytes>(value.data(), value.size()) == value.size())
         return std::string(value);
     std::string out;
     out.reserve(value.size());

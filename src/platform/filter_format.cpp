@@ -3,7 +3,6 @@
 
 #include <array>
 #include <cstdarg>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -93,6 +92,17 @@ constexpr std::array<bool, 256> reserved_in_filter() {
 }
 constexpr std::array<bool, 256> kReserved = reserved_in_filter();
 
+struct FilterBytes {
+    static bool special(unsigned char c) { return kReserved[c]; }
+#if defined(__SSE2__)
+    static Block block(Block v) {
+        // '(' and ')' differ in the lowest bit only.
+        return _mm_or_si128(_mm_or_si128(bytes_equal(v, '\0'), bytes_equal(v, '*')),
+                            _mm_or_si128(bytes_equal(v, '\\'), bytes_equal(_mm_or_si128(v, _mm_set1_epi8(1)), ')')));
+    }
+#endif
+};
+
 }  // namespace
 
 std::string escape_filter_value(std::string_view value) {
@@ -104,18 +114,7 @@ std::string escape_filter_value(std::string_view value) {
 void append_filter_value(std::string &out, std::string_view value) {
     static const char hex[] = "0123456789ABCDEF";
     // Most values hold nothing to escape: one scan, one copy.
-    size_t at = first_special(
-        value.data(), value.size(),
-#if defined(__SSE2__)
-        [](Block v) {
-            // '(' and ')' differ in the lowest bit only.
-            return _mm_or_si128(_mm_or_si128(bytes_equal(v, '\0'), bytes_equal(v, '*')),
-                                _mm_or_si128(bytes_equal(v, '\\'), bytes_equal(_mm_or_si128(v, _mm_set1_epi8(1)), ')')));
-        },
-#else
-        nullptr,
-#endif
-        [](unsigned char c) { return kReserved[c]; });
+    size_t at = first_special<FilterBytes>(value.data(), value.size());
     if (at == value.size()) {
         out.append(value.data(), value.size());
         return;

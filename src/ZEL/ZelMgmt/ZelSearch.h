@@ -75,8 +75,9 @@ inline const char *entry_dn(LDAP *ld, LDAPMessage *entry) {
 // Walks an entry's attributes in the order the server returned them and
 // calls fn(name, values) for each that has values, with the values as the
 // client decoded them in place (each NUL-terminated; the list ends with a
-// null bv_val); a non-zero status from fn ends the walk and is returned.  `dn_out` as for walk_attributes.  The lean form of the
-// walk below, for the read paths that look at a value or two.
+// null bv_val); a non-zero status from fn ends the walk and is returned.
+// `dn_out` as for walk_attributes.  The lean form of the walk below, for
+// the read paths that look at a value or two.
 template <class Fn>
 ZelRC walk_values(LDAP *ld, LDAPMessage *entry, Fn &&fn, const char **dn_out = nullptr) {
     BerElement *raw = nullptr;

@@ -5,7 +5,6 @@
 // drop.  It stays where it was made: its data may point into itself.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <memory>
 #include <new>
