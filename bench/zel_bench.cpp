@@ -419,7 +419,7 @@ int instr(int port, const Layout &layout, const std::string &name, bool library,
     LDAP *ld = open_raw(port);
     if (!s || !ld) fail("cannot reach the directory");
     std::vector<Sample> xs = samples(layout, kSamples);
-    Prepared p = prepare(s, op, xs);
+    Prepared p = prepare(s, op, xs, std::getenv("ZEL_BENCH_SHOW") != nullptr);
     const char *in_place = std::getenv("ZEL_BENCH_RAW_IN_PLACE");
     raw_reads_in_place = in_place != nullptr && std::strcmp(in_place, "1") == 0;
     // One untimed pass warms the caches of both paths alike.

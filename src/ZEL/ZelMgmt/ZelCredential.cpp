@@ -16,6 +16,7 @@
 #include "ZelRoutines.h"
 #include "ZelSearch.h"
 #include "ZelSession.h"
+#include "ZelSessionTexts.h"
 #include "ZelText.h"
 #include "ZelTrace.h"
 
@@ -33,7 +34,7 @@ ZelRC get_credential(ZelSession *s, const char *user, const ZelCredentialRequest
 
 namespace zel {
 
-ZelRC form_credential_query(const ZelSession *s, const char *resource, CredentialQuery &q) {
+ZelRC form_credential_query(ZelSession *s, const char *resource, CredentialQuery &q) {
     q.resource = resource;
     const std::string_view resource_text(resource);
     const size_t resource_size = resource_text.size();
@@ -47,21 +48,21 @@ ZelRC form_credential_query(const ZelSession *s, const char *resource, Credentia
     if (dn_size >= kDnSize || std::strlen("(member=)") + dn_size >= kFilterSize ||
         std::strlen("(&(objectClass=eZelDomain)(targetLocation=))") + q.credential_id.size() >= kFilterSize)
         return ZEL_RC_INVALID_ARGUMENT;
-    q.domain_dn = domain;
+    q.session = s;
     plat::append_filter_value(q.id_assertion, q.credential_id);
     return 0;
 }
 
 // Filter escaping works byte by byte, so the resource's DN is escaped for
-// the filter piece by piece, never built on its own.
+// the filter piece by piece, never built on its own; the session's part of
+// it was escaped once.
 const std::string &CredentialQuery::member_filter() const {
     if (member_.empty()) {
-        member_.reserve(std::strlen(resource) + std::strlen(domain_dn) + 48);
+        const std::string &tail = session_texts(session).resource_tail;
+        member_.reserve(std::strlen(resource) + tail.size() + 32);
         member_.assign("(member=secResourceID=");
         plat::append_filter_value(member_, plat::escape_dn_value(resource));
-        member_.append(",cn=Resources,");
-        plat::append_filter_value(member_, domain_dn);
-        member_.push_back(')');
+        member_.append(tail);
     }
     return member_;
 }

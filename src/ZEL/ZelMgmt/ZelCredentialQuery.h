@@ -16,8 +16,8 @@ namespace zel {
 // The filters that ask about groups are built when first asked for: a
 // direct answer never needs them.
 struct CredentialQuery {
+    ZelSession *session = nullptr;
     const char *resource = nullptr;
-    const char *domain_dn = "";
     std::string credential_id;    // "T:<resource>"
     std::string id_assertion;     // credential_id escaped for a filter
     // "(member=<resource DN>)"
@@ -30,7 +30,7 @@ private:
 };
 
 // 1005 for a resource whose names would not fit the fixed sizes.
-ZelRC form_credential_query(const ZelSession *s, const char *resource, CredentialQuery &q);
+ZelRC form_credential_query(ZelSession *s, const char *resource, CredentialQuery &q);
 
 // The record that answers, alive as long as its search result.
 struct CredentialAnswer {

@@ -12,6 +12,7 @@
 #include "ZelRoutines.h"
 #include "ZelSearch.h"
 #include "ZelSession.h"
+#include "ZelSessionTexts.h"
 #include "ZelStatus.h"
 #include "ZelText.h"
 #include "ZelTrace.h"
@@ -168,6 +169,7 @@ ZelRC get_domain(ZelSession *s, const char *name) {
         }
         std::free(s->domain_dn);
         s->domain_dn = domain_dn;
+        zel::forget_session_texts(s);
         const char *format = s->dir_kind == ZEL_DIR_ORV
                                  ? "(&(secAuthority=%s)(objectClass=secAuthorityInfo)(version=*))"
                                  : "(&(secAuthority=%s)(objectClass=secAuthorityInfo))";

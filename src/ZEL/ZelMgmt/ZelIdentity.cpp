@@ -11,6 +11,7 @@
 #include "ZelRoutines.h"
 #include "ZelSearch.h"
 #include "ZelSession.h"
+#include "ZelSessionTexts.h"
 #include "ZelStatus.h"
 #include "ZelText.h"
 #include "ZelTrace.h"
@@ -54,19 +55,19 @@ bool is_name(const char *text, size_t length, const char (&name)[N]) {
 // "(&(objectClass=secUser)(secDN=<person>)(secAuthority=<domain>:))", or
 // with no domain "(associatedName=<person>)", each value escaped; false (as
 // for memory) when the domain has no name.
-bool user_filter(std::string &out, const char *person_dn, bool domain_form, const char *domain) {
+bool user_filter(std::string &out, ZelSession *s, const char *person_dn, bool domain_form) {
     if (!domain_form) {
         out.assign("(associatedName=");
         plat::append_filter_value(out, person_dn);
         out.push_back(')');
         return true;
     }
-    if (domain == nullptr) return false;
+    if (s->domain_name == nullptr) return false;
+    const std::string &tail = zel::session_texts(s).domain_user_tail;
+    out.reserve(std::strlen(person_dn) + tail.size() + 32);
     out.assign("(&(objectClass=secUser)(secDN=");
     plat::append_filter_value(out, person_dn);
-    out.append(")(secAuthority=");
-    plat::append_filter_value(out, domain);
-    out.append(":))");
+    out.append(tail);
     return true;
 }
 
@@ -124,8 +125,7 @@ ZelRC verify_user(ZelSession *s, const char *person_dn, int32_t mode, std::strin
         // asks for the first-generation profile below the person.
         const bool domain_form = !zel::first_generation(s) && mode != 1;
         std::string filter;
-        filter.reserve(std::strlen(person_dn) + 64);
-        if (!user_filter(filter, person_dn, domain_form, s->domain_name)) return rc = ZEL_RC_NO_MEMORY;
+        if (!user_filter(filter, s, person_dn, domain_form)) return rc = ZEL_RC_NO_MEMORY;
 
         zel::Message res;
         rc = domain_form ? search_domain_user(s, filter.c_str(), res)
@@ -138,7 +138,7 @@ ZelRC verify_user(ZelSession *s, const char *person_dn, int32_t mode, std::strin
         if (zel::entry_count(s->ld, res.get()) <= 0) {
             // The security domain may not know a user that the Zel database does.
             if (zel::first_generation(s) || mode != 0 || s->database_dn == nullptr) return rc;
-            user_filter(filter, person_dn, false, nullptr);
+            user_filter(filter, s, person_dn, false);
             if ((rc = search_profile_below_person(s, person_dn, filter.c_str(), res)) != 0) return rc;
             if (zel::entry_count(s->ld, res.get()) <= 0) return rc;
             classed_by_filter = false;

@@ -9,6 +9,7 @@
 #include "ZelClient.h"
 #include "ZelRoutines.h"
 #include "ZelSession.h"
+#include "ZelSessionTexts.h"
 #include "ZelStatus.h"
 #include "ZelText.h"
 #include "ZelTrace.h"
@@ -393,6 +394,7 @@ ZEL_API ZelRC Zel_close(ZelSession *s, unsigned char unbind) {
         std::free(s->domain_dn);
         std::free(s->domain_name);
         zel::free_user_cache(s);
+        zel::forget_session_texts(s);
         zel::audit::detach(s);
         std::memset(s->tag, 0, sizeof s->tag);
         pthread_mutex_destroy(&s->mutex);

@@ -26,7 +26,7 @@ struct ZelSuffixNode {
 struct ZelAuditTrail;
 
 // Field order is fixed: the tag must be the first four bytes.
-namespace zel { class UserCache; }
+namespace zel { class UserCache; struct SessionTexts; }
 
 // The caller's progress hook (Zel_setProgressCallback) and the count of the
 // long-running call that reports to it now; ZelProgress.h drives it.
@@ -61,6 +61,7 @@ struct ZelSession {
     int32_t caller_referrals;       // a caller's handle chased referrals before open turned it off
     ZelProgressHook progress;
     int32_t guard_depth;       // guarded calls in progress (ZelEntry.h)
+    zel::SessionTexts *texts;  // null until a read needs them (ZelSessionTexts.h)
 };
 
 namespace zel {
