@@ -4,12 +4,10 @@
 
 #include "platform/filter_format.h"
 #include "ZelPlatform.h"
-#include "ZelSession.h"
 
 namespace zel {
 
-const SessionTexts &session_texts(ZelSession *s) {
-    if (s->texts) return *s->texts;
+const SessionTexts &make_session_texts(ZelSession *s) {
     auto texts = std::make_unique<SessionTexts>();
     if (s->domain_name) {
         texts->domain_user_tail.assign(")(secAuthority=");

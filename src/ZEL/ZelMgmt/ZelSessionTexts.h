@@ -5,7 +5,7 @@
 
 #include <string>
 
-struct ZelSession;
+#include "ZelSession.h"
 
 namespace zel {
 
@@ -16,9 +16,12 @@ struct SessionTexts {
     std::string resource_tail;
 };
 
+// Makes the session's pieces (see session_texts).
+const SessionTexts &make_session_texts(ZelSession *s);
+
 // The session's pieces, made on first use.  A session without a domain
 // name has an empty domain_user_tail.
-const SessionTexts &session_texts(ZelSession *s);
+inline const SessionTexts &session_texts(ZelSession *s) { return s->texts ? *s->texts : make_session_texts(s); }
 // Drops the pieces: when the domain is looked up again, and at close.
 void forget_session_texts(ZelSession *s);
 
