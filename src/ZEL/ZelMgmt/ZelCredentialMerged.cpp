@@ -102,8 +102,15 @@ bool same_rdns(const Rdns &a, size_t a_from, const Rdns &b) {
     return true;
 }
 
-// Group names, one per group record.
-using Names = zel::SmallVector<std::string, 4>;
+// The group a group record names, as the asks about groups see it: one
+// slot per ask (0: the security domain's groups, 1: the Zel database's).
+struct Candidate {
+    std::string name;       // empty: the record names no group
+    std::string in_filter;  // the name escaped for a filter
+    bool fits[2] = {};      // a DN of the group below the ask's container fits a DN buffer
+    bool held[2] = {};      // the group there holds the resource
+};
+using Candidates = zel::SmallVector<Candidate, 4>;
 
 // A user's records of one form: the direct one (the first found) and the
 // group records in directory order.
@@ -150,45 +157,31 @@ ZelRC search_form_records(ZelSession *s, const std::string &user_dn, int32_t mod
 
 // Which of the candidate groups hold the resource in one storage form.
 struct FormAsk {
-    int32_t mode = 0;
+    unsigned slot = 0;                     // the candidates' slot for this ask
     const Container *container = nullptr;  // kept by container_of
-    const char *naming = nullptr;     // the groups' naming attribute
+    const char *naming = nullptr;          // the groups' naming attribute
     // Holds the resource and is one of the candidates: a slice of the
     // query's filter text, which joins both asks' filters for one search.
     size_t filter_at = 0, filter_size = 0;
-    zel::SmallVector<unsigned char, 16> fits;  // whether the group's DN fits a DN buffer
-    zel::SmallVector<unsigned char, 16> held;
     bool needed = false;
 };
 
-// `in_filter`: each group's name escaped for a filter, once for both forms.
-// A group's DN must fit a DN buffer; escaping at most triples a name, so
-// only a long one is escaped to be measured.
-void prepare_ask(FormAsk &ask, int32_t mode, const Container &container, const char *naming,
-                 const std::string &holds, const Names &groups, const Names &in_filter, std::string &f) {
-    ask.mode = mode;
+// Appends the ask's filter to `f`, whose capacity the caller reserved for
+// `names_room` (per candidate, its escaped name and 16 bytes: the naming
+// attribute and the parentheses take no more).  A group's DN must fit a DN
+// buffer; escaping at most triples a name, so only a long one is escaped to
+// be measured.
+void prepare_ask(FormAsk &ask, unsigned slot, const Container &container, const char *naming,
+                 const std::string &holds, Candidates &candidates, size_t names_room, std::string &f) {
+    ask.slot = slot;
     ask.naming = naming;
     ask.container = &container;
-    ask.needed = container.ok;
-    ask.fits.assign(groups.size(), false);
-    ask.held.assign(groups.size(), false);
     const std::string_view name(naming);
-    // Measured first, then written in one growth of `f`.
     const size_t fixed = name.size() + 1 + 1 + container.dn.size();
-    size_t size = 2 + holds.size() + 2 + 2, asked = 0;
-    for (size_t i = 0; i < groups.size(); ++i) {
-        if (groups[i].empty()) continue;
-        if (!(ask.fits[i] = fixed + 3 * groups[i].size() < zel::kDnSize ||
-                            fixed + plat::escape_dn_value(groups[i]).size() < zel::kDnSize))
-            continue;
-        size += 1 + name.size() + 1 + in_filter[i].size() + 1;
-        ++asked;
-    }
-    ask.needed = ask.needed && asked > 0;
     ask.filter_at = f.size();
-    ask.filter_size = size;
-    f.resize(f.size() + size);
-    char *out = &f[ask.filter_at];
+    f.resize(f.size() + 2 + holds.size() + 2 + names_room + 2);
+    char *const begin = &f[ask.filter_at];
+    char *out = begin;
     auto put = [&out](std::string_view text) {
         std::memcpy(out, text.data(), text.size());
         out += text.size();
@@ -196,31 +189,42 @@ void prepare_ask(FormAsk &ask, int32_t mode, const Container &container, const c
     put("(&");
     put(holds);
     put("(|");
-    for (size_t i = 0; i < groups.size(); ++i) {
-        if (groups[i].empty() || !ask.fits[i]) continue;
+    bool asked = false;
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        Candidate &c = candidates[i];
+        if (c.name.empty()) continue;
+        c.fits[slot] = fixed + 3 * c.name.size() < zel::kDnSize ||
+                       fixed + plat::escape_dn_value(c.name).size() < zel::kDnSize;
+        if (!c.fits[slot]) continue;
         *out++ = '(';
         put(name);
         *out++ = '=';
-        put(in_filter[i]);
+        put(c.in_filter);
         *out++ = ')';
+        asked = true;
     }
     put("))");
+    ask.filter_size = static_cast<size_t>(out - begin);
+    f.resize(ask.filter_at + ask.filter_size);
+    ask.needed = container.ok && asked;
 }
 
 // Marks the candidates an entry of the answer names, if it is a child of
 // the ask's container.  The server found the entry by the group's name as
 // its matching rule compares them (case and insignificant spaces ignored);
 // the name is matched back to the candidates the same way.
-void mark_named(FormAsk &ask, const char *name, const Names &groups) {
-    for (size_t i = 0; i < groups.size(); ++i)
-        if (ask.fits[i] && plat::zstricmp_spaced(plat::zgetUTF8Handle(), groups[i].c_str(), name) == 0)
-            ask.held[i] = true;
+void mark_named(const FormAsk &ask, const char *name, Candidates &candidates) {
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        Candidate &c = candidates[i];
+        if (c.fits[ask.slot] && plat::zstricmp_spaced(plat::zgetUTF8Handle(), c.name.c_str(), name) == 0)
+            c.held[ask.slot] = true;
+    }
 }
 
-void mark_held(FormAsk &ask, const Rdns &entry, const Names &groups) {
+void mark_held(const FormAsk &ask, const Rdns &entry, Candidates &candidates) {
     if (entry.empty() || !zel::same_text(entry[0].first.c_str(), ask.naming) || !same_rdns(entry, 1, ask.container->rdns))
         return;
-    mark_named(ask, entry[0].second.c_str(), groups);
+    mark_named(ask, entry[0].second.c_str(), candidates);
 }
 
 // The deepest DN both containers lie below, as text; empty when none.
@@ -255,7 +259,7 @@ const std::string &common_base(const Container &a, const Container &b) {
 // are passed over), one search each when the two share no base.
 // `filters` is "(|" and the asks' filters, then ")": the filter of a search
 // over both, each ask's own a slice of it.
-ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, const Names &groups, const std::string &filters) {
+ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, Candidates &candidates, const std::string &filters) {
     FormAsk *needed[2];
     size_t count = 0;
     for (FormAsk *a : {first, second})
@@ -269,8 +273,8 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, const Names &gr
         scope = LDAP_SCOPE_SUBTREE;
         base = common->c_str();
     } else if (count == 2) {
-        if (ZelRC rc = ask_groups(s, needed[0], nullptr, groups, filters)) return rc;
-        return ask_groups(s, needed[1], nullptr, groups, filters);
+        if (ZelRC rc = ask_groups(s, needed[0], nullptr, candidates, filters)) return rc;
+        return ask_groups(s, needed[1], nullptr, candidates, filters);
     } else {
         filter = one.assign(filters, needed[0]->filter_at, needed[0]->filter_size).c_str();
     }
@@ -301,11 +305,11 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, const Names &gr
             if (same_containers < 0) same_containers = same_rdns(needed[0]->container->rdns, 0, needed[1]->container->rdns);
             for (size_t k = 0; k < count; ++k)
                 if ((k == below || same_containers) && zel::same_text(type.c_str(), needed[k]->naming))
-                    mark_named(*needed[k], value.c_str(), groups);
+                    mark_named(*needed[k], value.c_str(), candidates);
             continue;
         }
         if (!split_dn(dn, rdns)) continue;
-        for (size_t k = 0; k < count; ++k) mark_held(*needed[k], rdns, groups);
+        for (size_t k = 0; k < count; ++k) mark_held(*needed[k], rdns, candidates);
     }
     return 0;
 }
@@ -315,42 +319,45 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, const Names &gr
 // database's group of that name; first-generation records at the latter.
 ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, FormRecords &records,
                        LDAPMessage *&answer, CredentialTrail *trail) {
-    Names groups(records.groups.size()), in_filter(groups.size());
-    for (size_t i = 0; i < groups.size(); ++i) {
-        if (ZelRC rc = zel::credential_group(records.group_dns[i], groups[i])) return rc;
-        if (!groups[i].empty()) in_filter[i] = plat::escape_filter_value(groups[i]);
+    Candidates candidates(records.groups.size());
+    size_t names_room = 0;
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        Candidate &c = candidates[i];
+        if (ZelRC rc = zel::credential_group(records.group_dns[i], c.name)) return rc;
+        if (!c.name.empty()) plat::append_filter_value(c.in_filter, c.name);
+        names_room += c.in_filter.size() + 16;
     }
     // A security domain record held in no domain: without a domain DN there
     // is nothing to ask.
     bool domain = mode == zel::kDomainMode && s->domain_dn;
     bool first_gen = s->database_dn && (mode == zel::kFirstGenerationMode || domain);
+    constexpr unsigned kInDomain = 0, kInDatabase = 1;
     FormAsk in_domain, in_database;
     std::string filters;
-    size_t names_size = 0;
-    for (size_t i = 0; i < groups.size(); ++i) names_size += in_filter[i].size() + 16;
-    filters.reserve(2 * names_size + 256);
+    filters.reserve(2 * names_room + 256);
     filters.assign("(|");
     if (domain)
-        prepare_ask(in_domain, zel::kDomainMode, container_of("cn=ResourceGroups,", s->domain_dn), "secResGroupID",
-                    q.member_filter(), groups, in_filter, filters);
+        prepare_ask(in_domain, kInDomain, container_of("cn=ResourceGroups,", s->domain_dn), "secResGroupID",
+                    q.member_filter(), candidates, names_room, filters);
     if (first_gen)
-        prepare_ask(in_database, zel::kFirstGenerationMode, container_of("cn=Zel Domains,", s->database_dn), "cn",
-                    q.location_filter(), groups, in_filter, filters);
+        prepare_ask(in_database, kInDatabase, container_of("cn=Zel Domains,", s->database_dn), "cn",
+                    q.location_filter(), candidates, names_room, filters);
     filters.push_back(')');
-    if (ZelRC rc = ask_groups(s, &in_domain, &in_database, groups, filters)) return rc;
+    if (ZelRC rc = ask_groups(s, &in_domain, &in_database, candidates, filters)) return rc;
 
-    for (size_t i = 0; i < groups.size(); ++i) {
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        const Candidate &c = candidates[i];
         int32_t held_in = 0;
-        if (!groups[i].empty()) {
-            if (domain && !in_domain.fits[i]) return ZEL_RC_LIMIT_EXCEEDED;
-            if (domain && in_domain.held[i]) {
+        if (!c.name.empty()) {
+            if (domain && !c.fits[kInDomain]) return ZEL_RC_LIMIT_EXCEEDED;
+            if (domain && c.held[kInDomain]) {
                 held_in = zel::kDomainMode;
             } else if (first_gen) {
-                if (!in_database.fits[i]) return ZEL_RC_LIMIT_EXCEEDED;
-                if (in_database.held[i]) held_in = zel::kFirstGenerationMode;
+                if (!c.fits[kInDatabase]) return ZEL_RC_LIMIT_EXCEEDED;
+                if (c.held[kInDatabase]) held_in = zel::kFirstGenerationMode;
             }
         }
-        if (trail) trail->group(mode, records.groups[i], groups[i], held_in);
+        if (trail) trail->group(mode, records.groups[i], c.name, held_in);
         if (held_in) {
             answer = records.groups[i];
             return 0;
