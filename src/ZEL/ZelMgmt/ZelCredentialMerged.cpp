@@ -21,6 +21,7 @@
 #include "ZelPlatform.h"
 #include "ZelSearch.h"
 #include "ZelSession.h"
+#include "ZelSessionTexts.h"
 #include "ZelSmallVector.h"
 #include "ZelStatus.h"
 #include "ZelText.h"
@@ -60,36 +61,20 @@ bool split_dn(const char *dn, Rdns &out) {
     return true;
 }
 
-// A group container: "<prefix><base>", parsed.  The two a session asks
-// about (its domain's and its database's) are the same on every query, so
-// the last two built are kept per thread with the deepest DN both lie below;
-// a query asks about two containers at most, and the one it used last is
-// never the one written over, so both of a query's stay in place until it
-// is done.
-struct Container {
-    const char *prefix = nullptr;
-    std::string base;
-    std::string dn;
-    Rdns rdns;
-    bool ok = false;
-    unsigned serial = 0;  // changes whenever the slot is written over
-};
+using Container = zel::GroupContainer;
 
-const Container &container_of(const char *prefix, const char *base) {
-    thread_local Container kept[2];
-    thread_local unsigned last = 0, serials = 0;
-    for (unsigned i = 0; i < 2; ++i)
-        if (kept[i].prefix == prefix && kept[i].base == base) {
-            last = i;
-            return kept[i];
-        }
-    last = 1 - last;
-    Container &c = kept[last];
-    c.prefix = prefix;
+// One of the session's group containers, made when first asked for.  The
+// domain's lies below a DN fixed for the session; the Zel database's is made
+// again when the database's DN is not the one it was made below, since a
+// session may find or create its database later.
+const Container &container_of(zel::SessionTexts &texts, Container &c, const char *prefix, const char *base,
+                              bool fixed_base) {
+    if (c.made && (fixed_base || c.base == base)) return c;
     c.base = base;
     c.dn.assign(prefix).append(base);
     c.ok = split_dn(c.dn.c_str(), c.rdns);
-    c.serial = ++serials;
+    c.made = true;
+    texts.common_base_made = false;
     return c;
 }
 
@@ -158,7 +143,7 @@ ZelRC search_form_records(ZelSession *s, const std::string &user_dn, int32_t mod
 // Which of the candidate groups hold the resource in one storage form.
 struct FormAsk {
     unsigned slot = 0;                     // the candidates' slot for this ask
-    const Container *container = nullptr;  // kept by container_of
+    const Container *container = nullptr;  // the session's (container_of)
     const char *naming = nullptr;          // the groups' naming attribute
     // Holds the resource and is one of the candidates: a slice of the
     // query's filter text, which joins both asks' filters for one search.
@@ -243,15 +228,12 @@ std::string common_base_text(const Rdns &a, const Rdns &b) {
     return base;
 }
 
-const std::string &common_base(const Container &a, const Container &b) {
-    thread_local unsigned serial_a = 0, serial_b = 0;
-    thread_local std::string kept;
-    if (serial_a != a.serial || serial_b != b.serial) {
-        kept = common_base_text(a.rdns, b.rdns);
-        serial_a = a.serial;
-        serial_b = b.serial;
+const std::string &common_base(zel::SessionTexts &texts) {
+    if (!texts.common_base_made) {
+        texts.groups_common_base = common_base_text(texts.domain_groups.rdns, texts.database_groups.rdns);
+        texts.common_base_made = true;
     }
-    return kept;
+    return texts.groups_common_base;
 }
 
 // One search over the asks' containers: one level below a single container,
@@ -268,7 +250,8 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, Candidates &can
     const char *base = needed[0]->container->dn.c_str(), *filter = filters.c_str();
     std::string one;
     int scope = LDAP_SCOPE_ONELEVEL;
-    const std::string *common = count == 2 ? &common_base(*needed[0]->container, *needed[1]->container) : nullptr;
+    // Two asks are always the domain's and the database's.
+    const std::string *common = count == 2 ? &common_base(zel::session_texts(s)) : nullptr;
     if (common && !common->empty()) {
         scope = LDAP_SCOPE_SUBTREE;
         base = common->c_str();
@@ -336,11 +319,14 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
     std::string filters;
     filters.reserve(2 * names_room + 256);
     filters.assign("(|");
+    zel::SessionTexts &texts = zel::session_texts(s);
     if (domain)
-        prepare_ask(in_domain, kInDomain, container_of("cn=ResourceGroups,", s->domain_dn), "secResGroupID",
-                    q.member_filter(), candidates, names_room, filters);
+        prepare_ask(in_domain, kInDomain,
+                    container_of(texts, texts.domain_groups, "cn=ResourceGroups,", s->domain_dn, true),
+                    "secResGroupID", q.member_filter(), candidates, names_room, filters);
     if (first_gen)
-        prepare_ask(in_database, kInDatabase, container_of("cn=Zel Domains,", s->database_dn), "cn",
+        prepare_ask(in_database, kInDatabase,
+                    container_of(texts, texts.database_groups, "cn=Zel Domains,", s->database_dn, false), "cn",
                     q.location_filter(), candidates, names_room, filters);
     filters.push_back(')');
     if (ZelRC rc = ask_groups(s, &in_domain, &in_database, candidates, filters)) return rc;

@@ -7,7 +7,7 @@
 
 namespace zel {
 
-const SessionTexts &make_session_texts(ZelSession *s) {
+SessionTexts &make_session_texts(ZelSession *s) {
     auto texts = std::make_unique<SessionTexts>();
     if (s->domain_name) {
         texts->domain_user_tail.assign(")(secAuthority=");
