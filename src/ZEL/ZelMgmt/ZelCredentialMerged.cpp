@@ -228,12 +228,15 @@ std::string common_base_text(const Rdns &a, const Rdns &b) {
     return base;
 }
 
-const std::string &common_base(zel::SessionTexts &texts) {
+// The session's two group containers compared: the deepest DN both lie
+// below, and whether they are one DN.
+const zel::SessionTexts &compare_containers(zel::SessionTexts &texts) {
     if (!texts.common_base_made) {
         texts.groups_common_base = common_base_text(texts.domain_groups.rdns, texts.database_groups.rdns);
+        texts.same_group_containers = same_rdns(texts.domain_groups.rdns, 0, texts.database_groups.rdns);
         texts.common_base_made = true;
     }
-    return texts.groups_common_base;
+    return texts;
 }
 
 // One search over the asks' containers: one level below a single container,
@@ -251,7 +254,8 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, Candidates &can
     std::string one;
     int scope = LDAP_SCOPE_ONELEVEL;
     // Two asks are always the domain's and the database's.
-    const std::string *common = count == 2 ? &common_base(zel::session_texts(s)) : nullptr;
+    const zel::SessionTexts *both = count == 2 ? &compare_containers(zel::session_texts(s)) : nullptr;
+    const std::string *common = both ? &both->groups_common_base : nullptr;
     if (common && !common->empty()) {
         scope = LDAP_SCOPE_SUBTREE;
         base = common->c_str();
@@ -269,7 +273,7 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, Candidates &can
     // Most entries name their group plainly below the very text of an ask's
     // container: they are matched without parsing the DN.  The other ask
     // takes such an entry only when its container is the same DN.
-    int same_containers = count == 2 ? -1 : 0;  // -1: not yet compared
+    const bool same_containers = both && both->same_group_containers;
     Rdns rdns;
     std::string_view type_view, value_view;
     std::string type, value;  // the views as text the comparisons take
@@ -285,7 +289,6 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, Candidates &can
                 if (needed[k]->container->dn == parent) below = k;
         }
         if (below < count) {
-            if (same_containers < 0) same_containers = same_rdns(needed[0]->container->rdns, 0, needed[1]->container->rdns);
             for (size_t k = 0; k < count; ++k)
                 if ((k == below || same_containers) && zel::same_text(type.c_str(), needed[k]->naming))
                     mark_named(*needed[k], value.c_str(), candidates);

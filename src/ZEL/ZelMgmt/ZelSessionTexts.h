@@ -27,11 +27,13 @@ struct SessionTexts {
     // ",cn=Resources,<domain DN>)": closes a resource's member filter.
     std::string resource_tail;
     // The containers of the security domain's resource groups and of the
-    // Zel database's, and the deepest DN both lie below (empty when none),
-    // as the credential query through groups makes them.
+    // Zel database's, the deepest DN both lie below (empty when none) and
+    // whether they are one DN, as the credential query through groups makes
+    // them.
     GroupContainer domain_groups, database_groups;
     std::string groups_common_base;
-    bool common_base_made = false;
+    bool same_group_containers = false;
+    bool common_base_made = false;  // the two fields above are up to date
 };
 
 // Makes the session's pieces (see session_texts).
