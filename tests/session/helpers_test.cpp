@@ -8,6 +8,7 @@
 #include <ldap.h>
 
 #include "support/session.h"
+#include "ZelCredentialQuery.h"
 #include "ZelRoutines.h"
 #include "ZelSession.h"
 #include "ZelText.h"
@@ -137,6 +138,36 @@ TEST_F(Resolve, DeleteTreeRemovesChildrenFirst) {
 }
 
 // The client keeps its own copy; each get hands out a fresh one.
+// A security domain named with filter syntax.  The session escapes its
+// name and DN once and keeps them: each stays a value in the filters of
+// every call, the first and the next.
+class OddDomain : public SessionTest {
+protected:
+    Profile profile() const override {
+        Profile p;
+        p.domain = "D(1)*";
+        p.seed_ldif = person_ldif("o=acme", "Ann", "ann");
+        return p;
+    }
+};
+
+TEST_F(OddDomain, ItsNameAndDnStayValuesInEveryFilter) {
+    for (int call = 1; call <= 2; ++call) {
+        fault::reset();
+        ZelCredentialRequest req{nullptr, nullptr, const_cast<char *>("app")};
+        ZelCredential c{};
+        EXPECT_EQ(Zel_getCredential(s.get(), "ann", &req, &c), ZEL_RC_TR_NOT_FOUND) << "call " << call;
+        const std::vector<fault::Call> searches = fault::calls(Fn::Search);
+        ASSERT_EQ(searches.size(), 2u) << "call " << call;
+        EXPECT_EQ(searches[1].filter, "(&(objectClass=secUser)(secDN=cn=Ann,o=acme)(secAuthority=D\\281\\29\\2A:))")
+            << "call " << call;
+        zel::CredentialQuery q;
+        ASSERT_EQ(zel::form_credential_query(s.get(), "app", q), 0u);
+        EXPECT_EQ(q.member_filter(), "(member=secResourceID=app,cn=Resources,secAuthority=D\\281\\29\\2A,o=acme)")
+            << "call " << call;
+    }
+}
+
 TEST(Locale, SetKeepsACopyAndEachGetHandsOutItsOwn) {
     Zel_memfree(nullptr);
     char name[] = "de_DE.UTF-8";
