@@ -1,3 +1,4 @@
+// The session's kept filter pieces.  See ZelSessionTexts.h.
 #include "ZelSessionTexts.h"
 
 #include <memory>

@@ -1,6 +1,8 @@
-// Filter pieces and DNs made from what a session was opened on, its security
-// domain's name and DN.  Neither changes while the session lives, so each
-// piece is escaped or parsed once per session instead of once per call.
+// Filter pieces and DNs that a session's reads would otherwise build on
+// every call.  Most are made of what the session was opened on, its security
+// domain's name and DN, which do not change while it lives: each is escaped
+// or parsed once per session.  The Zel database's group container is made
+// again when the database's DN changes.
 #pragma once
 
 #include <string>
