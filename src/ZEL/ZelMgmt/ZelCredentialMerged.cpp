@@ -151,11 +151,15 @@ struct FormAsk {
     bool needed = false;
 };
 
+// Room for one candidate in an ask's filter beside its escaped name: the
+// naming attribute and "(=)".  The two namings asked by ("secResGroupID",
+// "cn") take no more.
+constexpr size_t kNameRoom = 16;
+
 // Appends the ask's filter to `f`, whose capacity the caller reserved for
-// `names_room` (per candidate, its escaped name and 16 bytes: the naming
-// attribute and the parentheses take no more).  A group's DN must fit a DN
-// buffer; escaping at most triples a name, so only a long one is escaped to
-// be measured.
+// `names_room` (kNameRoom and the escaped name per candidate).  A group's DN
+// must fit a DN buffer; escaping at most triples a name, so only a long one
+// is escaped to be measured.
 void prepare_ask(FormAsk &ask, unsigned slot, const Container &container, const char *naming,
                  const std::string &holds, Candidates &candidates, size_t names_room, std::string &f) {
     ask.slot = slot;
@@ -164,7 +168,8 @@ void prepare_ask(FormAsk &ask, unsigned slot, const Container &container, const 
     const std::string_view name(naming);
     const size_t fixed = name.size() + 1 + 1 + container.dn.size();
     ask.filter_at = f.size();
-    f.resize(f.size() + 2 + holds.size() + 2 + names_room + 2);
+    const size_t beyond_room = name.size() + 3 > kNameRoom ? name.size() + 3 - kNameRoom : 0;
+    f.resize(f.size() + 2 + holds.size() + 2 + names_room + candidates.size() * beyond_room + 2);
     char *const begin = &f[ask.filter_at];
     char *out = begin;
     auto put = [&out](std::string_view text) {
@@ -311,7 +316,7 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
         Candidate &c = candidates[i];
         if (ZelRC rc = zel::credential_group(records.group_dns[i], c.name)) return rc;
         if (!c.name.empty()) plat::append_filter_value(c.in_filter, c.name);
-        names_room += c.in_filter.size() + 16;
+        names_room += c.in_filter.size() + kNameRoom;
     }
     // A security domain record held in no domain: without a domain DN there
     // is nothing to ask.

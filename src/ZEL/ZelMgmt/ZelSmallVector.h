@@ -1,5 +1,5 @@
 // A list that keeps its first N elements in place: the lists a read builds
-// per call (a user's group records, the marks of each) hardly ever outgrow
+// per call (a user's group records, the groups they name) hardly ever outgrow
 // a few, and each allocation counts on the sign-on path.  Only the elements
 // in use are ever constructed, so an empty list costs nothing to make or
 // drop.  It stays where it was made: its data may point into itself.
@@ -29,12 +29,6 @@ public:
         if (data_ != in_place()) ::operator delete(data_);
     }
 
-    void assign(size_t n, const T &value) {
-        clear();
-        reserve(n);
-        std::uninitialized_fill_n(data_, n, value);
-        size_ = n;
-    }
     void push_back(const T &value) {
         if (size_ == capacity_) {
             T copy(value);  // value may lie in the storage about to move
@@ -49,8 +43,6 @@ public:
         std::destroy_n(data_, size_);
         size_ = 0;
     }
-    T *data() { return data_; }
-    const T *data() const { return data_; }
     T &operator[](size_t i) { return data_[i]; }
     const T &operator[](size_t i) const { return data_[i]; }
     size_t size() const { return size_; }
