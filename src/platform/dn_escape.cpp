@@ -33,11 +33,14 @@ struct DnBytes {
 
 }  // namespace
 
+bool dn_value_is_plain(std::string_view value) {
+    const bool plain_edges = value.empty() || (value.front() != ' ' && value.front() != '#' && value.back() != ' ');
+    return plain_edges && first_special<DnBytes>(value.data(), value.size()) == value.size();
+}
+
 std::string escape_dn_value(std::string_view value) {
     // Most names hold nothing to escape: one scan, one copy.
-    const bool plain_edges = value.empty() || (value.front() != ' ' && value.front() != '#' && value.back() != ' ');
-    if (plain_edges && first_special<DnBytes>(value.data(), value.size()) == value.size())
-        return std::string(value);
+    if (dn_value_is_plain(value)) return std::string(value);
     std::string out;
     out.reserve(value.size());
     for (size_t i = 0; i < value.size(); ++i) {

@@ -14,6 +14,9 @@ namespace zel::platform {
 // special characters comes back unchanged.  Throws std::bad_alloc.
 std::string escape_dn_value(std::string_view value);
 
+// Whether escape_dn_value would give `value` back as it is.
+bool dn_value_is_plain(std::string_view value);
+
 // A DN whose first RDN is one type=value pair with nothing that a DN
 // escapes, quotes or trims, as a server writes an RDN whose value needs no
 // escaping: that RDN's type and value as they stand in `dn`, and the text of

@@ -59,9 +59,13 @@ ZelRC form_credential_query(ZelSession *s, const char *resource, CredentialQuery
 const std::string &CredentialQuery::member_filter() const {
     if (member_.empty()) {
         const std::string &tail = session_texts(session).resource_tail;
-        member_.reserve(std::strlen(resource) + tail.size() + 32);
+        const std::string_view name(resource);
+        member_.reserve(name.size() + tail.size() + 32);
         member_.assign("(member=secResourceID=");
-        plat::append_filter_value(member_, plat::escape_dn_value(resource));
+        if (plat::dn_value_is_plain(name))
+            plat::append_filter_value(member_, name);
+        else
+            plat::append_filter_value(member_, plat::escape_dn_value(name));
         member_.append(tail);
     }
     return member_;

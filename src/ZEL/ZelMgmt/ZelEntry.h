@@ -96,6 +96,9 @@ ZelRC user_write_call(ZelSession *s, const char *name, const audit::Subject &sub
 // holds one.  Inside a guarded call an exception passes on to that guard.
 template <class Body>
 ZelRC routine(ZelSession *s, const char *name, Body &&body) {
+    // Inside a call that holds the guard and traces no flow, the routine
+    // is its body.
+    if (guarded_now(s) && !tracing(s, kTraceFlow)) return body();
     ZelRC rc = 0;
     RoutineTrace trace(s, name, rc);
     if (guarded_now(s)) return rc = body();
