@@ -36,7 +36,7 @@ inline Block bytes_within(Block v, unsigned char low, unsigned char span) {
 // overlaps what was already passed, so no byte is read outside the text and
 // none is read one at a time.
 template <class Bytes>
-size_t first_special(const char *text, size_t n) {
+[[gnu::always_inline]] inline size_t first_special(const char *text, size_t n) {
 #if defined(__SSE2__)
     if (n < 16) {
         if (n == 0) return 0;

@@ -31,16 +31,34 @@ struct DnBytes {
 #endif
 };
 
+// What a DN escapes and what a filter escapes ('(' ')' '*', besides the
+// NUL and '\\' a DN escapes too): '(' to ',' is one run.
+struct DnOrFilterBytes {
+    static bool special(unsigned char c) { return kSpecial[c] || c == '(' || c == ')' || c == '*'; }
+#if defined(__SSE2__)
+    static Block block(Block v) {
+        return _mm_or_si128(_mm_or_si128(_mm_or_si128(bytes_within(v, 0, 0x1F), bytes_equal(v, 0x7F)),
+                                         _mm_or_si128(bytes_equal(v, '"'), bytes_equal(v, '\\'))),
+                            _mm_or_si128(bytes_within(v, '(', 4), bytes_within(v, ';', 3)));
+    }
+#endif
+};
+
+// A leading ' ' or '#' and a trailing ' ' are escaped wherever else they may stand.
+bool plain_edges(std::string_view value) {
+    return value.empty() || (value.front() != ' ' && value.front() != '#' && value.back() != ' ');
+}
+
 }  // namespace
 
-bool dn_value_is_plain(std::string_view value) {
-    const bool plain_edges = value.empty() || (value.front() != ' ' && value.front() != '#' && value.back() != ' ');
-    return plain_edges && first_special<DnBytes>(value.data(), value.size()) == value.size();
+bool plain_in_dn_and_filter(std::string_view value) {
+    return plain_edges(value) && first_special<DnOrFilterBytes>(value.data(), value.size()) == value.size();
 }
 
 std::string escape_dn_value(std::string_view value) {
     // Most names hold nothing to escape: one scan, one copy.
-    if (dn_value_is_plain(value)) return std::string(value);
+    if (plain_edges(value) && first_special<DnBytes>(value.data(), value.size()) == value.size())
+        return std::string(value);
     std::string out;
     out.reserve(value.size());
     for (size_t i = 0; i < value.size(); ++i) {

@@ -14,8 +14,9 @@ namespace zel::platform {
 // special characters comes back unchanged.  Throws std::bad_alloc.
 std::string escape_dn_value(std::string_view value);
 
-// Whether escape_dn_value would give `value` back as it is.
-bool dn_value_is_plain(std::string_view value);
+// Whether `value` stands as it is both as a DN value (escape_dn_value gives
+// it back) and in a filter.
+bool plain_in_dn_and_filter(std::string_view value);
 
 // A DN whose first RDN is one type=value pair with nothing that a DN
 // escapes, quotes or trims, as a server writes an RDN whose value needs no

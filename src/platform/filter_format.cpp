@@ -111,6 +111,10 @@ std::string escape_filter_value(std::string_view value) {
     return out;
 }
 
+bool filter_value_is_plain(std::string_view value) {
+    return first_special<FilterBytes>(value.data(), value.size()) == value.size();
+}
+
 void append_filter_value(std::string &out, std::string_view value) {
     static const char hex[] = "0123456789ABCDEF";
     // Most values hold nothing to escape: one scan, one copy.

@@ -23,5 +23,7 @@ char *ku_mbs_sprintf(const char *format, ...);
 std::string escape_filter_value(std::string_view value);
 // The same added to the end of `out`.
 void append_filter_value(std::string &out, std::string_view value);
+// Whether the quoting leaves `value` as it is.
+bool filter_value_is_plain(std::string_view value);
 
 }  // namespace zel::platform

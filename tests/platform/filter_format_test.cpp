@@ -58,6 +58,11 @@ TEST(Escaping, EveryByteAtEveryPlaceAsOneByteAtATime) {
                     in_dn = "\\" + in_dn;
                 ASSERT_EQ(escape_dn_value(value), before + in_dn + after)
                     << "size " << size << " at " << at << " byte " << byte;
+                // The checks that let a plain value skip both escapes.
+                const bool plain_in_dn = in_dn.size() == 1, plain_in_filter = !in_filter;
+                ASSERT_EQ(zel::platform::filter_value_is_plain(value), plain_in_filter) << "byte " << byte;
+                ASSERT_EQ(zel::platform::plain_in_dn_and_filter(value), plain_in_dn && plain_in_filter)
+                    << "size " << size << " at " << at << " byte " << byte;
             }
 }
 

@@ -56,18 +56,16 @@ ZelRC form_credential_query(ZelSession *s, const char *resource, CredentialQuery
 // Filter escaping works byte by byte, so the resource's DN is escaped for
 // the filter piece by piece, never built on its own; the session's part of
 // it was escaped once.
+std::string_view CredentialQuery::member_value() const {
+    const std::string_view name(resource);
+    if (plat::plain_in_dn_and_filter(name)) return name;
+    if (member_value_.empty()) plat::append_filter_value(member_value_, plat::escape_dn_value(name));
+    return member_value_;
+}
+
 const std::string &CredentialQuery::member_filter() const {
-    if (member_.empty()) {
-        const std::string &tail = session_texts(session).resource_tail;
-        const std::string_view name(resource);
-        member_.reserve(name.size() + tail.size() + 32);
-        member_.assign("(member=secResourceID=");
-        if (plat::dn_value_is_plain(name))
-            plat::append_filter_value(member_, name);
-        else
-            plat::append_filter_value(member_, plat::escape_dn_value(name));
-        member_.append(tail);
-    }
+    if (member_.empty())
+        append_text(member_, {"(member=secResourceID=", member_value(), session_texts(session).resource_tail});
     return member_;
 }
 

@@ -91,9 +91,11 @@ bool same_rdns(const Rdns &a, size_t a_from, const Rdns &b) {
 // slot per ask (0: the security domain's groups, 1: the Zel database's).
 struct Candidate {
     std::string name;       // empty: the record names no group
-    std::string in_filter;  // the name escaped for a filter
+    std::string escaped;    // the name escaped for a filter, when it needs escaping
     bool fits[2] = {};      // a DN of the group below the ask's container fits a DN buffer
     bool held[2] = {};      // the group there holds the resource
+
+    std::string_view in_filter() const { return escaped.empty() ? std::string_view(name) : escaped; }
 };
 using Candidates = zel::SmallVector<Candidate, 4>;
 
@@ -151,6 +153,13 @@ struct FormAsk {
     bool needed = false;
 };
 
+// What holds the resource in one form: a filter written straight into the
+// query's filter in three pieces.
+struct Holds {
+    std::string_view head, value, tail;
+    size_t size() const { return head.size() + value.size() + tail.size(); }
+};
+
 // Room for one candidate in an ask's filter beside its escaped name: the
 // naming attribute and "(=)".  The two namings asked by ("secResGroupID",
 // "cn") take no more.
@@ -160,8 +169,8 @@ constexpr size_t kNameRoom = 16;
 // `names_room` (kNameRoom and the escaped name per candidate).  A group's DN
 // must fit a DN buffer; escaping at most triples a name, so only a long one
 // is escaped to be measured.
-void prepare_ask(FormAsk &ask, unsigned slot, const Container &container, const char *naming,
-                 const std::string &holds, Candidates &candidates, size_t names_room, std::string &f) {
+void prepare_ask(FormAsk &ask, unsigned slot, const Container &container, const char *naming, const Holds &holds,
+                 Candidates &candidates, size_t names_room, std::string &f) {
     ask.slot = slot;
     ask.naming = naming;
     ask.container = &container;
@@ -177,7 +186,9 @@ void prepare_ask(FormAsk &ask, unsigned slot, const Container &container, const 
         out += text.size();
     };
     put("(&");
-    put(holds);
+    put(holds.head);
+    put(holds.value);
+    put(holds.tail);
     put("(|");
     bool asked = false;
     for (size_t i = 0; i < candidates.size(); ++i) {
@@ -189,7 +200,7 @@ void prepare_ask(FormAsk &ask, unsigned slot, const Container &container, const 
         *out++ = '(';
         put(name);
         *out++ = '=';
-        put(c.in_filter);
+        put(c.in_filter());
         *out++ = ')';
         asked = true;
     }
@@ -315,8 +326,8 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
     for (size_t i = 0; i < candidates.size(); ++i) {
         Candidate &c = candidates[i];
         if (ZelRC rc = zel::credential_group(records.group_dns[i], c.name)) return rc;
-        if (!c.name.empty()) plat::append_filter_value(c.in_filter, c.name);
-        names_room += c.in_filter.size() + kNameRoom;
+        if (!plat::filter_value_is_plain(c.name)) plat::append_filter_value(c.escaped, c.name);
+        names_room += c.in_filter().size() + kNameRoom;
     }
     // A security domain record held in no domain: without a domain DN there
     // is nothing to ask.
@@ -331,11 +342,13 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
     if (domain)
         prepare_ask(in_domain, kInDomain,
                     container_of(texts, texts.domain_groups, "cn=ResourceGroups,", s->domain_dn, true),
-                    "secResGroupID", q.member_filter(), candidates, names_room, filters);
+                    "secResGroupID", Holds{"(member=secResourceID=", q.member_value(), texts.resource_tail},
+                    candidates, names_room, filters);
     if (first_gen)
         prepare_ask(in_database, kInDatabase,
                     container_of(texts, texts.database_groups, "cn=Zel Domains,", s->database_dn, false), "cn",
-                    q.location_filter(), candidates, names_room, filters);
+                    Holds{"(&(objectClass=eZelDomain)(targetLocation=", q.id_assertion, "))"}, candidates,
+                    names_room, filters);
     filters.push_back(')');
     if (ZelRC rc = ask_groups(s, &in_domain, &in_database, candidates, filters)) return rc;
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "ZelTargetRecord.h"
 #include "ZelUserLookup.h"
@@ -24,9 +25,12 @@ struct CredentialQuery {
     const std::string &member_filter() const;
     // First-generation domains list "T:<resource>" as a location.
     const std::string &location_filter() const;
+    // The resource's name as member_filter() holds it: escaped for its DN,
+    // then for the filter.
+    std::string_view member_value() const;
 
 private:
-    mutable std::string member_, location_;
+    mutable std::string member_, location_, member_value_;
 };
 
 // 1005 for a resource whose names would not fit the fixed sizes.
