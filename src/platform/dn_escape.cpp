@@ -31,16 +31,12 @@ struct DnBytes {
 #endif
 };
 
-// What a DN escapes and what a filter escapes ('(' ')' '*', besides the
-// NUL and '\\' a DN escapes too): '(' to ',' is one run.
+// What a DN escapes and what a filter escapes besides: '(' ')' '*' (the NUL
+// and '\\' a DN escapes too).
 struct DnOrFilterBytes {
-    static bool special(unsigned char c) { return kSpecial[c] || c == '(' || c == ')' || c == '*'; }
+    static bool special(unsigned char c) { return DnBytes::special(c) || c == '(' || c == ')' || c == '*'; }
 #if defined(__SSE2__)
-    static Block block(Block v) {
-        return _mm_or_si128(_mm_or_si128(_mm_or_si128(bytes_within(v, 0, 0x1F), bytes_equal(v, 0x7F)),
-                                         _mm_or_si128(bytes_equal(v, '"'), bytes_equal(v, '\\'))),
-                            _mm_or_si128(bytes_within(v, '(', 4), bytes_within(v, ';', 3)));
-    }
+    static Block block(Block v) { return _mm_or_si128(DnBytes::block(v), bytes_within(v, '(', 2)); }
 #endif
 };
 
