@@ -115,67 +115,76 @@ bool split_principal(const char *principal, std::string &name, std::string &real
 
 namespace zel {
 
-ZelRC verify_user(ZelSession *s, const char *person_dn, int32_t mode, std::string *profile_dn_out) {
+namespace {
+
+// verify_user's body: a function of its own rather than the routine's
+// lambda, so that its arguments stay in registers instead of being read
+// through the closure at every use.
+ZelRC check_user(ZelSession *s, const char *person_dn, int32_t mode, std::string *profile_dn_out) {
     ZelRC rc = 0;
-    return zel::routine(s, "verify_ZEL_user", [&]() -> ZelRC {
-        if (profile_dn_out) profile_dn_out->clear();
-        if (person_dn == nullptr) return rc = ZEL_RC_INVALID_ARGUMENT;
+    if (profile_dn_out) profile_dn_out->clear();
+    if (person_dn == nullptr) return ZEL_RC_INVALID_ARGUMENT;
 
-        // Sessions on a security domain look for the secUser entry first; mode 1
-        // asks for the first-generation profile below the person.
-        const bool domain_form = !zel::first_generation(s) && mode != 1;
-        std::string filter;
-        if (!user_filter(filter, s, person_dn, domain_form)) return rc = ZEL_RC_NO_MEMORY;
+    // Sessions on a security domain look for the secUser entry first; mode 1
+    // asks for the first-generation profile below the person.
+    const bool domain_form = !zel::first_generation(s) && mode != 1;
+    std::string filter;
+    if (!user_filter(filter, s, person_dn, domain_form)) return ZEL_RC_NO_MEMORY;
 
-        zel::Message res;
-        rc = domain_form ? search_domain_user(s, filter.c_str(), res)
-                         : search_profile_below_person(s, person_dn, filter.c_str(), res);
-        if (rc != 0) return rc;
+    zel::Message res;
+    rc = domain_form ? search_domain_user(s, filter.c_str(), res)
+                     : search_profile_below_person(s, person_dn, filter.c_str(), res);
+    if (rc != 0) return rc;
 
-        // Entries of the domain's search are users by their filter; a
-        // profile below the person is one when its classes say so.
-        bool classed_by_filter = domain_form;
-        if (zel::entry_count(s->ld, res.get()) <= 0) {
-            // The security domain may not know a user that the Zel database does.
-            if (zel::first_generation(s) || mode != 0 || s->database_dn == nullptr) return rc;
-            user_filter(filter, s, person_dn, false);
-            if ((rc = search_profile_below_person(s, person_dn, filter.c_str(), res)) != 0) return rc;
-            if (zel::entry_count(s->ld, res.get()) <= 0) return rc;
-            classed_by_filter = false;
+    // Entries of the domain's search are users by their filter; a
+    // profile below the person is one when its classes say so.
+    bool classed_by_filter = domain_form;
+    if (zel::entry_count(s->ld, res.get()) <= 0) {
+        // The security domain may not know a user that the Zel database does.
+        if (zel::first_generation(s) || mode != 0 || s->database_dn == nullptr) return rc;
+        user_filter(filter, s, person_dn, false);
+        if ((rc = search_profile_below_person(s, person_dn, filter.c_str(), res)) != 0) return rc;
+        if (zel::entry_count(s->ld, res.get()) <= 0) return rc;
+        classed_by_filter = false;
+    }
+
+    bool user_seen = false;
+    for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e && rc == 0; e = ldap_next_entry(s->ld, e)) {
+        bool inactive = false, a_user = classed_by_filter;
+        const char *dn = nullptr;
+        rc = zel::walk_values(
+            s->ld, e,
+            [&](const char *name, const struct berval *values) -> ZelRC {
+                const size_t length = std::strlen(name);
+                if (is_name(name, length, "objectClass")) {
+                    for (const struct berval *v = values; v->bv_val; ++v)
+                        if (is_name(v->bv_val, v->bv_len, "eZelUser") || is_name(v->bv_val, v->bv_len, "secUser"))
+                            a_user = true;
+                } else if (is_name(name, length, "userState") || is_name(name, length, "secAcctValid")) {
+                    if (marks_inactive(values[0].bv_val)) inactive = true;
+                }
+                return 0;
+            },
+            &dn);
+        if (rc == 0 && a_user) {
+            if (!dn) return ZEL_RC_NO_MEMORY;
+            user_seen = true;
+            zel::tracef(s, zel::kTraceProgress, "zelmgmt:User Profile DN: %s\n", dn);
+            if (profile_dn_out) profile_dn_out->assign(dn);
         }
+        if (rc == 0 && inactive) rc = ZEL_RC_ACCOUNT_INVALID;
+    }
+    if (rc == 0 && user_seen) rc = 1;
 
-        bool user_seen = false;
-        for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e && rc == 0; e = ldap_next_entry(s->ld, e)) {
-            bool inactive = false, a_user = classed_by_filter;
-            const char *dn = nullptr;
-            rc = zel::walk_values(
-                s->ld, e,
-                [&](const char *name, const struct berval *values) -> ZelRC {
-                    const size_t length = std::strlen(name);
-                    if (is_name(name, length, "objectClass")) {
-                        for (const struct berval *v = values; v->bv_val; ++v)
-                            if (is_name(v->bv_val, v->bv_len, "eZelUser") || is_name(v->bv_val, v->bv_len, "secUser"))
-                                a_user = true;
-                    } else if (is_name(name, length, "userState") || is_name(name, length, "secAcctValid")) {
-                        if (marks_inactive(values[0].bv_val)) inactive = true;
-                    }
-                    return 0;
-                },
-                &dn);
-            if (rc == 0 && a_user) {
-                if (!dn) return rc = ZEL_RC_NO_MEMORY;
-                user_seen = true;
-                zel::tracef(s, zel::kTraceProgress, "zelmgmt:User Profile DN: %s\n", dn);
-                if (profile_dn_out) profile_dn_out->assign(dn);
-            }
-            if (rc == 0 && inactive) rc = ZEL_RC_ACCOUNT_INVALID;
-        }
-        if (rc == 0 && user_seen) rc = 1;
+    // An inactive account still names its profile; a failure hands out nothing.
+    if (rc != 0 && rc != 1 && rc != ZEL_RC_ACCOUNT_INVALID && profile_dn_out) profile_dn_out->clear();
+    return rc;
+}
 
-        // An inactive account still names its profile; a failure hands out nothing.
-        if (rc != 0 && rc != 1 && rc != ZEL_RC_ACCOUNT_INVALID && profile_dn_out) profile_dn_out->clear();
-        return rc;
-    });
+}  // namespace
+
+ZelRC verify_user(ZelSession *s, const char *person_dn, int32_t mode, std::string *profile_dn_out) {
+    return zel::routine(s, "verify_ZEL_user", [&] { return check_user(s, person_dn, mode, profile_dn_out); });
 }
 
 }  // namespace zel

@@ -37,6 +37,48 @@ ZelRC copy_entry_dn(LDAP *ld, LDAPMessage *entry, char *dn) {
     return zel::copy_into(dn, zel::kDnSize, text) ? 0 : ZEL_RC_LIMIT_EXCEEDED;
 }
 
+// determine_DN's body: a function of its own rather than the routine's
+// lambda, so that its arguments stay in registers instead of being read
+// through the closure at every use.
+ZelRC find_entry_dn(ZelSession *s, ZelSuffixNode *suffixes, const char *filter, char *dn, LDAPMessage **result) {
+    ZelRC rc = 0;
+    if (result) *result = nullptr;
+    // No filter is a malformed request: refused here, never sent.
+    if (filter == nullptr || *filter == '\0') return ZEL_RC_INVALID_ARGUMENT;
+    if (suffixes == nullptr || suffixes->suffix == nullptr) return ZEL_RC_ENTRY_NOT_FOUND;
+
+    zel::Message kept;
+    bool found = false;
+    for (ZelSuffixNode *node = suffixes; node && node->suffix && !found && rc == 0; node = node->next) {
+        zel::tracef(s, zel::kTraceProgress, "zelmgmt:Suffix being searched: %s\n", node->suffix);
+        LDAPMessage *raw = nullptr;
+        // A caller that keeps no result needs the DN alone.
+        char *dn_only[] = {const_cast<char *>(LDAP_NO_ATTRS), nullptr};
+        int lrc = plat::ldap_search_plain(s->ld, node->suffix, LDAP_SCOPE_SUBTREE, filter, result ? nullptr : dn_only,
+                                          result ? 0 : 1, 2, &raw);
+        zel::Message res(raw);
+        if (lrc != LDAP_SUCCESS) {
+            if (suffix_holds_nothing(lrc)) continue;
+            // (a server that did not answer in time answers 1015: it has
+            // said nothing about the entry, and the look-ups built on this
+            // walk pass that on rather than report the entry missing)
+            rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), ZEL_RC_ENTRY_NOT_FOUND, "ldap_search_ext_s()");
+            break;
+        }
+        int count = ldap_count_entries(s->ld, res.get());
+        if (count == 1) {
+            rc = copy_entry_dn(s->ld, ldap_first_entry(s->ld, res.get()), dn);
+            found = rc == 0;
+            kept = std::move(res);
+        } else if (count >= 2) {
+            rc = ZEL_RC_ENTRY_NOT_FOUND;
+        }
+    }
+    if (rc == 0 && !found) rc = ZEL_RC_ENTRY_NOT_FOUND;
+    if (rc == 0 && result) *result = kept.release();
+    return rc;
+}
+
 }  // namespace
 
 namespace zel {
@@ -59,44 +101,7 @@ extern "C" {
 
 ZelRC determine_DN(ZelSession *s, ZelSuffixNode *suffixes, const char *filter, char *dn,
                    LDAPMessage **result) {
-    ZelRC rc = 0;
-    return zel::routine(s, "determine_DN", [&]() -> ZelRC {
-        if (result) *result = nullptr;
-        // No filter is a malformed request: refused here, never sent.
-        if (filter == nullptr || *filter == '\0') return rc = ZEL_RC_INVALID_ARGUMENT;
-        if (suffixes == nullptr || suffixes->suffix == nullptr) return rc = ZEL_RC_ENTRY_NOT_FOUND;
-
-        zel::Message kept;
-        bool found = false;
-        for (ZelSuffixNode *node = suffixes; node && node->suffix && !found && rc == 0; node = node->next) {
-            zel::tracef(s, zel::kTraceProgress, "zelmgmt:Suffix being searched: %s\n", node->suffix);
-            LDAPMessage *raw = nullptr;
-            // A caller that keeps no result needs the DN alone.
-            char *dn_only[] = {const_cast<char *>(LDAP_NO_ATTRS), nullptr};
-            int lrc = plat::ldap_search_plain(s->ld, node->suffix, LDAP_SCOPE_SUBTREE, filter, result ? nullptr : dn_only,
-                                              result ? 0 : 1, 2, &raw);
-            zel::Message res(raw);
-            if (lrc != LDAP_SUCCESS) {
-                if (suffix_holds_nothing(lrc)) continue;
-                // (a server that did not answer in time answers 1015: it has
-                // said nothing about the entry, and the look-ups built on this
-                // walk pass that on rather than report the entry missing)
-                rc = check_LDAP_rc(s, static_cast<uint32_t>(lrc), ZEL_RC_ENTRY_NOT_FOUND, "ldap_search_ext_s()");
-                break;
-            }
-            int count = ldap_count_entries(s->ld, res.get());
-            if (count == 1) {
-                rc = copy_entry_dn(s->ld, ldap_first_entry(s->ld, res.get()), dn);
-                found = rc == 0;
-                kept = std::move(res);
-            } else if (count >= 2) {
-                rc = ZEL_RC_ENTRY_NOT_FOUND;
-            }
-        }
-        if (rc == 0 && !found) rc = ZEL_RC_ENTRY_NOT_FOUND;
-        if (rc == 0 && result) *result = kept.release();
-        return rc;
-    });
+    return zel::routine(s, "determine_DN", [&] { return find_entry_dn(s, suffixes, filter, dn, result); });
 }
 
 ZelRC determine_unique_DN(ZelSession *s, ZelSuffixNode *suffixes, const char *filter, char *dn,
