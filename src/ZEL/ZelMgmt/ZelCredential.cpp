@@ -55,24 +55,33 @@ ZelRC form_credential_query(ZelSession *s, const char *resource, CredentialQuery
 
 // Filter escaping works byte by byte, so the resource's DN is escaped for
 // the filter piece by piece, never built on its own; the session's part of
-// it was escaped once.
-std::string_view CredentialQuery::member_value() const {
-    const std::string_view name(resource);
-    if (plat::plain_in_dn_and_filter(name)) return name;
-    if (member_value_.empty()) plat::append_filter_value(member_value_, plat::escape_dn_value(name));
-    return member_value_;
+// it was escaped once.  The resource's name is escaped for its DN, then for
+// the filter, unless neither changes it.
+HoldsFilter CredentialQuery::member_pieces() const {
+    std::string_view name(resource);
+    if (!plat::plain_in_dn_and_filter(name)) {
+        if (member_value_.empty()) plat::append_filter_value(member_value_, plat::escape_dn_value(name));
+        name = member_value_;
+    }
+    return {"(member=secResourceID=", name, session_texts(session).resource_tail};
 }
 
-const std::string &CredentialQuery::member_filter() const {
-    if (member_.empty())
-        append_text(member_, {"(member=secResourceID=", member_value(), session_texts(session).resource_tail});
-    return member_;
+HoldsFilter CredentialQuery::location_pieces() const {
+    return {"(&(objectClass=eZelDomain)(targetLocation=", id_assertion, "))"};
 }
 
-const std::string &CredentialQuery::location_filter() const {
-    if (location_.empty()) append_text(location_, {"(&(objectClass=eZelDomain)(targetLocation=", id_assertion, "))"});
-    return location_;
+namespace {
+
+const std::string &joined(std::string &text, const HoldsFilter &pieces) {
+    if (text.empty()) append_text(text, {pieces.head, pieces.value, pieces.tail});
+    return text;
 }
+
+}  // namespace
+
+const std::string &CredentialQuery::member_filter() const { return joined(member_, member_pieces()); }
+
+const std::string &CredentialQuery::location_filter() const { return joined(location_, location_pieces()); }
 
 void clear_credential(ZelCredential *out) {
     std::free(out->userId);

@@ -153,13 +153,6 @@ struct FormAsk {
     bool needed = false;
 };
 
-// What holds the resource in one form: a filter written straight into the
-// query's filter in three pieces.
-struct Holds {
-    std::string_view head, value, tail;
-    size_t size() const { return head.size() + value.size() + tail.size(); }
-};
-
 // Room for one candidate in an ask's filter beside its escaped name: the
 // naming attribute and "(=)".  The two namings asked by ("secResGroupID",
 // "cn") take no more.
@@ -169,8 +162,8 @@ constexpr size_t kNameRoom = 16;
 // `names_room` (kNameRoom and the escaped name per candidate).  A group's DN
 // must fit a DN buffer; escaping at most triples a name, so only a long one
 // is escaped to be measured.
-void prepare_ask(FormAsk &ask, unsigned slot, const Container &container, const char *naming, const Holds &holds,
-                 Candidates &candidates, size_t names_room, std::string &f) {
+void prepare_ask(FormAsk &ask, unsigned slot, const Container &container, const char *naming,
+                 const zel::HoldsFilter &holds, Candidates &candidates, size_t names_room, std::string &f) {
     ask.slot = slot;
     ask.naming = naming;
     ask.container = &container;
@@ -342,13 +335,11 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
     if (domain)
         prepare_ask(in_domain, kInDomain,
                     container_of(texts, texts.domain_groups, "cn=ResourceGroups,", s->domain_dn, true),
-                    "secResGroupID", Holds{"(member=secResourceID=", q.member_value(), texts.resource_tail},
-                    candidates, names_room, filters);
+                    "secResGroupID", q.member_pieces(), candidates, names_room, filters);
     if (first_gen)
         prepare_ask(in_database, kInDatabase,
                     container_of(texts, texts.database_groups, "cn=Zel Domains,", s->database_dn, false), "cn",
-                    Holds{"(&(objectClass=eZelDomain)(targetLocation=", q.id_assertion, "))"}, candidates,
-                    names_room, filters);
+                    q.location_pieces(), candidates, names_room, filters);
     filters.push_back(')');
     if (ZelRC rc = ask_groups(s, &in_domain, &in_database, candidates, filters)) return rc;
 

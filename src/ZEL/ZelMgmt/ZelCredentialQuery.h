@@ -13,6 +13,13 @@
 
 namespace zel {
 
+// A filter that tells whether a group holds the resource, in three pieces
+// that the merged path writes straight into the filter of its group asks.
+struct HoldsFilter {
+    std::string_view head, value, tail;
+    size_t size() const { return head.size() + value.size() + tail.size(); }
+};
+
 // Names of one credential query, formed and measured before any search.
 // The filters that ask about groups are built when first asked for: a
 // direct answer never needs them.
@@ -21,13 +28,13 @@ struct CredentialQuery {
     const char *resource = nullptr;
     std::string credential_id;    // "T:<resource>"
     std::string id_assertion;     // credential_id escaped for a filter
-    // "(member=<resource DN>)"
-    const std::string &member_filter() const;
+    // "(member=<resource DN>)", of a security domain's group.
+    HoldsFilter member_pieces() const;
     // First-generation domains list "T:<resource>" as a location.
+    HoldsFilter location_pieces() const;
+    // The same, each as one text.
+    const std::string &member_filter() const;
     const std::string &location_filter() const;
-    // The resource's name as member_filter() holds it: escaped for its DN,
-    // then for the filter.
-    std::string_view member_value() const;
 
 private:
     mutable std::string member_, location_, member_value_;
