@@ -2,6 +2,7 @@
 // command, its exit status and what it says (a part of its output or errors).
 #include "support/family_fixture.h"
 #include "support/zelctl.h"
+#include "terminal_text.h"
 
 namespace {
 
@@ -45,10 +46,40 @@ TEST_F(UserTest, ZelctlRegistersVerifiesUpdatesAndRemoves) {
     EXPECT_EQ(ann.first("secAcctValid") + " " + ann.first("description"), "TRUE Ann");
 }
 
+// Text a terminal acts on rather than shows: an escape sequence, a newline
+// and a right-to-left override.
+const std::string kActingText = "\x1b[2J\nzelctl: \xe2\x80\xae";
+const std::string kActingShown = "\\x1b[2J\\x0azelctl: \\xe2\\x80\\xae";
+
+TEST(ZelctlText, WhatATerminalActsOnIsShownAsBytes) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"cn=a\\,b,o=acme caf\xc3\xa9 \xe6\x9d\xb1 \xf0\x9f\x94\x91 \xe2\x81\xb0", "same"},
+        {kActingText, kActingShown},
+        {"a\tb\x7f\x01", "a\\x09b\\x7f\\x01"},
+        {"\xc2\x9b" "1m", "\\xc2\\x9b" "1m"},                        // C1 control sequence introducer
+        {"\xe2\x80\xaa\xe2\x81\xa9", "\\xe2\\x80\\xaa\\xe2\\x81\\xa9"},  // first embedding, last isolate
+        // No UTF-8: a stray byte, an overlong '/', a surrogate, past U+10FFFF, cut short.
+        {"\xff\x80", "\\xff\\x80"},
+        {"\xc0\xaf", "\\xc0\\xaf"},
+        {"\xed\xa0\x80", "\\xed\\xa0\\x80"},
+        {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
+        {"x\xe2\x80", "x\\xe2\\x80"},
+    };
+    for (const auto &[text, shown] : cases)
+        EXPECT_EQ(zelctl::terminal_text(text), shown == "same" ? text : shown) << text;
+}
+
 TEST_F(TargetServiceDomain, ZelctlInBothStorageForms) {
     dir->add(database_ldif(dir->suffix()) + container_ldif(kResources, "Resources"));
     run_rows(*dir, {
         {"1", {"service-type", "add", "Web", "--id", "host"}, 0, "target service type Web added\n"},
+        // A description that would clear the screen, forge a line and turn
+        // the text after it around is shown as bytes, and kept exact in JSON.
+        {"1", {"service", "add", "odd", "--type", "Web", "--description", kActingText, "--id", "host=o.acme"}},
+        {"1", {"service", "get", "odd"}, 0, "description: " + kActingShown + "\n"},
+        {"1", {"--json", "service", "get", "odd"}, 0, "\"description\":\"\\u001b[2J\\nzelctl: \xe2\x80\xae\""},
+        {"1", {"service", "get", kActingText}, 1, "service " + kActingShown + ": "},
+        {"1", {"service", "remove", "odd"}},
         {"1", {"service", "add", "portal", "--type", "Web", "--description", "The portal", "--id", "host=p.acme"}},
         {"1", {"--json", "service", "get", "portal"}, 0,
          "{\"name\":\"portal\",\"type\":\"Web\",\"description\":\"The portal\","

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "json_out.h"
+#include "terminal_text.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -23,8 +24,8 @@ HeldCheck check_trail(const std::string &command, const std::string &file, const
 }
 
 int report_fault(const std::string &command, const std::string &file, const ZelAuditCheck &c) {
-    std::fprintf(stderr, "zelctl: %s: %s: line %llu %s\n", command.c_str(), file.c_str(),
-                 static_cast<unsigned long long>(c.faultLine), c.fault);
+    say_to(stderr, "zelctl: %s: %s: line %llu %s\n", command.c_str(), file.c_str(),
+           static_cast<unsigned long long>(c.faultLine), c.fault);
     return 1;
 }
 
@@ -49,7 +50,7 @@ int audit_verify(const Options &opts, Args args) {
         }
         print_json(out);
     } else if (c->intact) {
-        std::printf("%s: %llu lines, chain intact\n", file.c_str(), static_cast<unsigned long long>(c->lines));
+        say("%s: %llu lines, chain intact\n", file.c_str(), static_cast<unsigned long long>(c->lines));
     }
     return c->intact ? 0 : report_fault("audit verify", file, *c);
 }
@@ -65,7 +66,7 @@ int audit_head(const Options &opts, Args args) {
     if (!c) return status;
     if (!c->intact) return report_fault("audit head", file, *c);
     if (opts.json) return print_json(Json{{"file", file}, {"lines", c->lines}, {"head", json_text(c->head)}});
-    std::printf("%s\n", c->head);
+    say("%s\n", c->head);
     return 0;
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "json_out.h"
+#include "terminal_text.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -30,8 +31,8 @@ int credential_get(const Options &opts, Args args) {
         forget_secret(text);
         if (reveal && out["password"].is_string()) forget_secret(out["password"].get_ref<std::string &>());
     } else {
-        std::printf("account:  %s\n", c.userId ? c.userId : "");
-        if (reveal) std::printf("password: %s\n", c.password);
+        say("account:  %s\n", c.userId ? c.userId : "");
+        if (reveal) say("password: %s\n", c.password);
     }
     std::memset(c.password, 0, std::strlen(c.password));
     Zel_memfree(c.userId);
@@ -68,16 +69,16 @@ void print_step(const ZelExplainStep &step, bool answers) {
     const char *mark = answers ? "  <- answers" : "";
     switch (step.kind) {
     case ZEL_STEP_USER:
-        std::printf("user (%s): %s, %s\n", form_name(step.form), step.dn ? step.dn : "-", user_state(step.outcome));
+        say("user (%s): %s, %s\n", form_name(step.form), step.dn ? step.dn : "-", user_state(step.outcome));
         break;
     case ZEL_STEP_DIRECT:
-        std::printf("direct record %s (%s): %s%s\n", step.name, form_name(step.form),
-                    step.outcome ? "found" : "not found", mark);
+        say("direct record %s (%s): %s%s\n", step.name, form_name(step.form),
+            step.outcome ? "found" : "not found", mark);
         break;
     default:
-        std::printf("group record G:%s (%s): %s%s%s\n", step.name, form_name(step.form),
-                    step.outcome ? "group holds the resource in the " : "no group holds the resource",
-                    step.outcome ? form_name(step.outcome) : "", mark);
+        say("group record G:%s (%s): %s%s%s\n", step.name, form_name(step.form),
+            step.outcome ? "group holds the resource in the " : "no group holds the resource",
+            step.outcome ? form_name(step.outcome) : "", mark);
     }
 }
 
@@ -100,7 +101,7 @@ int credential_explain(const Options &opts, Args args) {
                         {"reason", json_text(e->reason)}, {"steps", std::move(steps)}});
     } else {
         for (int32_t i = 0; i < e->stepCount; ++i) print_step(*e->steps[i], i == e->answerStep);
-        std::printf("answer: %s (status %u)\n", e->reason, static_cast<unsigned>(e->status));
+        say("answer: %s (status %u)\n", e->reason, static_cast<unsigned>(e->status));
     }
     return e->status == 0 ? 0 : 1;
 }

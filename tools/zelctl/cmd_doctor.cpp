@@ -18,6 +18,7 @@
 #include "doctor_security.h"
 #include "json_out.h"
 #include "ldap_held.h"
+#include "terminal_text.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -230,8 +231,8 @@ Finding storage_forms_check(LDAP *ld, const std::vector<std::string> &suffixes) 
 void print(const Options &opts, const std::vector<Finding> &findings, bool dangerous) {
     if (!opts.json) {
         for (const Finding &f : findings) {
-            std::printf("%-8s %-17s %s\n", verdict_name(f.verdict), f.check, f.text.c_str());
-            if (!f.fix.empty()) std::printf("%-26s fix: %s\n", "", f.fix.c_str());
+            say("%-8s %-17s %s\n", verdict_name(f.verdict), f.check, f.text.c_str());
+            if (!f.fix.empty()) say("%-26s fix: %s\n", "", f.fix.c_str());
         }
         return;
     }
@@ -284,7 +285,7 @@ bool own_view(const Options &opts, ZelSession *s, const char *command, OwnView &
     std::string error;
     view.ld = connect_as(opts, opts.bind_dn, opts.password, error);
     if (!view.ld) {
-        std::fprintf(stderr, "zelctl: %s: cannot bind as %s: %s\n", command, opts.bind_dn.c_str(), error.c_str());
+        say_to(stderr, "zelctl: %s: cannot bind as %s: %s\n", command, opts.bind_dn.c_str(), error.c_str());
         return false;
     }
     return true;

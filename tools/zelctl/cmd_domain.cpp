@@ -6,6 +6,7 @@
 
 #include "dry_run.h"
 #include "json_out.h"
+#include "terminal_text.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -58,7 +59,7 @@ int list_domains(const Options &opts, const Args &args) {
     }
     for (int32_t i = 0; i < count; ++i) {
         const ZelDomain *d = list->domains[i];
-        std::printf("%s\t%s\t%s\n", or_empty(d->name), or_empty(d->description), members_text(d, ",").c_str());
+        say("%s\t%s\t%s\n", or_empty(d->name), or_empty(d->description), members_text(d, ",").c_str());
     }
     return 0;
 }
@@ -77,10 +78,10 @@ int get_domain(const Options &opts, const Args &args) {
         print_json(domain_json(d.get()));
         return 0;
     }
-    std::printf("name:        %s\n", or_empty(d->name));
-    std::printf("description: %s\n", or_empty(d->description));
+    say("name:        %s\n", or_empty(d->name));
+    say("description: %s\n", or_empty(d->description));
     for (int32_t i = 0; i < d->locationCount && d->locations; ++i)
-        std::printf("member:      %s\n", location_text(d->locations[i]).c_str());
+        say("member:      %s\n", location_text(d->locations[i]).c_str());
     return 0;
 }
 
@@ -222,7 +223,7 @@ int edit_member(const Options &opts, const Args &args, bool add) {
     if (opts.json)
         print_json(Json{{"domain", name}, {"member", service}, {verb, true}});
     else
-        std::printf("member %s %s %s resource group %s\n", service.c_str(), verb, add ? "to" : "from", name.c_str());
+        say("member %s %s %s resource group %s\n", service.c_str(), verb, add ? "to" : "from", name.c_str());
     return 0;
 }
 

@@ -15,6 +15,7 @@
 
 #include "document.h"
 #include "progress.h"
+#include "terminal_text.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -248,8 +249,8 @@ int run_export(const Options &opts, Args args) {
     // opened is named, and the rest is in the document.
     if (sealed && !unopened.empty()) {
         for (const std::string &name : unopened)
-            std::fprintf(stderr, "zelctl: export: record %s: its password cannot be read with the keys at hand; "
-                                 "exported without it\n", name.c_str());
+            say_to(stderr, "zelctl: export: record %s: its password cannot be read with the keys at hand; "
+                   "exported without it\n", name.c_str());
         return 1;
     }
     return 0;

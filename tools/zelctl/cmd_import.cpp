@@ -19,6 +19,7 @@
 #include "document.h"
 #include "progress.h"
 #include "json_out.h"
+#include "terminal_text.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -277,8 +278,8 @@ public:
             print_json(Json{{"dryRun", dry_run_}, {"created", counts_[0]}, {"updated", counts_[1]},
                             {"unchanged", counts_[2]}, {"failed", counts_[3]}, {"objects", objects_}});
         } else {
-            std::printf("%s%d created, %d updated, %d unchanged, %d failed%s\n", dry_run_ ? "dry run: " : "",
-                        counts_[0], counts_[1], counts_[2], counts_[3], changed == 0 ? ": nothing changed" : "");
+            say("%s%d created, %d updated, %d unchanged, %d failed%s\n", dry_run_ ? "dry run: " : "",
+                counts_[0], counts_[1], counts_[2], counts_[3], changed == 0 ? ": nothing changed" : "");
         }
         return counts_[3] ? 1 : 0;
     }
@@ -394,9 +395,9 @@ private:
             if (outcome == Outcome::Failed) object["status"] = rc;
             objects_.push_back(std::move(object));
         } else if (outcome == Outcome::Failed) {
-            std::printf("%s %s: failed: %s (status %u)\n", kind, name.c_str(), Zel_strerror(rc), rc);
+            say("%s %s: failed: %s (status %u)\n", kind, name.c_str(), Zel_strerror(rc), rc);
         } else {
-            std::printf("%s %s: %s\n", kind, name.c_str(), word);
+            say("%s %s: %s\n", kind, name.c_str(), word);
         }
     }
 

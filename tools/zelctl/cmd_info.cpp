@@ -4,6 +4,7 @@
 #include <string>
 
 #include "json_out.h"
+#include "terminal_text.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -32,22 +33,22 @@ Json info_json(const ZelSessionInfo &info) {
 }
 
 void print_text(const ZelSessionInfo &info) {
-    std::printf("vendor:            %s\n", directory_kind_name(info.dirKind));
-    std::printf("host:              %s\n", host_kind_name(info.hostKind));
-    std::printf("suffixes:         ");
-    if (info.suffixCount == 0) std::printf(" none");
-    for (int32_t i = 0; i < info.suffixCount; ++i) std::printf(" %s", info.suffixes[i]);
-    std::printf("\n");
+    say("vendor:            %s\n", directory_kind_name(info.dirKind));
+    say("host:              %s\n", host_kind_name(info.hostKind));
+    say("suffixes:         ");
+    if (info.suffixCount == 0) say(" none");
+    for (int32_t i = 0; i < info.suffixCount; ++i) say(" %s", info.suffixes[i]);
+    say("\n");
     if (info.securityDomain)
-        std::printf("security domain:   %s (%s), version %d\n", info.securityDomain,
-                    info.securityDomainDN ? info.securityDomainDN : "", info.securityDomainVersion);
+        say("security domain:   %s (%s), version %d\n", info.securityDomain,
+            info.securityDomainDN ? info.securityDomainDN : "", info.securityDomainVersion);
     else
-        std::printf("security domain:   none\n");
+        say("security domain:   none\n");
     // Version 0 and 1 sessions look for the database only when an operation
     // needs it, so not knowing it yet does not mean there is none.
     const char *none = info.apiVersion < 2 ? "not looked up (API version below 2)" : "none";
-    std::printf("Zel database:      %s\n", info.databaseDN ? info.databaseDN : none);
-    std::printf("server:            %s\n", info.server ? info.server : "unknown");
+    say("Zel database:      %s\n", info.databaseDN ? info.databaseDN : none);
+    say("server:            %s\n", info.server ? info.server : "unknown");
 }
 
 }  // namespace

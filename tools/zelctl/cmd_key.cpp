@@ -9,6 +9,7 @@
 #include "dry_run.h"
 #include "progress.h"
 #include "json_out.h"
+#include "terminal_text.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -33,7 +34,7 @@ int key_generate(const Options &opts, Args args) {
     if (opts.json)
         print_json(Json{{"file", file}, {"key", json_text(id)}, {"active", true}});
     else
-        std::printf("key %s %s %s, now the active key\n", id, add ? "added to" : "written to", file.c_str());
+        say("key %s %s %s, now the active key\n", id, add ? "added to" : "written to", file.c_str());
     return 0;
 }
 
@@ -83,9 +84,9 @@ int run_record_rekey(const Options &opts, Args args) {
     if (opts.json) {
         print_json(Json{{"rewritten", static_cast<int>(rewritten)}, {"unreadable", unreadable}, {"refused", refused}});
     } else {
-        std::printf("%d stored passwords rewritten under the active key\n", static_cast<int>(rewritten));
-        for (const std::string &dn : unreadable) std::printf("left as it was, cannot be read: %s\n", dn.c_str());
-        for (const std::string &dn : refused) std::printf("left as it was, the directory refused the write: %s\n", dn.c_str());
+        say("%d stored passwords rewritten under the active key\n", static_cast<int>(rewritten));
+        for (const std::string &dn : unreadable) say("left as it was, cannot be read: %s\n", dn.c_str());
+        for (const std::string &dn : refused) say("left as it was, the directory refused the write: %s\n", dn.c_str());
     }
     // Values that could not be read still need the operator's attention.
     return status ? status : unreadable.empty() && refused.empty() ? 0 : 1;

@@ -9,6 +9,7 @@
 
 #include "dry_run.h"
 #include "json_out.h"
+#include "terminal_text.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -28,13 +29,13 @@ Json record_json(const ZelTargetRecord *r, bool reveal, bool unreadable = false)
 constexpr const char *kUnreadable = "its password cannot be read with the keys at hand";
 
 void print_record(const ZelTargetRecord *r, bool reveal, bool unreadable = false) {
-    std::printf("id:          %s\n", or_empty(r->targetRecordId));
-    std::printf("service:     %s\n", or_empty(r->targetServiceName));
-    std::printf("type:        %s\n", or_empty(r->targetServiceType));
-    std::printf("account:     %s\n", or_empty(r->userId));
-    std::printf("description: %s\n", or_empty(r->description));
-    if (unreadable) std::printf("unreadable:  %s\n", kUnreadable);
-    else if (reveal) std::printf("password:    %s\n", or_empty(r->password));
+    say("id:          %s\n", or_empty(r->targetRecordId));
+    say("service:     %s\n", or_empty(r->targetServiceName));
+    say("type:        %s\n", or_empty(r->targetServiceType));
+    say("account:     %s\n", or_empty(r->userId));
+    say("description: %s\n", or_empty(r->description));
+    if (unreadable) say("unreadable:  %s\n", kUnreadable);
+    else if (reveal) say("password:    %s\n", or_empty(r->password));
 }
 
 int record_list(const Options &opts, Args args) {
@@ -72,7 +73,7 @@ int record_list(const Options &opts, Args args) {
         return print_json(out);
     }
     for (size_t i = 0; i < shown.size(); ++i) {
-        if (i) std::printf("\n");
+        if (i) say("\n");
         print_record(shown[i].first, reveal, shown[i].second);
     }
     return 0;

@@ -16,6 +16,7 @@
 
 #include "csv.h"
 #include "progress.h"
+#include "terminal_text.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -27,7 +28,7 @@ struct Tally {
 
 void row_failed(const CsvRow &row, const std::string &why, Tally &tally) {
     ++tally.failed;
-    std::printf("line %d: failed: %s\n", row.line, why.c_str());
+    say("line %d: failed: %s\n", row.line, why.c_str());
 }
 
 ZelRC register_user(ZelSession *s, const std::string &name) {
@@ -79,8 +80,8 @@ void import_row(ZelSession *s, CsvRow &row, bool dry_run, Tally &tally) {
     forget_secret(password);
     if (rc != 0) return row_failed(row, user + " " + id + ": " + Zel_strerror(rc) + " (status " + std::to_string(rc) + ")", tally);
     ++(exists ? tally.updated : tally.created);
-    std::printf("line %d: record %s %s: %s%s\n", row.line, user.c_str(), id.c_str(), dry_run ? "would be " : "",
-                exists ? "updated" : "created");
+    say("line %d: record %s %s: %s%s\n", row.line, user.c_str(), id.c_str(), dry_run ? "would be " : "",
+        exists ? "updated" : "created");
 }
 
 }  // namespace
@@ -115,8 +116,8 @@ int run_record_import_csv(const Options &opts, Args args) {
         progress.step();
     }
     progress.done();
-    std::printf("%s%d created, %d updated, %d failed\n", dry_run ? "dry run: " : "", tally.created, tally.updated,
-                tally.failed);
+    say("%s%d created, %d updated, %d failed\n", dry_run ? "dry run: " : "", tally.created, tally.updated,
+        tally.failed);
     return tally.failed ? 1 : 0;
 }
 

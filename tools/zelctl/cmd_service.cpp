@@ -6,6 +6,7 @@
 
 #include "dry_run.h"
 #include "json_out.h"
+#include "terminal_text.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -24,12 +25,12 @@ Json service_json(const ZelTargetService *ts) {
 }
 
 void print_service(const ZelTargetService *ts) {
-    std::printf("name:        %s\n", or_empty(ts->name));
-    std::printf("type:        %s\n", or_empty(ts->type));
-    std::printf("description: %s\n", or_empty(ts->description));
+    say("name:        %s\n", or_empty(ts->name));
+    say("type:        %s\n", or_empty(ts->type));
+    say("description: %s\n", or_empty(ts->description));
     for (int32_t i = 0; i < ts->reqIdentifierCount && ts->reqIdentifiers; ++i) {
         const ZelReqIdentifier *p = ts->reqIdentifiers[i];
-        if (p) std::printf("identifier:  %s=%s\n", or_empty(p->name), or_empty(p->value));
+        if (p) say("identifier:  %s=%s\n", or_empty(p->name), or_empty(p->value));
     }
 }
 
@@ -50,7 +51,7 @@ int list_services(const Options &opts, const Args &args) {
     }
     for (int32_t i = 0; i < count; ++i) {
         const ZelTargetService *ts = list->services[i];
-        std::printf("%s\t%s\t%s\n", or_empty(ts->name), or_empty(ts->type), or_empty(ts->description));
+        say("%s\t%s\t%s\n", or_empty(ts->name), or_empty(ts->type), or_empty(ts->description));
     }
     return 0;
 }

@@ -6,6 +6,7 @@
 #include "dry_run.h"
 #include "doctor_replication.h"
 #include "json_out.h"
+#include "terminal_text.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -31,7 +32,7 @@ int user_list(const Options &opts, Args args) {
     }
     for (int32_t i = 0; i < list->count; ++i) {
         const ZelUser *u = list->users[i];
-        std::printf("%-20s %-8s %s\n", or_empty(u->userName), u->enabled ? "enabled" : "disabled", or_empty(u->personDN));
+        say("%-20s %-8s %s\n", or_empty(u->userName), u->enabled ? "enabled" : "disabled", or_empty(u->personDN));
     }
     return 0;
 }
@@ -169,9 +170,9 @@ int user_verify(const Options &opts, Args args) {
     if (opts.json) {
         print_json(Json{{"person", person}, {"zelUser", is_user}, {"profile", is_user ? Json(profile_dn) : Json(nullptr)}});
     } else if (is_user) {
-        std::printf("%s is a Zel user: %s\n", person.c_str(), profile_dn.c_str());
+        say("%s is a Zel user: %s\n", person.c_str(), profile_dn.c_str());
     } else {
-        std::printf("%s is not a Zel user\n", person.c_str());
+        say("%s is not a Zel user\n", person.c_str());
     }
     return is_user ? 0 : 1;
 }

@@ -15,6 +15,7 @@
 #include "dry_run.h"
 #include "json_out.h"
 #include "ldap_held.h"
+#include "terminal_text.h"
 
 namespace zelctl {
 namespace {
@@ -235,7 +236,7 @@ int run_user_regroup(const Options &opts, Args args) {
     Ldap &ld = view.ld;
     Plan plan = plan_memberships(ld.get(), suffixes);
     if (!plan.error.empty()) {
-        std::fprintf(stderr, "zelctl: user regroup: %s\n", plan.error.c_str());
+        say_to(stderr, "zelctl: user regroup: %s\n", plan.error.c_str());
         return 1;
     }
     if (opts.dry_run) {
@@ -256,19 +257,19 @@ int run_user_regroup(const Options &opts, Args args) {
         // Someone else did it meanwhile: the group is as it should be.
         bool done = rc == LDAP_SUCCESS || (c.add ? rc == LDAP_TYPE_OR_VALUE_EXISTS : rc == LDAP_NO_SUCH_ATTRIBUTE);
         if (!done) {
-            std::fprintf(stderr, "zelctl: user regroup: cannot %s %s %s %s: %s\n", c.add ? "add" : "take",
-                         c.member.c_str(), c.add ? "to" : "out of", c.group.c_str(), ldap_err2string(rc));
+            say_to(stderr, "zelctl: user regroup: cannot %s %s %s %s: %s\n", c.add ? "add" : "take",
+                   c.member.c_str(), c.add ? "to" : "out of", c.group.c_str(), ldap_err2string(rc));
             ++failed;
             continue;
         }
         if (!opts.json)
-            std::printf("%s %s %s %s\n", c.add ? "added" : "took", c.member.c_str(), c.add ? "to" : "out of",
-                        c.group.c_str());
+            say("%s %s %s %s\n", c.add ? "added" : "took", c.member.c_str(), c.add ? "to" : "out of",
+                c.group.c_str());
     }
     if (opts.json)
         print_json(Json{{"changes", plan.changes.size()}, {"failed", failed}, {"regrouped", failed == 0}});
     else if (plan.changes.empty())
-        std::printf("the access groups already match the profiles' types\n");
+        say("the access groups already match the profiles' types\n");
     return failed ? 1 : 0;
 }
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "json_out.h"
+#include "terminal_text.h"
 
 namespace zelctl {
 namespace {
@@ -64,16 +65,16 @@ DryRun &DryRun::note(const std::string &text) {
 
 int DryRun::report() const {
     if (!opts_.json) {
-        std::printf("dry run: would %s\n", action_.c_str());
+        say("dry run: would %s\n", action_.c_str());
         for (const Change &c : changes_) {
             std::string after = c.has_after ? shown(c.after) : "(none)";
             if (c.is_new)
-                std::printf("  %s: %s\n", c.field.c_str(), after.c_str());
+                say("  %s: %s\n", c.field.c_str(), after.c_str());
             else
-                std::printf("  %s: %s -> %s\n", c.field.c_str(), c.has_before ? shown(c.before).c_str() : "(none)",
-                            after.c_str());
+                say("  %s: %s -> %s\n", c.field.c_str(), c.has_before ? shown(c.before).c_str() : "(none)",
+                    after.c_str());
         }
-        for (const std::string &n : notes_) std::printf("  %s\n", n.c_str());
+        for (const std::string &n : notes_) say("  %s\n", n.c_str());
         return 0;
     }
     Json out = Json::object();

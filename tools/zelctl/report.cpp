@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "json_out.h"
+#include "terminal_text.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -10,9 +11,9 @@ namespace zelctl {
 int fail(const std::string &what, ZelRC rc) {
     const char *detail = Zel_last_error_detail();
     if (detail != nullptr && *detail != '\0')
-        std::fprintf(stderr, "zelctl: %s: %s (status %u): %s\n", what.c_str(), Zel_strerror(rc), rc, detail);
+        say_to(stderr, "zelctl: %s: %s (status %u): %s\n", what.c_str(), Zel_strerror(rc), rc, detail);
     else
-        std::fprintf(stderr, "zelctl: %s: %s (status %u)\n", what.c_str(), Zel_strerror(rc), rc);
+        say_to(stderr, "zelctl: %s: %s (status %u)\n", what.c_str(), Zel_strerror(rc), rc);
     return 1;
 }
 
@@ -29,7 +30,7 @@ const char *directory_kind_name(int32_t kind) {
 }
 
 int usage(const std::string &message) {
-    std::fprintf(stderr, "zelctl: %s\n", message.c_str());
+    say_to(stderr, "zelctl: %s\n", message.c_str());
     return 2;
 }
 
@@ -63,7 +64,7 @@ int print_json(const Json &doc) {
 
 int report_done(const Options &opts, const char *what, const char *key, const std::string &name, const char *verb) {
     if (opts.json) return print_json(Json{{key, name}, {verb, true}});
-    std::printf("%s %s %s\n", what, name.c_str(), verb);
+    say("%s %s %s\n", what, name.c_str(), verb);
     return 0;
 }
 

@@ -11,6 +11,7 @@
 #include <iostream>
 #include <iterator>
 
+#include "terminal_text.h"
 #include "zelctl.h"
 
 namespace zelctl {
@@ -29,7 +30,7 @@ bool read_secret_file(const std::string &path, std::string &out) {
     struct stat st {};
     // Every option that reads a password file says so, on the file it reads.
     if (::fstat(fd, &st) == 0 && (st.st_mode & (S_IRWXG | S_IRWXO)))
-        std::fprintf(stderr, "zelctl: warning: others may read or change the password file %s\n", path.c_str());
+        say_to(stderr, "zelctl: warning: others may read or change the password file %s\n", path.c_str());
     out.clear();
     char buf[4096];
     bool ok = true;
