@@ -1,4 +1,6 @@
 // zelctl user: list, register, update, verify and remove Zel users.
+#include <ldap.h>
+
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -50,9 +52,36 @@ std::string access_group_hint(const std::string &type) {
 
 const char *state_text(unsigned char enabled) { return enabled ? "enabled" : "disabled"; }
 
+void free_dn_parts(char **parts) { ldap_memvfree(reinterpret_cast<void **>(parts)); }
+using DnParts = Held<char *, free_dn_parts>;
+
+// The Zel user whose profile the person has in the session's storage form,
+// or "" when none.  A person has one profile per form, and the add refuses a
+// second.  A security domain session's look-up also finds a first-generation
+// profile (directly below the person), which does not stand in the way.
+std::string profile_holder(ZelSession *s, const Options &opts, const char *person) {
+    char *raw = nullptr;
+    ZelRC rc = Zel_verifyZelUser(s, person, &raw);
+    const std::string profile = raw ? raw : "";
+    Zel_memfree(raw);
+    if (rc != 1) return "";
+    DnParts rdns(ldap_explode_dn(profile.c_str(), 0));
+    if (!rdns || !rdns.get()[0]) return "";
+    DnParts below_person(ldap_explode_dn(person, 0));
+    size_t n = 1, m = 0;
+    while (rdns.get()[n]) ++n;
+    while (below_person && below_person.get()[m]) ++m;
+    bool first_generation = below_person && n == m + 1;
+    for (size_t i = 0; first_generation && i < m; ++i)
+        first_generation = same_ignoring_case(rdns.get()[i + 1], below_person.get()[i]);
+    if (opts.api_version >= 2 && first_generation) return "";
+    DnParts value(ldap_explode_dn(profile.c_str(), 1));
+    return value && value.get()[0] ? value.get()[0] : profile;
+}
+
 // An unknown type fails with 1005.  A security domain session refuses a name
-// its domain holds already (5); a name known only to the Zel database gets
-// a domain profile, and a first-generation session writes the profile anew.
+// its domain holds already (5), and either form a person who has a profile
+// in it (5); a name known only to the Zel database gets a domain profile.
 int dry_user_add(ZelSession *s, const Options &opts, const ZelUser &user, const std::string &failed) {
     if (!is_user_type(user.userType)) return DryRun::would_fail(failed, ZEL_RC_INVALID_ARGUMENT);
     ZelUser *raw = nullptr;
@@ -60,6 +89,12 @@ int dry_user_add(ZelSession *s, const Options &opts, const ZelUser &user, const 
     Held<ZelUser, Zel_freeZelUser> existing(raw);
     bool in_domain = rc == 0 && existing->userType == nullptr;
     if (opts.api_version >= 2 && in_domain) return DryRun::would_fail(failed, ZEL_RC_ALREADY_EXISTS);
+    if (user.personDN != nullptr) {
+        const std::string holder = profile_holder(s, opts, user.personDN);
+        if (!holder.empty())
+            return DryRun::would_fail(failed, ZEL_RC_ALREADY_EXISTS,
+                                      std::string(user.personDN) + " already has a profile: Zel user " + holder);
+    }
     DryRun dry(opts, std::string("add Zel user ") + user.userName);
     dry.name("user", user.userName).done("added");
     if (opts.api_version < 2) dry.field("type", user.userType);

@@ -97,6 +97,10 @@ int DryRun::report() const {
 
 int DryRun::would_fail(const std::string &what, ZelRC rc) { return fail("dry run: " + what, rc); }
 
+int DryRun::would_fail(const std::string &what, ZelRC rc, const std::string &detail) {
+    return fail("dry run: " + what, rc, detail.c_str());
+}
+
 bool secret_file_readable(const std::string &path) {
     // Read as a real run reads it (with its warning about loose modes), then forgotten.
     std::string secret;

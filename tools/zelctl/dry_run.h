@@ -37,6 +37,7 @@ public:
     // The failure the real command would report, marked as a prediction:
     // "zelctl: dry run: <what>: <status text> (status N)"; returns 1.
     static int would_fail(const std::string &what, ZelRC rc);
+    static int would_fail(const std::string &what, ZelRC rc, const std::string &detail);
 
 private:
     struct Change {

@@ -8,8 +8,9 @@
 
 namespace zelctl {
 
-int fail(const std::string &what, ZelRC rc) {
-    const char *detail = Zel_last_error_detail();
+int fail(const std::string &what, ZelRC rc) { return fail(what, rc, Zel_last_error_detail()); }
+
+int fail(const std::string &what, ZelRC rc, const char *detail) {
     if (detail != nullptr && *detail != '\0')
         say_to(stderr, "zelctl: %s: %s (status %u): %s\n", what.c_str(), Zel_strerror(rc), rc, detail);
     else

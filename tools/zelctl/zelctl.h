@@ -73,6 +73,8 @@ Session open_session(const Options &opts);
 
 // "zelctl: <what>: <status text> (status N)" on standard error; returns 1.
 int fail(const std::string &what, ZelRC rc);
+// The same with the detail given rather than the library's last one.
+int fail(const std::string &what, ZelRC rc, const char *detail);
 // "zelctl: <message>" on standard error; returns 2 (usage errors).
 int usage(const std::string &message);
 
