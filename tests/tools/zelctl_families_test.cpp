@@ -69,17 +69,43 @@ TEST(ZelctlText, WhatATerminalActsOnIsShownAsBytes) {
         EXPECT_EQ(zelctl::terminal_text(text), shown == "same" ? text : shown) << text;
 }
 
+// Names and descriptions that would clear the screen, forge a line of
+// zelctl's own and turn the text after them around, in every family: no
+// read command's text output lets such a byte through (its own newlines and
+// column tabs aside), and JSON keeps them.
+TEST_F(UserTest, ZelctlTextOutputShowsControlsAsBytes) {
+    const std::string odd = "x\x1b[2J\xe2\x80\xae";
+    run_rows(*dir, {
+        {"2", {"service", "add", odd, "--type", "Web Resource", "--description", kActingText}},
+        {"2", {"domain", "add", odd + "g", "--description", kActingText, "--member", odd}},
+        {"2", {"user", "add", "jo", "--person", kJo, "--description", kActingText}},
+        {"2", {"record", "add", "jo", "T:" + odd, "--service", odd, "--account", odd, "--description", kActingText,
+               "--password-stdin"}, 0, "", kActingText + "\n"},
+    }, {}, true);
+    const std::vector<std::vector<std::string>> reads = {
+        {"service", "list"}, {"service", "get", odd}, {"domain", "list"}, {"domain", "get", odd + "g"},
+        {"record", "list", "jo", "--reveal"}, {"record", "get", "jo", "T:" + odd},
+        {"credential", "get", "jo", odd, "--reveal"}, {"credential", "explain", "jo", odd},
+        {"service", "get", odd + "?"}, {"user", "verify", kJo + odd},
+    };
+    for (const auto &args : reads) {
+        const CommandResult r = zeltest::zelctl(*dir, args, "2");
+        const std::string said = r.out + r.err;
+        SCOPED_TRACE(args[0] + " " + args[1] + "\n" + zelctl::terminal_text(said));
+        EXPECT_NE(said.find("x\\x1b[2J\\xe2\\x80\\xae"), std::string::npos);
+        for (unsigned char c : said) EXPECT_TRUE(c >= 0x20 ? c != 0x7f : c == '\n' || c == '\t') << int(c);
+        EXPECT_EQ(said.find("\xe2\x80\xae"), std::string::npos);
+    }
+    run_rows(*dir, {
+        {"2", {"service", "get", odd}, 0, "description: " + kActingShown + "\n"},
+        {"2", {"--json", "service", "get", odd}, 0, "\"description\":\"\\u001b[2J\\nzelctl: \xe2\x80\xae\""},
+    });
+}
+
 TEST_F(TargetServiceDomain, ZelctlInBothStorageForms) {
     dir->add(database_ldif(dir->suffix()) + container_ldif(kResources, "Resources"));
     run_rows(*dir, {
         {"1", {"service-type", "add", "Web", "--id", "host"}, 0, "target service type Web added\n"},
-        // A description that would clear the screen, forge a line and turn
-        // the text after it around is shown as bytes, and kept exact in JSON.
-        {"1", {"service", "add", "odd", "--type", "Web", "--description", kActingText, "--id", "host=o.acme"}},
-        {"1", {"service", "get", "odd"}, 0, "description: " + kActingShown + "\n"},
-        {"1", {"--json", "service", "get", "odd"}, 0, "\"description\":\"\\u001b[2J\\nzelctl: \xe2\x80\xae\""},
-        {"1", {"service", "get", kActingText}, 1, "service " + kActingShown + ": "},
-        {"1", {"service", "remove", "odd"}},
         {"1", {"service", "add", "portal", "--type", "Web", "--description", "The portal", "--id", "host=p.acme"}},
         {"1", {"--json", "service", "get", "portal"}, 0,
          "{\"name\":\"portal\",\"type\":\"Web\",\"description\":\"The portal\","
