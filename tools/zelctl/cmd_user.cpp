@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "dn_text.h"
 #include "dry_run.h"
 #include "doctor_replication.h"
 #include "json_out.h"
@@ -65,16 +66,7 @@ std::string profile_holder(ZelSession *s, const Options &opts, const char *perso
     const std::string profile = raw ? raw : "";
     Zel_memfree(raw);
     if (rc != 1) return "";
-    DnParts rdns(ldap_explode_dn(profile.c_str(), 0));
-    if (!rdns || !rdns.get()[0]) return "";
-    DnParts below_person(ldap_explode_dn(person, 0));
-    size_t n = 1, m = 0;
-    while (rdns.get()[n]) ++n;
-    while (below_person && below_person.get()[m]) ++m;
-    bool first_generation = below_person && n == m + 1;
-    for (size_t i = 0; first_generation && i < m; ++i)
-        first_generation = same_ignoring_case(rdns.get()[i + 1], below_person.get()[i]);
-    if (opts.api_version >= 2 && first_generation) return "";
+    if (opts.api_version >= 2 && dn_key(parent_dn(profile)) == dn_key(person)) return "";
     DnParts value(ldap_explode_dn(profile.c_str(), 1));
     return value && value.get()[0] ? value.get()[0] : profile;
 }

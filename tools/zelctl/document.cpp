@@ -6,6 +6,8 @@
 #include <nlohmann/json.hpp>
 #include <tuple>
 
+#include "utf8_sequence.h"
+
 namespace zelctl {
 namespace {
 
@@ -13,29 +15,11 @@ using nlohmann::json;
 
 const char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-// Well-formed UTF-8 as JSON text must be: no overlong forms, no surrogates,
-// nothing above U+10FFFF.
-bool valid_utf8(const std::string &text) {
-    const auto *p = reinterpret_cast<const unsigned char *>(text.data());
-    size_t n = text.size(), i = 0;
-    while (i < n) {
-        unsigned char c = p[i];
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        size_t more = c >= 0xC2 && c <= 0xDF ? 1 : c >= 0xE0 && c <= 0xEF ? 2 : c >= 0xF0 && c <= 0xF4 ? 3 : 0;
-        if (more == 0 || i + more >= n) return false;
-        unsigned char lo = 0x80, hi = 0xBF;
-        if (c == 0xE0) lo = 0xA0;
-        else if (c == 0xED) hi = 0x9F;
-        else if (c == 0xF0) lo = 0x90;
-        else if (c == 0xF4) hi = 0x8F;
-        if (p[i + 1] < lo || p[i + 1] > hi) return false;
-        for (size_t k = 2; k <= more; ++k)
-            if ((p[i + k] & 0xC0) != 0x80) return false;
-        i += more + 1;
-    }
+// Well-formed UTF-8 is what JSON text must be.
+bool valid_utf8(std::string_view text) {
+    uint32_t code = 0;
+    for (size_t length; !text.empty(); text.remove_prefix(length))
+        if ((length = utf8_sequence(text, code)) == 0) return false;
     return true;
 }
 
