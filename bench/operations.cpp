@@ -34,13 +34,13 @@ bool credential(ZelSession *s, const Sample &x, const std::string &resource, Zel
 
 // A direct hit resolves the user (person by uid, then the Zel user by its
 // DN) and reads the direct and group records in one search: 3.  Without a
-// direct record the Zel database's profile of the user is looked for (the
-// bench users have none), and the user's groups are asked about in one
-// search: 5; a miss asks the same.  A record is user resolution plus the
+// direct record the user's groups are asked about in one more search, which
+// also looks for the Zel database's profile of the user (the bench users
+// have none): 4; a miss asks the same.  A record is user resolution plus the
 // record; a service and a user check are one search.
 const std::vector<Operation> &operations() {
     static const std::vector<Operation> ops = {
-        {"credential-direct", 3, true}, {"credential-group", 5, true}, {"credential-miss", 5, false},
+        {"credential-direct", 3, true}, {"credential-group", 4, true}, {"credential-miss", 4, false},
         {"target-record", 3, true},     {"target-service", 1, false},  {"verify-user", 1, false},
     };
     return ops;

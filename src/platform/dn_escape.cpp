@@ -94,4 +94,28 @@ bool plain_first_rdn(const char *dn, std::string_view &type, std::string_view &v
     return true;
 }
 
+const char *dn_parent(const char *dn) {
+    for (const char *p = dn; *p != '\0'; ++p) {
+        if (*p == '\\') {
+            if (*++p == '\0') return nullptr;
+        } else if (*p == '"') {
+            return nullptr;
+        } else if (*p == ',') {
+            return p + 1;
+        }
+    }
+    return nullptr;
+}
+
+bool dn_text_within(std::string_view dn, std::string_view base) {
+    if (base.empty() || dn.size() < base.size() || dn.compare(dn.size() - base.size(), base.size(), base) != 0)
+        return false;
+    if (dn.size() == base.size()) return true;
+    // The ',' before `base` separates RDNs only when no backslash escapes it.
+    size_t at = dn.size() - base.size() - 1, escapes = 0;
+    if (dn[at] != ',') return false;
+    while (escapes < at && dn[at - 1 - escapes] == '\\') ++escapes;
+    return escapes % 2 == 0;
+}
+
 }  // namespace zel::platform

@@ -24,4 +24,14 @@ bool plain_in_dn_and_filter(std::string_view value);
 // its parent.  False for any other DN, which the caller then parses in full.
 bool plain_first_rdn(const char *dn, std::string_view &type, std::string_view &value, const char *&parent);
 
+// The text of a DN's parent as it stands after the first RDN's ','; null
+// for a DN of one RDN and for one whose first RDN quotes (the LDAPv2 form,
+// which the caller then parses in full).
+const char *dn_parent(const char *dn);
+
+// Whether `dn` is `base` or lies below it, told from the text alone: `dn`
+// ends with `base` after an RDN's ','.  Texts that spell one DN two ways
+// are told apart, never taken for one another.
+bool dn_text_within(std::string_view dn, std::string_view base);
+
 }  // namespace zel::platform

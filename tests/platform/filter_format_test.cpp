@@ -104,6 +104,29 @@ TEST(DnFirstRdn, ReadPlainlyOnlyWhereTheFullParseAgrees) {
                                                   "cn=,cn=y", "cn=a=b,cn=y", "cn=<a>,o=x"}));
 }
 
+// A DN's place is read from its text only where no escape or quote can
+// make the text mean another place; a DN spelled another way is not taken
+// for the same one.
+TEST(DnText, ParentAndBaseAreReadPastEscapes) {
+    const struct {
+        const char *dn, *parent;
+    } parents[] = {{"cn=a,o=x", "o=x"},         {"cn=a\\,b,o=x", "o=x"},  {"cn=a\\\\,o=x", "o=x"},
+                   {"cn=a\\2Cb,o=x", "o=x"},   {"cn=\"a,b\",o=x", nullptr}, {"cn=a", nullptr},
+                   {"cn=a\\", nullptr}};
+    for (const auto &p : parents) {
+        const char *got = zel::platform::dn_parent(p.dn);
+        EXPECT_STREQ(got ? got : "(none)", p.parent ? p.parent : "(none)") << p.dn;
+    }
+    const struct {
+        const char *dn, *base;
+        bool within;
+    } bases[] = {{"cn=p,ou=People,o=acme", "o=acme", true}, {"o=acme", "o=acme", true},
+                 {"cn=p\\\\,o=acme", "o=acme", true},      {"cn=p,xo=acme", "o=acme", false},
+                 {"cn=p\\,o=acme", "o=acme", false},         {"cn=p,O=ACME", "o=acme", false},
+                 {"o=acme", "", false},                     {"o=acme", "cn=p,o=acme", false}};
+    for (const auto &b : bases) EXPECT_EQ(zel::platform::dn_text_within(b.dn, b.base), b.within) << b.dn << " in " << b.base;
+}
+
 TEST(FilterFormat, MixesQuotedAndPlainConversions) {
     Text text(ku_mbs_sprintf("(&(cn=%Q)(uid=%s)(n=%d)(i=%i)(u=%u)(x=%x)%c%%)", "a*(b)", "x*",
                              -5, 12, 7u, 255u, '!'));

@@ -235,6 +235,12 @@ TEST_P(CredentialPaths, MergedAnswersAsStepwise) {
     SCOPED_TRACE("ZEL_CREDENTIAL_SEED=" + std::to_string(seed_));
     std::vector<std::string> users{"nobody", "u*"};
     for (int i = 0; i < kUsers; ++i) users.push_back(user_name(i));
+    // Named by a profile's DN: the person is its parent as the caller
+    // spells it, which the directory's own spelling need not match.
+    for (int i : {0, 2, 3, 4, 6, 7, 8}) {
+        users.push_back("cn=" + esc(user_name(i)) + ",cn=P" + std::to_string(i) + "," + kPeople);
+        users.push_back("CN=" + esc(user_name(i)) + ",CN=P" + std::to_string(i) + ",OU=PEOPLE,o=acme");
+    }
     std::vector<std::string> resources = kResources;
     resources.push_back("gone");
     int answered = 0;

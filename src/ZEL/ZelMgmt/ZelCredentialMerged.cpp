@@ -1,6 +1,7 @@
 // The credential query with each search its answer needs sent once: the
 // user resolved once per form, the direct and the group records of a form in
-// one search, and the candidate groups asked about together.  The answer is
+// one search, and the candidate groups asked about together (with the
+// user's first-generation profile, when one search covers both).  The answer is
 // the step-by-step one: the direct record of the session's form, then of the
 // first generation; then the first group record, in directory order, whose
 // group holds the resource.  Group records come from the session's form, or
@@ -18,6 +19,7 @@
 #include "platform/filter_format.h"
 #include "platform/utf8_text.h"
 #include "ZelHolders.h"
+#include "ZelRoutines.h"
 #include "ZelPlatform.h"
 #include "ZelSearch.h"
 #include "ZelSession.h"
@@ -158,6 +160,9 @@ struct FormAsk {
 // "cn") take no more.
 constexpr size_t kNameRoom = 16;
 
+// The candidates' slots (Candidate::fits, held) of the two asks.
+constexpr unsigned kInDomain = 0, kInDatabase = 1;
+
 // Appends the ask's filter to `f`, whose capacity the caller reserved for
 // `names_room` (kNameRoom and the escaped name per candidate).  A group's DN
 // must fit a DN buffer; escaping at most triples a name, so only a long one
@@ -215,10 +220,12 @@ void mark_named(const FormAsk &ask, const char *name, Candidates &candidates) {
     }
 }
 
-void mark_held(const FormAsk &ask, const Rdns &entry, Candidates &candidates) {
-    if (entry.empty() || !zel::same_text(entry[0].first.c_str(), ask.naming) || !same_rdns(entry, 1, ask.container->rdns))
-        return;
-    mark_named(ask, entry[0].second.c_str(), candidates);
+// Whether the entry lies directly below the ask's container (marking the
+// candidate it names, if it is named by the ask's naming attribute).
+bool mark_held(const FormAsk &ask, const Rdns &entry, Candidates &candidates) {
+    if (entry.empty() || !same_rdns(entry, 1, ask.container->rdns)) return false;
+    if (zel::same_text(entry[0].first.c_str(), ask.naming)) mark_named(ask, entry[0].second.c_str(), candidates);
+    return true;
 }
 
 // The deepest DN both containers lie below, as text; empty when none.
@@ -248,12 +255,61 @@ const zel::SessionTexts &compare_containers(zel::SessionTexts &texts) {
     return texts;
 }
 
+// The user's first-generation profile, asked for in the groups' search
+// when that search covers the person: a child of the person entry that
+// names it as its associatedName.  A search of its own reads the first two
+// such children; this reads the first two of the answer.
+struct ProfileAsk {
+    const std::string *person = nullptr;  // the person's DN as the directory gave it
+    zel::ProfileVerdict verdict;
+    std::string dn;
+    int read = 0;
+    // An entry of the answer that is neither below a container nor the
+    // person's child: it may be a profile written another way, so the
+    // profile is looked for on its own after all.
+    bool unsure = false;
+};
+
+// The groups that group records name, and the filters that ask whether
+// they hold the resource, one ask per storage form.
+struct GroupQuestion {
+    Candidates candidates;
+    FormAsk in_domain, in_database;
+    std::string filters;  // "(|" and the asks' filters, then ")"
+    bool domain = false, first_gen = false;
+};
+
+// The deepest DN the asks' containers share, when both asks are needed
+// and one subtree search covers them; null otherwise.
+const std::string *shared_base(ZelSession *s, const GroupQuestion &g) {
+    if (!g.in_domain.needed || !g.in_database.needed) return nullptr;
+    const std::string &common = compare_containers(zel::session_texts(s)).groups_common_base;
+    return common.empty() ? nullptr : &common;
+}
+
+// Whether the profile can ride along in the groups' search: it covers the
+// person, who is no container of groups.
+bool profile_rides(ZelSession *s, const GroupQuestion &g, const std::string &person) {
+    const std::string *base = shared_base(s, g);
+    return base && plat::dn_text_within(person, *base) && person != g.in_domain.container->dn &&
+           person != g.in_database.container->dn;
+}
+
+// Appends the profile's piece to `g.filters` (before its closing ')').
+void add_profile_filter(GroupQuestion &g, const std::string &person) {
+    g.filters.pop_back();
+    g.filters.append("(associatedName=");
+    plat::append_filter_value(g.filters, person);
+    g.filters.append("))");
+}
+
 // One search over the asks' containers: one level below a single container,
 // the subtree of the common base of two (the entries outside the containers
-// are passed over), one search each when the two share no base.
-// `filters` is "(|" and the asks' filters, then ")": the filter of a search
-// over both, each ask's own a slice of it.
-ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, Candidates &candidates, const std::string &filters) {
+// are passed over), one search each when the two share no base.  Each
+// ask's filter is a slice of `filters`.  With `profile`, which only a
+// subtree search of both containers takes, the profile rides along.
+ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, Candidates &candidates, const std::string &filters,
+                 ProfileAsk *profile = nullptr) {
     FormAsk *needed[2];
     size_t count = 0;
     for (FormAsk *a : {first, second})
@@ -274,11 +330,14 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, Candidates &can
     } else {
         filter = one.assign(filters, needed[0]->filter_at, needed[0]->filter_size).c_str();
     }
-    char *attrs[] = {const_cast<char *>(LDAP_NO_ATTRS), nullptr};
+    char *no_attrs[] = {const_cast<char *>(LDAP_NO_ATTRS), nullptr};
+    char *profile_attrs[] = {const_cast<char *>("objectClass"), const_cast<char *>("userState"), nullptr};
     zel::Message res;
-    int lrc = zel::search(s, base, scope, filter, attrs, 0, 0, res);
+    int lrc = zel::search(s, base, scope, filter, profile ? profile_attrs : no_attrs, 0, 0, res);
     if (lrc == LDAP_NO_SUCH_OBJECT) return 0;  // no such container: its groups hold nothing
-    if (lrc != LDAP_SUCCESS) return check_LDAP_rc(s, static_cast<uint32_t>(lrc), 0, "ldap_search_ext_s()");
+    // The profile's own search would have failed first, and answered so.
+    if (lrc != LDAP_SUCCESS)
+        return check_LDAP_rc(s, static_cast<uint32_t>(lrc), profile ? ZEL_RC_ENTRY_NOT_FOUND : 0, "ldap_search_ext_s()");
     // Most entries name their group plainly below the very text of an ask's
     // container: they are matched without parsing the DN.  The other ask
     // takes such an entry only when its container is the same DN.
@@ -288,10 +347,22 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, Candidates &can
     std::string type, value;  // the views as text the comparisons take
     for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e; e = ldap_next_entry(s->ld, e)) {
         const char *dn = zel::entry_dn(s->ld, e);
-        if (!dn) continue;
+        if (!dn) {
+            if (profile) profile->unsure = true;
+            continue;
+        }
         const char *parent = nullptr;
+        const bool plain = plat::plain_first_rdn(dn, type_view, value_view, parent);
+        if (profile) {
+            const char *above = plain ? parent : plat::dn_parent(dn);
+            if (above && *profile->person == above) {
+                if (profile->read++ < 2 && profile->verdict.rc == 0)
+                    zel::read_profile(s, e, false, profile->verdict, &profile->dn);
+                continue;
+            }
+        }
         size_t below = count;
-        if (plat::plain_first_rdn(dn, type_view, value_view, parent)) {
+        if (plain) {
             type.assign(type_view);
             value.assign(value_view);
             for (size_t k = 0; k < count && below == count; ++k)
@@ -303,18 +374,22 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, Candidates &can
                     mark_named(*needed[k], value.c_str(), candidates);
             continue;
         }
-        if (!split_dn(dn, rdns)) continue;
-        for (size_t k = 0; k < count; ++k) mark_held(*needed[k], rdns, candidates);
+        bool placed = false;
+        if (split_dn(dn, rdns))
+            for (size_t k = 0; k < count; ++k) placed |= mark_held(*needed[k], rdns, candidates);
+        if (profile && !placed) profile->unsure = true;
     }
     return 0;
 }
 
-// The first group record whose group holds the resource.  Records of the
-// security domain form look at the domain's group and then at the Zel
-// database's group of that name; first-generation records at the latter.
-ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, FormRecords &records,
-                       LDAPMessage *&answer, CredentialTrail *trail) {
-    Candidates candidates(records.groups.size());
+// The candidates a form's group records name, and the asks about them.
+// Records of the security domain form look at the domain's group and then
+// at the Zel database's group of that name; first-generation records at
+// the latter.
+ZelRC prepare_groups(ZelSession *s, const CredentialQuery &q, int32_t mode, const FormRecords &records,
+                     GroupQuestion &g) {
+    Candidates &candidates = g.candidates;
+    candidates.grow_to(records.groups.size());
     size_t names_room = 0;
     for (size_t i = 0; i < candidates.size(); ++i) {
         Candidate &c = candidates[i];
@@ -324,33 +399,36 @@ ZelRC first_held_group(ZelSession *s, const CredentialQuery &q, int32_t mode, Fo
     }
     // A security domain record held in no domain: without a domain DN there
     // is nothing to ask.
-    bool domain = mode == zel::kDomainMode && s->domain_dn;
-    bool first_gen = s->database_dn && (mode == zel::kFirstGenerationMode || domain);
-    constexpr unsigned kInDomain = 0, kInDatabase = 1;
-    FormAsk in_domain, in_database;
-    std::string filters;
+    g.domain = mode == zel::kDomainMode && s->domain_dn;
+    g.first_gen = s->database_dn && (mode == zel::kFirstGenerationMode || g.domain);
+    std::string &filters = g.filters;
     filters.reserve(2 * names_room + 256);
     filters.assign("(|");
     zel::SessionTexts &texts = zel::session_texts(s);
-    if (domain)
-        prepare_ask(in_domain, kInDomain,
+    if (g.domain)
+        prepare_ask(g.in_domain, kInDomain,
                     container_of(texts, texts.domain_groups, "cn=ResourceGroups,", s->domain_dn, true),
                     "secResGroupID", q.member_pieces(), candidates, names_room, filters);
-    if (first_gen)
-        prepare_ask(in_database, kInDatabase,
+    if (g.first_gen)
+        prepare_ask(g.in_database, kInDatabase,
                     container_of(texts, texts.database_groups, "cn=Zel Domains,", s->database_dn, false), "cn",
                     q.location_pieces(), candidates, names_room, filters);
     filters.push_back(')');
-    if (ZelRC rc = ask_groups(s, &in_domain, &in_database, candidates, filters)) return rc;
+    return 0;
+}
 
-    for (size_t i = 0; i < candidates.size(); ++i) {
-        const Candidate &c = candidates[i];
+// The first group record whose group holds the resource, once the asks
+// were answered.
+ZelRC first_held_group(const GroupQuestion &g, int32_t mode, FormRecords &records, LDAPMessage *&answer,
+                       CredentialTrail *trail) {
+    for (size_t i = 0; i < g.candidates.size(); ++i) {
+        const Candidate &c = g.candidates[i];
         int32_t held_in = 0;
         if (!c.name.empty()) {
-            if (domain && !c.fits[kInDomain]) return ZEL_RC_LIMIT_EXCEEDED;
-            if (domain && c.held[kInDomain]) {
+            if (g.domain && !c.fits[kInDomain]) return ZEL_RC_LIMIT_EXCEEDED;
+            if (g.domain && c.held[kInDomain]) {
                 held_in = zel::kDomainMode;
-            } else if (first_gen) {
+            } else if (g.first_gen) {
                 if (!c.fits[kInDatabase]) return ZEL_RC_LIMIT_EXCEEDED;
                 if (c.held[kInDatabase]) held_in = zel::kFirstGenerationMode;
             }
@@ -396,9 +474,32 @@ ZelRC merged_credential(ZelSession *s, const char *user, const CredentialQuery &
     if (ZelRC rc = form_records(s, mine, own, q, records, trail)) return rc;
     if (records.direct) return answer_with(records, own, records.direct, answer);
 
-    // A security domain session also sees the Zel database's records.
+    // A security domain session also sees the Zel database's records.  When
+    // its own group records are the candidates, their groups are asked about
+    // before the first generation is looked at, in the same search as the
+    // user's profile there, if one search covers both.
     FormRecords older;
+    GroupQuestion groups;
+    bool prepared = false, asked = false;
+    ZelRC unprepared = 0;  // the groups' failure, answered where the groups are asked about
     if (!first_generation(s) && s->database_dn) {
+        if (!records.groups.empty() && !users.known(kFirstGenerationMode)) {
+            unprepared = prepare_groups(s, q, own, records, groups);
+            prepared = true;
+            const std::string &person = users.person_dn();
+            if (unprepared == 0 && profile_rides(s, groups, person)) {
+                add_profile_filter(groups, person);
+                ProfileAsk profile;
+                profile.person = &person;
+                ZelRC rc = ask_groups(s, &groups.in_domain, &groups.in_database, groups.candidates, groups.filters,
+                                      &profile);
+                asked = rc == 0;
+                if (rc != 0)
+                    users.settle(kFirstGenerationMode, rc, {});
+                else if (!profile.unsure)
+                    users.settle(kFirstGenerationMode, profile.verdict.result(&profile.dn), std::move(profile.dn));
+            }
+        }
         const UserForm &first_gen = users.form(kFirstGenerationMode);
         if (trail) trail->user(kFirstGenerationMode, first_gen);
         if (!search_made(first_gen.rc)) return first_gen.rc;
@@ -409,8 +510,15 @@ ZelRC merged_credential(ZelSession *s, const char *user, const CredentialQuery &
     bool own_groups = !records.groups.empty() || first_generation(s) || !s->database_dn;
     FormRecords &candidates = own_groups ? records : older;
     const int32_t mode = own_groups ? own : kFirstGenerationMode;
+    // Groups prepared above were the session's own: the same as these.
+    if (!prepared) unprepared = prepare_groups(s, q, mode, candidates, groups);
+    if (unprepared != 0) return unprepared;
+    if (!asked) {
+        if (ZelRC rc = ask_groups(s, &groups.in_domain, &groups.in_database, groups.candidates, groups.filters))
+            return rc;
+    }
     LDAPMessage *entry = nullptr;
-    if (ZelRC rc = first_held_group(s, q, mode, candidates, entry, trail)) return rc;
+    if (ZelRC rc = first_held_group(groups, mode, candidates, entry, trail)) return rc;
     if (entry) answer_with(candidates, mode, entry, answer);
     return 0;
 }

@@ -148,40 +148,51 @@ ZelRC check_user(ZelSession *s, const char *person_dn, int32_t mode, std::string
         classed_by_filter = false;
     }
 
-    bool user_seen = false;
-    for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e && rc == 0; e = ldap_next_entry(s->ld, e)) {
-        bool inactive = false, a_user = classed_by_filter;
-        const char *dn = nullptr;
-        rc = zel::walk_values(
-            s->ld, e,
-            [&](const char *name, const struct berval *values) -> ZelRC {
-                const size_t length = std::strlen(name);
-                if (is_name(name, length, "objectClass")) {
-                    for (const struct berval *v = values; v->bv_val; ++v)
-                        if (is_name(v->bv_val, v->bv_len, "eZelUser") || is_name(v->bv_val, v->bv_len, "secUser"))
-                            a_user = true;
-                } else if (is_name(name, length, "userState") || is_name(name, length, "secAcctValid")) {
-                    if (marks_inactive(values[0].bv_val)) inactive = true;
-                }
-                return 0;
-            },
-            &dn);
-        if (rc == 0 && a_user) {
-            if (!dn) return ZEL_RC_NO_MEMORY;
-            user_seen = true;
-            zel::tracef(s, zel::kTraceProgress, "zelmgmt:User Profile DN: %s\n", dn);
-            if (profile_dn_out) profile_dn_out->assign(dn);
-        }
-        if (rc == 0 && inactive) rc = ZEL_RC_ACCOUNT_INVALID;
-    }
-    if (rc == 0 && user_seen) rc = 1;
-
-    // An inactive account still names its profile; a failure hands out nothing.
-    if (rc != 0 && rc != 1 && rc != ZEL_RC_ACCOUNT_INVALID && profile_dn_out) profile_dn_out->clear();
-    return rc;
+    ProfileVerdict verdict;
+    for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e && verdict.rc == 0; e = ldap_next_entry(s->ld, e))
+        read_profile(s, e, classed_by_filter, verdict, profile_dn_out);
+    return verdict.result(profile_dn_out);
 }
 
 }  // namespace
+
+void read_profile(ZelSession *s, LDAPMessage *e, bool classed_by_filter, ProfileVerdict &verdict,
+                  std::string *profile_dn_out) {
+    bool inactive = false, a_user = classed_by_filter;
+    const char *dn = nullptr;
+    ZelRC rc = zel::walk_values(
+        s->ld, e,
+        [&](const char *name, const struct berval *values) -> ZelRC {
+            const size_t length = std::strlen(name);
+            if (is_name(name, length, "objectClass")) {
+                for (const struct berval *v = values; v->bv_val; ++v)
+                    if (is_name(v->bv_val, v->bv_len, "eZelUser") || is_name(v->bv_val, v->bv_len, "secUser"))
+                        a_user = true;
+            } else if (is_name(name, length, "userState") || is_name(name, length, "secAcctValid")) {
+                if (marks_inactive(values[0].bv_val)) inactive = true;
+            }
+            return 0;
+        },
+        &dn);
+    if (rc == 0 && a_user) {
+        if (!dn) {
+            verdict.rc = ZEL_RC_NO_MEMORY;
+            return;
+        }
+        verdict.user_seen = true;
+        zel::tracef(s, zel::kTraceProgress, "zelmgmt:User Profile DN: %s\n", dn);
+        if (profile_dn_out) profile_dn_out->assign(dn);
+    }
+    if (rc == 0 && inactive) rc = ZEL_RC_ACCOUNT_INVALID;
+    verdict.rc = rc;
+}
+
+ZelRC ProfileVerdict::result(std::string *profile_dn_out) const {
+    if (rc == 0) return user_seen ? 1 : 0;
+    // An inactive account still names its profile; a failure hands out nothing.
+    if (rc != ZEL_RC_ACCOUNT_INVALID && profile_dn_out) profile_dn_out->clear();
+    return rc;
+}
 
 ZelRC verify_user(ZelSession *s, const char *person_dn, int32_t mode, std::string *profile_dn_out) {
     return zel::routine(s, "verify_ZEL_user", [&] { return check_user(s, person_dn, mode, profile_dn_out); });

@@ -32,6 +32,20 @@ int modify_clearing(ZelSession *s, const char *dn, LDAPMod **mods);
 // 1 (a user), 0 (none), 33 (inactive, the DN still named) or a failure.
 ZelRC verify_user(ZelSession *s, const char *person_dn, int32_t mode, std::string *profile_dn_out);
 
+// What the entries of a search for a person's profile say, read one by one
+// until `rc` is no longer 0.
+struct ProfileVerdict {
+    ZelRC rc = 0;            // 33 once an inactive account is read, or a failure
+    bool user_seen = false;
+    // As verify_user answers: 1, 0, 33 or a failure (the DN then cleared).
+    ZelRC result(std::string *profile_dn_out) const;
+};
+// Reads one entry of such a search: a user when its classes say so or
+// `classed_by_filter` (the search's filter named the class), inactive when
+// its state says so.  A user's DN goes to `profile_dn_out`.
+void read_profile(ZelSession *s, LDAPMessage *entry, bool classed_by_filter, ProfileVerdict &verdict,
+                  std::string *profile_dn_out);
+
 }  // namespace zel
 
 extern "C" {

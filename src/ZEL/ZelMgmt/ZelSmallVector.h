@@ -17,11 +17,7 @@ class SmallVector {
 public:
     SmallVector() = default;
     // n value-initialised elements.
-    explicit SmallVector(size_t n) {
-        reserve(n);
-        std::uninitialized_value_construct_n(data_, n);
-        size_ = n;
-    }
+    explicit SmallVector(size_t n) { grow_to(n); }
     SmallVector(const SmallVector &) = delete;
     SmallVector &operator=(const SmallVector &) = delete;
     ~SmallVector() {
@@ -38,6 +34,13 @@ public:
             ::new (static_cast<void *>(data_ + size_)) T(value);
         }
         ++size_;
+    }
+    // Value-initialised elements added up to n.
+    void grow_to(size_t n) {
+        if (n <= size_) return;
+        reserve(n);
+        std::uninitialized_value_construct_n(data_ + size_, n - size_);
+        size_ = n;
     }
     void clear() {
         std::destroy_n(data_, size_);

@@ -111,10 +111,15 @@ ZelRC resolve_person(ZelSession *s, const char *user, std::string &person_dn) {
     return rc;
 }
 
+namespace {
+
+// verify_user's answer as a form's status.
+ZelRC form_status(ZelRC verified) { return verified == 1 ? 0 : verified == 0 ? ZEL_RC_USER_NOT_FOUND : verified; }
+
+}  // namespace
+
 ZelRC verify_form(ZelSession *s, const std::string &person_dn, int32_t mode, std::string &user_dn) {
-    ZelRC rc = verify_user(s, person_dn.c_str(), mode, &user_dn);
-    if (rc == 1) return 0;
-    return rc == 0 ? ZEL_RC_USER_NOT_FOUND : rc;
+    return form_status(verify_user(s, person_dn.c_str(), mode, &user_dn));
 }
 
 UserLookup::UserLookup(ZelSession *s, const char *user, bool cached) : s_(s), user_(user), cached_(cached) {
@@ -131,9 +136,22 @@ const UserForm &UserLookup::form(int32_t mode) {
         resolved_.person_known = true;
     }
     f.rc = resolved_.person_rc != 0 ? resolved_.person_rc : verify_form(s_, resolved_.person_dn, mode, f.dn);
+    rc = f.rc;
+    return kept(f);
+}
+
+const UserForm &UserLookup::settle(int32_t mode, ZelRC verified, std::string &&dn) {
+    UserForm &f = resolved_.forms[mode];
+    ZelRC rc = 0;
+    RoutineTrace trace(s_, "get_verify_User_profile", rc);
+    rc = f.rc = form_status(verified);
+    f.dn = std::move(dn);
+    return kept(f);
+}
+
+const UserForm &UserLookup::kept(UserForm &f) {
     f.known = true;
     if (f.rc != 0 && f.rc != ZEL_RC_ACCOUNT_INVALID) f.dn.clear();
-    rc = f.rc;
     if (cached_ && s_->user_cache && cacheable(resolved_)) s_->user_cache->store(user_, resolved_);
     return f;
 }

@@ -44,7 +44,17 @@ public:
     // The user's entry in the form of `mode`, resolved on first use.
     const UserForm &form(int32_t mode);
 
+    // Whether form(mode) is known without asking the directory.
+    bool known(int32_t mode) const { return resolved_.forms[mode].known; }
+    // The person, once a form was asked for; empty when it was not found.
+    const std::string &person_dn() const { return resolved_.person_dn; }
+    // Settles the form of `mode` with what a search made elsewhere found
+    // (verify_user's answer and DN), as form(mode) would have settled it.
+    const UserForm &settle(int32_t mode, ZelRC verified, std::string &&dn);
+
 private:
+    const UserForm &kept(UserForm &f);
+
     ZelSession *s_;
     const char *user_;
     bool cached_;
