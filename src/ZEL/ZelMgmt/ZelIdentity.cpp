@@ -187,13 +187,6 @@ void read_profile(ZelSession *s, LDAPMessage *e, bool classed_by_filter, Profile
     verdict.rc = rc;
 }
 
-ZelRC ProfileVerdict::result(std::string *profile_dn_out) const {
-    if (rc == 0) return user_seen ? 1 : 0;
-    // An inactive account still names its profile; a failure hands out nothing.
-    if (rc != ZEL_RC_ACCOUNT_INVALID && profile_dn_out) profile_dn_out->clear();
-    return rc;
-}
-
 ZelRC verify_user(ZelSession *s, const char *person_dn, int32_t mode, std::string *profile_dn_out) {
     return zel::routine(s, "verify_ZEL_user", [&] { return check_user(s, person_dn, mode, profile_dn_out); });
 }

@@ -37,8 +37,13 @@ ZelRC verify_user(ZelSession *s, const char *person_dn, int32_t mode, std::strin
 struct ProfileVerdict {
     ZelRC rc = 0;            // 33 once an inactive account is read, or a failure
     bool user_seen = false;
-    // As verify_user answers: 1, 0, 33 or a failure (the DN then cleared).
-    ZelRC result(std::string *profile_dn_out) const;
+    // As verify_user answers: 1, 0, 33 or a failure (the DN then cleared;
+    // an inactive account still names its profile).
+    ZelRC result(std::string *profile_dn_out) const {
+        if (rc == 0) return user_seen ? 1 : 0;
+        if (rc != ZEL_RC_ACCOUNT_INVALID && profile_dn_out) profile_dn_out->clear();
+        return rc;
+    }
 };
 // Reads one entry of such a search: a user when its classes say so or
 // `classed_by_filter` (the search's filter named the class), inactive when

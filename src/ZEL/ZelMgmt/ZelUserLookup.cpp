@@ -126,6 +126,15 @@ UserLookup::UserLookup(ZelSession *s, const char *user, bool cached) : s_(s), us
     if (cached_ && s->user_cache) s->user_cache->find(user, resolved_);
 }
 
+// Settles a form and offers the whole resolution to the cache; inlined
+// into form() and settle(), the user check's hot path.
+[[gnu::always_inline]] inline const UserForm &UserLookup::kept(UserForm &f) {
+    f.known = true;
+    if (f.rc != 0 && f.rc != ZEL_RC_ACCOUNT_INVALID) f.dn.clear();
+    if (cached_ && s_->user_cache && cacheable(resolved_)) s_->user_cache->store(user_, resolved_);
+    return f;
+}
+
 const UserForm &UserLookup::form(int32_t mode) {
     UserForm &f = resolved_.forms[mode];
     if (f.known) return f;
@@ -147,13 +156,6 @@ const UserForm &UserLookup::settle(int32_t mode, ZelRC verified, std::string &&d
     rc = f.rc = form_status(verified);
     f.dn = std::move(dn);
     return kept(f);
-}
-
-const UserForm &UserLookup::kept(UserForm &f) {
-    f.known = true;
-    if (f.rc != 0 && f.rc != ZEL_RC_ACCOUNT_INVALID) f.dn.clear();
-    if (cached_ && s_->user_cache && cacheable(resolved_)) s_->user_cache->store(user_, resolved_);
-    return f;
 }
 
 ZelRC configure_reads(ZelSession *s) {
