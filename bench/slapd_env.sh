@@ -2,8 +2,9 @@
 # loopback port, bulk-loaded with slapadd.  start_directory <build> <users>
 # [ldif|people] sets DIR_PORT, DIR_TMP and LOAD_SECONDS; with DIR_NOSYNC=1 the
 # database does not sync each write to disk (as for a bulk load).  The full
-# directory's passwords are sealed under a key file of its own, which
-# ZEL_KEYFILE names for the bench programs.  stop_directory ends it and
+# directory's passwords are sealed under a key file of its own (or the one
+# DIR_KEYFILE names, shared with another directory), which ZEL_KEYFILE names
+# for the bench programs.  stop_directory ends it and
 # removes its folder.
 # shellcheck source=scripts/slapd.sh
 . "$(dirname "${BASH_SOURCE[0]}")/../scripts/slapd.sh"
@@ -14,7 +15,9 @@ start_directory() {
   (umask 077; printf '%s' secret >"$DIR_TMP/admin.pw")
   local t0=$SECONDS
   unset ZEL_KEYFILE
-  if [ "$content" = ldif ]; then
+  if [ "$content" = ldif ] && [ -n "${DIR_KEYFILE:-}" ]; then
+    export ZEL_KEYFILE=$DIR_KEYFILE
+  elif [ "$content" = ldif ]; then
     "$build/bench/zel_bench" key "$DIR_TMP/keys" || return 1
     export ZEL_KEYFILE="$DIR_TMP/keys"
   fi

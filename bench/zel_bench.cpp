@@ -7,6 +7,9 @@
 //   zel_bench people <users>                      the same before any Zel user (import_bench.sh)
 //   zel_bench document <users>                    an import document of those users and records
 //   zel_bench run <port> <users> <csv> [rounds]   timings table, rows appended to csv
+//   zel_bench growth <port> <users> <port> <users> <csv> [rounds]
+//                                                 per-call time in the second directory against the
+//                                                 first, both up at once, rows appended to csv
 //   zel_bench instr <port> <users> <op> lib|raw <calls>
 //                                                 calls for callgrind (bench_measured_*)
 #include <algorithm>
@@ -130,7 +133,8 @@ double most_steal = 0;  // the highest steal share of a busy row
 constexpr double kRoundSeconds = 0.1;
 
 // CPU time of the whole machine and of this program and the directory
-// server (ZEL_BENCH_SERVER_PID), in clock ticks, from /proc.
+// servers (ZEL_BENCH_SERVER_PID, their process ids separated by spaces), in
+// clock ticks, from /proc.
 struct CpuTimes {
     long long machine = -1, ours = 0, steal = 0;
 };
@@ -161,7 +165,10 @@ CpuTimes cpu_times() {
         t.steal = steal;
     }
     t.ours = process_ticks("self");
-    if (const char *server = std::getenv("ZEL_BENCH_SERVER_PID")) t.ours += process_ticks(server);
+    if (const char *servers = std::getenv("ZEL_BENCH_SERVER_PID")) {
+        std::istringstream pids(servers);
+        for (std::string pid; pids >> pid;) t.ours += process_ticks(pid);
+    }
     return t;
 }
 
@@ -421,6 +428,31 @@ void warm_up(ZelSession *s, LDAP *ld, const std::vector<Sample> &xs) {
                 fail(std::string(operations()[op].name) + ": a warming call failed");
 }
 
+// The run's last word on the verdicts it withheld, and its exit status: 3
+// when it withheld any (`more` counts one withheld elsewhere).
+int last_word(bool more) {
+    if (busy_rows > 0)
+        std::printf("No verdict in %d rows: other processes and the host (steal) took more than %.0f%% of a CPU "
+                    "while they were timed.\n",
+                    busy_rows, kNoisyOthers * 100);
+    // Steal time is the host's doing: nothing stopped on this machine
+    // quiets it, so say so rather than have the run repeated in vain.
+    if (most_steal > kNoisyOthers / 2)
+        std::printf("The host of this virtual machine held its CPUs back for up to %.0f%% of one CPU (steal time): "
+                    "stopping processes here will not help; run on a machine whose CPUs are its own.\n",
+                    most_steal * 100);
+    if (unsure_rows > 0)
+        std::printf("No verdict in %d rows: the median ratio's 95%% band holds the target; more rounds "
+                    "(ZEL_BENCH_ROUNDS) narrow it.\n",
+                    unsure_rows);
+    if (drift_rows > 0 && more)
+        std::printf("In %d rows the raw side's rounds spread more than %.0f%%: the machine's speed changed while "
+                    "they were timed.  Their ratios stand, but their per-call times do not: no verdict on the "
+                    "8-thread rate.\n",
+                    drift_rows, kNoisySpread * 100);
+    return busy_rows || unsure_rows || more ? 3 : 0;
+}
+
 int run(int port, const Layout &layout, const char *csv, int rounds) {
     ZelSession *s = open_session(port);
     LDAP *ld = open_raw(port);
@@ -463,26 +495,61 @@ int run(int port, const Layout &layout, const char *csv, int rounds) {
     out << layout.users << ",writes-per-s," << writes << ",,,,,,\n";
     Zel_close(s, 1);
     ldap_unbind_ext(ld, nullptr, nullptr);
-    if (busy_rows > 0)
-        std::printf("No verdict in %d rows: other processes and the host (steal) took more than %.0f%% of a CPU "
-                    "while they were timed.\n",
-                    busy_rows, kNoisyOthers * 100);
-    // Steal time is the host's doing: nothing stopped on this machine
-    // quiets it, so say so rather than have the run repeated in vain.
-    if (most_steal > kNoisyOthers / 2)
-        std::printf("The host of this virtual machine held its CPUs back for up to %.0f%% of one CPU (steal time): "
-                    "stopping processes here will not help; run on a machine whose CPUs are its own.\n",
-                    most_steal * 100);
-    if (unsure_rows > 0)
-        std::printf("No verdict in %d rows: the median ratio's 95%% band holds the target; more rounds "
-                    "(ZEL_BENCH_ROUNDS) narrow it.\n",
-                    unsure_rows);
-    if (drift_rows > 0)
-        std::printf("In %d rows the raw side's rounds spread more than %.0f%%: the machine's speed changed while "
-                    "they were timed.  Their ratios stand, but their per-call times do not: no verdict on the "
-                    "8-thread rate or on the growth across directory sizes.\n",
-                    drift_rows, kNoisySpread * 100);
-    return busy_rows || unsure_rows || !rates_judged ? 3 : 0;
+    return last_word(!rates_judged);
+}
+
+// Per-call time in the large directory against the small one.  Runs made one
+// after the other meet the machine at different speeds; here both
+// directories are up at once and calls alternate between them, round by
+// round, as the library and raw calls do in a timings table, so the growth
+// is judged on the rounds' own ratios.  The raw side's growth, beside it, is
+// the directory's share.
+int growth(int small_port, const Layout &small, int large_port, const Layout &large, const char *csv, int rounds) {
+    ZelSession *s_small = open_session(small_port), *s_large = open_session(large_port);
+    LDAP *ld_small = open_raw(small_port), *ld_large = open_raw(large_port);
+    if (!s_small || !s_large || !ld_small || !ld_large) fail("cannot reach the directories");
+    std::vector<Sample> x_small = samples(small, kSamples), x_large = samples(large, kSamples);
+    std::ofstream out(csv, std::ios::app);
+    warm_up(s_small, ld_small, x_small);
+    warm_up(s_large, ld_large, x_large);
+    std::printf("\nper-call time %d -> %d users, both directories up at once (%d rounds; target <= 1.2x):\n",
+                small.users, large.users, rounds);
+    std::printf("%-18s %9s %9s %13s %13s %10s %7s %6s %7s\n", "operation", "small us", "large us", "growth (band)",
+                "(min-max)", "raw growth", "others", "steal", "<=1.2");
+    const int n = kSamples;
+    for (size_t op = 0; op < operations().size(); ++op) {
+        const int o = static_cast<int>(op);
+        const std::string name = operations()[op].name;
+        Prepared p_small = prepare(s_small, o, x_small), p_large = prepare(s_large, o, x_large);
+        if (bench_measured_raw(ld_small, p_small.replays.data(), n, n) ||
+            bench_measured_raw(ld_large, p_large.replays.data(), n, n))
+            fail(name + ": raw call failed");
+        Row lib = interleaved(
+            n, rounds,
+            [&](bool large_side, int i) {
+                return large_side ? bench_measured_lib(s_large, o, x_large.data() + i, 1, 1) != 0
+                                  : bench_measured_lib(s_small, o, x_small.data() + i, 1, 1) != 0;
+            },
+            name, {"large directory", "small directory"});
+        Row raw = interleaved(
+            n, rounds,
+            [&](bool large_side, int i) {
+                return large_side ? bench_measured_raw(ld_large, p_large.replays.data() + i, 1, 1) != 0
+                                  : bench_measured_raw(ld_small, p_small.replays.data() + i, 1, 1) != 0;
+            },
+            name + " raw", {"large directory", "small directory"});
+        std::printf("%-18s %9.1f %9.1f %5.3f (%.2f-%.2f) (%.2f-%.2f) %10.3f %6.0f%% %5.0f%% %7s\n", name.c_str(),
+                    lib.raw_us, lib.lib_us, lib.ratio, lib.band_lo, lib.band_hi, lib.ratio_min, lib.ratio_max,
+                    raw.ratio, lib.others * 100, lib.steal * 100, mark(1.2, lib));
+        out << large.users << ",growth-from-" << small.users << '/' << name << ',' << lib.lib_us << ','
+            << lib.raw_us << ',' << lib.ratio << ',' << lib.ratio_min << ',' << lib.ratio_max << ",,,"
+            << lib.band_lo << ',' << lib.band_hi << ',' << lib.spread << ',' << lib.busy() << '\n';
+    }
+    Zel_close(s_small, 1);
+    Zel_close(s_large, 1);
+    ldap_unbind_ext(ld_small, nullptr, nullptr);
+    ldap_unbind_ext(ld_large, nullptr, nullptr);
+    return last_word(false);
 }
 
 int instr(int port, const Layout &layout, const std::string &name, bool library, int calls) {
@@ -529,6 +596,9 @@ int main(int argc, char **argv) {
     }
     if (mode == "run" && (argc == 5 || argc == 6))
         return run(std::atoi(argv[2]), Layout{std::atoi(argv[3])}, argv[4], argc == 6 ? std::atoi(argv[5]) : 30);
+    if (mode == "growth" && (argc == 7 || argc == 8))
+        return growth(std::atoi(argv[2]), Layout{std::atoi(argv[3])}, std::atoi(argv[4]), Layout{std::atoi(argv[5])},
+                      argv[6], argc == 8 ? std::atoi(argv[7]) : 30);
     if (mode == "instr" && argc == 7)
         return instr(std::atoi(argv[2]), Layout{std::atoi(argv[3])}, argv[4], std::strcmp(argv[5], "lib") == 0,
                      std::atoi(argv[6]));
