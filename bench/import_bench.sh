@@ -11,9 +11,12 @@ build=$1
 users=${2:-10000}
 source "$(dirname "$0")/slapd_env.sh"
 trap stop_directory EXIT
-# rate <count> <start> <end> <target>
-rate() { awk -v n="$1" -v a="$2" -v b="$3" -v t="$4" \
-  'BEGIN { r = n / (b - a); printf "%.0f/s (target >= %d/s) %s\n", r, t, (r >= t ? "ok" : "MISSED") }'; }
+# rate <count> <start> <end> <target>: judged only without syncs, where the
+# disk does not set the pace.
+rate() { awk -v n="$1" -v a="$2" -v b="$3" -v t="$4" -v judged="$DIR_NOSYNC" \
+  'BEGIN { r = n / (b - a)
+           if (judged == 1) printf "%.0f/s (target >= %d/s) %s\n", r, t, (r >= t ? "ok" : "MISSED")
+           else printf "%.0f/s (the disk sets the pace: not judged)\n", r }'; }
 for DIR_NOSYNC in 0 1; do
   start_directory "$build" "$users" people
   doc="$DIR_TMP/import.json"
