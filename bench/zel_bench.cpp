@@ -157,8 +157,7 @@ CpuTimes cpu_times() {
     std::ifstream in("/proc/stat");
     std::string cpu;
     long long user, nice, system, idle, iowait, irq, softirq, steal;  // ticks of all CPUs
-    if (in >> cpu >> user >> nice >> system >> idle >> iowait >> irq >> softirq >> steal && cpu == "cpu")
-    {
+    if (in >> cpu >> user >> nice >> system >> idle >> iowait >> irq >> softirq >> steal && cpu == "cpu") {
         t.machine = user + nice + system + steal;  // interrupts: mostly this program's own traffic
         t.steal = steal;
     }
@@ -379,19 +378,22 @@ double writes_per_second(ZelSession *s, const Layout &layout) {
     return count / seconds_since(start);
 }
 
-// A timed row's verdict on "ratio at most `target`": none ("busy") when the
-// machine was too busy to judge, none ("unsure") when the median's band
-// holds the target.  Counted for the run's last word.
-const char *mark(double target, const Row &r) {
+// A timed row's verdict: none ("busy") when the machine was too busy to
+// judge, "ok" or "MISSED" when the median's band lies wholly on one side of
+// the target, none ("unsure") when it holds the target.  Counted for the
+// run's last word.
+const char *mark(const Row &r, bool band_meets, bool band_misses) {
     if (r.busy()) {
         ++busy_rows;
         return "busy";
     }
-    if (r.band_hi <= target) return "ok";
-    if (r.band_lo > target) return "MISSED";
+    if (band_meets) return "ok";
+    if (band_misses) return "MISSED";
     ++unsure_rows;
     return "unsure";
 }
+const char *at_most(double target, const Row &r) { return mark(r, r.band_hi <= target, r.band_lo > target); }
+const char *at_least(double target, const Row &r) { return mark(r, r.band_lo >= target, r.band_hi < target); }
 
 // Microseconds per call of one credential operation over the samples, and
 // the searches each call sent.
@@ -457,9 +459,9 @@ void warm_up(ZelSession *s, LDAP *ld, const std::vector<Sample> &xs) {
 // when it withheld any.
 int last_word() {
     if (busy_rows > 0)
-        std::printf("No verdict in %d rows: other processes and the host (steal) took more than %.0f%% of a CPU "
-                    "while they were timed.\n",
-                    busy_rows, kNoisyOthers * 100);
+        std::printf("No verdict in %d row%s: other processes and the host (steal) took more than %.0f%% of a CPU "
+                    "while timed.\n",
+                    busy_rows, busy_rows == 1 ? "" : "s", kNoisyOthers * 100);
     // Steal time is the host's doing: nothing stopped on this machine
     // quiets it, so say so rather than have the run repeated in vain.
     if (most_steal > kNoisyOthers / 2)
@@ -467,22 +469,10 @@ int last_word() {
                     "stopping processes here will not help; run on a machine whose CPUs are its own.\n",
                     most_steal * 100);
     if (unsure_rows > 0)
-        std::printf("No verdict in %d rows: the median ratio's 95%% band holds the target; more rounds "
+        std::printf("No verdict in %d row%s: the median ratio's 95%% band holds the target; more rounds "
                     "(ZEL_BENCH_ROUNDS) narrow it.\n",
-                    unsure_rows);
+                    unsure_rows, unsure_rows == 1 ? "" : "s");
     return busy_rows || unsure_rows ? 3 : 0;
-}
-
-// The same for "ratio at least `target`".
-const char *mark_at_least(double target, const Row &r) {
-    if (r.busy()) {
-        ++busy_rows;
-        return "busy";
-    }
-    if (r.band_lo >= target) return "ok";
-    if (r.band_hi < target) return "MISSED";
-    ++unsure_rows;
-    return "unsure";
 }
 
 int run(int port, const Layout &layout, const char *csv, int rounds) {
@@ -500,7 +490,7 @@ int run(int port, const Layout &layout, const char *csv, int rounds) {
         Row r = time_reads(s, ld, static_cast<int>(op), xs, rounds);
         std::printf("%-18s %9.2f %9d %9.1f %7.1f %5.3f (%.2f-%.2f) (%.2f-%.2f) %6.1f%% %6.0f%% %5.0f%% %7s\n",
                     r.op.c_str(), r.searches, r.required, r.lib_us, r.raw_us, r.ratio, r.band_lo, r.band_hi,
-                    r.ratio_min, r.ratio_max, r.spread * 100, r.others * 100, r.steal * 100, mark(1.05, r));
+                    r.ratio_min, r.ratio_max, r.spread * 100, r.others * 100, r.steal * 100, at_most(1.05, r));
         out << layout.users << ',' << r.op << ',' << r.lib_us << ',' << r.raw_us << ',' << r.ratio << ','
             << r.ratio_min << ',' << r.ratio_max << ',' << r.searches << ',' << r.required << ',' << r.band_lo << ','
             << r.band_hi << ',' << r.spread << ',' << r.busy() << '\n';
@@ -510,14 +500,14 @@ int run(int port, const Layout &layout, const char *csv, int rounds) {
     std::printf("credential-direct, audit trail on %.1f us, off %.1f us: ratio %.3f (band %.2f-%.2f, min-max "
                 "%.2f-%.2f) spread %.1f%% (<=1.15 %s)\n",
                 a.lib_us, a.raw_us, a.ratio, a.band_lo, a.band_hi, a.ratio_min, a.ratio_max, a.spread * 100,
-                mark(1.15, a));
+                at_most(1.15, a));
     out << layout.users << ',' << a.op << ',' << a.lib_us << ',' << a.raw_us << ',' << a.ratio << ',' << a.ratio_min
         << ',' << a.ratio_max << ",,," << a.band_lo << ',' << a.band_hi << ',' << a.spread << ',' << a.busy() << '\n';
     Row t = throughput(port, xs);
     std::printf("%d threads, credential-direct: library %.0f/s, raw %.0f/s, ratio %.3f (band %.2f-%.2f, min-max "
                 "%.2f-%.2f) (>=0.9 %s)\n",
                 kThreads, t.lib_us, t.raw_us, t.ratio, t.band_lo, t.band_hi, t.ratio_min, t.ratio_max,
-                mark_at_least(0.9, t));
+                at_least(0.9, t));
     out << layout.users << ",threads-calls-per-s," << t.lib_us << ',' << t.raw_us << ',' << t.ratio << ','
         << t.ratio_min << ',' << t.ratio_max << ",,," << t.band_lo << ',' << t.band_hi << ',' << t.spread << ','
         << t.busy() << '\n';
@@ -571,7 +561,7 @@ int growth(int small_port, const Layout &small, int large_port, const Layout &la
             name + " raw", {"large directory", "small directory"});
         std::printf("%-18s %9.1f %9.1f %5.3f (%.2f-%.2f) (%.2f-%.2f) %10.3f %6.0f%% %5.0f%% %7s\n", name.c_str(),
                     lib.raw_us, lib.lib_us, lib.ratio, lib.band_lo, lib.band_hi, lib.ratio_min, lib.ratio_max,
-                    raw.ratio, lib.others * 100, lib.steal * 100, mark(1.2, lib));
+                    raw.ratio, lib.others * 100, lib.steal * 100, at_most(1.2, lib));
         out << large.users << ",growth-from-" << small.users << '/' << name << ',' << lib.lib_us << ','
             << lib.raw_us << ',' << lib.ratio << ',' << lib.ratio_min << ',' << lib.ratio_max << ",,,"
             << lib.band_lo << ',' << lib.band_hi << ',' << lib.spread << ',' << lib.busy() << '\n';
