@@ -52,10 +52,10 @@ if [ ${#sizes[@]} -gt 1 ]; then
   first=${sizes[0]} last=${sizes[${#sizes[@]}-1]}
   keys=$(mktemp -d /tmp/zelbench-keys-XXXXXX)
   small_pid= small_tmp=
-  stop_both() {
+  stop_both() {  # the large directory, then the small one as stop_directory stops any
     stop_directory
-    [ -n "$small_pid" ] && kill "$small_pid" 2>/dev/null && wait "$small_pid" 2>/dev/null
-    [ -n "$small_tmp" ] && rm -rf "$small_tmp"
+    [ -n "$small_tmp" ] && zel_pid=$small_pid DIR_TMP=$small_tmp stop_directory
+    small_pid= small_tmp=
     rm -rf "$keys"
   }
   trap stop_both EXIT
