@@ -104,7 +104,11 @@ TEST(KeyFileThreads, DecryptsWhileTheKeyFileIsSwitched) {
                 std::free(clear);
             }
         });
-    for (int i = 0; i < 200; ++i) {
+    // At least 200 switches, and on until the readers have decrypted across
+    // them: on a busy machine the readers may only start once the switching
+    // is done.
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    for (int i = 0; (i < 200 || decrypts.load() < 200) && std::chrono::steady_clock::now() < give_up; ++i) {
         symlink((i % 2 ? first : second).c_str(), staged.c_str());
         rename(staged.c_str(), link.c_str());
     }
