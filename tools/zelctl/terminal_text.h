@@ -53,15 +53,21 @@ const T &printf_arg(const T &value) {
 
 // fprintf to `to` with every string argument shown as terminal_text shows
 // it; the format is zelctl's own and is written as it stands.  The shown
-// copies live until the call returns.
+// copies live until the call returns.  Called through say_to and say below.
 template <class... A>
-void say_to(FILE *to, const char *format, const A &...args) {
+void say_shown(FILE *to, const char *format, const A &...args) {
     std::fprintf(to, format, detail::printf_arg(detail::shown_arg(args))...);
 }
 
-template <class... A>
-void say(const char *format, const A &...args) {
-    say_to(stdout, format, args...);
-}
+namespace detail {
+// Never called: the compiler checks each format against its arguments here,
+// as it would for fprintf, which the template above hides from it.
+[[gnu::format(printf, 2, 3)]] int checked_format(FILE *, const char *, ...);
+}  // namespace detail
 
 }  // namespace zelctl
+
+#define say_to(to, ...) \
+    (static_cast<void>(sizeof(::zelctl::detail::checked_format(to, __VA_ARGS__))), \
+     ::zelctl::say_shown(to, __VA_ARGS__))
+#define say(...) say_to(stdout, __VA_ARGS__)
