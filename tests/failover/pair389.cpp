@@ -52,8 +52,7 @@ protected:
         ASSERT_EQ(Zel_createDatabase(s.get(), kSuffix.c_str(), nullptr, "sradmin", "Admin-pw-1",
                                      ZEL_CREATEDB_XR_DEFAULTS),
                   0u);
-        zeltest::Service app("app", "Web Resource", "resourceName", "app");
-        ASSERT_EQ(Zel_addTargetService(s.get(), &app.ts), 0u);
+        ASSERT_EQ(famtest::add_service(s.get(), {"app", "Web Resource", nullptr, {{"resourceName", "app"}}}), 0u);
         ASSERT_EQ(zeltest::add_user_with_record(s.get(), "Jo", kJo, "app", "jdoe", "pa55word"), 0u);
         Session two = open_on(2);
         ASSERT_TRUE(two);

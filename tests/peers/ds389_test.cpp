@@ -61,8 +61,7 @@ protected:
                         nullptr, uid.data(), pw.data()};
             ASSERT_EQ(Zel_create_ePerson(admin.get(), &p, w.type), 0u) << w.cn;
         }
-        Service mail("mail", "Web Resource", "resourceName", "mail", "Mail");
-        ASSERT_EQ(Zel_addTargetService(admin.get(), &mail.ts), 0u);
+        ASSERT_EQ(famtest::add_service(admin.get(), {"mail", "Web Resource", "Mail", {{"resourceName", "mail"}}}), 0u);
         famtest::DomainRecord east("East", "East side", {{"resourceName", "mail"}});
         ASSERT_EQ(Zel_addZelDomain(admin.get(), &east.d), 0u);
         for (const char *who : {"Jo", "Ann"}) {
@@ -215,14 +214,14 @@ TEST_F(PeerDs389, AcisProtectRecords) {
         {"Agent", "Jo.mail/Jo-mail-pw", "Ann.mail/Ann-mail-pw", ZEL_RC_NOT_AUTHORIZED},
         {"Zel Sr Admin", "Jo.mail/Jo-mail-pw", "Ann.mail/Ann-mail-pw", 0},
     };
-    Service wiki("wiki", "Web Resource", "resourceName", "wiki");
+    const famtest::ServiceRecord wiki("wiki", "Web Resource", nullptr, {{"resourceName", "wiki"}});
     for (const Acts &a : acts) {
         bool admin_person = std::string(a.who) == "Zel Sr Admin";
         Session s = open(person(a.who), admin_person ? kAdminPassword : password_of(a.who), 1);
         ASSERT_TRUE(s);
         EXPECT_EQ(credential(s.get(), "Jo", "mail"), a.jo) << a.who;
         EXPECT_EQ(credential(s.get(), "Ann", "mail"), a.ann) << a.who;
-        EXPECT_EQ(Zel_addTargetService(s.get(), &wiki.ts), a.add_service) << a.who;
+        EXPECT_EQ(famtest::add_service(s.get(), wiki), a.add_service) << a.who;
     }
 
     // The Zel administrator (not the directory manager) adds a profile below a person.

@@ -54,8 +54,10 @@ inline std::string security_domain_ldif(const std::string &base, bool entry = tr
 // tag keeps the walk's names apart from another walk's on the same server.
 inline std::vector<Step> steps(const Target &t, const std::string &tag) {
     using famtest::record;
-    static Service mail("mail", "Web Resource", "resourceName", "mail"), app("app", "Web Resource"),
-        east("East", "Resource Group", "groupName", "East"), ops("Ops", "Resource Group");
+    using famtest::ServiceRecord;
+    static ServiceRecord mail("mail", "Web Resource", nullptr, {{"resourceName", "mail"}}),
+        app("app", "Web Resource", nullptr), east("East", "Resource Group", nullptr, {{"groupName", "East"}}),
+        ops("Ops", "Resource Group", nullptr);
     static char *mailbox[] = {const_cast<char *>("mailbox")};
     static ZelTargetServiceType mail_type{const_cast<char *>("Mail"), 1, mailbox};
     const std::string jo = "jo" + tag, jo_person = t.person(jo), pz = "pz" + tag, stray = "Stray" + tag;

@@ -55,8 +55,7 @@ std::unique_ptr<Directory> directory_with_anns_record(const KerberosRealm &realm
     char *names[] = {const_cast<char *>("host")};
     ZelTargetServiceType web{const_cast<char *>("Web"), 1, names};
     EXPECT_EQ(Zel_addTargetServiceType(admin.get(), &web), 0u);
-    Service mail("mail", "Web", "host", "mail.acme");
-    EXPECT_EQ(Zel_addTargetService(admin.get(), &mail.ts), 0u);
+    EXPECT_EQ(famtest::add_service(admin.get(), {"mail", "Web", nullptr, {{"host", "mail.acme"}}}), 0u);
     EXPECT_EQ(add_user_with_record(admin.get(), "ann", kAnn, "mail", "ann.mail", "mail-pw"), 0u);
     return dir;
 }

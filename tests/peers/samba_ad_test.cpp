@@ -134,13 +134,12 @@ TEST_F(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
     dc->add_group("Zel Agents", {agent});
     seed_security_domain(*dc);
 
-    Service mail("mail", "Web Resource", "resourceName", "mail"), late("late", "Web Resource", "resourceName", "mail");
     const std::string ro_person = "CN=ro," + kPeople;
     Session v1 = open_on(*dc, Transport::Ldaps, 1, SambaDc::admin_dn(), dc->admin_password());
     ASSERT_TRUE(v1);
     ASSERT_EQ(Zel_createDatabase(v1.get(), kBase.c_str(), SambaDc::admin_dn().c_str(), nullptr, nullptr,
                                  ZEL_CREATEDB_XR_DEFAULTS), 0u);
-    ASSERT_EQ(Zel_addTargetService(v1.get(), &mail.ts), 0u);
+    ASSERT_EQ(famtest::add_service(v1.get(), {"mail", "Web Resource", nullptr, {{"resourceName", "mail"}}}), 0u);
     ASSERT_EQ(add_user_with_record(v1.get(), "ro", ro_person, "mail", "ro.mail", "mail-pw"), 0u);
     Session v2 = open_on(*dc, Transport::Ldaps, 2, SambaDc::admin_dn(), dc->admin_password());
     ASSERT_TRUE(v2);
@@ -171,7 +170,7 @@ TEST_F(PeerSambaADReaders, OnlyTheGroupReadsCredentials) {
 
     // Records made after the grant inherit it, in both forms.
     ZelTargetRecord late1 = record("T:late", "late", "ro.late1", "late-pw"), late2 = record("T:late", "late", "ro.late2", "late-pw");
-    ASSERT_EQ(Zel_addTargetService(v1.get(), &late.ts), 0u);
+    ASSERT_EQ(famtest::add_service(v1.get(), {"late", "Web Resource", nullptr, {{"resourceName", "mail"}}}), 0u);
     ASSERT_EQ(Zel_addTargetRecord(v1.get(), "ro", &late1), 0u);
     ASSERT_EQ(dc->modify("dn: secResourceID=late,cn=Resources," + kDomain +
                              "\nobjectClass: secResource\nsecResourceID: late\nsecType: 1\n", true).status, 0);

@@ -1,7 +1,7 @@
 // What the tests against peer servers (389, AD, replicated pairs) share:
 // the OpenLDAP tools as a server's administrator or as someone else
 // (passwords travel in files, -y, never on a command line), opens of either
-// storage form, and services as a caller hands them over.
+// storage form, and a user with a record as one step.
 #pragma once
 
 #include <sys/stat.h>
@@ -73,20 +73,6 @@ inline Session open_version(const std::string &user, const std::string &password
     else EXPECT_EQ(rc, 0u) << "open as " << user;
     return Session(rc == 0 ? s : nullptr);
 }
-
-// A service with at most one identifier.  Not copied: it points into itself.
-struct Service {
-    ZelReqIdentifier id;
-    ZelReqIdentifier *ids[1] = {&id};
-    ZelTargetService ts;
-    Service(const char *name, const char *type, const char *id_name = nullptr, const char *id_value = nullptr,
-            const char *description = nullptr)
-        : id{const_cast<char *>(id_name), const_cast<char *>(id_value)},
-          ts{const_cast<char *>(name), const_cast<char *>(type), const_cast<char *>(description), id_name ? 1 : 0,
-             id_name ? ids : nullptr} {}
-    Service(const Service &) = delete;
-    Service &operator=(const Service &) = delete;
-};
 
 // The "User" `user` of the person at person_dn, and the user's record
 // T:<service> with account and password; the first status that is not 0.
