@@ -23,13 +23,6 @@ namespace plat = zel::platform;
 
 namespace {
 
-std::vector<std::string> read_lines(const std::string &path) {
-    std::ifstream in(path);
-    std::vector<std::string> out;
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
-
 void write_lines(const std::string &path, const std::vector<std::string> &lines) {
     std::ofstream out(path, std::ios::trunc);
     for (const std::string &l : lines) out << l << "\n";
@@ -82,7 +75,7 @@ TEST_F(AuditTest, ReadsAndWritesAreTrailedWithoutSecrets) {
     }
     // One line per read, an attempt and a result per write, in call order.
     std::vector<std::string> got;
-    const std::vector<std::string> lines = read_lines(trail);
+    const std::vector<std::string> lines = lines_of(file_text(trail));
     for (const std::string &l : lines) {
         std::string summary;
         for (const char *name : {"op", "phase", "status", "record", "group", "form"})
@@ -140,7 +133,7 @@ TEST(AuditChain, VerifyNamesTheFirstBrokenLine) {
         std::filesystem::remove(trail);
         for (int i = 0; i < 6; ++i)
             EXPECT_EQ(plat::append_audit_line(trail.c_str(), "\"op\":\"line " + std::to_string(i + 1) + "\"", with), 0);
-        return read_lines(trail);
+        return lines_of(file_text(trail));
     };
     const Lines plain = written(nullptr), keyed = written(&k);
     std::string head;
@@ -225,7 +218,7 @@ TEST(AuditChain, VerifyNamesTheFirstBrokenLine) {
     CommandResult v = verify(trail);
     EXPECT_EQ(v.status, 1);
     EXPECT_EQ(v.err, "zelctl: audit verify: " + trail + ": line 7 torn by an interrupted write (sealed over by the next writer)\n");
-    std::vector<std::string> repaired = read_lines(trail);
+    std::vector<std::string> repaired = lines_of(file_text(trail));
     ASSERT_EQ(repaired.size(), 10u);
     EXPECT_EQ(field(repaired[7], "torn"), "8");
     repaired[9].replace(repaired[9].find("more"), 4, "less");
@@ -258,7 +251,7 @@ TEST_F(AuditTest, ASessionSealsUnderTheTrailKeyAndChecksPointsTheHead) {
         EXPECT_NE(traced.find("Audit checkpoint: head 2:"), std::string::npos) << traced;
         EXPECT_NE(traced.find("Audit checkpoint: head " + head.out), std::string::npos) << "at close\n" << traced;
     }
-    EXPECT_NE(read_lines(trail).back().find(",\"mac\":\""), std::string::npos);
+    EXPECT_NE(lines_of(file_text(trail)).back().find(",\"mac\":\""), std::string::npos);
 }
 
 // Fail closed: a trail that cannot be opened, a full disk, a trail whose last
@@ -313,7 +306,7 @@ TEST_F(AuditTest, AnUnwritableTrailRefusesReadsAndWrites) {
                     fault::calls(Fn::ModifyS).empty() && fault::calls(Fn::Delete).empty())
             << path << ": nothing is sent without its attempt line";
     }
-    EXPECT_EQ(read_lines(garbled), std::vector<std::string>{"not a trail line"});
+    EXPECT_EQ(lines_of(file_text(garbled)), std::vector<std::string>{"not a trail line"});
     EXPECT_EQ(credential(s.get(), "jo", "app"), "jo.app/Direct-Pw-41") << "a session without a trail is untouched";
 }
 
@@ -368,7 +361,7 @@ TEST(AuditChain, JsonReportsNameTheTrailInValidJson) {
     ASSERT_EQ(head.status, 0) << head.err;
     EXPECT_EQ(head.out.rfind("{\"file\":" + shown + ",\"lines\":2,\"head\":\"2:", 0), 0u) << head.out;
 
-    std::vector<std::string> lines = read_lines(odd);
+    std::vector<std::string> lines = lines_of(file_text(odd));
     lines[0][lines[0].size() - 2] ^= 1;
     std::ofstream(odd, std::ios::trunc) << lines[0] << "\n" << lines[1] << "\n";
     CommandResult broken = run_command({ZELCTL_PATH, "--json", "audit", "verify", odd});

@@ -1,6 +1,5 @@
 // Opens and live sessions on a replicated pair whose servers refuse, hang,
 // stop and come back.
-#include <fstream>
 #include <ldap.h>
 
 #include "failover/failover_fixture.h"
@@ -196,9 +195,8 @@ TEST_F(Failover, AWriteThatTimesOutHasAnOutcomeOfItsOwn) {
     EXPECT_NE(std::string(Zel_strerror(ZEL_RC_TIMEOUT)).find("may or may not"), std::string::npos);
     EXPECT_EQ(server_of(s.get()), pair->uri(2)) << "the session moved on";
 
-    std::ifstream in(trail);
-    std::string line, result;
-    while (std::getline(in, line))
+    std::string result;
+    for (const std::string &line : lines_of(file_text(trail)))
         if (line.find("\"result\"") != std::string::npos) result = line;
     EXPECT_NE(result.find("\"status\":1015"), std::string::npos) << result;
     EXPECT_NE(result.find("outcome unknown"), std::string::npos) << result;

@@ -2,7 +2,6 @@
 // zelctl keeps record passwords off its command line and out of sight.
 #include <sys/stat.h>
 
-#include <fstream>
 
 #include "support/family_fixture.h"
 #include "support/env.h"
@@ -102,13 +101,10 @@ TEST_F(RecordTest, ZelctlKeysRecordsAndCredentials) {
     struct stat st {};
     ASSERT_EQ(stat(keys.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-    std::string first;
-    std::getline(std::ifstream(keys), first);
+    const std::string first = lines_of(file_text(keys)).at(0);
     EXPECT_EQ(key({keys}).status, 2) << "never overwrites";
     ASSERT_EQ(key({"--add", keys}).status, 0);
-    std::ifstream in(keys);
-    Strings lines;
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    const Strings lines = lines_of(file_text(keys));
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0] + " active", first) << "the old key stays, no longer active";
     EXPECT_EQ(lines[1].substr(lines[1].size() - 7), " active");

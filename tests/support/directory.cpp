@@ -130,6 +130,13 @@ std::string file_text(const std::string &path) {
     return ss.str();
 }
 
+std::vector<std::string> lines_of(const std::string &text) {
+    std::istringstream in(text);
+    std::vector<std::string> out;
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
 bool listening(const std::string &address, uint16_t port) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in a = loopback(port);

@@ -144,6 +144,8 @@ std::string suffix_entry_ldif(const std::string &suffix);
 // and back_mdb.
 std::string server_config_head(const std::string &dir);
 std::string file_text(const std::string &path);  // "" when it cannot be read
+// The lines of a text without their newlines; a last line without one counts.
+std::vector<std::string> lines_of(const std::string &text);
 void write_file(const std::string &path, const std::string &text);
 bool listening(const std::string &address, uint16_t port);
 // Signals pid (stopped or not) and reaps it; -1 afterwards, nothing when not running.

@@ -5,7 +5,6 @@
 #include <fstream>
 #include <random>
 #include <regex>
-#include <sstream>
 
 #include "support/env.h"
 #include "support/key_files.h"
@@ -27,13 +26,6 @@ Profile demo_profile() {
     p.seed_ldif = "dn: cn=Users,secAuthority=Default,o=acme\nobjectClass: container\ncn: Users\n\n" +
                   person_ldif(kSuffix, "Jo", "jo");
     return p;
-}
-
-std::string read_text(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
 }
 
 std::string without_export_time(const std::string &doc) {
@@ -131,7 +123,7 @@ TEST_F(ZelctlTransfer, ImportsUpdateAndGoOnPastFailuresAndRefuseClearText) {
     Directory dir(p);
     ASSERT_NO_FATAL_FAILURE(write_demo_data(dir));
     const std::string path = export_of(dir, "edited");
-    std::string doc = read_text(path);
+    std::string doc = file_text(path);
     doc = std::regex_replace(doc, std::regex("\"Demo user\""), "\"Edited\"");
     doc = std::regex_replace(doc, std::regex("\"sales-team\""), "\"sales-crew\"");
     doc = std::regex_replace(doc, std::regex("\"service\": \"intranet\""), "\"service\": \"nowhere\"");
@@ -221,7 +213,7 @@ TEST_F(ZelctlRoundTrip, SiteMovesWhole) {
     CommandResult exported = run(source, {"export", "--passwords", "sealed", "-o", first});
     EXPECT_EQ(exported.status, 1) << "a password left behind is a failure";
     EXPECT_NE(exported.err.find("record jo T:mail: its password cannot be read"), std::string::npos) << exported.err;
-    const std::string doc = read_text(first);
+    const std::string doc = file_text(first);
     for (const char *secret : {"intranet-pw", "team-pw", "new-pw"}) EXPECT_EQ(doc.find(secret), std::string::npos);
     for (const char *part : {"\"password\": \"{ZK1}a:", "\"account\": {\n        \"base64\": \"/2Fubv4=\"",
                              "\"identifiers\": [\n        \"port\",\n        \"url\"\n      ]"})
@@ -240,8 +232,8 @@ TEST_F(ZelctlRoundTrip, SiteMovesWhole) {
     for (const Directory *dir : {&target, &source})
         run_rows(*dir, {{"2", {"import", first}, 0, ": nothing changed"}}, env);
     // Seals are made with a fresh nonce each time; everything else is the same.
-    EXPECT_EQ(without_export_time(read_text(export_of(target, "site2", "omit"))),
-              without_export_time(read_text(export_of(source, "site3", "omit"))));
+    EXPECT_EQ(without_export_time(file_text(export_of(target, "site2", "omit"))),
+              without_export_time(file_text(export_of(source, "site3", "omit"))));
     // The agent is a sign-on agent there too.
     EXPECT_EQ(target.search("cn=Middle Tier Servers,cn=Access Groups,systemName=ORVZEL,o=acme", "base",
                             "(member=cn=Agent,o=acme)")
@@ -363,7 +355,7 @@ uint32_t env_number(const char *name, uint32_t otherwise) {
 std::string opened(const std::string &path) {
     zc::Document doc;
     std::string error;
-    EXPECT_TRUE(zc::read_document(read_text(path), doc, error)) << error;
+    EXPECT_TRUE(zc::read_document(file_text(path), doc, error)) << error;
     for (zc::DocRecord &r : doc.records) {
         if (!r.password) continue;
         char *clear = nullptr;
