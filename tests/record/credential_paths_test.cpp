@@ -15,6 +15,7 @@
 #include "dataset.h"
 #include "platform/dn_escape.h"
 #include "platform/password_mask.h"
+#include "support/env.h"
 #include "support/family_fixture.h"
 #include "ZelPlatform.h"
 #include "ZelSession.h"
@@ -164,11 +165,6 @@ std::string random_directory(uint32_t seed, bool with_database, int users) {
     return l;
 }
 
-uint32_t chosen_seed() {
-    const char *given = std::getenv("ZEL_CREDENTIAL_SEED");
-    return given ? static_cast<uint32_t>(std::strtoul(given, nullptr, 10)) : std::random_device{}();
-}
-
 struct Answer {
     ZelRC rc = 0;
     std::string account, password;
@@ -228,7 +224,7 @@ protected:
         return p;
     }
     static constexpr int kUsers = 24;
-    uint32_t seed_ = chosen_seed();
+    uint32_t seed_ = env_number("ZEL_CREDENTIAL_SEED", std::random_device{}());
 };
 
 TEST_P(CredentialPaths, MergedAnswersAsStepwise) {

@@ -1,6 +1,8 @@
-// Sets (or unsets) an environment variable for the life of the object.
+// Sets (or unsets) an environment variable for the life of the object, and
+// reads a number a run is replayed or sized by.
 #pragma once
 
+#include <cstdint>
 #include <cstdlib>
 #include <optional>
 #include <string>
@@ -25,5 +27,11 @@ private:
     std::string name_;
     std::optional<std::string> old_;
 };
+
+// The number the variable holds, or `otherwise` when it is unset or empty.
+inline uint32_t env_number(const char *name, uint32_t otherwise) {
+    const char *v = std::getenv(name);
+    return v && *v ? static_cast<uint32_t>(std::strtoul(v, nullptr, 10)) : otherwise;
+}
 
 }  // namespace zeltest

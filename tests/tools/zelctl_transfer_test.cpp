@@ -346,11 +346,6 @@ private:
     std::mt19937 rng_;
 };
 
-uint32_t env_number(const char *name, uint32_t otherwise) {
-    const char *v = std::getenv(name);
-    return v && *v ? static_cast<uint32_t>(std::strtoul(v, nullptr, 10)) : otherwise;
-}
-
 // The document with its seals opened: two exports of the same data match.
 std::string opened(const std::string &path) {
     zc::Document doc;
