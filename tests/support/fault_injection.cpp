@@ -96,9 +96,9 @@ template <typename Real, typename Injected = void (*)()>
 int make(Call &c, Real real, Injected injected = [] {}) {
     State &s = state();
     auto it = s.planned.find({c.fn, ++s.seen[c.fn]});
-    c.injected = it != s.planned.end();
-    if (c.injected) injected();
-    c.result = c.injected ? it->second : real();
+    const bool planned = it != s.planned.end();
+    if (planned) injected();
+    c.result = planned ? it->second : real();
     s.calls.push_back(c);
     return c.result;
 }
@@ -161,8 +161,6 @@ void fail_allocation(long nth) {
     g_alloc_seen = 0;
     g_alloc_failed = false;
 }
-
-long allocations_seen() { return g_alloc_seen; }
 
 bool allocation_should_fail() {
     if (g_alloc_nth == 0 || g_in_hook) return false;

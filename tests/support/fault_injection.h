@@ -37,7 +37,6 @@ struct Call {
     std::string mechanism;     // SASL binds
     bool has_credentials = false;
     int result = 0;            // what the caller saw (OpenLDAP's own code)
-    bool injected = false;
 };
 
 // Clears recorded calls, planned failures and allocation faults.
@@ -68,8 +67,6 @@ void set_search_rewrite(SearchRewrite rewrite);
 // included, the directory client excluded) fails: a C allocation returns
 // null, operator new throws std::bad_alloc.  0 disarms.
 void fail_allocation(long nth);
-// Allocations counted since the last fail_allocation() call.
-long allocations_seen();
 // True once the planned allocation failure has happened.
 bool allocation_failed();
 
