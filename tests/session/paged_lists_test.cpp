@@ -7,6 +7,7 @@
 
 #include "platform/password_mask.h"
 #include "support/env.h"
+#include "support/family_fixture.h"
 #include "support/key_files.h"
 #include "support/progress_log.h"
 #include "support/session.h"
@@ -23,10 +24,6 @@ constexpr int kRecords = 520;
 const char *const kOperatorDn = "cn=Operator,o=acme";
 const char *const kOperatorPassword = "op-secret";
 
-std::string container_ldif(const std::string &dn, const char *cn) {
-    return "dn: " + dn + "\nobjectClass: top\nobjectClass: container\ncn: " + cn + "\n\n";
-}
-
 // Services and groups of the security domain, and target records under two
 // suffixes (all but one in the first), their passwords masked as a write
 // without a key file stores them.
@@ -34,20 +31,15 @@ Profile capped_directory() {
     Profile p;
     p.suffixes = {"o=acme", "o=beta"};
     p.server_size_limit = 500;
-    const std::string domain = "secAuthority=Default,o=acme";
     std::string ldif = person_ldif("o=acme", "Operator", "op", kOperatorPassword);
-    ldif += container_ldif("cn=Resources," + domain, "Resources");
-    for (int i = 0; i < kServices; ++i)
-        ldif += "dn: secResourceID=svc" + std::to_string(i) + ",cn=Resources," + domain +
-                "\nobjectClass: secResource\nsecResourceID: svc" + std::to_string(i) + "\nsecType: 1\n\n";
-    ldif += container_ldif("cn=ResourceGroups," + domain, "ResourceGroups");
-    for (int i = 0; i < kGroups; ++i)
-        ldif += "dn: secResGroupID=grp" + std::to_string(i) + ",cn=ResourceGroups," + domain +
-                "\nobjectClass: secResGroup\nsecResGroupID: grp" + std::to_string(i) + "\nsecType: 2\n\n";
+    ldif += famtest::container_ldif(famtest::kResources, "Resources");
+    for (int i = 0; i < kServices; ++i) ldif += famtest::resource_ldif("svc" + std::to_string(i), "1");
+    ldif += famtest::container_ldif(famtest::kGroups, "ResourceGroups");
+    for (int i = 0; i < kGroups; ++i) ldif += famtest::group_ldif("grp" + std::to_string(i), {});
     char *masked = zel::platform::util_encode("pa55word");
     for (const char *suffix : {"o=acme", "o=beta"}) {
         const std::string holder = std::string("cn=ResCreds,") + suffix;
-        ldif += container_ldif(holder, "ResCreds");
+        ldif += famtest::container_ldif(holder, "ResCreds");
         for (int i = 0; i < (suffix == p.suffixes[0] ? kRecords - 1 : 1); ++i)
             ldif += "dn: secResCredsID=T:svc" + std::to_string(i) + "," + holder +
                     "\nobjectClass: secResCreds\nsecResCredsID: T:svc" + std::to_string(i) +
