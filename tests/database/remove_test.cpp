@@ -130,9 +130,6 @@ TEST_F(DatabaseTest, ZelctlCreatesAndRemovesTheDatabase) {
     EXPECT_TRUE(dir->exists("cn=Jo,cn=Jo,o=acme"));
     EXPECT_TRUE(dir->exists(below("cn=Password Generators")));
 
-    auto failed = [](const std::string &what, ZelRC rc) {
-        return "zelctl: " + what + ": " + Zel_strerror(rc) + " (status " + std::to_string(rc) + ")\n";
-    };
     struct Case {
         std::vector<std::string> args;
         const char *api_version;
@@ -140,12 +137,12 @@ TEST_F(DatabaseTest, ZelctlCreatesAndRemovesTheDatabase) {
         std::string err;
     } cases[] = {
         {{"db", "create", "o=acme", "--admin", "Jo"}, "1", 1,
-         failed("cannot create a Zel database under o=acme", ZEL_RC_DATABASE_EXISTS)},
+         zelctl_failure("cannot create a Zel database under o=acme", ZEL_RC_DATABASE_EXISTS)},
         // No administrator anyone could guess: zelctl never takes the library's default.
         {{"db", "create", "o=other"}, "1", 2,
          "zelctl: db create: give --admin-password-file F for the new administrator, or --admin for an existing person\n"},
         {{"db", "remove"}, "1", 2, "zelctl: db remove: not on a terminal; give --yes to remove the Zel database\n"},
-        {{"db", "remove", "--yes"}, "2", 1, failed("cannot remove the Zel database", ZEL_RC_UNSUPPORTED_VERSION)},
+        {{"db", "remove", "--yes"}, "2", 1, zelctl_failure("cannot remove the Zel database", ZEL_RC_UNSUPPORTED_VERSION)},
         {{"person", "add", "o=acme", "--cn", "Ann"}, "1", 2, "zelctl: person add: --cn and --sn are required\n"},
         {{"db", "remove", "--yes", "--json"}, "1", 0, ""},
     };

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/directory.h"
+#include "zelmgmt.h"
 
 namespace zeltest {
 
@@ -25,6 +26,11 @@ inline CommandResult zelctl(const Directory &dir, const std::vector<std::string>
     EXPECT_EQ(r.out.find(Directory::admin_password()), std::string::npos);
     EXPECT_EQ(r.err.find(Directory::admin_password()), std::string::npos);
     return r;
+}
+
+// What zelctl prints when the library call behind `what` answers rc.
+inline std::string zelctl_failure(const std::string &what, ZelRC rc) {
+    return "zelctl: " + what + ": " + Zel_strerror(rc) + " (status " + std::to_string(rc) + ")\n";
 }
 
 // One command of a table: its API version and words, the exit status, a part

@@ -10,10 +10,6 @@ using namespace famtest;
 
 using Row = ZelctlRow;
 
-std::string failure(const std::string &what, ZelRC rc) {
-    return "zelctl: " + what + ": " + Zel_strerror(rc) + " (status " + std::to_string(rc) + ")\n";
-}
-
 TEST_F(UserTest, ZelctlRegistersVerifiesUpdatesAndRemoves) {
     run_rows(*dir, {
         {"1", {"user", "add", "jo", "--type", "User", "--person", kJo, "--description", "Jo"}, 0, "Zel user jo added\n"},
@@ -28,8 +24,8 @@ TEST_F(UserTest, ZelctlRegistersVerifiesUpdatesAndRemoves) {
     EXPECT_EQ(jo.first("userState") + " " + jo.first("description"), "Inactive Jo again");
     run_rows(*dir, {
         {"1", {"user", "remove", "jo", "--json"}, 0, "{\"user\":\"jo\",\"removed\":true}\n"},
-        {"1", {"user", "remove", "jo"}, 1, failure("cannot remove Zel user jo", ZEL_RC_USER_NOT_FOUND)},
-        {"1", {"user", "update", "nobody", "--enabled"}, 1, failure("cannot read Zel user nobody", ZEL_RC_USER_NOT_FOUND)},
+        {"1", {"user", "remove", "jo"}, 1, zelctl_failure("cannot remove Zel user jo", ZEL_RC_USER_NOT_FOUND)},
+        {"1", {"user", "update", "nobody", "--enabled"}, 1, zelctl_failure("cannot read Zel user nobody", ZEL_RC_USER_NOT_FOUND)},
         // What the server said about a refused write follows the status.
         {"1", {"user", "add", "ghost", "--type", "User", "--person", "cn=Ghost,o=acme"}, 1,
          "zelctl: cannot add Zel user ghost: ZEL_RC_NO_SUCH_OBJECT: no such entry (status 6): matched DN: o=acme\n"},
@@ -111,7 +107,7 @@ TEST_F(TargetServiceDomain, ZelctlInBothStorageForms) {
          "{\"name\":\"portal\",\"type\":\"Web\",\"description\":\"The portal\","
          "\"identifiers\":[{\"name\":\"host\",\"value\":\"p.acme\"}]}\n"},
         {"1", {"service", "list"}, 0, "portal\tWeb\tThe portal\n"},
-        {"1", {"service", "add", "other", "--type", "Web"}, 1, failure("cannot add target service other", ZEL_RC_CONFLICT)},
+        {"1", {"service", "add", "other", "--type", "Web"}, 1, zelctl_failure("cannot add target service other", ZEL_RC_CONFLICT)},
         {"1", {"service", "remove", "portal"}},
         {"1", {"--json", "service-type", "remove", "Web"}, 0, "{\"serviceType\":\"Web\",\"removed\":true}\n"},
         // A security domain session: an empty listing is no error.
@@ -134,7 +130,7 @@ TEST_F(DomainTest, ZelctlAddsReadsAndRemovesMembers) {
          "\"value\":\"wiki\"},{\"type\":\"resourceName\",\"value\":\"payroll\"}]}\n"},
         {"2", {"domain", "list"}, 0, "team\tThe team\twiki,payroll\n"},
         {"2", {"domain", "remove-member", "team", "mail"}, 1,
-         failure("cannot remove mail from resource group team", ZEL_RC_LOCATION_NOT_FOUND)},
+         zelctl_failure("cannot remove mail from resource group team", ZEL_RC_LOCATION_NOT_FOUND)},
     });
 }
 
