@@ -12,7 +12,6 @@
 #include <fstream>
 #include <iterator>
 #include <set>
-#include <sstream>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -28,8 +27,7 @@ std::set<std::string> published_zel_definitions(const std::string &uri) {
                                    "cn=Subschema", "-s", "base", "(objectClass=*)", "attributeTypes",
                                    "objectClasses"});
     std::set<std::string> defs;
-    std::istringstream in(r.status == 0 ? r.out : "");
-    for (std::string line; std::getline(in, line);) {
+    for (const std::string &line : lines_of(r.status == 0 ? r.out : "")) {
         size_t colon = line.find(": ");
         if (colon != std::string::npos && (line.find(arc + "1.", colon) == colon + 2 ||
                                            line.find(arc + "2.", colon) == colon + 2))

@@ -5,7 +5,6 @@
 // through it.
 #include <gtest/gtest.h>
 
-#include <sstream>
 
 #include "support/key_files.h"
 #include "support/session.h"
@@ -50,9 +49,8 @@ std::vector<std::string> complete(const Directory &dir, const std::string &pwfil
     std::string script = "source " ZEL_SOURCE_DIR "/tools/zelctl/zelctl.bash; COMP_WORDS=(" ZELCTL_PATH " -H " +
                          dir.uri() + " -D '" + dir.admin_dn() + "' -y " + pwfile + " " + words +
                          " ''); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zelctl; printf '%s\\n' \"${COMPREPLY[@]}\"";
-    std::istringstream lines(run_command({"bash", "-c", script}).out);
     std::vector<std::string> out;
-    for (std::string line; std::getline(lines, line);)
+    for (const std::string &line : lines_of(run_command({"bash", "-c", script}).out))
         if (!line.empty()) out.push_back(line);
     return out;
 }
