@@ -6,10 +6,14 @@
 # benchmark's own files such as its search counter); the rest is the
 # directory client, the C and C++ runtimes, ICU and libsodium.
 #   instructions.sh <build> [calls]
+# With OWN_TREE=<depth> it also prints, for each operation, where the
+# library's own instructions go, per function, inclusive and exclusive,
+# down to that depth (bench/own_instructions.py, which also does the count).
 set -euo pipefail
 build=$1
 calls=${2:-200}
-source "$(dirname "$0")/slapd_env.sh"
+here=$(cd "$(dirname "$0")" && pwd)
+source "$here/slapd_env.sh"
 trap stop_directory EXIT
 start_directory "$build" 1000
 work=${KEEP_CG:-$DIR_TMP}
@@ -20,16 +24,7 @@ count() {  # side op [tag] -> "total own" instructions per call
   valgrind --tool=callgrind --callgrind-out-file="$out" --toggle-collect="bench_measured_$1" \
     "$build/bench/zel_bench" instr "$DIR_PORT" 1000 "$2" "$1" "$calls" >/dev/null 2>"$out.log" ||
     { cat "$out.log"; exit 1; }
-  # Code the compiler inlined from headers (fi=/fe= blocks) is the enclosing
-  # function's: callgrind_annotate would list it under the header without its
-  # object and leave it out of "own", so those lines become jump-file lines,
-  # which keep the name table and change nothing else.
-  sed -E 's/^f[ie]=/jfi=/' "$out" >"$out.own"
-  callgrind_annotate --inclusive=no --threshold=100 "$out.own" 2>/dev/null |
-    awk -v n=$((calls + warm)) '
-      /PROGRAM TOTALS/ { gsub(",", "", $1); total = $1 }
-      /\[.*\/zel_bench\]$/ && !/\/bench\/[^ \/]+\.(cpp|h):/ { v = $1; gsub(",", "", v); own += v }
-      END { printf "%d %d\n", total / n, own / n }'
+  python3 "$here/own_instructions.py" count "$out" $((calls + warm))
 }
 
 # "raw instr" reads each entry as most clients do (ldap_first_attribute and
@@ -39,6 +34,8 @@ count() {  # side op [tag] -> "total own" instructions per call
 printf "%-18s %10s %10s %7s %10s %8s %10s %9s\n" operation "lib instr" "raw instr" ratio "in place" ratio "lib own" "targets"
 for op in credential-direct credential-group credential-miss target-record target-service verify-user; do
   read -r lib own < <(count lib "$op")
+  [ -n "${OWN_TREE:-}" ] &&
+    python3 "$here/own_instructions.py" tree "$work/cg.lib.$op" $((calls + warm)) "$OWN_TREE" >"$work/tree.$op"
   read -r raw _ < <(count raw "$op")
   read -r flat _ < <(ZEL_BENCH_RAW_IN_PLACE=1 count raw "$op" .inplace)
   awk -v op="$op" -v lib="$lib" -v raw="$raw" -v flat="$flat" -v own="$own" 'BEGIN {
@@ -48,3 +45,9 @@ for op in credential-direct credential-group credential-miss target-record targe
            (r <= 1.05 ? "ok" : "MISSED"), (own <= cap ? "ok" : "MISSED") }'
 done
 echo "targets: lib/raw <= 1.05, library's own <= 3000 instructions per call for credential-direct, 4000 for the rest"
+if [ -n "${OWN_TREE:-}" ]; then
+  for op in credential-direct credential-group credential-miss target-record target-service verify-user; do
+    printf '\n%s, ' "$op"
+    cat "$work/tree.$op"
+  done
+fi
