@@ -56,7 +56,12 @@ const T &printf_arg(const T &value) {
 // copies live until the call returns.  Called through say_to and say below.
 template <class... A>
 void say_shown(FILE *to, const char *format, const A &...args) {
+    // The format was checked where say or say_to was called.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
     std::fprintf(to, format, detail::printf_arg(detail::shown_arg(args))...);
+#pragma GCC diagnostic pop
 }
 
 namespace detail {
