@@ -49,8 +49,14 @@ ZelRC form_credential_query(ZelSession *s, const char *resource, CredentialQuery
         std::strlen("(&(objectClass=eZelDomain)(targetLocation=))") + q.credential_id.size() >= kFilterSize)
         return ZEL_RC_INVALID_ARGUMENT;
     q.session = s;
-    plat::append_filter_value(q.id_assertion, q.credential_id);
+    q.resource_plain = plat::plain_in_dn_and_filter(resource_text);
+    if (!q.resource_plain) plat::append_filter_value(q.escaped_id_, q.credential_id);
     return 0;
+}
+
+CredentialQuery::Texts &CredentialQuery::texts() const {
+    if (!texts_) texts_ = std::make_unique<Texts>();
+    return *texts_;
 }
 
 // Filter escaping works byte by byte, so the resource's DN is escaped for
@@ -59,15 +65,16 @@ ZelRC form_credential_query(ZelSession *s, const char *resource, CredentialQuery
 // the filter, unless neither changes it.
 HoldsFilter CredentialQuery::member_pieces() const {
     std::string_view name(resource);
-    if (!plat::plain_in_dn_and_filter(name)) {
-        if (member_value_.empty()) plat::append_filter_value(member_value_, plat::escape_dn_value(name));
-        name = member_value_;
+    if (!resource_plain) {
+        std::string &value = texts().member_value;
+        if (value.empty()) plat::append_filter_value(value, plat::escape_dn_value(name));
+        name = value;
     }
     return {"(member=secResourceID=", name, session_texts(session).resource_tail};
 }
 
 HoldsFilter CredentialQuery::location_pieces() const {
-    return {"(&(objectClass=eZelDomain)(targetLocation=", id_assertion, "))"};
+    return {"(&(objectClass=eZelDomain)(targetLocation=", id_assertion(), "))"};
 }
 
 namespace {
@@ -79,9 +86,9 @@ const std::string &joined(std::string &text, const HoldsFilter &pieces) {
 
 }  // namespace
 
-const std::string &CredentialQuery::member_filter() const { return joined(member_, member_pieces()); }
+const std::string &CredentialQuery::member_filter() const { return joined(texts().member, member_pieces()); }
 
-const std::string &CredentialQuery::location_filter() const { return joined(location_, location_pieces()); }
+const std::string &CredentialQuery::location_filter() const { return joined(texts().location, location_pieces()); }
 
 void clear_credential(ZelCredential *out) {
     std::free(out->userId);

@@ -122,7 +122,7 @@ ZelRC search_form_records(ZelSession *s, const std::string &user_dn, int32_t mod
                           FormRecords &out) {
     ZelRC rc = 0;
     zel::RoutineTrace trace(s, "locate_ZEL_TR", rc);
-    const std::string &id = q.id_assertion;
+    const std::string_view id = q.id_assertion();
     std::string filter;
     if (mode == zel::kFirstGenerationMode)
         zel::append_text(filter, {"(&(objectClass=eTargetRecord)(|(cn=", id, ")(cn=G:*)))"});
@@ -155,30 +155,34 @@ struct FormAsk {
     bool needed = false;
 };
 
-// Room for one candidate in an ask's filter beside its escaped name: the
-// naming attribute and "(=)".  The two namings asked by ("secResGroupID",
-// "cn") take no more.
-constexpr size_t kNameRoom = 16;
-
 // The candidates' slots (Candidate::fits, held) of the two asks.
 constexpr unsigned kInDomain = 0, kInDatabase = 1;
 
-// Appends the ask's filter to `f`, whose capacity the caller reserved for
-// `names_room` (kNameRoom and the escaped name per candidate).  A group's DN
-// must fit a DN buffer; escaping at most triples a name, so only a long one
-// is escaped to be measured.
-void prepare_ask(FormAsk &ask, unsigned slot, const Container &container, const char *naming,
-                 const zel::HoldsFilter &holds, Candidates &candidates, size_t names_room, std::string &f) {
+// Appends the ask's filter to `f`, measured first and then written in
+// place.  A group's DN must fit a DN buffer; escaping at most triples a
+// name, so only a long one is escaped to be measured.
+void prepare_ask(FormAsk &ask, unsigned slot, const Container &container, std::string_view naming,
+                 const zel::HoldsFilter &holds, Candidates &candidates, std::string &f) {
     ask.slot = slot;
-    ask.naming = naming;
+    ask.naming = naming.data();
     ask.container = &container;
-    const std::string_view name(naming);
-    const size_t fixed = name.size() + 1 + 1 + container.dn.size();
+    const size_t fixed = naming.size() + 1 + 1 + container.dn.size();
+    size_t size = 2 + holds.size() + 2 + 2;
+    bool asked = false;
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        Candidate &c = candidates[i];
+        if (c.name.empty()) continue;
+        c.fits[slot] = fixed + 3 * c.name.size() < zel::kDnSize ||
+                       fixed + plat::escape_dn_value(c.name).size() < zel::kDnSize;
+        if (!c.fits[slot]) continue;
+        size += 1 + naming.size() + 1 + c.in_filter().size() + 1;
+        asked = true;
+    }
     ask.filter_at = f.size();
-    const size_t beyond_room = name.size() + 3 > kNameRoom ? name.size() + 3 - kNameRoom : 0;
-    f.resize(f.size() + 2 + holds.size() + 2 + names_room + candidates.size() * beyond_room + 2);
-    char *const begin = &f[ask.filter_at];
-    char *out = begin;
+    ask.filter_size = size;
+    ask.needed = container.ok && asked;
+    f.resize(f.size() + size);
+    char *out = &f[ask.filter_at];
     auto put = [&out](std::string_view text) {
         std::memcpy(out, text.data(), text.size());
         out += text.size();
@@ -188,43 +192,46 @@ void prepare_ask(FormAsk &ask, unsigned slot, const Container &container, const 
     put(holds.value);
     put(holds.tail);
     put("(|");
-    bool asked = false;
     for (size_t i = 0; i < candidates.size(); ++i) {
-        Candidate &c = candidates[i];
-        if (c.name.empty()) continue;
-        c.fits[slot] = fixed + 3 * c.name.size() < zel::kDnSize ||
-                       fixed + plat::escape_dn_value(c.name).size() < zel::kDnSize;
-        if (!c.fits[slot]) continue;
+        const Candidate &c = candidates[i];
+        if (c.name.empty() || !c.fits[slot]) continue;
         *out++ = '(';
-        put(name);
+        put(naming);
         *out++ = '=';
         put(c.in_filter());
         *out++ = ')';
-        asked = true;
     }
     put("))");
-    ask.filter_size = static_cast<size_t>(out - begin);
-    f.resize(ask.filter_at + ask.filter_size);
-    ask.needed = container.ok && asked;
+}
+
+// Whether the server's matching rule takes two group names for one; out of
+// line, as the copy it makes is seldom needed.
+[[gnu::noinline]] bool same_name(const std::string &candidate, std::string_view name) {
+    return plat::zstricmp_spaced(plat::zgetUTF8Handle(), candidate.c_str(), std::string(name).c_str()) == 0;
 }
 
 // Marks the candidates an entry of the answer names, if it is a child of
 // the ask's container.  The server found the entry by the group's name as
 // its matching rule compares them (case and insignificant spaces ignored);
-// the name is matched back to the candidates the same way.
-void mark_named(const FormAsk &ask, const char *name, Candidates &candidates) {
+// the name is matched back to the candidates the same way.  It is most
+// often the very spelling of the record: that is told without a copy.
+void mark_named(const FormAsk &ask, std::string_view name, Candidates &candidates) {
     for (size_t i = 0; i < candidates.size(); ++i) {
         Candidate &c = candidates[i];
-        if (c.fits[ask.slot] && plat::zstricmp_spaced(plat::zgetUTF8Handle(), c.name.c_str(), name) == 0)
-            c.held[ask.slot] = true;
+        if (c.fits[ask.slot] && (c.name == name || same_name(c.name, name))) c.held[ask.slot] = true;
     }
+}
+
+// Whether `type` is the ask's naming attribute: most often its very spelling.
+bool names_by(const FormAsk &ask, std::string_view type) {
+    return type == ask.naming || zel::same_text(std::string(type).c_str(), ask.naming);
 }
 
 // Whether the entry lies directly below the ask's container (marking the
 // candidate it names, if it is named by the ask's naming attribute).
 bool mark_held(const FormAsk &ask, const Rdns &entry, Candidates &candidates) {
     if (entry.empty() || !same_rdns(entry, 1, ask.container->rdns)) return false;
-    if (zel::same_text(entry[0].first.c_str(), ask.naming)) mark_named(ask, entry[0].second.c_str(), candidates);
+    if (zel::same_text(entry[0].first.c_str(), ask.naming)) mark_named(ask, entry[0].second, candidates);
     return true;
 }
 
@@ -330,10 +337,10 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, Candidates &can
     } else {
         filter = one.assign(filters, needed[0]->filter_at, needed[0]->filter_size).c_str();
     }
-    char *no_attrs[] = {const_cast<char *>(LDAP_NO_ATTRS), nullptr};
-    char *profile_attrs[] = {const_cast<char *>("objectClass"), const_cast<char *>("userState"), nullptr};
+    static char *const no_attrs[] = {const_cast<char *>(LDAP_NO_ATTRS), nullptr};
+    static char *const profile_attrs[] = {const_cast<char *>("objectClass"), const_cast<char *>("userState"), nullptr};
     zel::Message res;
-    int lrc = zel::search(s, base, scope, filter, profile ? profile_attrs : no_attrs, 0, 0, res);
+    int lrc = zel::search(s, base, scope, filter, const_cast<char **>(profile ? profile_attrs : no_attrs), 0, 0, res);
     if (lrc == LDAP_NO_SUCH_OBJECT) return 0;  // no such container: its groups hold nothing
     // The profile's own search would have failed first, and answered so.
     if (lrc != LDAP_SUCCESS)
@@ -343,8 +350,7 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, Candidates &can
     // takes such an entry only when its container is the same DN.
     const bool same_containers = both && both->same_group_containers;
     Rdns rdns;
-    std::string_view type_view, value_view;
-    std::string type, value;  // the views as text the comparisons take
+    std::string_view type, value;
     for (LDAPMessage *e = ldap_first_entry(s->ld, res.get()); e; e = ldap_next_entry(s->ld, e)) {
         const char *dn = zel::entry_dn(s->ld, e);
         if (!dn) {
@@ -352,7 +358,7 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, Candidates &can
             continue;
         }
         const char *parent = nullptr;
-        const bool plain = plat::plain_first_rdn(dn, type_view, value_view, parent);
+        const bool plain = plat::plain_first_rdn(dn, type, value, parent);
         if (profile) {
             const char *above = plain ? parent : plat::dn_parent(dn);
             if (above && *profile->person == above) {
@@ -362,16 +368,13 @@ ZelRC ask_groups(ZelSession *s, FormAsk *first, FormAsk *second, Candidates &can
             }
         }
         size_t below = count;
-        if (plain) {
-            type.assign(type_view);
-            value.assign(value_view);
+        if (plain)
             for (size_t k = 0; k < count && below == count; ++k)
                 if (needed[k]->container->dn == parent) below = k;
-        }
         if (below < count) {
             for (size_t k = 0; k < count; ++k)
-                if ((k == below || same_containers) && zel::same_text(type.c_str(), needed[k]->naming))
-                    mark_named(*needed[k], value.c_str(), candidates);
+                if ((k == below || same_containers) && names_by(*needed[k], type))
+                    mark_named(*needed[k], value, candidates);
             continue;
         }
         bool placed = false;
@@ -390,29 +393,30 @@ ZelRC prepare_groups(ZelSession *s, const CredentialQuery &q, int32_t mode, cons
                      GroupQuestion &g) {
     Candidates &candidates = g.candidates;
     candidates.grow_to(records.groups.size());
-    size_t names_room = 0;
+    size_t names_size = 0;
     for (size_t i = 0; i < candidates.size(); ++i) {
         Candidate &c = candidates[i];
         if (ZelRC rc = zel::credential_group(records.group_dns[i], c.name)) return rc;
         if (!plat::filter_value_is_plain(c.name)) plat::append_filter_value(c.escaped, c.name);
-        names_room += c.in_filter().size() + kNameRoom;
+        names_size += c.in_filter().size();
     }
     // A security domain record held in no domain: without a domain DN there
     // is nothing to ask.
     g.domain = mode == zel::kDomainMode && s->domain_dn;
     g.first_gen = s->database_dn && (mode == zel::kFirstGenerationMode || g.domain);
     std::string &filters = g.filters;
-    filters.reserve(2 * names_room + 256);
+    // Room for both asks and the profile's piece, as most sessions name them.
+    filters.reserve(2 * (names_size + 16 * candidates.size()) + 512);
     filters.assign("(|");
     zel::SessionTexts &texts = zel::session_texts(s);
     if (g.domain)
         prepare_ask(g.in_domain, kInDomain,
                     container_of(texts, texts.domain_groups, "cn=ResourceGroups,", s->domain_dn, true),
-                    "secResGroupID", q.member_pieces(), candidates, names_room, filters);
+                    "secResGroupID", q.member_pieces(), candidates, filters);
     if (g.first_gen)
         prepare_ask(g.in_database, kInDatabase,
                     container_of(texts, texts.database_groups, "cn=Zel Domains,", s->database_dn, false), "cn",
-                    q.location_pieces(), candidates, names_room, filters);
+                    q.location_pieces(), candidates, filters);
     filters.push_back(')');
     return 0;
 }

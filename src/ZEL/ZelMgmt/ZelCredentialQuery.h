@@ -4,6 +4,7 @@
 // search the answer needs is sent once.  Both give the same answer.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -27,7 +28,10 @@ struct CredentialQuery {
     ZelSession *session = nullptr;
     const char *resource = nullptr;
     std::string credential_id;    // "T:<resource>"
-    std::string id_assertion;     // credential_id escaped for a filter
+    // The resource stands as it is in a DN and in a filter, as most do.
+    bool resource_plain = false;
+    // credential_id escaped for a filter.
+    std::string_view id_assertion() const { return resource_plain ? credential_id : escaped_id_; }
     // "(member=<resource DN>)", of a security domain's group.
     HoldsFilter member_pieces() const;
     // First-generation domains list "T:<resource>" as a location.
@@ -37,7 +41,15 @@ struct CredentialQuery {
     const std::string &location_filter() const;
 
 private:
-    mutable std::string member_, location_, member_value_;
+    friend ZelRC form_credential_query(ZelSession *s, const char *resource, CredentialQuery &q);
+    // Made only when asked for: the merged query needs none of them.
+    struct Texts {
+        std::string member, location, member_value;
+    };
+    Texts &texts() const;
+
+    std::string escaped_id_;
+    mutable std::unique_ptr<Texts> texts_;
 };
 
 // 1005 for a resource whose names would not fit the fixed sizes.

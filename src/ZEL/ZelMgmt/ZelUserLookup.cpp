@@ -136,7 +136,7 @@ UserLookup::UserLookup(ZelSession *s, const char *user, bool cached) : s_(s), us
 }
 
 const UserForm &UserLookup::form(int32_t mode) {
-    UserForm &f = resolved_.forms[mode];
+    UserForm &f = resolved_.form(mode);
     if (f.known) return f;
     ZelRC rc = 0;
     RoutineTrace trace(s_, "get_verify_User_profile", rc);
@@ -150,7 +150,7 @@ const UserForm &UserLookup::form(int32_t mode) {
 }
 
 const UserForm &UserLookup::settle(int32_t mode, ZelRC verified, std::string &&dn) {
-    UserForm &f = resolved_.forms[mode];
+    UserForm &f = resolved_.form(mode);
     ZelRC rc = 0;
     RoutineTrace trace(s_, "get_verify_User_profile", rc);
     rc = f.rc = form_status(verified);

@@ -18,13 +18,15 @@ struct UserForm {
     std::string dn;
 };
 
-// What one user name resolves to.  Forms are indexed by lookup mode
-// (kFirstGenerationMode, kDomainMode).
+// What one user name resolves to.
 struct ResolvedUser {
     bool person_known = false;
     ZelRC person_rc = 0;
     std::string person_dn;
-    UserForm forms[3];
+    UserForm forms[2];
+    // The form of a lookup mode (kFirstGenerationMode or kDomainMode).
+    UserForm &form(int32_t mode) { return forms[mode - 1]; }
+    const UserForm &form(int32_t mode) const { return forms[mode - 1]; }
 };
 
 // The person a user name stands for: a profile DN (contains "="), a Kerberos
@@ -45,7 +47,7 @@ public:
     const UserForm &form(int32_t mode);
 
     // Whether form(mode) is known without asking the directory.
-    bool known(int32_t mode) const { return resolved_.forms[mode].known; }
+    bool known(int32_t mode) const { return resolved_.form(mode).known; }
     // The person, once a form was asked for; empty when it was not found.
     const std::string &person_dn() const { return resolved_.person_dn; }
     // Settles the form of `mode` with what a search made elsewhere found
