@@ -39,9 +39,15 @@ ber_slen_t send_quietly(Sockbuf_IO_Desc *sbiod, void *buf, ber_len_t len) {
     return ::send(fd, buf, len, MSG_NOSIGNAL);
 }
 
-int ctrl_below(Sockbuf_IO_Desc *sbiod, int opt, void *arg) { return LBER_SBIOD_CTRL_NEXT(sbiod, opt, arg); }
+// Only the socket's own layers lie below (see kQuietLevel): the socket,
+// and libldap's debug layer, which passes a control on to it; the socket
+// answers none.  Layers above that answer one (TLS telling that it holds
+// data already read) do so before it reaches this layer.  So nothing is
+// passed on: every read asks whether data is ready, and that question
+// would otherwise go down two more layers only to be answered no.
+int answer_no_control(Sockbuf_IO_Desc *, int, void *) { return 0; }
 
-Sockbuf_IO quiet_io = {keep_socket, nullptr, ctrl_below, read_below, send_quietly, nullptr};
+Sockbuf_IO quiet_io = {keep_socket, nullptr, answer_no_control, read_below, send_quietly, nullptr};
 
 // Between the socket (level 10) and TLS (level 20): TLS records pass through
 // it too, and it sorts there whenever libldap adds its own layers.
