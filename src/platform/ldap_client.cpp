@@ -39,11 +39,11 @@ public:
                 records_.push_back(*mod);
                 values_.emplace_back();
             }
-            for (void **v = values_of(mod); v != nullptr && *v != nullptr; ++v) values_[into].push_back(*v);
+            append_values(mod, values_[into]);
         }
         for (size_t i = 0; i < records_.size(); ++i) {
             values_[i].push_back(nullptr);
-            records_[i].mod_vals.modv_strvals = reinterpret_cast<char **>(values_[i].data());
+            records_[i].mod_vals.modv_strvals = values_[i].data();
             list_.push_back(&records_[i]);
         }
         list_.push_back(nullptr);
@@ -52,8 +52,18 @@ public:
 
 private:
     static bool binary(const LDAPMod *mod) { return (mod->mod_op & LDAP_MOD_BVALUES) != 0; }
-    static void **values_of(const LDAPMod *mod) {
-        return reinterpret_cast<void **>(mod->mod_vals.modv_strvals);
+    // A value array holds char * or struct berval * as its caller wrote
+    // them: each is copied as bytes, never read as the other pointer type,
+    // which the optimiser may assume no store of the first kind changes.
+    static void append_values(const LDAPMod *mod, std::vector<char *> &out) {
+        const auto *bytes = reinterpret_cast<const unsigned char *>(mod->mod_vals.modv_strvals);
+        if (bytes == nullptr) return;
+        for (;; bytes += sizeof(char *)) {
+            char *value;
+            std::memcpy(&value, bytes, sizeof value);
+            if (value == nullptr) return;
+            out.push_back(value);
+        }
     }
     size_t find(const LDAPMod *mod) const {
         for (size_t i = 0; i < records_.size(); ++i) {
@@ -66,7 +76,7 @@ private:
     }
 
     std::vector<LDAPMod> records_;
-    std::vector<std::vector<void *>> values_;
+    std::vector<std::vector<char *>> values_;
     std::vector<LDAPMod *> list_;
 };
 

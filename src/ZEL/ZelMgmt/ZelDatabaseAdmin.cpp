@@ -107,7 +107,6 @@ ZelRC add_person(ZelSession *s, const ZelPerson *p, const char *user_type) {
         if (salted.empty()) return ZEL_RC_SYSTEM_ERROR;
     }
     struct berval password_value{};
-    struct berval *password_values[] = {&password_value, nullptr};
     if (ad_password) {
         password_value.bv_len = ad_password->size();
         password_value.bv_val = ad_password->text();
@@ -121,8 +120,7 @@ ZelRC add_person(ZelSession *s, const ZelPerson *p, const char *user_type) {
         (p->description && (rc = mods.add(LDAP_MOD_ADD, "description", {p->description}))) ||
         (p->uid && (rc = mods.add(LDAP_MOD_ADD, "uid", {p->uid}))) ||
         (ad && (rc = mods.add(LDAP_MOD_ADD, "sAMAccountName", {user_name}))) ||
-        (ad_password && ((rc = mods.add(LDAP_MOD_ADD | LDAP_MOD_BVALUES, "unicodePwd", 1,
-                                        reinterpret_cast<char *const *>(password_values))) ||
+        (ad_password && ((rc = mods.add_binary(LDAP_MOD_ADD, "unicodePwd", {&password_value})) ||
                          (rc = mods.add(LDAP_MOD_ADD, "userAccountControl", {kAdEnabledAccount})))) ||
         (!salted.empty() && (rc = mods.add(LDAP_MOD_ADD, "userPassword", {salted.c_str()}))))
         return rc;

@@ -59,6 +59,9 @@ public:
     // Adds the next modification; 1012 when memory runs out.
     ZelRC add(int op, const char *type, std::initializer_list<const char *> values);
     ZelRC add(int op, const char *type, int32_t count, char *const *values);
+    // Binary values: `op` gets LDAP_MOD_BVALUES.  The list holds each as the
+    // pointer it is, converted, never reread as another pointer type.
+    ZelRC add_binary(int op, const char *type, std::initializer_list<struct berval *> values);
     LDAPMod **get() const { return mods_; }
     size_t size() const { return used_; }
 

@@ -65,6 +65,12 @@ ZelRC ModList::add(int op, const char *type, std::initializer_list<const char *>
     return add(op, type, static_cast<int32_t>(v.size()), v.data());
 }
 
+ZelRC ModList::add_binary(int op, const char *type, std::initializer_list<struct berval *> values) {
+    std::vector<char *> v;
+    for (struct berval *value : values) v.push_back(reinterpret_cast<char *>(value));
+    return add(op | LDAP_MOD_BVALUES, type, static_cast<int32_t>(v.size()), v.data());
+}
+
 ZelRC ModList::add(int op, const char *type, int32_t count, char *const *values) {
     // The last slot stays null: it terminates the list.
     if (!mods_ || used_ + 1 >= slots_) return ZEL_RC_SYSTEM_ERROR;

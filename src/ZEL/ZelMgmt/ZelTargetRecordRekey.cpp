@@ -76,14 +76,12 @@ ZelRC rewrite_value(ZelSession *s, const char *dn, const SecretAttribute &attr, 
     if (rc != 0) return rc;
 
     struct berval fresh {static_cast<ber_len_t>(length), fresh_text.get()};
-    struct berval *old_values[] = {old};
-    struct berval *new_values[] = {&fresh};
     char length_text[20];
     std::snprintf(length_text, sizeof length_text, "%d", static_cast<int>(length));
     zel::ModList mods(4);
     if (!mods.ok()) return ZEL_RC_NO_MEMORY;
-    if ((rc = mods.add(LDAP_MOD_DELETE | LDAP_MOD_BVALUES, attr.type, 1, reinterpret_cast<char *const *>(old_values))) ||
-        (rc = mods.add(LDAP_MOD_ADD | LDAP_MOD_BVALUES, attr.type, 1, reinterpret_cast<char *const *>(new_values))) ||
+    if ((rc = mods.add_binary(LDAP_MOD_DELETE, attr.type, {old})) ||
+        (rc = mods.add_binary(LDAP_MOD_ADD, attr.type, {&fresh})) ||
         (attr.with_length && (rc = mods.add(LDAP_MOD_REPLACE, "secAuthnLength", {length_text}))))
         return rc;
     int lrc = plat::ldap_modify_ext_s(s->ld, dn, mods.get(), nullptr, nullptr);

@@ -102,8 +102,7 @@ ZelRC prepare_secret(ZelSession *s, const ZelTargetRecord *r, bool first_gen, St
 }
 
 ZelRC add_secret(zel::ModList &mods, int op, const char *type, StoredValues &v) {
-    struct berval *values[] = {&v.secret};
-    return mods.add(op | LDAP_MOD_BVALUES, type, 1, reinterpret_cast<char *const *>(values));
+    return mods.add_binary(op, type, {&v.secret});
 }
 
 // The account name.  Active Directory keeps no empty value: there an empty
