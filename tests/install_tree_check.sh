@@ -19,6 +19,12 @@ for f in include/zelmgmt.h lib/pkgconfig/zelmgmt.pc bin/zelctl lib/cmake/zelmgmt
          lib/libzelmgmt.a; do
   [ -e "$prefix/$f" ] || fail "missing $f"
 done
+# The static library's objects carry the ordinary code only, so that a
+# program linking it makes no link-time pass (see the top CMakeLists.txt).
+sections=$(objdump -h "$prefix/lib/libzelmgmt.a")
+if grep -q '\.gnu\.lto_' <<<"$sections"; then
+  fail "the installed static library holds link-time sections"
+fi
 completion="$prefix/share/bash-completion/completions/zelctl"
 bash -c "source '$completion'; COMP_WORDS=(zelctl dom); COMP_CWORD=1; _zelctl; [ \"\${COMPREPLY[*]}\" = domain ]" \
   || fail "bash completion does not complete commands"
