@@ -39,9 +39,9 @@ ber_slen_t send_quietly(Sockbuf_IO_Desc *sbiod, void *buf, ber_len_t len) {
     return ::send(fd, buf, len, MSG_NOSIGNAL);
 }
 
-// Only the socket's own layers lie below (see kQuietLevel): the socket,
-// and libldap's debug layer, which passes a control on to it; the socket
-// answers none.  Layers above that answer one (TLS telling that it holds
+// Only the socket's own layers lie below (see kQuietLevel): the TCP socket
+// (the library opens ldap:// and ldaps:// connections only), and libldap's
+// debug layer, which passes a control on to it; the socket answers none.  Layers above that answer one (TLS telling that it holds
 // data already read) do so before it reaches this layer.  So nothing is
 // passed on: every read asks whether data is ready, and that question
 // would otherwise go down two more layers only to be answered no.
