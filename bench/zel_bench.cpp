@@ -212,6 +212,20 @@ double spread_of(std::vector<double> v) {
     return (hi - lo) / median(v);
 }
 
+// A row from its rounds: the two sides' medians, the rounds' ratios (median,
+// range, band), the second side's spread, and the machine's other load
+// since `began`.
+Row summed_up(const std::string &what, const std::vector<double> &first, const std::vector<double> &second,
+              const std::vector<double> &ratios, const CpuTimes &before, Clock::time_point began) {
+    Row row{what, median(first), median(second), median(ratios), *std::min_element(ratios.begin(), ratios.end()),
+            *std::max_element(ratios.begin(), ratios.end()), 0, 0};
+    std::tie(row.band_lo, row.band_hi) = median_band(ratios);
+    row.spread = spread_of(second);
+    others_share(before, began, row);
+    if (row.busy()) most_steal = std::max(most_steal, row.steal);
+    return row;
+}
+
 // Two sides timed in rounds of passes over the samples, one call per sample
 // and side: `call(first, i)` makes sample i's call of the first side (or the
 // second) and answers whether it failed.  A round makes as many passes as
@@ -249,14 +263,7 @@ Row interleaved(int n, int rounds, Call &&call, const std::string &what, const c
     }
     // The ratio judged is the rounds' own: each round's two sides ran side by
     // side, where the two sides' medians may come from different rounds.
-    double a = median(first), b = median(second);
-    Row row{what, a, b, median(ratios), *std::min_element(ratios.begin(), ratios.end()),
-            *std::max_element(ratios.begin(), ratios.end()), 0, 0};
-    std::tie(row.band_lo, row.band_hi) = median_band(ratios);
-    row.spread = spread_of(second);
-    others_share(before, began, row);
-    if (row.busy()) most_steal = std::max(most_steal, row.steal);
-    return row;
+    return summed_up(what, first, second, ratios, before, began);
 }
 
 // Library and raw interleaved.
@@ -335,8 +342,6 @@ Row throughput(int port, const std::vector<Sample> &xs) {
     rate(true);  // untimed: every connection warm
     rate(false);
     std::vector<double> lib, raw, ratios;
-    Row row{};
-    row.op = "threads";
     CpuTimes before = cpu_times();
     Clock::time_point began = Clock::now();
     for (int r = 0; r < kRateRounds; ++r) {
@@ -345,15 +350,7 @@ Row throughput(int port, const std::vector<Sample> &xs) {
         raw.push_back(r % 2 == 0 ? second : first);
         ratios.push_back(lib.back() / raw.back());
     }
-    row.lib_us = median(lib);
-    row.raw_us = median(raw);
-    row.ratio = median(ratios);
-    row.ratio_min = *std::min_element(ratios.begin(), ratios.end());
-    row.ratio_max = *std::max_element(ratios.begin(), ratios.end());
-    std::tie(row.band_lo, row.band_hi) = median_band(ratios);
-    row.spread = spread_of(raw);
-    others_share(before, began, row);
-    if (row.busy()) most_steal = std::max(most_steal, row.steal);
+    Row row = summed_up("threads", lib, raw, ratios, before, began);
     for (int t = 0; t < kThreads; ++t) {
         Zel_close(sessions[t], 1);
         ldap_unbind_ext(raws[t], nullptr, nullptr);
